@@ -1,0 +1,204 @@
+// The simulated data store behind the host implementation of cdsapi.
+//
+// One process-wide store holds a world of devices and channels. The host
+// cdsapi::CdsAccessor and cdsapi::InBandAccessor are clients of it, exactly as
+// the card's client library is a client of the real data store. Tests and
+// simulators change the world through this API and watch what the clients did
+// through its accounting; they can make any client operation fail on demand.
+//
+// Which change fires which notification (delivered to subscriptions of that
+// kind for that id, in the order the subscriptions were opened):
+//
+//   change                                   notified
+//   ---------------------------------------  -------------------------------------------
+//   setChannelValue(ch)                       ChannelValue (15) on ch
+//   setAlarmEnabled(ch)                       ChannelState (5) on ch
+//   setAlarmThreshold / setAlarmThresholdFlag ChannelSettings (2) on ch
+//   / setAlarmHysteresis / setAlarmLevel (ch)
+//   raiseAlarm(ch) / clearAlarm(ch)           device-alarm subscriptions on ch
+//   addDevice(d)                              DeviceCreated (13) on d, then on the all-ones
+//                                             id (hears every creation); if d has a
+//                                             parent, DeviceChanged (3) on the parent
+//   removeDevice(d)                           DeviceChanged (3) on d (after its removal),
+//                                             then on its parent if any; sub-devices are
+//                                             removed first, each the same way
+//   setDeviceAttribute(d) / renameDevice(d)   DeviceChanged (3) on d
+//   addChannel / removeChannel (on d)         DeviceChanged (3) on d
+//   notify...()                               exactly the one notification asked for,
+//                                             whether or not the id exists
+//
+// A change made with notify=false changes the world silently.
+//
+// Delivery: callbacks run on the thread that made the change, outside the
+// store's lock, in subscription order. A callback may read, subscribe and
+// unsubscribe through the client without deadlock. A subscription ended
+// during a delivery is not called after its unsubscribe() has returned. The
+// store may be changed from another thread than the one that reads; each call
+// is atomic.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cdsapi/types.h"
+#include "kq/model.h"
+#include "kq/value.h"
+
+namespace cdshost {
+
+using Id = unsigned long long;
+constexpr Id kAllOnes = ~0ULL;
+
+/* Thrown by a client operation that a fault injection made fail. */
+class InjectedFault : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/* Thrown instead of InjectedFault by a fault of kind NonStandard: it does not
+ * derive from std::exception, like the odd foreign exception a real client
+ * library may let through. */
+struct ForeignFault {
+    std::string operation;
+};
+
+/* Thrown by client operations on missing devices, channels or subscriptions. */
+class NotFound : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/* Alarm settings of a channel. */
+struct AlarmSettings {
+    bool enabled = false;
+    float thresholds[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    bool thresholdFlag = false;
+    float hysteresis = 0.0f;
+    std::int32_t level = 0;
+};
+
+/* An open subscription as the accounting shows it. */
+struct SubscriptionInfo {
+    Id subscriptionId = 0;
+    std::string kind;  // "channel", "device" or "alarm"
+    int type = 0;      // kq::sub::subscription_type for "channel" and "device"; 0 for "alarm"
+    Id target = 0;     // the id given to the subscribe call
+    std::string clientName;
+};
+
+enum class FaultKind {
+    Standard,     // throws InjectedFault (a std::runtime_error)
+    NonStandard,  // throws ForeignFault (not a std::exception)
+};
+
+class Store {
+public:
+    /* The one store of the process. */
+    static Store& instance();
+
+    /* Empties the world, ends every subscription without notifying, clears
+     * the accounting and every fault. Subscription ids keep growing. */
+    void reset();
+
+    // ---- The world -----------------------------------------------------
+
+    /* Creates a device. id 0 assigns the next free id; an id in use throws
+     * std::invalid_argument. With a parent, the device is appended to the
+     * parent's sub-device list (the parent must exist). Returns the id. */
+    Id addDevice(std::string const& name, Id id = 0, Id parent = 0, bool notify = true);
+    /* Removes a device, its channels and, recursively, its sub-devices. */
+    void removeDevice(Id device, bool notify = true);
+    void renameDevice(Id device, std::string const& name, bool notify = true);
+    bool hasDevice(Id device) const;
+    std::vector<Id> subDevices(Id device) const;
+    void setDeviceAttribute(Id device, cdsapi::DeviceAttribute attribute, std::string const& value,
+                            bool notify = true);
+    std::optional<std::string> deviceAttribute(Id device, cdsapi::DeviceAttribute attribute) const;
+
+    /* Creates a channel on a device (which must exist). id 0 assigns one. */
+    Id addChannel(Id device, std::string const& name, kq::CValue const& value = {}, Id id = 0,
+                  bool notify = true);
+    void removeChannel(Id channel, bool notify = true);
+    bool hasChannel(Id channel) const;
+    /* The channel's id, or 0 when the device has no channel of that name. */
+    Id channelId(Id device, std::string const& name) const;
+    void setChannelValue(Id channel, kq::CValue const& value, bool notify = true);
+    kq::CValue channelValue(Id channel) const;
+
+    void setAlarmEnabled(Id channel, bool enabled, bool notify = true);
+    void setAlarmThreshold(Id channel, cdsapi::TriggerId trigger, float value, bool notify = true);
+    void setAlarmThresholdFlag(Id channel, bool flag, bool notify = true);
+    void setAlarmHysteresis(Id channel, float hysteresis, bool notify = true);
+    void setAlarmLevel(Id channel, std::int32_t level, bool notify = true);
+    AlarmSettings alarmSettings(Id channel) const;
+    /* Gives the channel an alarm record, or replaces it. */
+    void raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify = true);
+    void clearAlarm(Id channel, bool notify = true);
+    std::optional<kq::CAlarmRecord> alarmRecord(Id channel) const;
+
+    // ---- Raw notifications -------------------------------------------------
+
+    /* Fires one notification of that kind on that id, as the real store would;
+     * the id need not exist. */
+    void notifyChannel(Id channel, kq::sub::subscription_type type);
+    void notifyDevice(Id device, kq::sub::subscription_type type);
+    void notifyAlarm(Id channel);
+
+    // ---- Accounting ------------------------------------------------------
+
+    /* How often a client operation was called, in total or for one id (the
+     * operation's first argument). Names are the client's method names:
+     * "CdsAccessor" (construction), "getDeviceByName", "getDevice",
+     * "getSubDevicesIds", "getChannelId", "getCatchedChannelId", "getChannel",
+     * "getChannelCValue", "setChannelCValue", "getChannelAlarmEnabled", ...,
+     * "subscribeChannel", "subscribeDevice", "subscribeDeviceAlarms",
+     * "unsubscribe". Both overloads of getChannelAlarmTriggerThreshold count
+     * under that one name (likewise the setter). */
+    std::size_t calls(std::string const& operation) const;
+    std::size_t calls(std::string const& operation, Id id) const;
+    void resetCalls();
+
+    /* Open subscriptions in the order they were opened. */
+    std::vector<SubscriptionInfo> subscriptions() const;
+    /* How many subscriptions are open of that kind ("channel", "device",
+     * "alarm") and type for that target. */
+    std::size_t subscriptionCount(std::string const& kind, int type, Id target) const;
+    std::size_t subscriptionCount() const;
+
+    /* How many client connections were constructed under that name. */
+    std::size_t connections(std::string const& clientName) const;
+
+    // ---- Fault injection -------------------------------------------------
+
+    /* Makes a client operation throw: for its next `times` calls, or always
+     * (times 0). With an id, only calls whose first argument is that id fail
+     * (for getDeviceByName the id is ignored; use failName). */
+    void failNext(std::string const& operation, std::size_t times = 1,
+                  std::optional<Id> id = std::nullopt, FaultKind kind = FaultKind::Standard);
+    void failAlways(std::string const& operation, std::optional<Id> id = std::nullopt,
+                    FaultKind kind = FaultKind::Standard);
+    /* Makes getDeviceByName return this id for this name instead of looking it
+     * up (a store that answers with an id for a device that does not exist). */
+    void answerName(std::string const& name, Id id);
+    void clearFaults();
+
+    // ---- For the host client (not for tests) --------------------------------
+    struct Impl;
+    Impl& impl() { return *m_impl; }
+
+    Store(Store const&) = delete;
+    Store& operator=(Store const&) = delete;
+
+private:
+    Store();
+    ~Store();
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace cdshost
