@@ -1,0 +1,80 @@
+// The registry pattern of the device and alarm accessors: many accessors share
+// one data-store subscription per id.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "cdsapi/in_band_accessor.h"
+#include "modbus/CdsInBandAccessor.h"
+
+namespace modbus::shared_registry {
+
+/* The connection, fetched anew for every data-store operation. */
+inline cdsapi::InBandAccessor& inBand() {
+    return CdsInBandAccessor::getInstance().inBand();
+}
+
+/* Adds an accessor under an id. Only the first accessor of the id opens the
+ * data-store subscription: `subscribe(id, &subscriptionId)` is called then and
+ * the id it writes is kept. Its exceptions propagate. */
+template <typename Accessor, typename Subscribe>
+void add(std::map<unsigned long long, std::set<Accessor*>>& accessors,
+         std::map<unsigned long long, unsigned long long>& subscriptionIds, unsigned long long id,
+         Accessor* accessor, Subscribe subscribe) {
+    accessors[id].insert(accessor);
+    if (subscriptionIds.count(id) != 0) {
+        return;
+    }
+    unsigned long long subscriptionId = 0;
+    subscribe(id, &subscriptionId);
+    subscriptionIds[id] = subscriptionId;
+}
+
+/* Removes an accessor from an id; the last one closes the subscription. Never
+ * throws: an id that was never registered (map::at) simply ends the removal. */
+template <typename Accessor>
+void remove(std::map<unsigned long long, std::set<Accessor*>>& accessors,
+            std::map<unsigned long long, unsigned long long>& subscriptionIds,
+            unsigned long long id, Accessor* accessor) noexcept {
+    try {
+        auto& set = accessors.at(id);
+        set.erase(accessor);
+        if (!set.empty()) {
+            return;
+        }
+        // If unsubscribe() throws, both entries stay with an empty set, and the
+        // next add for the id reuses them without opening a new subscription.
+        // Intended: there is never more than one subscription per id.
+        inBand().unsubscribe(subscriptionIds[id]);
+        subscriptionIds.erase(id);
+        accessors.erase(id);
+    } catch (...) {
+    }
+}
+
+/* Follows a path of sub-device indexes from an existing device. Empty when the
+ * device is missing, an index is past the end of its list, or the store fails. */
+inline std::optional<unsigned long long> followIndexPath(unsigned long long deviceId,
+                                                         std::vector<unsigned int> const& path) {
+    constexpr unsigned int kDirectSubDevices = 0;
+    try {
+        // Only the throw matters: it says that the device does not exist.
+        inBand().getDevice(deviceId);
+        unsigned long long id = deviceId;
+        for (unsigned int const index : path) {
+            auto const subDevices = inBand().getSubDevicesIds(id, kDirectSubDevices);
+            if (index >= subDevices.size()) {
+                return std::nullopt;
+            }
+            id = subDevices[index];
+        }
+        return id;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+}  // namespace modbus::shared_registry
