@@ -2,13 +2,17 @@
 // nothing here touches the data store.
 #pragma once
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "kq/value.h"
 #include "modbus/CdsDataAccessor.h"
 #include "modbus/byte_order.h"
 
@@ -55,9 +59,92 @@ Int saturatingTruncate(double value) {
 }
 
 /* The value modulo 65536 as a register's content. */
-inline std::uint16_t low16(std::uint32_t value) { return static_cast<std::uint16_t>(value & 0xFFFFu); }
+inline std::uint16_t low16(std::uint32_t value) {
+    return static_cast<std::uint16_t>(value & 0xFFFFu);
+}
 inline std::uint16_t low16(std::int32_t value) {
     return static_cast<std::uint16_t>(static_cast<std::uint32_t>(value) & 0xFFFFu);
+}
+
+/* Throws the std::logic_error of an unsupported byte order, with the text of
+ * unsupportedByteOrderMessage(). */
+[[noreturn]] inline void throwUnsupportedByteOrder(char const* literal, ByteOrder order) {
+    throw std::logic_error(unsupportedByteOrderMessage(literal, order));
+}
+
+/* Makes `encoder` the one update listener of `source`: every value the source
+ * pushes goes to encoder->callbackCdsEvent(). The source keeps the raw
+ * pointer; encoders do not withdraw it on destruction, so whoever shares a
+ * source must not let it push to an encoder that is gone. */
+template <typename Encoder>
+void listenToSource(CdsDataAccessor& source, Encoder* encoder) {
+    source.setUpdateCallback(
+        [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
+}
+
+/* A pair of registers, first (lowest-addressed) register first. */
+using RegisterPair = std::array<std::uint16_t, 2>;
+
+/* The two registers a two-register write is decoded from: the first two
+ * written, a missing one taken as 0. Further registers are ignored and no
+ * length is ever rejected, so a short or long write still decodes. */
+inline RegisterPair firstTwoRegisters(std::vector<std::uint16_t> const& registers) {
+    RegisterPair pair{0, 0};
+    if (!registers.empty()) {
+        pair[0] = registers[0];
+    }
+    if (registers.size() >= 2) {
+        pair[1] = registers[1];
+    }
+    return pair;
+}
+
+/* The two halves of a 32-bit value as registers in a word order: Standard puts
+ * the high half first, WordSwapped the low half first; the bytes inside each
+ * register are left alone. Any other order throws with `unsupportedLiteral`. */
+inline std::vector<std::uint16_t> wordsOfUint32(std::uint32_t value, ByteOrder order,
+                                                char const* unsupportedLiteral) {
+    auto const high = static_cast<std::uint16_t>(value >> 16);
+    auto const low = static_cast<std::uint16_t>(value & 0xFFFFu);
+    std::vector<std::uint16_t> registers;
+    registers.reserve(2);
+    switch (order) {
+        case ByteOrder::Standard:
+            registers.push_back(high);
+            registers.push_back(low);
+            return registers;
+        case ByteOrder::WordSwapped:
+            registers.push_back(low);
+            registers.push_back(high);
+            return registers;
+        default:
+            throwUnsupportedByteOrder(unsupportedLiteral, order);
+    }
+}
+
+/* The 32-bit value of a register pair in a word order, the inverse of
+ * wordsOfUint32(). Any other order throws with `unsupportedLiteral`. */
+inline std::uint32_t uint32OfWords(RegisterPair const& pair, ByteOrder order,
+                                   char const* unsupportedLiteral) {
+    switch (order) {
+        case ByteOrder::Standard:
+            return (static_cast<std::uint32_t>(pair[0]) << 16) | pair[1];
+        case ByteOrder::WordSwapped:
+            return (static_cast<std::uint32_t>(pair[1]) << 16) | pair[0];
+        default:
+            throwUnsupportedByteOrder(unsupportedLiteral, order);
+    }
+}
+
+/* The 32 bits as a two's-complement int32, spelled out because converting an
+ * out-of-range unsigned value to a signed type is implementation-defined
+ * before C++20. */
+inline std::int32_t int32OfBits(std::uint32_t bits) {
+    if (bits <= static_cast<std::uint32_t>(std::numeric_limits<std::int32_t>::max())) {
+        return static_cast<std::int32_t>(bits);
+    }
+    // bits - 2^32, computed without leaving the int32 range.
+    return -static_cast<std::int32_t>(~bits) - 1;
 }
 
 }  // namespace modbus::detail
