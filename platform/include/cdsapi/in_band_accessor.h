@@ -4,7 +4,10 @@
 // Contract (what callers may rely on):
 //  - getDevice() throws when the device does not exist.
 //  - getChannelCValue() throws when the channel does not exist.
-//  - getChannelId() and getCatchedChannelId() return 0 for a missing channel.
+//  - getChannelId() returns 0 for a missing channel (and throws for a missing
+//    device); getCatchedChannelId() answers from the client's cache and returns
+//    all ones (0xFFFFFFFFFFFFFFFF), the cache's "not known", for a missing
+//    channel or device.
 //  - getSubDevicesIds() returns the sub-devices in a stable order, so that an
 //    index names the same sub-device on every call; it throws for a missing
 //    device.

@@ -178,7 +178,8 @@ public:
 
     /* Makes a client operation throw: for its next `times` calls, or always
      * (times 0). With an id, only calls whose first argument is that id fail
-     * (for getDeviceByName the id is ignored; use failName). */
+     * (getDeviceByName and the "CdsAccessor" construction have no id argument:
+     * a fault armed for an id hits them too; answerName() steers one name). */
     void failNext(std::string const& operation, std::size_t times = 1,
                   std::optional<Id> id = std::nullopt, FaultKind kind = FaultKind::Standard);
     void failAlways(std::string const& operation, std::optional<Id> id = std::nullopt,

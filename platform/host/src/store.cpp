@@ -1,0 +1,656 @@
+// The simulated data store: its world, notifications, accounting and faults.
+#include "cdshost/store.h"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "store_impl.h"
+
+namespace cdshost {
+
+namespace {
+
+std::string idText(Id id) {
+    return std::to_string(id);
+}
+
+[[noreturn]] void throwNoDevice(Id id) {
+    throw NotFound("no device " + idText(id));
+}
+
+[[noreturn]] void throwNoChannel(Id id) {
+    throw NotFound("no channel " + idText(id));
+}
+
+bool isOtherThread(std::thread::id id) {
+    return id != std::this_thread::get_id();
+}
+
+}  // namespace
+
+// ==== Store::Impl: the world ================================================
+
+Store::Impl::Device& Store::Impl::deviceLocked(Id id) {
+    auto const it = devices.find(id);
+    if (it == devices.end()) {
+        throwNoDevice(id);
+    }
+    return it->second;
+}
+
+Store::Impl::Channel& Store::Impl::channelLocked(Id id) {
+    auto const it = channels.find(id);
+    if (it == channels.end()) {
+        throwNoChannel(id);
+    }
+    return it->second;
+}
+
+Id Store::Impl::nextFreeIdLocked() {
+    // Devices and channels draw from one counter, so an assigned id names one
+    // thing only and the per-id accounting stays unambiguous.
+    while (devices.count(nextWorldId) != 0 || channels.count(nextWorldId) != 0 ||
+           nextWorldId == 0 || nextWorldId == kAllOnes) {
+        ++nextWorldId;
+    }
+    return nextWorldId++;
+}
+
+std::vector<Id> Store::Impl::ancestorsLocked(Id device) const {
+    std::vector<Id> chain;
+    auto it = devices.find(device);
+    // The depth bound guards against a cycle, which the API cannot build.
+    while (it != devices.end() && it->second.parent != 0 && chain.size() < devices.size()) {
+        chain.push_back(it->second.parent);
+        it = devices.find(it->second.parent);
+    }
+    return chain;
+}
+
+Store::Impl::Event Store::Impl::deviceEventLocked(Id device, int type) const {
+    return Event{Kind::Device, type, device, device, ancestorsLocked(device)};
+}
+
+Id Store::Impl::addDeviceLocked(std::string const& name, Id id, Id parent, Events& events) {
+    if (id == kAllOnes) {
+        throw std::invalid_argument("the all-ones id is reserved for devices not known yet");
+    }
+    if (id != 0 && devices.count(id) != 0) {
+        throw std::invalid_argument("device id " + idText(id) + " is in use");
+    }
+    if (parent != 0 && devices.count(parent) == 0) {
+        throwNoDevice(parent);
+    }
+    Id const newId = id != 0 ? id : nextFreeIdLocked();
+    Device device;
+    device.id = newId;
+    device.name = name;
+    device.parent = parent;
+    device.sequence = nextSequence++;
+    devices.emplace(newId, std::move(device));
+    if (parent != 0) {
+        devices.at(parent).subDevices.push_back(newId);
+    }
+
+    events.push_back(deviceEventLocked(newId, kq::sub::DeviceCreated));
+    events.push_back(Event{Kind::Device, kq::sub::DeviceCreated, kAllOnes, newId, {}});
+    if (parent != 0) {
+        events.push_back(deviceEventLocked(parent, kq::sub::DeviceChanged));
+    }
+    return newId;
+}
+
+void Store::Impl::removeDeviceLocked(Id id, Events& events) {
+    // Copy: each removal below unlinks itself from this list.
+    std::vector<Id> const subs = deviceLocked(id).subDevices;
+    for (Id const sub : subs) {
+        removeDeviceLocked(sub, events);
+    }
+    Device const& device = deviceLocked(id);
+    Id const parent = device.parent;
+    // The chain is taken before the device goes, so that subscriptions that
+    // include sub-devices still hear of its removal.
+    Event removed = deviceEventLocked(id, kq::sub::DeviceChanged);
+    for (Id const channel : device.channels) {
+        channels.erase(channel);
+    }
+    if (parent != 0) {
+        auto& siblings = devices.at(parent).subDevices;
+        siblings.erase(std::remove(siblings.begin(), siblings.end(), id), siblings.end());
+    }
+    devices.erase(id);
+
+    events.push_back(std::move(removed));
+    if (parent != 0) {
+        events.push_back(deviceEventLocked(parent, kq::sub::DeviceChanged));
+    }
+}
+
+void Store::Impl::renameDeviceLocked(Id id, std::string const& name, Events& events) {
+    deviceLocked(id).name = name;
+    events.push_back(deviceEventLocked(id, kq::sub::DeviceChanged));
+}
+
+void Store::Impl::setDeviceAttributeLocked(Id id, cdsapi::DeviceAttribute attribute,
+                                           std::string const& value, Events& events) {
+    deviceLocked(id).attributes[attribute] = value;
+    events.push_back(deviceEventLocked(id, kq::sub::DeviceChanged));
+}
+
+std::string Store::Impl::deviceAttributeTextLocked(Id id, cdsapi::DeviceAttribute attribute) {
+    Device const& device = deviceLocked(id);
+    auto const it = device.attributes.find(attribute);
+    if (it != device.attributes.end()) {
+        return it->second;
+    }
+    // The store keeps the sub-device count itself; an explicit value wins so
+    // that a test can make the two disagree.
+    if (attribute == cdsapi::AttributeSubDeviceCount) {
+        return std::to_string(device.subDevices.size());
+    }
+    return "";
+}
+
+kq::CDevice Store::Impl::deviceSnapshotLocked(Id id) {
+    Device const& device = deviceLocked(id);
+    return kq::CDevice{device.id, device.name, device.parent, device.subDevices};
+}
+
+std::optional<Id> Store::Impl::deviceByNameLocked(std::string const& name) const {
+    // Names need not be unique; the device created first wins.
+    Device const* found = nullptr;
+    for (auto const& [id, device] : devices) {
+        if (device.name == name && (found == nullptr || device.sequence < found->sequence)) {
+            found = &device;
+        }
+    }
+    return found != nullptr ? std::optional<Id>(found->id) : std::nullopt;
+}
+
+Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValue const& value,
+                                 Id id, Events& events) {
+    Device& device = deviceLocked(deviceId);
+    if (id == kAllOnes) {
+        throw std::invalid_argument("the all-ones id cannot name a channel");
+    }
+    if (id != 0 && channels.count(id) != 0) {
+        throw std::invalid_argument("channel id " + idText(id) + " is in use");
+    }
+    if (channelIdLocked(deviceId, name) != 0) {
+        throw std::invalid_argument("device " + idText(deviceId) + " already has a channel \"" +
+                                    name + "\"");
+    }
+    Id const newId = id != 0 ? id : nextFreeIdLocked();
+    Channel channel;
+    channel.id = newId;
+    channel.device = deviceId;
+    channel.name = name;
+    channel.value = value;
+    channels.emplace(newId, std::move(channel));
+    device.channels.push_back(newId);
+    events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
+    return newId;
+}
+
+void Store::Impl::removeChannelLocked(Id id, Events& events) {
+    Id const deviceId = channelLocked(id).device;
+    channels.erase(id);
+    auto& list = deviceLocked(deviceId).channels;
+    list.erase(std::remove(list.begin(), list.end(), id), list.end());
+    events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
+}
+
+Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
+    auto const it = devices.find(deviceId);
+    if (it == devices.end()) {
+        return 0;
+    }
+    for (Id const channel : it->second.channels) {
+        if (channels.at(channel).name == name) {
+            return channel;
+        }
+    }
+    return 0;
+}
+
+kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
+    Channel const& channel = channelLocked(id);
+    return kq::CChannel{channel.id, channel.device, channel.name, channel.value, channel.record};
+}
+
+void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
+    // Every write notifies, even one that leaves the value as it was.
+    channelLocked(id).value = value;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelValue, id, id, {}});
+}
+
+void Store::Impl::setAlarmEnabledLocked(Id id, bool enabled, Events& events) {
+    channelLocked(id).alarm.enabled = enabled;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelState, id, id, {}});
+}
+
+void Store::Impl::setAlarmThresholdLocked(Id id, cdsapi::TriggerId trigger, float value,
+                                          Events& events) {
+    Channel& channel = channelLocked(id);
+    if (static_cast<std::uint32_t>(trigger) > 3) {
+        throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
+    }
+    channel.alarm.thresholds[trigger] = value;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
+}
+
+void Store::Impl::setAlarmThresholdFlagLocked(Id id, bool flag, Events& events) {
+    channelLocked(id).alarm.thresholdFlag = flag;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
+}
+
+void Store::Impl::setAlarmHysteresisLocked(Id id, float hysteresis, Events& events) {
+    channelLocked(id).alarm.hysteresis = hysteresis;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
+}
+
+void Store::Impl::setAlarmLevelLocked(Id id, std::int32_t level, Events& events) {
+    channelLocked(id).alarm.level = level;
+    events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
+}
+
+void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record,
+                                       Events& events) {
+    channelLocked(id).record = record;
+    events.push_back(Event{Kind::Alarm, 0, id, id, {}});
+}
+
+// ==== Store::Impl: subscriptions and delivery =================================
+
+Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
+    Id const id = nextSubscriptionId++;
+    subscription->info.subscriptionId = id;
+    subscriptions.emplace(id, std::move(subscription));
+    return id;
+}
+
+void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock) {
+    auto const it = subscriptions.find(subscriptionId);
+    if (it == subscriptions.end()) {
+        throw NotFound("no subscription " + idText(subscriptionId));
+    }
+    SubscriptionPtr const subscription = it->second;
+    subscription->open = false;
+    subscriptions.erase(it);
+    // A delivery on another thread may be inside the callback right now; once
+    // we return, the caller may free what the callback uses. The delivering
+    // thread itself (a callback ending its own or another subscription) must
+    // not wait for itself.
+    deliveryEnded.wait(lock, [&] {
+        return std::none_of(subscription->delivering.begin(), subscription->delivering.end(),
+                            isOtherThread);
+    });
+}
+
+Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
+    Deliveries deliveries;
+    for (Event const& event : events) {
+        Delivery delivery{event, {}};
+        for (auto const& [id, subscription] : subscriptions) {
+            SubscriptionInfo const& info = subscription->info;
+            bool matches = false;
+            switch (event.kind) {
+                case Kind::Channel:
+                    matches = subscription->kind == Kind::Channel && info.type == event.type &&
+                              info.target == event.target;
+                    break;
+                case Kind::Device:
+                    matches = subscription->kind == Kind::Device && info.type == event.type &&
+                              (info.target == event.target ||
+                               (subscription->includeSubDevices &&
+                                std::find(event.ancestors.begin(), event.ancestors.end(),
+                                          info.target) != event.ancestors.end()));
+                    break;
+                case Kind::Alarm:
+                    matches = subscription->kind == Kind::Alarm && info.target == event.target;
+                    break;
+            }
+            if (matches) {
+                delivery.subscribers.push_back(subscription);
+            }
+        }
+        if (!delivery.subscribers.empty()) {
+            deliveries.push_back(std::move(delivery));
+        }
+    }
+    return deliveries;
+}
+
+void Store::Impl::deliver(Deliveries const& deliveries) {
+    std::exception_ptr firstError;
+    for (Delivery const& delivery : deliveries) {
+        Event const& event = delivery.event;
+        for (SubscriptionPtr const& subscription : delivery.subscribers) {
+            // Checked right before the call: an earlier callback of this same
+            // delivery may have ended this subscription.
+            kq::CValue value;
+            std::optional<kq::CAlarmRecord> record;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (!subscription->open) {
+                    continue;
+                }
+                subscription->delivering.push_back(std::this_thread::get_id());
+                auto const channel =
+                    event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
+                if (channel != channels.end()) {
+                    value = channel->second.value;
+                    record = channel->second.record;
+                }
+            }
+            try {
+                switch (event.kind) {
+                    case Kind::Channel:
+                        subscription->onChannel(event.subject, value);
+                        break;
+                    case Kind::Device:
+                        subscription->onDevice(event.subject);
+                        break;
+                    case Kind::Alarm:
+                        subscription->onAlarm(kq::CAlarmUpdate{event.subject, record});
+                        break;
+                }
+            } catch (...) {
+                if (!firstError) {
+                    firstError = std::current_exception();
+                }
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                auto& threads = subscription->delivering;
+                threads.erase(
+                    std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
+            }
+            deliveryEnded.notify_all();
+        }
+    }
+    if (firstError) {
+        std::rethrow_exception(firstError);
+    }
+}
+
+// ==== Store::Impl: accounting and faults ======================================
+
+void Store::Impl::enterCallLocked(std::string const& operation, std::optional<Id> id) {
+    ++callCount[operation];
+    if (id) {
+        ++callCountById[{operation, *id}];
+    }
+    for (auto it = faults.begin(); it != faults.end(); ++it) {
+        // A call without an id argument (getDeviceByName, the connection) is
+        // hit by a fault armed for an id as well.
+        bool const hit = it->operation == operation && (!it->id || !id || *it->id == *id);
+        if (!hit) {
+            continue;
+        }
+        FaultKind const kind = it->kind;
+        if (it->remaining > 0 && --it->remaining == 0) {
+            faults.erase(it);
+        }
+        if (kind == FaultKind::NonStandard) {
+            throw ForeignFault{operation};
+        }
+        throw InjectedFault("injected fault in " + operation +
+                            (id ? " for id " + idText(*id) : std::string()));
+    }
+}
+
+void Store::Impl::resetLocked() {
+    for (auto& [id, subscription] : subscriptions) {
+        subscription->open = false;
+    }
+    subscriptions.clear();
+    devices.clear();
+    channels.clear();
+    nextWorldId = 1;
+    nextSequence = 0;
+    callCount.clear();
+    callCountById.clear();
+    connectionCount.clear();
+    faults.clear();
+    nameAnswers.clear();
+}
+
+// ==== Store ====================================================================
+
+Store::Store() : m_impl(std::make_unique<Impl>()) {}
+
+Store::~Store() = default;
+
+Store& Store::instance() {
+    static Store store;
+    return store;
+}
+
+void Store::reset() {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->resetLocked();
+}
+
+Id Store::addDevice(std::string const& name, Id id, Id parent, bool notify) {
+    return m_impl->change(notify, [&](Impl::Events& events) {
+        return m_impl->addDeviceLocked(name, id, parent, events);
+    });
+}
+
+void Store::removeDevice(Id device, bool notify) {
+    m_impl->change(notify,
+                   [&](Impl::Events& events) { m_impl->removeDeviceLocked(device, events); });
+}
+
+void Store::renameDevice(Id device, std::string const& name, bool notify) {
+    m_impl->change(notify,
+                   [&](Impl::Events& events) { m_impl->renameDeviceLocked(device, name, events); });
+}
+
+bool Store::hasDevice(Id device) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->devices.count(device) != 0;
+}
+
+std::vector<Id> Store::subDevices(Id device) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->deviceLocked(device).subDevices;
+}
+
+void Store::setDeviceAttribute(Id device, cdsapi::DeviceAttribute attribute,
+                               std::string const& value, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setDeviceAttributeLocked(device, attribute, value, events);
+    });
+}
+
+std::optional<std::string> Store::deviceAttribute(Id device,
+                                                  cdsapi::DeviceAttribute attribute) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->devices.find(device);
+    if (it == m_impl->devices.end()) {
+        return std::nullopt;
+    }
+    auto const attr = it->second.attributes.find(attribute);
+    if (attr == it->second.attributes.end()) {
+        return std::nullopt;
+    }
+    return attr->second;
+}
+
+Id Store::addChannel(Id device, std::string const& name, kq::CValue const& value, Id id,
+                     bool notify) {
+    return m_impl->change(notify, [&](Impl::Events& events) {
+        return m_impl->addChannelLocked(device, name, value, id, events);
+    });
+}
+
+void Store::removeChannel(Id channel, bool notify) {
+    m_impl->change(notify,
+                   [&](Impl::Events& events) { m_impl->removeChannelLocked(channel, events); });
+}
+
+bool Store::hasChannel(Id channel) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->channels.count(channel) != 0;
+}
+
+Id Store::channelId(Id device, std::string const& name) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->channelIdLocked(device, name);
+}
+
+void Store::setChannelValue(Id channel, kq::CValue const& value, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setChannelValueLocked(channel, value, events);
+    });
+}
+
+kq::CValue Store::channelValue(Id channel) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->channels.find(channel);
+    return it != m_impl->channels.end() ? it->second.value : kq::CValue();
+}
+
+void Store::setAlarmEnabled(Id channel, bool enabled, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmEnabledLocked(channel, enabled, events);
+    });
+}
+
+void Store::setAlarmThreshold(Id channel, cdsapi::TriggerId trigger, float value, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmThresholdLocked(channel, trigger, value, events);
+    });
+}
+
+void Store::setAlarmThresholdFlag(Id channel, bool flag, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmThresholdFlagLocked(channel, flag, events);
+    });
+}
+
+void Store::setAlarmHysteresis(Id channel, float hysteresis, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmHysteresisLocked(channel, hysteresis, events);
+    });
+}
+
+void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
+    m_impl->change(
+        notify, [&](Impl::Events& events) { m_impl->setAlarmLevelLocked(channel, level, events); });
+}
+
+AlarmSettings Store::alarmSettings(Id channel) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->channelLocked(channel).alarm;
+}
+
+void Store::raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmRecordLocked(channel, record, events);
+    });
+}
+
+void Store::clearAlarm(Id channel, bool notify) {
+    m_impl->change(notify, [&](Impl::Events& events) {
+        m_impl->setAlarmRecordLocked(channel, std::nullopt, events);
+    });
+}
+
+std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->channels.find(channel);
+    return it != m_impl->channels.end() ? it->second.record : std::nullopt;
+}
+
+void Store::notifyChannel(Id channel, kq::sub::subscription_type type) {
+    m_impl->change(true, [&](Impl::Events& events) {
+        events.push_back(Impl::Event{Impl::Kind::Channel, type, channel, channel, {}});
+    });
+}
+
+void Store::notifyDevice(Id device, kq::sub::subscription_type type) {
+    m_impl->change(true, [&](Impl::Events& events) {
+        events.push_back(m_impl->deviceEventLocked(device, type));
+    });
+}
+
+void Store::notifyAlarm(Id channel) {
+    m_impl->change(true, [&](Impl::Events& events) {
+        events.push_back(Impl::Event{Impl::Kind::Alarm, 0, channel, channel, {}});
+    });
+}
+
+std::size_t Store::calls(std::string const& operation) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->callCount.find(operation);
+    return it != m_impl->callCount.end() ? it->second : 0;
+}
+
+std::size_t Store::calls(std::string const& operation, Id id) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->callCountById.find({operation, id});
+    return it != m_impl->callCountById.end() ? it->second : 0;
+}
+
+void Store::resetCalls() {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->callCount.clear();
+    m_impl->callCountById.clear();
+}
+
+std::vector<SubscriptionInfo> Store::subscriptions() const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::vector<SubscriptionInfo> open;
+    for (auto const& [id, subscription] : m_impl->subscriptions) {
+        open.push_back(subscription->info);
+    }
+    return open;
+}
+
+std::size_t Store::subscriptionCount(std::string const& kind, int type, Id target) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return static_cast<std::size_t>(std::count_if(
+        m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
+            SubscriptionInfo const& info = entry.second->info;
+            return info.kind == kind && info.type == type && info.target == target;
+        }));
+}
+
+std::size_t Store::subscriptionCount() const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->subscriptions.size();
+}
+
+std::size_t Store::connections(std::string const& clientName) const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto const it = m_impl->connectionCount.find(clientName);
+    return it != m_impl->connectionCount.end() ? it->second : 0;
+}
+
+void Store::failNext(std::string const& operation, std::size_t times, std::optional<Id> id,
+                     FaultKind kind) {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->faults.push_back(Impl::Fault{operation, id, times, kind});
+}
+
+void Store::failAlways(std::string const& operation, std::optional<Id> id, FaultKind kind) {
+    failNext(operation, 0, id, kind);
+}
+
+void Store::answerName(std::string const& name, Id id) {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->nameAnswers[name] = id;
+}
+
+void Store::clearFaults() {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->faults.clear();
+    m_impl->nameAnswers.clear();
+}
+
+}  // namespace cdshost

@@ -1,0 +1,213 @@
+// Inside of the simulated data store, shared by the store's own API and the
+// host cdsapi client. Not installed, not for tests.
+//
+// Locking: every member named ...Locked and every field is used with `mutex`
+// held. A change collects the notifications it fires as Events while the lock
+// is held, turns them into Deliveries (the event plus the subscriptions open at
+// that moment) and hands them to deliver() after the lock has been released,
+// so callbacks may call back into the store.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "cdshost/store.h"
+
+namespace cdshost {
+
+struct Store::Impl {
+    struct Device {
+        Id id = 0;
+        std::string name;
+        Id parent = 0;
+        std::vector<Id> subDevices;  // in the order they were added
+        std::vector<Id> channels;    // likewise
+        std::map<cdsapi::DeviceAttribute, std::string> attributes;
+        std::uint64_t sequence = 0;  // creation order, for the name look-up
+    };
+
+    struct Channel {
+        Id id = 0;
+        Id device = 0;
+        std::string name;
+        kq::CValue value;
+        AlarmSettings alarm;
+        std::optional<kq::CAlarmRecord> record;
+    };
+
+    enum class Kind { Channel, Device, Alarm };
+
+    struct Subscription {
+        SubscriptionInfo info;
+        Kind kind = Kind::Channel;
+        bool includeSubDevices = false;
+        std::function<void(Id, kq::CValue)> onChannel;
+        std::function<void(Id)> onDevice;
+        std::function<void(kq::CAlarmUpdate const&)> onAlarm;
+        bool open = true;
+        // Threads inside this subscription's callback right now; unsubscribe()
+        // from any other thread waits until they are out.
+        std::vector<std::thread::id> delivering;
+    };
+    using SubscriptionPtr = std::shared_ptr<Subscription>;
+
+    /* One notification: of `kind` and `type`, addressed to subscriptions on
+     * `target`; the callbacks receive `subject` (the device created, for the
+     * creation notice on the all-ones id; otherwise the target itself).
+     * `ancestors` are the target's parent chain, for subscriptions that
+     * include sub-devices. */
+    struct Event {
+        Kind kind = Kind::Channel;
+        int type = 0;
+        Id target = 0;
+        Id subject = 0;
+        std::vector<Id> ancestors;
+    };
+    using Events = std::vector<Event>;
+
+    struct Delivery {
+        Event event;
+        std::vector<SubscriptionPtr> subscribers;
+    };
+    using Deliveries = std::vector<Delivery>;
+
+    struct Fault {
+        std::string operation;
+        std::optional<Id> id;
+        std::size_t remaining = 0;  // 0: always
+        FaultKind kind = FaultKind::Standard;
+    };
+
+    // ---- State (all guarded by mutex) -----------------------------------
+    mutable std::mutex mutex;
+    std::condition_variable deliveryEnded;
+
+    std::map<Id, Device> devices;
+    std::map<Id, Channel> channels;
+    Id nextWorldId = 1;
+    std::uint64_t nextSequence = 0;
+
+    // Ordered by id, and ids only grow: iteration order is opening order.
+    std::map<Id, SubscriptionPtr> subscriptions;
+    Id nextSubscriptionId = 1;
+
+    std::map<std::string, std::size_t> callCount;
+    std::map<std::pair<std::string, Id>, std::size_t> callCountById;
+    std::map<std::string, std::size_t> connectionCount;
+    std::vector<Fault> faults;
+    std::map<std::string, Id> nameAnswers;
+
+    // ---- World (lock held) ------------------------------------------------
+    Device& deviceLocked(Id id);
+    Channel& channelLocked(Id id);
+    Id nextFreeIdLocked();
+    std::vector<Id> ancestorsLocked(Id device) const;
+    Event deviceEventLocked(Id device, int type) const;
+
+    Id addDeviceLocked(std::string const& name, Id id, Id parent, Events& events);
+    void removeDeviceLocked(Id device, Events& events);
+    void renameDeviceLocked(Id device, std::string const& name, Events& events);
+    void setDeviceAttributeLocked(Id device, cdsapi::DeviceAttribute attribute,
+                                  std::string const& value, Events& events);
+    std::string deviceAttributeTextLocked(Id device, cdsapi::DeviceAttribute attribute);
+    kq::CDevice deviceSnapshotLocked(Id device);
+    std::optional<Id> deviceByNameLocked(std::string const& name) const;
+
+    Id addChannelLocked(Id device, std::string const& name, kq::CValue const& value, Id id,
+                        Events& events);
+    void removeChannelLocked(Id channel, Events& events);
+    Id channelIdLocked(Id device, std::string const& name) const;
+    kq::CChannel channelSnapshotLocked(Id channel);
+    void setChannelValueLocked(Id channel, kq::CValue const& value, Events& events);
+
+    void setAlarmEnabledLocked(Id channel, bool enabled, Events& events);
+    void setAlarmThresholdLocked(Id channel, cdsapi::TriggerId trigger, float value,
+                                 Events& events);
+    void setAlarmThresholdFlagLocked(Id channel, bool flag, Events& events);
+    void setAlarmHysteresisLocked(Id channel, float hysteresis, Events& events);
+    void setAlarmLevelLocked(Id channel, std::int32_t level, Events& events);
+    void setAlarmRecordLocked(Id channel, std::optional<kq::CAlarmRecord> const& record,
+                              Events& events);
+
+    // ---- Subscriptions ----------------------------------------------------
+    Id subscribeLocked(SubscriptionPtr subscription);
+    /* Ends a subscription; waits (releasing the lock) until no other thread
+     * is still inside its callback. */
+    void unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock);
+    Deliveries planLocked(Events const& events) const;
+    /* Calls the subscribers; lock NOT held. Rethrows the first exception a
+     * callback threw, once every subscriber has been called. */
+    void deliver(Deliveries const& deliveries);
+
+    // ---- Accounting and faults (lock held) ---------------------------------
+    /* Counts a client call and throws if a fault is armed for it. */
+    void enterCallLocked(std::string const& operation, std::optional<Id> id);
+
+    void resetLocked();
+
+    // ---- Running a change or a client call ---------------------------------
+
+    /* Runs body(events) under the lock, then delivers its events (only if
+     * notify) outside it. Returns what body returns. */
+    template <typename Body>
+    auto change(bool notify, Body&& body) {
+        return run(std::nullopt, std::nullopt, notify, std::forward<Body>(body));
+    }
+
+    /* As change(), for a client operation: counted and subject to faults
+     * before body runs; always notifies. */
+    template <typename Body>
+    auto clientCall(std::string const& operation, std::optional<Id> id, Body&& body) {
+        return run(operation, id, true, std::forward<Body>(body));
+    }
+
+  private:
+    template <typename Body>
+    auto run(std::optional<std::string> const& operation, std::optional<Id> id, bool notify,
+             Body&& body) {
+        Deliveries deliveries;
+        using Result = decltype(body(std::declval<Events&>()));
+        if constexpr (std::is_void_v<Result>) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                Events events;
+                if (operation) {
+                    enterCallLocked(*operation, id);
+                }
+                body(events);
+                if (notify) {
+                    deliveries = planLocked(events);
+                }
+            }
+            deliver(deliveries);
+        } else {
+            Result result = [&] {
+                std::lock_guard<std::mutex> lock(mutex);
+                Events events;
+                if (operation) {
+                    enterCallLocked(*operation, id);
+                }
+                Result r = body(events);
+                if (notify) {
+                    deliveries = planLocked(events);
+                }
+                return r;
+            }();
+            deliver(deliveries);
+            return result;
+        }
+    }
+};
+
+}  // namespace cdshost
