@@ -63,12 +63,16 @@ public:
  *    "+7") and decimal numbers ("12.5", "1e3") are accepted; a decimal number
  *    read as an integer is truncated and saturated as above. A text that is no
  *    number throws ConversionError naming the text and the target type.
+ *    "inf", "-inf" and "nan" (what floats turn into) read back as themselves;
+ *    as integers they saturate or give 0. A magnitude beyond a float's or a
+ *    double's range saturates to its largest finite value.
  *  - string to bool: "true"/"false", "yes"/"no", "on"/"off" (any case) or a
  *    number (non-zero is true); anything else throws ConversionError.
  *  - timestamp to number gives its microseconds; to string, its microseconds in
  *    decimal; to bool, a non-zero test.
  *  - bytes to string keeps the bytes; string to bytes likewise. Bytes read as a
- *    number or bool throw ConversionError.
+ *    number or bool throw ConversionError, and so does any other valid value
+ *    read as bytes.
  */
 class CValue {
 public:

@@ -27,14 +27,34 @@
 //   notify...()                               exactly the one notification asked for,
 //                                             whether or not the id exists
 //
-// A change made with notify=false changes the world silently.
+// A change made with notify=false changes the world silently. Every change
+// notifies, even one that writes the value already there. Changes made through
+// the client (setChannelCValue, the alarm setters, setDeviceAttribute) notify
+// exactly as the store's own setters.
+//
+// What the callbacks receive: channel subscriptions the channel id and its
+// value at the moment of the call (invalid when the channel is gone); device
+// subscriptions the device id (on the all-ones id, the id of the device
+// created); alarm subscriptions a kq::CAlarmUpdate with the channel's record
+// at the moment of the call. A device subscription opened with
+// includeSubDevices also hears the same kind of notification on any device
+// below its target.
 //
 // Delivery: callbacks run on the thread that made the change, outside the
-// store's lock, in subscription order. A callback may read, subscribe and
-// unsubscribe through the client without deadlock. A subscription ended
-// during a delivery is not called after its unsubscribe() has returned. The
-// store may be changed from another thread than the one that reads; each call
-// is atomic.
+// store's lock, in subscription order. The subscribers of a change are those
+// open when the change was made: one opened by a callback hears the next
+// change, not the current one. A callback may read, subscribe and unsubscribe
+// through the client without deadlock. A subscription ended during a delivery
+// is not called after its unsubscribe() has returned; unsubscribe() from
+// another thread waits until a callback of that subscription that is running
+// has returned. If callbacks throw, every subscriber is still called and the
+// first exception then leaves the call that made the change. The store may be
+// changed from another thread than the one that reads; each call is atomic.
+//
+// Missing items in the store's own API: changing a missing device or channel
+// throws NotFound; hasDevice()/hasChannel() are false, channelId() is 0,
+// channelValue() is invalid, deviceAttribute() and alarmRecord() are empty;
+// subDevices() and alarmSettings() throw NotFound.
 #pragma once
 
 #include <cstddef>
@@ -103,13 +123,16 @@ public:
     static Store& instance();
 
     /* Empties the world, ends every subscription without notifying, clears
-     * the accounting and every fault. Subscription ids keep growing. */
+     * the accounting (connections included) and every fault and name answer.
+     * Subscription ids keep growing; assigned device and channel ids start
+     * again from 1. */
     void reset();
 
     // ---- The world -----------------------------------------------------
 
-    /* Creates a device. id 0 assigns the next free id; an id in use throws
-     * std::invalid_argument. With a parent, the device is appended to the
+    /* Creates a device. id 0 assigns the next free id (devices and channels
+     * draw assigned ids from one counter, so they never share one); an id in
+     * use, or the all-ones id, throws std::invalid_argument. With a parent, the device is appended to the
      * parent's sub-device list (the parent must exist). Returns the id. */
     Id addDevice(std::string const& name, Id id = 0, Id parent = 0, bool notify = true);
     /* Removes a device, its channels and, recursively, its sub-devices. */
@@ -119,9 +142,14 @@ public:
     std::vector<Id> subDevices(Id device) const;
     void setDeviceAttribute(Id device, cdsapi::DeviceAttribute attribute, std::string const& value,
                             bool notify = true);
+    /* The attribute as set, or empty when it never was. (The client's
+     * getDeviceAttribute() gives "" for an unset attribute and the sub-device
+     * count for AttributeSubDeviceCount unless it was set.) */
     std::optional<std::string> deviceAttribute(Id device, cdsapi::DeviceAttribute attribute) const;
 
-    /* Creates a channel on a device (which must exist). id 0 assigns one. */
+    /* Creates a channel on a device (which must exist). id 0 assigns one. A
+     * channel id in use or a name the device already has throws
+     * std::invalid_argument. */
     Id addChannel(Id device, std::string const& name, kq::CValue const& value = {}, Id id = 0,
                   bool notify = true);
     void removeChannel(Id channel, bool notify = true);
@@ -177,7 +205,10 @@ public:
     // ---- Fault injection -------------------------------------------------
 
     /* Makes a client operation throw: for its next `times` calls, or always
-     * (times 0). With an id, only calls whose first argument is that id fail
+     * (times 0). A call is counted in the accounting before its fault is
+     * checked, so failed attempts count; faults are checked before anything
+     * else, so a fault wins over NotFound. Several armed faults are used up
+     * in the order they were armed. With an id, only calls whose first argument is that id fail
      * (getDeviceByName and the "CdsAccessor" construction have no id argument:
      * a fault armed for an id hits them too; answerName() steers one name). */
     void failNext(std::string const& operation, std::size_t times = 1,
