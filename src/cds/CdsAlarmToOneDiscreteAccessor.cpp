@@ -121,6 +121,13 @@ CdsAlarmToOneDiscreteAccessor::~CdsAlarmToOneDiscreteAccessor() {
         unsubscribeDeviceSettings(m_detectedDeviceId, this);
     }
     unsubscribeDeviceCreation(m_deviceId, this);
+    if (!m_deviceName.empty()) {
+        // A by-name accessor that waited under the all-ones id before its name
+        // resolved is still registered there (detection leaves creation under
+        // the resolved id only). Leaving it here keeps the registry from
+        // holding a destroyed accessor; a no-op when it is not registered.
+        unsubscribeDeviceCreation(kUnknownDeviceId, this);
+    }
 }
 
 void CdsAlarmToOneDiscreteAccessor::setCValue(kq::CValue const&) {
