@@ -397,20 +397,42 @@ TEST_F(CdsChannelAccessorTest, RedetectionOnUnchangedDeviceKeepsSubscriptions) {
     EXPECT_EQ(recorder.values, (std::vector<kq::CValue>{kq::CValue(230.5f), kq::CValue(230.5f)}));
 }
 
-TEST_F(CdsChannelAccessorTest, ChangedChannelIdMovesUpdateSubscriptionToNewId) {
+TEST_F(CdsChannelAccessorTest, ReaddedChannelWithNewIdBindsOnlyTheNewId) {
     addUpsWithVoltage();
     CdsChannelAccessor accessor(kUps, kVoltageName, DataType::Value);
-    store.removeChannel(kVoltage, false);
-    store.addChannel(kUps, kVoltageName, kq::CValue(5.0f), kOtherChannel, false);
 
-    store.notifyDevice(kUps, kq::sub::DeviceChanged);
+    store.removeChannel(kVoltage);
+    store.addChannel(kUps, kVoltageName, kq::CValue(5.0f), kOtherChannel);
 
-    // Bound to the new id; the old id's entry and subscription are gone.
     EXPECT_TRUE(accessor.isExitingInCds());
     EXPECT_EQ(accessor.getCValue(), kq::CValue(5.0f));
     EXPECT_EQ(updates, (Registry{{kOtherChannel, {&accessor}}}));
     EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 0u);
     EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kOtherChannel), 1u);
+}
+
+TEST_F(CdsChannelAccessorTest, ChangedChannelIdOnSameDeviceKeepsOldUpdateEntry) {
+    addUpsWithVoltage();
+    auto accessor = std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+    CdsChannelAccessor* const raw = accessor.get();
+    // The channel is replaced without the accessor seeing it vanish.
+    store.removeChannel(kVoltage, false);
+    store.addChannel(kUps, kVoltageName, kq::CValue(5.0f), kOtherChannel, false);
+
+    store.notifyDevice(kUps, kq::sub::DeviceChanged);
+
+    // Bound to the new id; only a change of device leaves the old id's registry.
+    EXPECT_TRUE(accessor->isExitingInCds());
+    EXPECT_EQ(accessor->getCValue(), kq::CValue(5.0f));
+    EXPECT_EQ(updates, (Registry{{kVoltage, {raw}}, {kOtherChannel, {raw}}}));
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 1u);
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kOtherChannel), 1u);
+
+    // The destructor leaves the registry of the current id only.
+    accessor.reset();
+    EXPECT_EQ(updates.count(kOtherChannel), 0u);
+    EXPECT_EQ(updates.count(kVoltage), 1u);
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 1u);
 }
 
 // ---- Sharing one subscription -------------------------------------------------------
@@ -1075,21 +1097,27 @@ TEST_F(CdsChannelAccessorTest, ChannelSettingsGivesEachAccessorItsOwnSetting) {
 
 TEST_F(CdsChannelAccessorTest, ChannelSettingsReadFailureOfOneAccessorSkipsOnlyThatOne) {
     addUpsWithVoltage();
-    CdsChannelAccessor threshold(kUps, kVoltageName, DataType::AlarmThreshold1);
+    // Two threshold readers: whichever is visited first fails, the other comes after it.
+    CdsChannelAccessor lowWarning(kUps, kVoltageName, DataType::AlarmThreshold1);
+    CdsChannelAccessor highWarning(kUps, kVoltageName, DataType::AlarmThreshold2);
     CdsChannelAccessor hysteresis(kUps, kVoltageName, DataType::AlarmHysteresis);
-    Recorder thresholdRecorder;
+    Recorder lowRecorder;
+    Recorder highRecorder;
     Recorder hysteresisRecorder;
-    threshold.setUpdateCallback(thresholdRecorder.listener());
+    lowWarning.setUpdateCallback(lowRecorder.listener());
+    highWarning.setUpdateCallback(highRecorder.listener());
     hysteresis.setUpdateCallback(hysteresisRecorder.listener());
     store.resetCalls();
     store.failNext("getChannelAlarmTriggerThreshold");
 
     EXPECT_NO_THROW(store.setAlarmHysteresis(kVoltage, 3.0f));
 
-    EXPECT_EQ(thresholdRecorder.values.size(), 1u);
+    EXPECT_EQ(lowRecorder.values.size() + highRecorder.values.size(), 3u);
     EXPECT_EQ(hysteresisRecorder.values.back(), kq::CValue(3.0f));
+    EXPECT_EQ(store.calls("getChannelAlarmTriggerThreshold", kVoltage), 2u);
     EXPECT_EQ(store.calls("getChannelId"), 0u);
-    EXPECT_TRUE(threshold.isExitingInCds());
+    EXPECT_TRUE(lowWarning.isExitingInCds());
+    EXPECT_TRUE(highWarning.isExitingInCds());
 }
 
 TEST_F(CdsChannelAccessorTest, ChannelSettingsExistenceFailureRedetects) {
