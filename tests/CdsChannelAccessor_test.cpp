@@ -1435,6 +1435,19 @@ TEST_F(CdsChannelAccessorTest, CallbackUpdateChannelValueWithoutListenerDoesNoth
     EXPECT_EQ(recorder.values, (std::vector<kq::CValue>{kq::CValue(), kq::CValue(2.0f)}));
 }
 
+TEST_F(CdsChannelAccessorTest, IsExitingInCdsIsReachedThroughTheDataAccessorInterface) {
+    store.addDevice(kUpsName, kUps);
+    // The daemon holds accessors as CdsDataAccessor and calls them by this exact name.
+    std::unique_ptr<modbus::CdsDataAccessor> const accessor =
+        std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+    EXPECT_FALSE(accessor->isExitingInCds());
+
+    store.addChannel(kUps, kVoltageName, kq::CValue(1.0f), kVoltage);
+
+    EXPECT_TRUE(accessor->isExitingInCds());
+    EXPECT_EQ(accessor->getCValue(), kq::CValue(1.0f));
+}
+
 // ---- Destructor ------------------------------------------------------------------------
 
 TEST_F(CdsChannelAccessorTest, DestroyingBoundAccessorLeavesEveryRegistry) {
