@@ -428,11 +428,12 @@ TEST_F(CdsChannelAccessorTest, ChangedChannelIdOnSameDeviceKeepsOldUpdateEntry) 
     EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 1u);
     EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kOtherChannel), 1u);
 
-    // The destructor leaves the registry of the current id only.
+    // The destructor leaves the registry of the current id, then the old
+    // entry too: a destroyed accessor stays in no registry.
     accessor.reset();
-    EXPECT_EQ(updates.count(kOtherChannel), 0u);
-    EXPECT_EQ(updates.count(kVoltage), 1u);
-    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 1u);
+    EXPECT_TRUE(updates.empty());
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 0u);
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kOtherChannel), 0u);
 }
 
 // ---- Sharing one subscription -------------------------------------------------------
@@ -540,18 +541,19 @@ TEST_F(CdsChannelAccessorTest, AlarmEnabledChangeIsMissedUntilSecondDetection) {
               (std::vector<kq::CValue>{kq::CValue(false), kq::CValue(true), kq::CValue(false)}));
 }
 
-TEST_F(CdsChannelAccessorTest, StateRegistrationUnderIdZeroOutlivesTheAccessor) {
+TEST_F(CdsChannelAccessorTest, StateRegistrationUnderIdZeroLastsUntilTheAccessorIsDestroyed) {
     addUpsWithVoltage();
     auto accessor =
         std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::AlarmEnabled);
     store.notifyDevice(kUps, kq::sub::DeviceChanged);
+    // While the accessor lives, its first registration under id 0 stays.
+    EXPECT_EQ(states.count(0), 1u);
+    EXPECT_EQ(states.count(kVoltage), 1u);
 
     accessor.reset();
 
-    // Only the registration under the current channel id is left on destruction.
-    EXPECT_EQ(states.count(kVoltage), 0u);
-    EXPECT_EQ(states.count(0), 1u);
-    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelState, 0), 1u);
+    EXPECT_TRUE(states.empty());
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelState, 0), 0u);
     EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelState, kVoltage), 0u);
 }
 
@@ -1485,3 +1487,68 @@ TEST_F(CdsChannelAccessorTest, DestructorSwallowsUnsubscribeFailures) {
 }
 
 }  // namespace
+
+// ---- Destruction leaves every registry, also entries detection left behind --------
+
+TEST_F(CdsChannelAccessorTest, DestroyedAccessorLeavesAllOnesCreationEntryItWaitedUnder) {
+    auto accessor = std::make_unique<CdsChannelAccessor>(kUpsName, kVoltageName, DataType::Value);
+    store.addDevice(kUpsName, kUps);
+    store.addChannel(kUps, kVoltageName, kq::CValue(230.5f), kVoltage);
+    ASSERT_TRUE(accessor->isExitingInCds());
+    ASSERT_EQ(creations.count(kAllOnes), 1u);
+
+    accessor.reset();
+
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_TRUE(creationIds.empty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+    // A later creation must reach no destroyed accessor (the sanitizer build
+    // would report a use after free here).
+    store.addDevice("Outlet1", 300, kUps);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, DestroyedAlarmEnabledAccessorLeavesItsChannelZeroEntry) {
+    addUpsWithVoltage();
+    auto accessor =
+        std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::AlarmEnabled);
+    ASSERT_EQ(states.count(0), 1u);
+
+    accessor.reset();
+
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, DestroyedAccessorLeavesPreviousSubDeviceSettingsEntry) {
+    store.addDevice(kUpsName, kUps);
+    Id const module0 = store.addDevice("Module0", 110, kUps);
+    store.addChannel(module0, kVoltageName, kq::CValue(1.0f), kVoltage);
+    auto accessor = std::make_unique<CdsChannelAccessor>(kUps, std::vector<unsigned int>{0},
+                                                         kVoltageName, DataType::Value);
+    store.removeDevice(module0, false);
+    Id const module0b = store.addDevice("Module0b", 112, kUps, false);
+    store.addChannel(module0b, kVoltageName, kq::CValue(2.0f), kOtherChannel, false);
+    store.notifyDevice(module0, kq::sub::DeviceChanged);
+    ASSERT_EQ(deviceSettings.size(), 2u);
+
+    accessor.reset();
+
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, DestructorStillLeavesItsOwnRegistriesFirstInOrder) {
+    addUpsWithVoltage();
+    auto accessor = std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+    Id const updateSubscription = subscriptionIdOf(channelSub(kq::sub::ChannelValue, kVoltage));
+    Id const settingsSubscription = subscriptionIdOf(deviceSub(kq::sub::DeviceChanged, kUps));
+    store.resetCalls();
+
+    accessor.reset();
+
+    EXPECT_EQ(store.calls("unsubscribe"), 2u);
+    EXPECT_EQ(store.calls("unsubscribe", updateSubscription), 1u);
+    EXPECT_EQ(store.calls("unsubscribe", settingsSubscription), 1u);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}

@@ -1,6 +1,8 @@
 #include "modbus/CdsChannelAccessor.h"
 
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "cdsapi/types.h"
 #include "kq/model.h"
@@ -121,6 +123,45 @@ void leaveChannelRegistry(DataType dataType, Id channelId, CdsChannelAccessor* a
         case ChannelRegistry::Settings:
             CdsChannelAccessor::unsubscribeChannelSettings(channelId, accessor);
             break;
+    }
+}
+
+/* The ids under which a registry still holds the accessor. */
+std::vector<Id> idsHolding(AccessorRegistry const& registry, CdsChannelAccessor* accessor) {
+    std::vector<Id> ids;
+    for (auto const& [id, accessors] : registry) {
+        if (accessors.count(accessor) != 0) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
+/* Last step of tearing down: leave whatever registry still holds the accessor.
+ * Detection can leave an accessor registered under an id it no longer tracks
+ * (the all-ones device id it waited under before its name lookup succeeded,
+ * the channel id 0 of its first alarm-enabled registration, the device it
+ * searched before a sub-device changed). Those entries are kept while the
+ * accessor lives, but a destroyed accessor must not stay behind: the next
+ * notification for such an id would call into freed memory. */
+void leaveEveryRegistry(CdsChannelAccessor* accessor) {
+    using Unsubscribe = void (*)(Id, CdsChannelAccessor*);
+    std::pair<AccessorRegistry const*, Unsubscribe> const registries[] = {
+        {&CdsChannelAccessor::m_mapChannelAccessorChannelUpdateSubscriber,
+         &CdsChannelAccessor::unsubscribeChannelUpdate},
+        {&CdsChannelAccessor::m_mapChannelAccessorChannelStateSubscriber,
+         &CdsChannelAccessor::unsubscribeChannelState},
+        {&CdsChannelAccessor::m_mapChannelAccessorChannelSettingsSubscriber,
+         &CdsChannelAccessor::unsubscribeChannelSettings},
+        {&CdsChannelAccessor::m_mapChannelAccessorDeviceSettingsSubscriber,
+         &CdsChannelAccessor::unsubscribeDeviceSettings},
+        {&CdsChannelAccessor::m_mapChannelAccessorDeviceCreationSubscriber,
+         &CdsChannelAccessor::unsubscribeDeviceCreation},
+    };
+    for (auto const& [registry, unsubscribe] : registries) {
+        for (Id const id : idsHolding(*registry, accessor)) {
+            unsubscribe(id, accessor);
+        }
     }
 }
 
@@ -271,6 +312,7 @@ CdsChannelAccessor::~CdsChannelAccessor() {
         unsubscribeDeviceSettings(m_channelDeviceId, this);
     }
     unsubscribeDeviceCreation(m_deviceId, this);
+    leaveEveryRegistry(this);
 }
 
 // ---- CdsDataAccessor ------------------------------------------------------------
