@@ -12,7 +12,9 @@
 #include "cdshost/store.h"
 #include "kq/model.h"
 #include "kq/value.h"
+#include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsChannelAccessor.h"
+#include "modbus/CdsDeviceAccessor.h"
 
 namespace encoder_test {
 
@@ -34,6 +36,19 @@ class World {
     std::shared_ptr<modbus::CdsChannelAccessor> sharedChannelAccessor(
         std::string const& name) const {
         return std::make_shared<modbus::CdsChannelAccessor>(device, name, modbus::DataType::Value);
+    }
+
+    /* An accessor of one attribute of the device, for the raw-pointer
+     * constructors. */
+    modbus::CdsDeviceAccessor* newDeviceAccessor(cdsapi::DeviceAttribute attribute) const {
+        return new modbus::CdsDeviceAccessor(device, attribute);
+    }
+
+    /* An accessor of one alarm fact of a channel, for the raw-pointer
+     * constructors. */
+    modbus::CdsAlarmToOneDiscreteAccessor* newAlarmAccessor(std::string const& name,
+                                                            modbus::AlarmType type) const {
+        return new modbus::CdsAlarmToOneDiscreteAccessor(device, name, type);
     }
 
     /* Open value subscriptions of a channel: 1 while an accessor is bound to
