@@ -631,6 +631,39 @@ TEST_F(CdsAlarmToOneDiscreteAccessorTest, DeviceFoundUnderANewIdMovesTheAlarmSub
     EXPECT_EQ(alarmSubs(200), 0u);
     EXPECT_EQ(alarmSubs(210), 1u);
     EXPECT_TRUE(inSettingsRegistry(21, &accessor));
+    // As in the channel accessor, the old device's settings entry is kept.
+    EXPECT_TRUE(inSettingsRegistry(20, &accessor));
+    EXPECT_EQ(deviceSubs(kChanged, 20), 1u);
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest, DestroyedAfterMovingToANewDeviceLeavesEveryRegistry) {
+    store().addDevice("Module 0", 20, kUps);
+    store().addDevice("Module 1", 21, kUps);
+    store().addChannel(21, "Fan.Failure", kq::CValue(false), 210);
+    store().addChannel(20, "Fan.Failure", kq::CValue(false), 200);
+    auto accessor = std::make_unique<Accessor>(kUps, std::vector<unsigned int>{0}, "Fan.Failure",
+                                               modbus::AlarmTypeFlagSet);
+    store().removeDevice(20, false);
+    Accessor::cdsDeviceSettings(20);
+    accessor.reset();
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorDeviceSettingsSubscriber.empty());
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest,
+       ChannelReplacedWithoutNotificationKeepsTheOldAlarmEntryUntilDestruction) {
+    auto accessor = std::make_unique<Accessor>(kUps, "Output.Overload", modbus::AlarmTypeFlagSet);
+    store().removeChannel(kFault, false);
+    store().addChannel(kUps, "Output.Overload", kq::CValue(false), 101, false);
+    Accessor::cdsDeviceSettings(kUps);
+    // Same device: the previous channel's alarm entry is not left.
+    EXPECT_TRUE(accessor->isExitingInCds());
+    EXPECT_EQ(alarmSubs(101), 1u);
+    EXPECT_EQ(alarmSubs(kFault), 1u);
+    accessor.reset();
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorChannelAlarmSubscriber.empty());
+    EXPECT_NO_THROW(store().notifyAlarm(kFault));
 }
 
 TEST_F(CdsAlarmToOneDiscreteAccessorTest, SettingsNotificationForAnUnregisteredIdDoesNothing) {

@@ -467,6 +467,19 @@ TEST_F(CdsDeviceAccessorTest,
     EXPECT_EQ(deviceSubs(kCreated, kUps), 0u);
 }
 
+TEST_F(CdsDeviceAccessorTest, DestroyedAfterItsDeviceVanishedLeavesTheKeptUpdateRegistration) {
+    auto accessor = std::make_unique<CdsDeviceAccessor>(kUps, cdsapi::AttributeModel);
+    store().removeDevice(kUps, false);
+    CdsDeviceAccessor::cdsDeviceUpdate(kUps);
+    ASSERT_TRUE(inUpdateRegistry(kUps, accessor.get()));
+    accessor.reset();
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSubscriber.empty());
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+    // A later change of a device under that id reaches no destroyed accessor.
+    store().addDevice("UPS", kUps);
+    EXPECT_NO_THROW(store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 2000"));
+}
+
 TEST_F(CdsDeviceAccessorTest, UpdateRedetectionFailureLeavesTheHandler) {
     CdsDeviceAccessor accessor(kUps, cdsapi::AttributeModel);
     store().removeDevice(kUps, false);
@@ -554,6 +567,18 @@ TEST_F(CdsDeviceAccessorTest,
     EXPECT_TRUE(inSettingsRegistry(children[0], &accessor));
     EXPECT_EQ(deviceSubs(kChanged, children[0]), 1u);
     EXPECT_EQ(deviceSubs(kChanged, children[1]), 2u);
+}
+
+TEST_F(CdsDeviceAccessorTest, DestroyedAfterMovingToANewDeviceLeavesTheOldSettingsToo) {
+    auto const children = addSubDevices(kUps, 2, "Module");
+    auto accessor = std::make_unique<CdsDeviceAccessor>(kUps, std::vector<unsigned int>{0},
+                                                        cdsapi::AttributeModel);
+    store().removeDevice(children[0], false);
+    CdsDeviceAccessor::cdsDeviceSettings(children[0]);
+    ASSERT_TRUE(inSettingsRegistry(children[0], accessor.get()));
+    accessor.reset();
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSettingsSubscriber.empty());
+    EXPECT_EQ(store().subscriptionCount(), 0u);
 }
 
 TEST_F(CdsDeviceAccessorTest, SettingsNotificationForAnUnregisteredIdDoesNothing) {

@@ -121,13 +121,16 @@ CdsAlarmToOneDiscreteAccessor::~CdsAlarmToOneDiscreteAccessor() {
         unsubscribeDeviceSettings(m_detectedDeviceId, this);
     }
     unsubscribeDeviceCreation(m_deviceId, this);
-    if (!m_deviceName.empty()) {
-        // A by-name accessor that waited under the all-ones id before its name
-        // resolved is still registered there (detection leaves creation under
-        // the resolved id only). Leaving it here keeps the registry from
-        // holding a destroyed accessor; a no-op when it is not registered.
-        unsubscribeDeviceCreation(kUnknownDeviceId, this);
-    }
+    // Detection can leave this accessor registered under ids it no longer
+    // holds: the all-ones creation entry of a by-name accessor whose name
+    // resolved later, or the alarm entry of a channel replaced without a
+    // notification in between. Leave those too.
+    shared_registry::removeEverywhere(m_mapChannelAccessorChannelAlarmSubscriber,
+                                      m_mapChannelAccessorChannelAlarmSubscriberId, this);
+    shared_registry::removeEverywhere(m_mapChannelAccessorDeviceSettingsSubscriber,
+                                      m_mapChannelAccessorDeviceSettingsSubscriberId, this);
+    shared_registry::removeEverywhere(m_mapChannelAccessorDeviceCreationSubscriber,
+                                      m_mapChannelAccessorDeviceCreationSubscriberId, this);
 }
 
 void CdsAlarmToOneDiscreteAccessor::setCValue(kq::CValue const&) {

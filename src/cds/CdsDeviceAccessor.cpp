@@ -70,6 +70,12 @@ CdsDeviceAccessor::~CdsDeviceAccessor() {
         unsubscribeDeviceSettings(m_detectedDeviceId, this);
     }
     unsubscribeDeviceCreation(m_deviceId, this);
+    // An update read that failed for a vanished device keeps the update
+    // registration under an id this accessor no longer holds; leave it too.
+    shared_registry::removeEverywhere(m_mapDeviceAccessorDeviceSubscriber,
+                                      m_mapDeviceAccessorDeviceSubscriberId, this);
+    shared_registry::removeEverywhere(m_mapDeviceAccessorDeviceSettingsSubscriber,
+                                      m_mapDeviceAccessorDeviceSettingsSubscriberId, this);
 }
 
 void CdsDeviceAccessor::setCValue(kq::CValue const& value) {

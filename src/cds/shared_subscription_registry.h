@@ -55,6 +55,25 @@ void remove(std::map<unsigned long long, std::set<Accessor*>>& accessors,
     }
 }
 
+/* Removes an accessor from every id it is still registered under. A
+ * destructor's last step: some detection outcomes deliberately leave an
+ * accessor registered under an id it no longer remembers, and a destroyed
+ * accessor must never be reached by a notification. */
+template <typename Accessor>
+void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accessors,
+                      std::map<unsigned long long, unsigned long long>& subscriptionIds,
+                      Accessor* accessor) noexcept {
+    std::vector<unsigned long long> ids;
+    for (auto const& [id, set] : accessors) {
+        if (set.count(accessor) != 0) {
+            ids.push_back(id);
+        }
+    }
+    for (unsigned long long const id : ids) {
+        remove(accessors, subscriptionIds, id, accessor);
+    }
+}
+
 /* Follows a path of sub-device indexes from an existing device. Empty when the
  * device is missing, an index is past the end of its list, or the store fails. */
 inline std::optional<unsigned long long> followIndexPath(unsigned long long deviceId,
