@@ -1,0 +1,65 @@
+// Everything the daemon serves, without the network: the float layout probe,
+// the scenario, the availability check, the encoders and the request logic.
+// Tests build it in-process; the program wraps it in a server and a loop.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "Describe.h"
+#include "FloatProbe.h"
+#include "Log.h"
+#include "MapModel.h"
+#include "RequestHandler.h"
+#include "Scenario.h"
+#include "ServedMap.h"
+#include "modbus/MapAvailableAccessor.h"
+
+namespace tarsel::daemon {
+
+struct CoreConfig {
+    RegisterMapSpec map;
+    std::optional<Scenario> scenario;
+    std::uint8_t unitId = 1;
+};
+
+class DaemonCore {
+  public:
+    /* Probes the float layout, seeds the store from the scenario, then builds
+     * the availability check and every encoder. */
+    DaemonCore(CoreConfig config, Log& log);
+    /* Destroys every encoder (closing its data-store subscriptions) before
+     * the availability check and the scenario. */
+    ~DaemonCore();
+
+    DaemonCore(DaemonCore const&) = delete;
+    DaemonCore& operator=(DaemonCore const&) = delete;
+
+    ServedMap& map() { return *m_map; }
+    RequestHandler& handler() { return *m_handler; }
+    ScenarioPlayer* scenario() { return m_scenario.get(); }
+    modbus::MapAvailableAccessor& availability() { return *m_availability; }
+    FloatLayoutReport const& floatLayout() const { return m_floatLayout; }
+
+    /* Logs the not-available text once while the map cannot be served, and
+     * the moment it can. */
+    void watchAvailability();
+
+    std::string describe(DescribeFormat format);
+
+  private:
+    void logFloatLayout();
+
+    enum class Gate { Unknown, Closed, Open };
+
+    Log& m_log;
+    FloatLayoutReport m_floatLayout;
+    std::unique_ptr<ScenarioPlayer> m_scenario;
+    std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
+    std::unique_ptr<ServedMap> m_map;
+    std::unique_ptr<RequestHandler> m_handler;
+    Gate m_gate = Gate::Unknown;
+};
+
+}  // namespace tarsel::daemon

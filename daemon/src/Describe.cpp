@@ -1,0 +1,167 @@
+#include "Describe.h"
+
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+namespace tarsel::daemon {
+
+namespace {
+
+using json = nlohmann::json;
+
+std::string sourcesText(EntrySpec const& spec) {
+    if (spec.function.empty()) {
+        return describeSource(spec.sources.at(0));
+    }
+    std::string text = spec.function + "(";
+    for (std::size_t i = 0; i < spec.sources.size(); ++i) {
+        text += (i ? "; " : "") + describeSource(spec.sources[i]);
+    }
+    return text + ")";
+}
+
+std::string markdownCell(std::string text) {
+    std::string cell;
+    for (char const c : text) {
+        if (c == '|') {
+            cell += "\\|";
+        } else if (c == '\n') {
+            cell += ' ';
+        } else {
+            cell += c;
+        }
+    }
+    return cell;
+}
+
+std::string csvCell(std::string const& text) {
+    if (text.find_first_of(",\"\n") == std::string::npos) {
+        return text;
+    }
+    std::string cell = "\"";
+    for (char const c : text) {
+        cell += c == '"' ? std::string("\"\"") : std::string(1, c);
+    }
+    return cell + "\"";
+}
+
+std::string markdown(DescribeContext const& context) {
+    std::ostringstream out;
+    out << "# Register map\n\n";
+    out << "Map available: " << (context.available ? "yes" : "no") << "\n\n";
+    out << "Float layout (libmodbus " << context.floatLayout.libmodbusVersion << "):\n\n";
+    for (auto const& layout : context.floatLayout.layouts) {
+        out << "- " << describeLayout(layout)
+            << (layout.roundTrips() ? "" : " (does not round-trip)") << "\n";
+    }
+    out << "\n| table | address | size | name | representation | value | source | pushed image "
+           "| pushes |\n|---|---|---|---|---|---|---|---|---|\n";
+    for (auto const& entry : context.map.entries()) {
+        DescribedEntry const row = describeEntry(*entry);
+        out << "| " << row.table << " | " << row.address << " | " << row.size << " | "
+            << markdownCell(row.name) << " | " << markdownCell(row.representation) << " | "
+            << markdownCell(row.value) << " | " << markdownCell(row.source) << " | " << row.image
+            << " | " << row.pushes << " |\n";
+    }
+    return out.str();
+}
+
+std::string csv(DescribeContext const& context) {
+    std::ostringstream out;
+    out << "table,address,size,name,representation,value,source,image,pushes\n";
+    for (auto const& entry : context.map.entries()) {
+        DescribedEntry const row = describeEntry(*entry);
+        out << row.table << "," << row.address << "," << row.size << "," << csvCell(row.name) << ","
+            << csvCell(row.representation) << "," << csvCell(row.value) << ","
+            << csvCell(row.source) << "," << csvCell(row.image) << "," << row.pushes << "\n";
+    }
+    return out.str();
+}
+
+json layoutJson(FloatLayoutReport const& report) {
+    json layouts = json::array();
+    for (auto const& layout : report.layouts) {
+        layouts.push_back({{"byteOrder", layout.byteOrder},
+                           {"probe", FloatLayout::kProbeValue},
+                           {"pair", {layout.pair[0], layout.pair[1]}},
+                           {"decoded", layout.decoded},
+                           {"readLayout", layout.readLayout},
+                           {"writeLayout", layout.writeLayout},
+                           {"roundTrips", layout.roundTrips()}});
+    }
+    return {{"libmodbus", report.libmodbusVersion}, {"layouts", layouts}};
+}
+
+std::string jsonText(DescribeContext const& context) {
+    json entries = json::array();
+    for (auto const& entry : context.map.entries()) {
+        DescribedEntry const row = describeEntry(*entry);
+        entries.push_back({{"table", row.table},
+                           {"address", row.address},
+                           {"size", row.size},
+                           {"name", row.name},
+                           {"representation", row.representation},
+                           {"value", row.value},
+                           {"available", row.valueAvailable},
+                           {"source", row.source},
+                           {"image", entry->image.known ? json(entry->image.words) : json()},
+                           {"pushes", row.pushes}});
+    }
+    json root = {{"available", context.available},
+                 {"floatLayout", layoutJson(context.floatLayout)},
+                 {"entries", entries}};
+    if (!context.available) {
+        root["notAvailableMessage"] = context.notAvailableMessage;
+    }
+    return root.dump(2) + "\n";
+}
+
+}  // namespace
+
+std::optional<DescribeFormat> describeFormatFromName(std::string const& name) {
+    if (name == "markdown" || name == "md") {
+        return DescribeFormat::Markdown;
+    }
+    if (name == "csv") {
+        return DescribeFormat::Csv;
+    }
+    if (name == "json") {
+        return DescribeFormat::Json;
+    }
+    return std::nullopt;
+}
+
+DescribedEntry describeEntry(ServedEntry const& entry) {
+    EntrySpec const& spec = entry.spec;
+    DescribedEntry row{
+        tableName(spec.table), spec.address, spec.size,         spec.name, "", "", false,
+        sourcesText(spec),     "",           entry.image.pushes};
+    auto const& encoder = entry.encoder;
+    try {
+        row.representation = encoder.registers ? encoder.registers->getDataRepresentation()
+                                               : encoder.discretes->getDataRepresentation();
+        row.valueAvailable = encoder.registers ? encoder.registers->isDataAvailable()
+                                               : encoder.discretes->isDataAvailable();
+        row.value =
+            encoder.registers ? encoder.registers->getStrValue() : encoder.discretes->getStrValue();
+    } catch (std::exception const& error) {
+        row.value = std::string("error: ") + error.what();
+    }
+    row.image = entry.image.known ? hexWords(entry.image.words) : "-";
+    return row;
+}
+
+std::string describeMap(DescribeContext const& context, DescribeFormat format) {
+    switch (format) {
+        case DescribeFormat::Csv:
+            return csv(context);
+        case DescribeFormat::Json:
+            return jsonText(context);
+        case DescribeFormat::Markdown:
+            break;
+    }
+    return markdown(context);
+}
+
+}  // namespace tarsel::daemon

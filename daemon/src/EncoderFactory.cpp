@@ -1,0 +1,175 @@
+#include "EncoderFactory.h"
+
+#include "Conversions.h"
+#include "modbus/CdsAlarmToOneDiscreteAccessor.h"
+#include "modbus/CdsBooleanToOneDiscreteAccessor.h"
+#include "modbus/CdsChannelAccessor.h"
+#include "modbus/CdsDataToDiscretesAccessor.h"
+#include "modbus/CdsDataToRegistersAccessor.h"
+#include "modbus/CdsDeviceAccessor.h"
+#include "modbus/CdsFloatAccessor.h"
+#include "modbus/CdsFloatToOneRegisterAccessor.h"
+#include "modbus/CdsInt32Accessor.h"
+#include "modbus/CdsInt32ToOneRegisterAccessor.h"
+#include "modbus/CdsStringAccessor.h"
+#include "modbus/CdsStringToOneRegisterAccessor.h"
+#include "modbus/CdsUint32Accessor.h"
+#include "modbus/CdsUint32ToOneRegisterAccessor.h"
+
+namespace tarsel::daemon {
+
+namespace {
+
+using modbus::CdsDataAccessor;
+using Registers = std::unique_ptr<modbus::RegistersDataAccessor>;
+using Discretes = std::unique_ptr<modbus::DiscretesDataAccessor>;
+
+std::unique_ptr<CdsDataAccessor> makeChannel(SourceSpec const& s) {
+    DeviceRef const& d = s.device;
+    if (!d.id) {
+        return std::make_unique<modbus::CdsChannelAccessor>(d.name, s.channel, s.dataType);
+    }
+    if (d.path.empty()) {
+        return std::make_unique<modbus::CdsChannelAccessor>(*d.id, s.channel, s.dataType);
+    }
+    return std::make_unique<modbus::CdsChannelAccessor>(*d.id, d.path, s.channel, s.dataType);
+}
+
+std::unique_ptr<CdsDataAccessor> makeAttribute(SourceSpec const& s) {
+    DeviceRef const& d = s.device;
+    if (!d.id) {
+        return std::make_unique<modbus::CdsDeviceAccessor>(d.name, s.attribute);
+    }
+    if (d.path.empty()) {
+        return std::make_unique<modbus::CdsDeviceAccessor>(*d.id, s.attribute);
+    }
+    return std::make_unique<modbus::CdsDeviceAccessor>(*d.id, d.path, s.attribute);
+}
+
+std::unique_ptr<CdsDataAccessor> makeAlarm(SourceSpec const& s) {
+    DeviceRef const& d = s.device;
+    if (!d.id) {
+        return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(d.name, s.channel,
+                                                                       s.alarmType);
+    }
+    if (d.path.empty()) {
+        return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(*d.id, s.channel,
+                                                                       s.alarmType);
+    }
+    return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(*d.id, d.path, s.channel,
+                                                                   s.alarmType);
+}
+
+/* Raw pointers for the composites, which take ownership of each; if building
+ * one fails, the ones built so far are released here. */
+std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceSpec> const& specs,
+                                             std::vector<std::unique_ptr<CdsDataAccessor>>& keep) {
+    for (auto const& spec : specs) {
+        keep.push_back(makeDataAccessor(spec));
+    }
+    std::vector<CdsDataAccessor*> raw;
+    for (auto const& accessor : keep) {
+        raw.push_back(accessor.get());
+    }
+    return raw;
+}
+
+Registers makeCompositeRegisters(EntrySpec const& e) {
+    std::vector<std::unique_ptr<CdsDataAccessor>> keep;
+    auto const raw = makeSourceList(e.sources, keep);
+    auto conversions = makeRegisterConversions(e.function, e.sources.size());
+    auto encoder = std::make_unique<modbus::CdsDataToRegistersAccessor>(
+        e.size, raw, std::move(conversions.dataToRegisters), std::move(conversions.registersToData),
+        std::move(conversions.dataToString), e.description);
+    for (auto& accessor : keep) {
+        accessor.release();  // now owned by the composite
+    }
+    return encoder;
+}
+
+Discretes makeCompositeDiscretes(EntrySpec const& e) {
+    std::vector<std::unique_ptr<CdsDataAccessor>> keep;
+    auto const raw = makeSourceList(e.sources, keep);
+    auto conversions = makeDiscreteConversions(e.function, e.sources.size());
+    auto encoder = std::make_unique<modbus::CdsDataToDiscretesAccessor>(
+        e.size, raw, std::move(conversions.dataToDiscretes),
+        std::move(conversions.discretesToData));
+    for (auto& accessor : keep) {
+        accessor.release();
+    }
+    return encoder;
+}
+
+Registers makeUint16(EntrySpec const& e, CdsDataAccessor* source) {
+    if (e.useBitmask) {
+        return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, e.bitmaskOp, e.mask,
+                                                                        e.defaultValue);
+    }
+    return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, e.multiplier);
+}
+
+/* The one-source register encoders; they take ownership of the source. */
+Registers makeSingleRegisters(EntrySpec const& e, CdsDataAccessor* source) {
+    switch (e.encoder) {
+        case EncoderKind::Float:
+            return std::make_unique<modbus::CdsFloatAccessor>(source, e.multiplier);
+        case EncoderKind::Int32:
+            return std::make_unique<modbus::CdsInt32Accessor>(source);
+        case EncoderKind::Uint32:
+            return std::make_unique<modbus::CdsUint32Accessor>(source);
+        case EncoderKind::Float16:
+            return std::make_unique<modbus::CdsFloatToOneRegisterAccessor>(source, e.multiplier,
+                                                                           e.offset);
+        case EncoderKind::Int16:
+            return std::make_unique<modbus::CdsInt32ToOneRegisterAccessor>(source, e.multiplier);
+        case EncoderKind::Uint16:
+            return makeUint16(e, source);
+        case EncoderKind::String:
+            return std::make_unique<modbus::CdsStringAccessor>(e.size, source);
+        case EncoderKind::NumericString:
+            return std::make_unique<modbus::CdsStringToOneRegisterAccessor>(source);
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceSpec const& source) {
+    switch (source.kind) {
+        case SourceKind::Channel:
+            return makeChannel(source);
+        case SourceKind::Attribute:
+            return makeAttribute(source);
+        case SourceKind::Alarm:
+            return makeAlarm(source);
+    }
+    return nullptr;
+}
+
+BuiltEncoder makeEncoder(EntrySpec const& entry) {
+    BuiltEncoder built;
+    if (entry.encoder == EncoderKind::CompositeRegisters) {
+        built.registers = makeCompositeRegisters(entry);
+    } else if (entry.encoder == EncoderKind::CompositeDiscretes) {
+        built.discretes = makeCompositeDiscretes(entry);
+    } else if (entry.encoder == EncoderKind::Boolean) {
+        auto modifier =
+            entry.invert ? modbus::DiscreteModifier::Invert : modbus::DiscreteModifier::None;
+        built.discretes = std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(
+            makeDataAccessor(entry.sources.at(0)).release(), modifier);
+    } else {
+        // The raw-pointer constructors take ownership (and delete the accessor
+        // themselves if they fail), so it is released straight into them.
+        auto source = makeDataAccessor(entry.sources.at(0));
+        CdsDataAccessor* raw = source.get();
+        built.registers = makeSingleRegisters(entry, source.release());
+        if (entry.encoder == EncoderKind::String) {
+            built.unwiredSource = raw;
+        }
+        built.registers->setByteOrder(static_cast<modbus::ByteOrder>(entry.byteOrder));
+    }
+    return built;
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,28 @@
+// Builds the library's data accessors and encoders for the entries of a map.
+#pragma once
+
+#include <memory>
+
+#include "MapModel.h"
+#include "modbus/CdsDataAccessor.h"
+#include "modbus/DiscretesDataAccessor.h"
+#include "modbus/RegistersDataAccessor.h"
+
+namespace tarsel::daemon {
+
+/* The encoder of one entry: exactly one of the two pointers is set. */
+struct BuiltEncoder {
+    std::unique_ptr<modbus::RegistersDataAccessor> registers;
+    std::unique_ptr<modbus::DiscretesDataAccessor> discretes;
+    // The string encoder does not listen to its data accessor by itself; this
+    // is that data accessor (owned by the encoder) so the caller can wire it.
+    modbus::CdsDataAccessor* unwiredSource = nullptr;
+};
+
+/* A new data accessor for the source; it detects its item at once. */
+std::unique_ptr<modbus::CdsDataAccessor> makeDataAccessor(SourceSpec const& source);
+
+/* The encoder of a validated entry, with its data accessors and byte order. */
+BuiltEncoder makeEncoder(EntrySpec const& entry);
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,95 @@
+#include "EventLoop.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+namespace tarsel::daemon {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Bounds every wait, so a clock step or a lost wake-up costs at most this.
+constexpr std::chrono::milliseconds kMaxWait{500};
+
+int waitMilliseconds(Clock::time_point now, std::optional<Clock::time_point> next) {
+    auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxWait);
+    if (next) {
+        auto const until = std::chrono::ceil<std::chrono::milliseconds>(*next - now);
+        wait = std::clamp(until, std::chrono::milliseconds(0), wait);
+    }
+    return static_cast<int>(wait.count());
+}
+
+std::optional<Clock::time_point> earlier(std::optional<Clock::time_point> a,
+                                         std::optional<Clock::time_point> b) {
+    if (!a) {
+        return b;
+    }
+    if (!b) {
+        return a;
+    }
+    return std::min(*a, *b);
+}
+
+/* True when the loop is to stop. */
+bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
+    bool stop = false;
+    while (auto const signal = signals.take()) {
+        if (*signal == SIGUSR1) {
+            log.info("register map:\n" + core.describe(DescribeFormat::Markdown));
+        } else {
+            log.info(std::string("received ") + strsignal(*signal) + "; stopping");
+            stop = true;
+        }
+    }
+    return stop;
+}
+
+}  // namespace
+
+int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Log& log,
+                 double runSeconds) {
+    Clock::time_point const start = Clock::now();
+    std::optional<Clock::time_point> deadline;
+    if (runSeconds > 0) {
+        deadline = start + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(runSeconds));
+    }
+    ScenarioPlayer* scenario = core.scenario();
+    if (scenario != nullptr) {
+        scenario->start(start);
+    }
+    for (;;) {
+        auto const next = earlier(deadline, scenario ? scenario->nextDue() : std::nullopt);
+        std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
+        auto const served = server.pollSet();
+        fds.insert(fds.end(), served.begin(), served.end());
+        int const ready = ::poll(fds.data(), fds.size(), waitMilliseconds(Clock::now(), next));
+        if (ready < 0 && errno != EINTR) {
+            log.error(std::string("poll failed: ") + std::strerror(errno));
+            return 1;
+        }
+        if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log)) {
+            return 0;
+        }
+        if (ready > 0) {
+            server.serve(fds.data() + 1, fds.size() - 1);
+        }
+        if (scenario != nullptr) {
+            scenario->playDue(Clock::now());
+        }
+        core.watchAvailability();
+        if (deadline && Clock::now() >= *deadline) {
+            log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");
+            return 0;
+        }
+    }
+}
+
+}  // namespace tarsel::daemon

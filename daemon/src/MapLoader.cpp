@@ -1,0 +1,575 @@
+#include "MapLoader.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "Conversions.h"
+#include "JsonChecks.h"
+
+namespace tarsel::daemon {
+
+namespace {
+
+using json = nlohmann::json;
+
+// A read or write that covers only part of an entry is refused, so an entry
+// larger than one request could never be read or written.
+constexpr long long kMaxReadRegisters = 125;
+constexpr long long kMaxWriteRegisters = 123;
+constexpr long long kMaxReadBits = 2000;
+constexpr long long kMaxWriteBits = 1968;
+constexpr long long kTableSize = 65536;
+
+std::set<std::string> const kCommonFields = {"name",    "comment", "table",
+                                             "address", "encoder", "unavailable"};
+
+std::set<std::string> encoderFields(EncoderKind kind) {
+    switch (kind) {
+        case EncoderKind::Float:
+            return {"source", "multiplier", "byteOrder"};
+        case EncoderKind::Int32:
+        case EncoderKind::Uint32:
+            return {"source", "byteOrder"};
+        case EncoderKind::Float16:
+            return {"source", "multiplier", "offset"};
+        case EncoderKind::Int16:
+            return {"source", "multiplier"};
+        case EncoderKind::Uint16:
+            return {"source", "multiplier", "bitmask", "mask", "default"};
+        case EncoderKind::String:
+            return {"source", "size"};
+        case EncoderKind::NumericString:
+            return {"source"};
+        case EncoderKind::Boolean:
+            return {"source", "invert"};
+        case EncoderKind::CompositeRegisters:
+            return {"sources", "function", "size", "description"};
+        case EncoderKind::CompositeDiscretes:
+            return {"sources", "function", "size"};
+    }
+    return {};
+}
+
+std::uint16_t fixedSize(EncoderKind kind) {
+    switch (kind) {
+        case EncoderKind::Float:
+        case EncoderKind::Int32:
+        case EncoderKind::Uint32:
+            return 2;
+        default:
+            return 1;
+    }
+}
+
+std::string quoted(std::string const& text) {
+    return "\"" + text + "\"";
+}
+
+class MapParser {
+  public:
+    RegisterMapSpec parse(json const& root);
+    std::vector<std::string> const& errors() const { return m_check.errors(); }
+
+  private:
+    UnavailablePolicy parsePolicy(json const& value, std::string const& where,
+                                  UnavailablePolicy policy);
+    std::optional<EntrySpec> parseEntry(json const& value, std::string const& where,
+                                        UnavailablePolicy const& mapPolicy);
+    bool parseHeader(json const& value, EntrySpec& spec);
+    void parseOptions(json const& value, EntrySpec& spec);
+    void parseSingleSource(json const& value, EntrySpec& spec);
+    void parseScaling(json const& value, EntrySpec& spec);
+    void parseByteOrder(json const& value, EntrySpec& spec);
+    void parseUint16Options(json const& value, EntrySpec& spec);
+    void parseComposite(json const& value, EntrySpec& spec);
+    void parseStringSize(json const& value, EntrySpec& spec);
+    std::optional<SourceSpec> parseSource(json const& value, std::string const& where);
+    bool parseDevice(json const& value, std::string const& where, DeviceRef& device);
+    void parseSourceKind(json const& value, std::string const& where, SourceSpec& source);
+    bool checkFit(EntrySpec const& spec);
+    void checkOverlaps(std::vector<EntrySpec> const& entries);
+
+    JsonChecker m_check;
+};
+
+RegisterMapSpec MapParser::parse(json const& root) {
+    RegisterMapSpec map;
+    if (!m_check.expectObject(root, "map")) {
+        return map;
+    }
+    m_check.unknownFields(root, "", {"description", "comment", "unavailable", "entries"},
+                          " of the map");
+    map.description = m_check.text(root, "description", "", false).value_or("");
+    if (root.contains("unavailable")) {
+        map.unavailable = parsePolicy(root["unavailable"], "unavailable", map.unavailable);
+    }
+    auto const entries = root.find("entries");
+    if (entries == root.end()) {
+        m_check.error("map", "missing field \"entries\"");
+        return map;
+    }
+    if (!entries->is_array()) {
+        m_check.error("entries", "expected an array, got " + JsonChecker::shortDump(*entries));
+        return map;
+    }
+    std::vector<EntrySpec> placed;
+    for (std::size_t i = 0; i < entries->size(); ++i) {
+        std::string const where = "entries[" + std::to_string(i) + "]";
+        if (auto entry = parseEntry((*entries)[i], where, map.unavailable)) {
+            map.entries.push_back(std::move(*entry));
+        }
+    }
+    checkOverlaps(map.entries);
+    return map;
+}
+
+UnavailablePolicy MapParser::parsePolicy(json const& value, std::string const& where,
+                                         UnavailablePolicy policy) {
+    if (!m_check.expectObject(value, where)) {
+        return policy;
+    }
+    m_check.unknownFields(value, where, {"mode", "word", "code"}, " of an unavailable policy");
+    if (auto const mode = m_check.text(value, "mode", where, true)) {
+        if (*mode == "sentinel") {
+            policy.mode = UnavailablePolicy::Mode::Sentinel;
+        } else if (*mode == "exception") {
+            policy.mode = UnavailablePolicy::Mode::Exception;
+        } else {
+            m_check.error(where + ".mode",
+                          "expected \"sentinel\" or \"exception\", got " + quoted(*mode));
+        }
+    }
+    if (auto const word = m_check.integer(value, "word", where, 0, 0xFFFF, false)) {
+        policy.word = static_cast<std::uint16_t>(*word);
+    }
+    if (auto const code = m_check.integer(value, "code", where, 1, 11, false)) {
+        policy.code = static_cast<std::uint8_t>(*code);
+    }
+    return policy;
+}
+
+std::optional<EntrySpec> MapParser::parseEntry(json const& value, std::string const& where,
+                                               UnavailablePolicy const& mapPolicy) {
+    if (!m_check.expectObject(value, where)) {
+        return std::nullopt;
+    }
+    EntrySpec spec;
+    spec.path = where;
+    spec.unavailable = mapPolicy;
+    std::size_t const errorsBefore = m_check.errors().size();
+    if (!parseHeader(value, spec)) {
+        return std::nullopt;
+    }
+    m_check.unknownFields(
+        value, where,
+        [&] {
+            auto allowed = kCommonFields;
+            auto const own = encoderFields(spec.encoder);
+            allowed.insert(own.begin(), own.end());
+            return allowed;
+        }(),
+        " for encoder " + quoted(encoderName(spec.encoder)));
+    if (value.contains("unavailable")) {
+        spec.unavailable = parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
+    }
+    spec.size = fixedSize(spec.encoder);
+    parseOptions(value, spec);
+    if (m_check.errors().size() != errorsBefore || !checkFit(spec)) {
+        return std::nullopt;
+    }
+    if (spec.name.empty()) {
+        spec.name = std::string(tableName(spec.table)) + ":" + std::to_string(spec.address);
+    }
+    return spec;
+}
+
+/* Name, table, address and encoder; false when the rest cannot be checked. */
+bool MapParser::parseHeader(json const& value, EntrySpec& spec) {
+    std::string const& where = spec.path;
+    spec.name = m_check.text(value, "name", where, false).value_or("");
+    m_check.text(value, "comment", where, false);
+    if (auto const table = m_check.text(value, "table", where, true)) {
+        if (auto const parsed = tableFromName(*table)) {
+            spec.table = *parsed;
+        } else {
+            m_check.error(where + ".table", "unknown table " + quoted(*table) + "; expected " +
+                                                joinChoices(tableNames()));
+        }
+    }
+    if (auto const address = m_check.integer(value, "address", where, 0, kTableSize - 1, true)) {
+        spec.address = static_cast<std::uint16_t>(*address);
+    }
+    auto const encoder = m_check.text(value, "encoder", where, true);
+    if (!encoder) {
+        return false;
+    }
+    auto const kind = encoderFromName(*encoder);
+    if (!kind) {
+        m_check.error(where + ".encoder", "unknown encoder " + quoted(*encoder) + "; expected " +
+                                              joinChoices(encoderNames()));
+        return false;
+    }
+    spec.encoder = *kind;
+    return true;
+}
+
+void MapParser::parseOptions(json const& value, EntrySpec& spec) {
+    switch (spec.encoder) {
+        case EncoderKind::CompositeRegisters:
+        case EncoderKind::CompositeDiscretes:
+            parseComposite(value, spec);
+            return;
+        case EncoderKind::String:
+            parseStringSize(value, spec);
+            break;
+        case EncoderKind::Uint16:
+            parseUint16Options(value, spec);
+            break;
+        case EncoderKind::Boolean:
+            spec.invert = m_check.boolean(value, "invert", spec.path, false).value_or(false);
+            break;
+        default:
+            break;
+    }
+    parseSingleSource(value, spec);
+    parseScaling(value, spec);
+    parseByteOrder(value, spec);
+}
+
+void MapParser::parseSingleSource(json const& value, EntrySpec& spec) {
+    auto const source = value.find("source");
+    if (source == value.end()) {
+        m_check.error(spec.path, "missing field \"source\"");
+        return;
+    }
+    if (auto parsed = parseSource(*source, spec.path + ".source")) {
+        spec.sources.push_back(std::move(*parsed));
+    }
+}
+
+void MapParser::parseScaling(json const& value, EntrySpec& spec) {
+    if (auto const multiplier = m_check.number(value, "multiplier", spec.path, false)) {
+        if (*multiplier == 0.0 || !std::isfinite(*multiplier)) {
+            m_check.error(spec.path + ".multiplier", "must be a finite number other than 0");
+        }
+        spec.multiplier = static_cast<float>(*multiplier);
+    }
+    if (auto const offset = m_check.number(value, "offset", spec.path, false)) {
+        spec.offset = static_cast<float>(*offset);
+    }
+}
+
+void MapParser::parseByteOrder(json const& value, EntrySpec& spec) {
+    auto const order = value.find("byteOrder");
+    if (order == value.end()) {
+        return;
+    }
+    if (*order == 0 || *order == "standard") {
+        spec.byteOrder = 0;
+    } else if (*order == 1 || *order == "word-swapped") {
+        spec.byteOrder = 1;
+    } else {
+        m_check.error(spec.path + ".byteOrder",
+                      "expected 0, 1, \"standard\" or \"word-swapped\", got " +
+                          JsonChecker::shortDump(*order));
+    }
+}
+
+void MapParser::parseUint16Options(json const& value, EntrySpec& spec) {
+    spec.useBitmask =
+        value.contains("bitmask") || value.contains("mask") || value.contains("default");
+    if (!spec.useBitmask) {
+        return;
+    }
+    if (value.contains("multiplier")) {
+        m_check.error(spec.path + ".multiplier",
+                      "cannot be combined with bitmask, mask or default (the library's "
+                      "bitmask constructor has no multiplier)");
+    }
+    if (auto const op = m_check.text(value, "bitmask", spec.path, false)) {
+        if (*op == "xor") {
+            spec.bitmaskOp = modbus::BitmaskOp::Xor;
+        } else if (*op != "none") {
+            m_check.error(spec.path + ".bitmask",
+                          "expected \"none\" or \"xor\", got " + quoted(*op));
+        }
+    }
+    if (auto const mask = m_check.integer(value, "mask", spec.path, 0, 0xFFFFFFFFLL, false)) {
+        spec.mask = static_cast<std::uint32_t>(*mask);
+    }
+    if (auto const def = m_check.integer(value, "default", spec.path, 0, 0xFFFFFFFFLL, false)) {
+        spec.defaultValue = static_cast<unsigned int>(*def);
+    }
+}
+
+void MapParser::parseStringSize(json const& value, EntrySpec& spec) {
+    if (auto const size = m_check.integer(value, "size", spec.path, 1, kTableSize, true)) {
+        spec.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
+    }
+}
+
+void MapParser::parseComposite(json const& value, EntrySpec& spec) {
+    std::string const& where = spec.path;
+    spec.description = m_check.text(value, "description", where, false).value_or("");
+    auto const sources = value.find("sources");
+    if (sources == value.end()) {
+        m_check.error(where, "missing field \"sources\"");
+    } else if (!sources->is_array() || sources->empty()) {
+        m_check.error(where + ".sources",
+                      "expected a non-empty array, got " + JsonChecker::shortDump(*sources));
+    } else {
+        for (std::size_t i = 0; i < sources->size(); ++i) {
+            auto source = parseSource((*sources)[i], where + ".sources[" + std::to_string(i) + "]");
+            if (source) {
+                spec.sources.push_back(std::move(*source));
+            }
+        }
+    }
+    auto const name = m_check.text(value, "function", where, true);
+    if (!name) {
+        return;
+    }
+    spec.function = *name;
+    CompositeFunction const* function = findCompositeFunction(*name);
+    bool const wantRegisters = spec.encoder == EncoderKind::CompositeRegisters;
+    if (function == nullptr || function->registers != wantRegisters) {
+        std::vector<std::string> choices;
+        for (auto const& candidate : compositeFunctions()) {
+            if (candidate.registers == wantRegisters) {
+                choices.push_back(candidate.name);
+            }
+        }
+        m_check.error(where + ".function", "unknown function " + quoted(*name) + " for encoder " +
+                                               quoted(encoderName(spec.encoder)) + "; expected " +
+                                               joinChoices(choices));
+        return;
+    }
+    std::size_t const count = sources != value.end() && sources->is_array() ? sources->size() : 0;
+    if (count != 0 && (count < function->minSources || count > function->maxSources)) {
+        m_check.error(where + ".sources", "function " + quoted(*name) + " takes " +
+                                              (function->minSources == function->maxSources
+                                                   ? std::to_string(function->minSources)
+                                                   : std::to_string(function->minSources) + " to " +
+                                                         std::to_string(function->maxSources)) +
+                                              " sources, got " + std::to_string(count));
+    }
+    spec.size = function->sizeFor(count);
+    if (auto const size = m_check.integer(value, "size", where, 1, kTableSize, false)) {
+        spec.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
+    }
+}
+
+std::optional<SourceSpec> MapParser::parseSource(json const& value, std::string const& where) {
+    if (!m_check.expectObject(value, where)) {
+        return std::nullopt;
+    }
+    m_check.unknownFields(value, where,
+                          {"device", "path", "channel", "data", "attribute", "alarm", "comment"},
+                          " of a source");
+    SourceSpec source;
+    std::size_t const errorsBefore = m_check.errors().size();
+    if (!parseDevice(value, where, source.device)) {
+        return std::nullopt;
+    }
+    parseSourceKind(value, where, source);
+    if (m_check.errors().size() != errorsBefore) {
+        return std::nullopt;
+    }
+    return source;
+}
+
+bool MapParser::parseDevice(json const& value, std::string const& where, DeviceRef& device) {
+    auto const it = value.find("device");
+    if (it == value.end()) {
+        m_check.error(where, "missing field \"device\"");
+        return false;
+    }
+    if (it->is_number_unsigned() || (it->is_number_integer() && it->get<long long>() >= 0)) {
+        device.id = it->get<unsigned long long>();
+    } else if (it->is_string() && !it->get<std::string>().empty()) {
+        device.name = it->get<std::string>();
+    } else {
+        m_check.error(where + ".device",
+                      "expected a device id (integer) or a device name (non-empty string), got " +
+                          JsonChecker::shortDump(*it));
+        return false;
+    }
+    auto const path = value.find("path");
+    if (path == value.end()) {
+        return true;
+    }
+    if (!device.id) {
+        m_check.error(where + ".path", "a sub-device path needs a device id, not a device name");
+        return false;
+    }
+    bool valid = path->is_array();
+    for (std::size_t i = 0; valid && i < path->size(); ++i) {
+        valid = (*path)[i].is_number_unsigned() &&
+                (*path)[i].get<unsigned long long>() <= 0xFFFFFFFFULL;
+        if (valid) {
+            device.path.push_back((*path)[i].get<unsigned int>());
+        }
+    }
+    if (!valid) {
+        m_check.error(where + ".path",
+                      "expected an array of sub-device indexes (integers from 0), "
+                      "got " +
+                          JsonChecker::shortDump(*path));
+    }
+    return valid;
+}
+
+void MapParser::parseSourceKind(json const& value, std::string const& where, SourceSpec& source) {
+    if (value.contains("attribute")) {
+        source.kind = SourceKind::Attribute;
+        for (char const* key : {"channel", "data", "alarm"}) {
+            if (value.contains(key)) {
+                m_check.error(where + "." + key, "not allowed with \"attribute\"");
+            }
+        }
+        json const& attribute = value["attribute"];
+        if (attribute.is_number_unsigned() &&
+            attribute.get<unsigned long long>() <= 0xFFFFFFFFULL) {
+            source.attribute = static_cast<cdsapi::DeviceAttribute>(attribute.get<unsigned>());
+        } else if (auto const named = attribute.is_string()
+                                          ? attributeFromName(attribute.get<std::string>())
+                                          : std::nullopt) {
+            source.attribute = *named;
+        } else {
+            m_check.error(where + ".attribute", "expected an attribute number or one of " +
+                                                    joinChoices(attributeNames()) + ", got " +
+                                                    JsonChecker::shortDump(attribute));
+        }
+        return;
+    }
+    auto const channel = m_check.text(value, "channel", where, true);
+    source.channel = channel.value_or("");
+    if (auto const alarm = m_check.text(value, "alarm", where, false)) {
+        source.kind = SourceKind::Alarm;
+        if (value.contains("data")) {
+            m_check.error(where + ".data", "not allowed with \"alarm\"");
+        }
+        if (auto const type = alarmTypeFromName(*alarm)) {
+            source.alarmType = *type;
+        } else {
+            m_check.error(where + ".alarm", "unknown alarm type " + quoted(*alarm) + "; expected " +
+                                                joinChoices(alarmTypeNames()));
+        }
+        return;
+    }
+    if (auto const data = m_check.text(value, "data", where, false)) {
+        if (auto const type = dataTypeFromName(*data)) {
+            source.dataType = *type;
+        } else {
+            m_check.error(where + ".data", "unknown data " + quoted(*data) + "; expected " +
+                                               joinChoices(dataTypeNames()));
+        }
+    }
+}
+
+std::string unitOf(Table table) {
+    return isRegisterTable(table) ? "registers" : "discretes";
+}
+
+/* Whether the encoder suits the table and the entry fits inside it. */
+bool MapParser::checkFit(EntrySpec const& spec) {
+    if (isRegisterEncoder(spec.encoder) != isRegisterTable(spec.table)) {
+        m_check.error(spec.path,
+                      std::string("encoder \"") + encoderName(spec.encoder) +
+                          "\" cannot be served from " + tableName(spec.table) + "; it needs " +
+                          (isRegisterEncoder(spec.encoder) ? "holding-registers or input-registers"
+                                                           : "coils or discrete-inputs"));
+        return false;
+    }
+    CompositeFunction const* function = findCompositeFunction(spec.function);
+    if (function != nullptr && !function->writable && isWritableTable(spec.table)) {
+        m_check.error(spec.path + ".function",
+                      "function \"" + spec.function + "\" is read-only; serve it from " +
+                          (function->registers ? "input-registers" : "discrete-inputs"));
+        return false;
+    }
+    if (spec.end() > kTableSize) {
+        m_check.error(spec.path, std::string(tableName(spec.table)) + " " +
+                                     std::to_string(spec.address) + ".." +
+                                     std::to_string(spec.end() - 1) +
+                                     " run past the end of the table (last address 65535)");
+        return false;
+    }
+    bool const registers = isRegisterTable(spec.table);
+    bool const writable = isWritableTable(spec.table);
+    long long const limit = registers ? (writable ? kMaxWriteRegisters : kMaxReadRegisters)
+                                      : (writable ? kMaxWriteBits : kMaxReadBits);
+    if (spec.size > limit) {
+        m_check.error(spec.path + ".size", std::to_string(spec.size) + " " + unitOf(spec.table) +
+                                               " do not fit in one request to " +
+                                               tableName(spec.table) + " (at most " +
+                                               std::to_string(limit) + ")");
+        return false;
+    }
+    return true;
+}
+
+void MapParser::checkOverlaps(std::vector<EntrySpec> const& entries) {
+    std::map<Table, std::vector<EntrySpec const*>> byTable;
+    for (auto const& entry : entries) {
+        byTable[entry.table].push_back(&entry);
+    }
+    for (auto& [table, list] : byTable) {
+        std::stable_sort(list.begin(), list.end(),
+                         [](auto const* a, auto const* b) { return a->address < b->address; });
+        EntrySpec const* reach = nullptr;  // the entry that reaches furthest so far
+        for (EntrySpec const* entry : list) {
+            if (reach != nullptr && entry->address < reach->end()) {
+                m_check.error(entry->path, "\"" + entry->name + "\" at " + tableName(table) + " " +
+                                               std::to_string(entry->address) + ".." +
+                                               std::to_string(entry->end() - 1) + " overlaps " +
+                                               reach->path + " \"" + reach->name + "\" at " +
+                                               std::to_string(reach->address) + ".." +
+                                               std::to_string(reach->end() - 1));
+            }
+            if (reach == nullptr || entry->end() > reach->end()) {
+                reach = entry;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+MapError::MapError(std::vector<std::string> errors)
+    : std::runtime_error(errors.empty() ? std::string("invalid register map")
+                                        : "invalid register map: " + errors.front()),
+      m_errors(std::move(errors)) {}
+
+RegisterMapSpec parseRegisterMap(std::string const& text) {
+    json root;
+    try {
+        root = json::parse(text);
+    } catch (json::parse_error const& error) {
+        throw MapError({std::string("map: not valid JSON: ") + error.what()});
+    }
+    MapParser parser;
+    RegisterMapSpec map = parser.parse(root);
+    if (!parser.errors().empty()) {
+        throw MapError(parser.errors());
+    }
+    return map;
+}
+
+std::string readTextFile(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw std::runtime_error("cannot read " + path);
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,29 @@
+// Reads a register map file and checks it completely before anything is
+// served: every error is collected, each naming the entry and what is wrong.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "MapModel.h"
+
+namespace tarsel::daemon {
+
+/* A map that cannot be served; errors() lists every problem found. */
+class MapError : public std::runtime_error {
+  public:
+    explicit MapError(std::vector<std::string> errors);
+    std::vector<std::string> const& errors() const { return m_errors; }
+
+  private:
+    std::vector<std::string> m_errors;
+};
+
+/* Parses and validates the JSON text of a map; throws MapError. */
+RegisterMapSpec parseRegisterMap(std::string const& text);
+
+/* Reads a file; throws std::runtime_error when it cannot be read. */
+std::string readTextFile(std::string const& path);
+
+}  // namespace tarsel::daemon

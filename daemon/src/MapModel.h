@@ -1,0 +1,117 @@
+// What a register map file describes, once parsed and validated: plain data,
+// no data-store objects yet.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cdsapi/types.h"
+#include "modbus/CdsAlarmToOneDiscreteAccessor.h"
+#include "modbus/CdsChannelAccessor.h"
+#include "modbus/CdsUint32ToOneRegisterAccessor.h"
+
+namespace tarsel::daemon {
+
+/* The four Modbus data tables. */
+enum class Table { Coils, DiscreteInputs, HoldingRegisters, InputRegisters };
+
+/* Every encoder a map entry can name. */
+enum class EncoderKind {
+    Float,               // CdsFloatAccessor
+    Int32,               // CdsInt32Accessor
+    Uint32,              // CdsUint32Accessor
+    Float16,             // CdsFloatToOneRegisterAccessor
+    Int16,               // CdsInt32ToOneRegisterAccessor
+    Uint16,              // CdsUint32ToOneRegisterAccessor
+    String,              // CdsStringAccessor
+    NumericString,       // CdsStringToOneRegisterAccessor
+    Boolean,             // CdsBooleanToOneDiscreteAccessor
+    CompositeRegisters,  // CdsDataToRegistersAccessor
+    CompositeDiscretes,  // CdsDataToDiscretesAccessor
+};
+
+/* A device of the data store: by id (optionally followed by a path of
+ * sub-device indexes) or by name. */
+struct DeviceRef {
+    std::optional<unsigned long long> id;
+    std::string name;
+    std::vector<unsigned int> path;
+};
+
+enum class SourceKind { Channel, Attribute, Alarm };
+
+/* One data accessor of an entry. */
+struct SourceSpec {
+    SourceKind kind = SourceKind::Channel;
+    DeviceRef device;
+    std::string channel;                                     // Channel, Alarm
+    modbus::DataType dataType = modbus::DataType::Value;     // Channel
+    cdsapi::DeviceAttribute attribute{};                     // Attribute
+    modbus::AlarmType alarmType = modbus::AlarmTypeTrigger;  // Alarm
+};
+
+/* What a read of an entry whose value is not available answers. */
+struct UnavailablePolicy {
+    enum class Mode { Sentinel, Exception };
+    Mode mode = Mode::Sentinel;
+    // 0xFFFF reads as NaN in a float pair, as -1 or the maximum in integers,
+    // and is outside every scaled value the shipped map produces.
+    std::uint16_t word = 0xFFFF;
+    std::uint8_t code = 4;  // Server Device Failure
+};
+
+struct EntrySpec {
+    std::string name;
+    std::string path;  // where the entry stands in the file, e.g. "entries[3]"
+    Table table = Table::HoldingRegisters;
+    std::uint16_t address = 0;
+    std::uint16_t size = 1;  // registers or discretes
+    EncoderKind encoder = EncoderKind::Float;
+    std::vector<SourceSpec> sources;  // one, except for the composites
+    float multiplier = 1.0f;
+    float offset = 0.0f;
+    std::uint16_t byteOrder = 0;
+    bool useBitmask = false;  // the Uint16 constructor with bitmask and default
+    modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
+    std::uint32_t mask = 0;
+    std::optional<unsigned int> defaultValue;
+    bool invert = false;
+    std::string function;     // composites
+    std::string description;  // composite-registers: the representation label
+    UnavailablePolicy unavailable;
+
+    /* First address past the entry. */
+    std::uint32_t end() const { return std::uint32_t{address} + size; }
+};
+
+struct RegisterMapSpec {
+    std::string description;
+    UnavailablePolicy unavailable;
+    std::vector<EntrySpec> entries;
+};
+
+// ---- Names as they stand in map files and in the description --------------
+
+char const* tableName(Table table);
+char const* encoderName(EncoderKind kind);
+bool isRegisterTable(Table table);
+bool isWritableTable(Table table);
+bool isRegisterEncoder(EncoderKind kind);
+std::optional<Table> tableFromName(std::string const& name);
+std::optional<EncoderKind> encoderFromName(std::string const& name);
+std::optional<modbus::DataType> dataTypeFromName(std::string const& name);
+std::optional<cdsapi::DeviceAttribute> attributeFromName(std::string const& name);
+std::optional<modbus::AlarmType> alarmTypeFromName(std::string const& name);
+std::vector<std::string> tableNames();
+std::vector<std::string> encoderNames();
+std::vector<std::string> dataTypeNames();
+std::vector<std::string> attributeNames();
+std::vector<std::string> alarmTypeNames();
+
+/* "device 2 path [0] channel \"Outlet.Current\"", for the description. */
+std::string describeSource(SourceSpec const& source);
+std::string describeDevice(DeviceRef const& device);
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,135 @@
+#include "Options.h"
+
+#include <cmath>
+#include <stdexcept>
+
+namespace tarsel::daemon {
+
+namespace {
+
+long long integerArgument(std::string const& option, std::string const& text, long long min,
+                          long long max) {
+    std::size_t used = 0;
+    long long value = 0;
+    try {
+        value = std::stoll(text, &used);
+    } catch (std::exception const&) {
+        used = 0;
+    }
+    if (used != text.size() || text.empty() || value < min || value > max) {
+        throw std::invalid_argument(option + " expects an integer from " + std::to_string(min) +
+                                    " to " + std::to_string(max) + ", got \"" + text + "\"");
+    }
+    return value;
+}
+
+double secondsArgument(std::string const& option, std::string const& text) {
+    std::size_t used = 0;
+    double value = -1;
+    try {
+        value = std::stod(text, &used);
+    } catch (std::exception const&) {
+        used = 0;
+    }
+    if (used != text.size() || text.empty() || !std::isfinite(value) || value < 0) {
+        throw std::invalid_argument(option + " expects a number of seconds, got \"" + text + "\"");
+    }
+    return value;
+}
+
+/* Splits "--name=value" and takes the value of "--name value". */
+struct Argument {
+    std::string name;
+    std::optional<std::string> value;
+};
+
+Argument split(std::string const& arg) {
+    auto const equals = arg.find('=');
+    if (equals == std::string::npos) {
+        return {arg, std::nullopt};
+    }
+    return {arg.substr(0, equals), arg.substr(equals + 1)};
+}
+
+}  // namespace
+
+Options parseOptions(std::vector<std::string> const& args) {
+    Options options;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        Argument arg = split(args[i]);
+        auto value = [&]() -> std::string {
+            if (arg.value) {
+                return *arg.value;
+            }
+            if (i + 1 >= args.size()) {
+                throw std::invalid_argument(arg.name + " needs a value");
+            }
+            return args[++i];
+        };
+        if (arg.name == "--help" || arg.name == "-h") {
+            options.help = true;
+        } else if (arg.name == "--verbose" || arg.name == "-v") {
+            options.verbose = true;
+        } else if (arg.name == "--check") {
+            options.check = true;
+        } else if (arg.name == "--describe") {
+            std::string const format = arg.value.value_or("markdown");
+            options.describe = describeFormatFromName(format);
+            if (!options.describe) {
+                throw std::invalid_argument("--describe expects markdown, csv or json, got \"" +
+                                            format + "\"");
+            }
+        } else if (arg.name == "--describe-at") {
+            options.describeAt = secondsArgument(arg.name, value());
+        } else if (arg.name == "--map") {
+            options.mapFile = value();
+        } else if (arg.name == "--scenario") {
+            options.scenarioFile = value();
+        } else if (arg.name == "--listen") {
+            options.listen = value();
+        } else if (arg.name == "--port") {
+            options.port = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
+        } else if (arg.name == "--unit-id") {
+            options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
+        } else if (arg.name == "--run-seconds") {
+            options.runSeconds = secondsArgument(arg.name, value());
+        } else {
+            throw std::invalid_argument("unknown option \"" + args[i] + "\" (see --help)");
+        }
+    }
+    return options;
+}
+
+std::string usage() {
+    return R"(Usage: tarsel-modbusd [options]
+
+Serves a UPS register map over Modbus TCP from the simulated data store.
+Without --map and --scenario it serves the built-in UPS map and scenario.
+
+Options:
+  --map FILE            register map (JSON); default: the built-in UPS map
+  --scenario FILE       scenario for the simulated data store (JSON);
+                        "none" starts from an empty store; default: built-in
+  --listen ADDR         address to listen on (default 127.0.0.1)
+  --port N              TCP port (default 1502; 0 picks a free port, logged)
+  --unit-id N           Modbus unit id served, 1..247 (default 1); 0 and 255
+                        are accepted too
+  --run-seconds N       stop by itself after N seconds (default: run until
+                        SIGINT or SIGTERM)
+  --verbose, -v         log pushes, writes, exceptions and scenario steps
+  --describe[=FORMAT]   print the register-map description and exit;
+                        FORMAT is markdown (default), csv or json
+  --describe-at N       play the first N seconds of the scenario before
+                        describing (default 0)
+  --check               check the map and the scenario, list every error, exit
+  --help, -h            this text
+
+Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGUSR1 logs the
+register-map description.
+
+Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad
+command line, map or scenario.
+)";
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,31 @@
+// The command line of tarsel-modbusd.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Describe.h"
+
+namespace tarsel::daemon {
+
+struct Options {
+    std::string mapFile;       // empty: the built-in UPS map
+    std::string scenarioFile;  // empty: the built-in scenario; "none": an empty store
+    std::string listen = "127.0.0.1";
+    int port = 1502;
+    int unitId = 1;
+    double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
+    bool verbose = false;
+    bool help = false;
+    bool check = false;  // validate the map and the scenario, then exit
+    std::optional<DescribeFormat> describe;
+    double describeAt = 0.0;  // seconds of scenario played before describing
+};
+
+/* Parses argv; throws std::invalid_argument with a message for the user. */
+Options parseOptions(std::vector<std::string> const& args);
+
+std::string usage();
+
+}  // namespace tarsel::daemon

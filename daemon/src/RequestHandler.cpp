@@ -1,0 +1,260 @@
+#include "RequestHandler.h"
+
+#include <exception>
+#include <optional>
+
+namespace tarsel::daemon {
+
+namespace {
+
+namespace ec = exception_code;
+
+constexpr std::size_t kHeaderLength = 7;  // transaction, protocol, length, unit id
+
+enum Function : std::uint8_t {
+    kReadCoils = 1,
+    kReadDiscreteInputs = 2,
+    kReadHoldingRegisters = 3,
+    kReadInputRegisters = 4,
+    kWriteSingleCoil = 5,
+    kWriteSingleRegister = 6,
+    kWriteMultipleCoils = 15,
+    kWriteMultipleRegisters = 16,
+};
+
+std::uint16_t word(std::uint8_t const* p) {
+    return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
+}
+
+std::optional<Table> tableOf(std::uint8_t function) {
+    switch (function) {
+        case kReadCoils:
+        case kWriteSingleCoil:
+        case kWriteMultipleCoils:
+            return Table::Coils;
+        case kReadDiscreteInputs:
+            return Table::DiscreteInputs;
+        case kReadHoldingRegisters:
+        case kWriteSingleRegister:
+        case kWriteMultipleRegisters:
+            return Table::HoldingRegisters;
+        case kReadInputRegisters:
+            return Table::InputRegisters;
+        default:
+            return std::nullopt;
+    }
+}
+
+/* The protocol's limits on the quantity of one request. */
+std::uint16_t maxQuantity(std::uint8_t function) {
+    switch (function) {
+        case kReadCoils:
+        case kReadDiscreteInputs:
+            return 2000;
+        case kReadHoldingRegisters:
+        case kReadInputRegisters:
+            return 125;
+        case kWriteMultipleCoils:
+            return 1968;
+        case kWriteMultipleRegisters:
+            return 123;
+        default:
+            return 1;
+    }
+}
+
+Answer refuse(Answer answer, std::uint8_t code) {
+    answer.exception = code;
+    answer.registers.clear();
+    answer.bits.clear();
+    return answer;
+}
+
+bool available(ServedEntry const& entry) {
+    auto const& encoder = entry.encoder;
+    return encoder.registers ? encoder.registers->isDataAvailable()
+                             : encoder.discretes->isDataAvailable();
+}
+
+/* The values a write carries, one word per register or per coil. */
+std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
+                                                        std::uint8_t const* pdu, std::size_t length,
+                                                        std::uint16_t count) {
+    if (function == kWriteSingleRegister) {
+        return std::vector<std::uint16_t>{word(pdu + 3)};
+    }
+    if (function == kWriteSingleCoil) {
+        std::uint16_t const value = word(pdu + 3);
+        if (value != 0xFF00 && value != 0x0000) {
+            return std::nullopt;
+        }
+        return std::vector<std::uint16_t>{static_cast<std::uint16_t>(value == 0xFF00)};
+    }
+    std::size_t const byteCount = length > 5 ? pdu[5] : 0;
+    bool const registers = function == kWriteMultipleRegisters;
+    std::size_t const expected = registers ? count * 2u : (count + 7u) / 8u;
+    if (length < 6 || byteCount != expected || length != 6 + byteCount) {
+        return std::nullopt;
+    }
+    std::vector<std::uint16_t> values;
+    for (std::size_t i = 0; i < count; ++i) {
+        values.push_back(registers ? word(pdu + 6 + 2 * i)
+                                   : static_cast<std::uint16_t>((pdu[6 + i / 8] >> (i % 8)) & 1));
+    }
+    return values;
+}
+
+}  // namespace
+
+Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
+    Answer answer;
+    if (length < kHeaderLength + 1) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    std::uint8_t const unit = frame[6];
+    std::uint8_t const* pdu = frame + kHeaderLength;
+    std::size_t const pduLength = length - kHeaderLength;
+    answer.function = pdu[0];
+    // 0 and 255 are how Modbus TCP clients address "the server itself".
+    if (unit != m_unitId && unit != 0 && unit != 0xFF) {
+        return refuse(answer, ec::kGatewayTargetFailed);
+    }
+    if (!m_availability.isAvailable()) {
+        return refuse(answer, ec::kGatewayPathUnavailable);
+    }
+    if (!tableOf(answer.function)) {
+        return refuse(answer, ec::kIllegalFunction);
+    }
+    if (pduLength < 5) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    answer.address = word(pdu + 1);
+    bool const single =
+        answer.function == kWriteSingleCoil || answer.function == kWriteSingleRegister;
+    answer.quantity = single ? 1 : word(pdu + 3);
+    if (answer.quantity == 0 || answer.quantity > maxQuantity(answer.function)) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    if (std::uint32_t{answer.address} + answer.quantity > 0x10000) {
+        return refuse(answer, ec::kIllegalDataAddress);
+    }
+    return answer.function <= kReadInputRegisters ? read(answer, pduLength)
+                                                  : write(answer, pdu, pduLength);
+}
+
+Answer RequestHandler::read(Answer answer, std::size_t length) {
+    if (length != 5) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    Table const table = *tableOf(answer.function);
+    Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, false);
+    if (coverage.exception != 0) {
+        return refuse(answer, coverage.exception);
+    }
+    // Holes between entries read as 0.
+    if (isRegisterTable(table)) {
+        answer.registers.assign(answer.quantity, 0);
+    } else {
+        answer.bits.assign(answer.quantity, 0);
+    }
+    for (ServedEntry const* entry : coverage.entries) {
+        if (std::uint8_t const code = readEntry(*entry, answer)) {
+            return refuse(answer, code);
+        }
+    }
+    return answer;
+}
+
+/* Copies one entry's value into the answer; returns an exception code or 0. */
+std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
+    std::size_t const offset = entry.spec.address - answer.address;
+    bool const registers = isRegisterTable(entry.spec.table);
+    std::vector<std::uint16_t> words;
+    try {
+        if (!available(entry)) {
+            UnavailablePolicy const& policy = entry.spec.unavailable;
+            if (policy.mode == UnavailablePolicy::Mode::Exception) {
+                return policy.code;
+            }
+            // A discrete has no room for a sentinel: it reads as 0.
+            words.assign(entry.spec.size, registers ? policy.word : 0);
+        } else if (entry.encoder.registers) {
+            words = entry.encoder.registers->getData();
+        } else {
+            auto const bits = entry.encoder.discretes->getData();
+            words.assign(bits.begin(), bits.end());
+        }
+    } catch (std::exception const& error) {
+        return failure(entry, "read", error.what());
+    }
+    words = fitToSize(std::move(words), entry.spec.size);
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (registers) {
+            answer.registers[offset + i] = words[i];
+        } else {
+            answer.bits[offset + i] = words[i] != 0 ? 1 : 0;
+        }
+    }
+    return 0;
+}
+
+Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t length) {
+    bool const single =
+        answer.function == kWriteSingleCoil || answer.function == kWriteSingleRegister;
+    if (single && length != 5) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    auto const values = writtenValues(answer.function, pdu, length, answer.quantity);
+    if (!values) {
+        return refuse(answer, ec::kIllegalDataValue);
+    }
+    Table const table = *tableOf(answer.function);
+    Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
+    if (coverage.exception != 0) {
+        return refuse(answer, coverage.exception);
+    }
+    // Nothing is written unless every entry can take its part: a write the
+    // library would drop silently is refused instead.
+    for (ServedEntry const* entry : coverage.entries) {
+        if (!available(*entry)) {
+            UnavailablePolicy const& policy = entry->spec.unavailable;
+            return refuse(answer, policy.mode == UnavailablePolicy::Mode::Exception
+                                      ? policy.code
+                                      : ec::kServerDeviceFailure);
+        }
+    }
+    for (ServedEntry* entry : coverage.entries) {
+        if (std::uint8_t const code = writeEntry(*entry, *values, answer.address)) {
+            return refuse(answer, code);
+        }
+    }
+    return answer;
+}
+
+std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
+                                        std::size_t start) {
+    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
+    std::vector<std::uint16_t> const part(first, first + entry.spec.size);
+    try {
+        if (entry.encoder.registers) {
+            entry.encoder.registers->setData(part);
+        } else {
+            entry.encoder.discretes->setData(std::vector<std::uint8_t>(part.begin(), part.end()));
+        }
+    } catch (std::exception const& error) {
+        return failure(entry, "write", error.what());
+    }
+    m_log.debug("wrote " + std::string(tableName(entry.spec.table)) + " " +
+                std::to_string(entry.spec.address) + " \"" + entry.spec.name + "\" " +
+                hexWords(part));
+    return 0;
+}
+
+std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* operation,
+                                     char const* what) {
+    m_log.error(entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
+                " failed: " + what + "; answered Server Device Failure");
+    return ec::kServerDeviceFailure;
+}
+
+}  // namespace tarsel::daemon

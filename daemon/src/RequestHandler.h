@@ -1,0 +1,59 @@
+// Decides the answer to one Modbus TCP request: which encoders to read or
+// write, or which exception to send. Knows nothing of sockets.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "Log.h"
+#include "ServedMap.h"
+#include "modbus/MapAvailableAccessor.h"
+
+namespace tarsel::daemon {
+
+/* Standard Modbus exception codes the daemon answers with. */
+namespace exception_code {
+constexpr std::uint8_t kIllegalFunction = 0x01;
+constexpr std::uint8_t kIllegalDataAddress = 0x02;
+constexpr std::uint8_t kIllegalDataValue = 0x03;
+constexpr std::uint8_t kServerDeviceFailure = 0x04;
+constexpr std::uint8_t kGatewayPathUnavailable = 0x0A;
+constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
+}  // namespace exception_code
+
+/* The answer to one request: an exception, or the data of the range (for a
+ * write, the range written, which the reply echoes). */
+struct Answer {
+    std::uint8_t exception = 0;
+    std::uint8_t function = 0;
+    std::uint16_t address = 0;
+    std::uint16_t quantity = 0;
+    std::vector<std::uint16_t> registers;  // reads of registers
+    std::vector<std::uint8_t> bits;        // reads of coils and discrete inputs
+};
+
+class RequestHandler {
+  public:
+    RequestHandler(ServedMap& map, modbus::MapAvailableAccessor& availability, Log& log,
+                   std::uint8_t unitId)
+        : m_map(map), m_availability(availability), m_log(log), m_unitId(unitId) {}
+
+    /* A whole Modbus TCP frame (7-byte header, then the PDU). */
+    Answer handle(std::uint8_t const* frame, std::size_t length);
+
+  private:
+    Answer read(Answer answer, std::size_t length);
+    Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
+    std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
+    std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
+                            std::size_t offset);
+    std::uint8_t failure(ServedEntry const& entry, char const* operation, char const* what);
+
+    ServedMap& m_map;
+    modbus::MapAvailableAccessor& m_availability;
+    Log& m_log;
+    std::uint8_t m_unitId;
+};
+
+}  // namespace tarsel::daemon

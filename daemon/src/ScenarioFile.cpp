@@ -1,0 +1,356 @@
+// Reading and checking scenario files.
+#include <map>
+#include <set>
+
+#include "JsonChecks.h"
+#include "MapModel.h"
+#include "Scenario.h"
+
+namespace tarsel::daemon {
+
+namespace {
+
+using json = nlohmann::json;
+
+std::map<std::string, std::set<std::string>> const& actionFields() {
+    static std::map<std::string, std::set<std::string>> const fields = {
+        {"add-device", {"device", "parent", "parentPath", "parentChanged"}},
+        {"remove-device", {"device", "path"}},
+        {"rename-device", {"device", "path", "name"}},
+        {"set-channel", {"device", "path", "channel", "value", "values"}},
+        {"add-channel", {"device", "path", "channel", "value"}},
+        {"remove-channel", {"device", "path", "channel"}},
+        {"set-attribute", {"device", "path", "attribute", "value", "values"}},
+        {"raise-alarm", {"device", "path", "channel", "level", "direction"}},
+        {"clear-alarm", {"device", "path", "channel"}},
+        {"alarm-settings", {"device", "path", "channel", "settings"}},
+        {"notify-device", {"device", "path", "event"}},
+        {"log", {"text"}},
+    };
+    return fields;
+}
+
+class ScenarioChecker {
+  public:
+    Scenario parse(json const& root);
+    std::vector<std::string> const& errors() const { return m_check.errors(); }
+
+  private:
+    void checkDevice(json const& device, std::string const& where);
+    void checkDeviceRef(json const& body, char const* key, std::string const& where);
+    void checkValue(json const& value, std::string const& where);
+    void checkValues(json const& body, std::string const& where, bool required);
+    void checkSettings(json const& settings, std::string const& where);
+    std::optional<ScenarioEvent> checkEvent(json const& value, std::string const& where);
+    void checkAction(ScenarioEvent const& event);
+
+    JsonChecker m_check;
+};
+
+Scenario ScenarioChecker::parse(json const& root) {
+    Scenario scenario;
+    if (!m_check.expectObject(root, "scenario")) {
+        return scenario;
+    }
+    m_check.unknownFields(root, "", {"description", "comment", "devices", "events"},
+                          " of the scenario");
+    scenario.description = m_check.text(root, "description", "", false).value_or("");
+    if (root.contains("devices")) {
+        if (root["devices"].is_array()) {
+            scenario.devices = root["devices"];
+            for (std::size_t i = 0; i < root["devices"].size(); ++i) {
+                checkDevice(root["devices"][i], "devices[" + std::to_string(i) + "]");
+            }
+        } else {
+            m_check.error("devices", "expected an array of devices");
+        }
+    }
+    if (root.contains("events") && !root["events"].is_array()) {
+        m_check.error("events", "expected an array of events");
+    } else if (root.contains("events")) {
+        for (std::size_t i = 0; i < root["events"].size(); ++i) {
+            if (auto event = checkEvent(root["events"][i], "events[" + std::to_string(i) + "]")) {
+                scenario.events.push_back(std::move(*event));
+            }
+        }
+    }
+    return scenario;
+}
+
+void ScenarioChecker::checkDevice(json const& device, std::string const& where) {
+    if (!m_check.expectObject(device, where)) {
+        return;
+    }
+    m_check.unknownFields(
+        device, where, {"id", "name", "attributes", "channels", "alarms", "subDevices", "comment"},
+        " of a device");
+    m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
+    m_check.text(device, "name", where, true);
+    if (device.contains("attributes")) {
+        json const& attributes = device["attributes"];
+        if (!m_check.expectObject(attributes, where + ".attributes")) {
+            return;
+        }
+        for (auto const& item : attributes.items()) {
+            if (!attributeFromName(item.key())) {
+                m_check.error(where + ".attributes." + item.key(), "unknown attribute");
+            }
+            if (!item.value().is_string()) {
+                m_check.error(where + ".attributes." + item.key(), "expected a string");
+            }
+        }
+    }
+    if (device.contains("channels") &&
+        m_check.expectObject(device["channels"], where + ".channels")) {
+        for (auto const& item : device["channels"].items()) {
+            checkValue(item.value(), where + ".channels." + item.key());
+        }
+    }
+    if (device.contains("alarms") && m_check.expectObject(device["alarms"], where + ".alarms")) {
+        for (auto const& item : device["alarms"].items()) {
+            checkSettings(item.value(), where + ".alarms." + item.key());
+        }
+    }
+    if (device.contains("subDevices")) {
+        json const& subs = device["subDevices"];
+        if (!subs.is_array()) {
+            m_check.error(where + ".subDevices", "expected an array of devices");
+            return;
+        }
+        for (std::size_t i = 0; i < subs.size(); ++i) {
+            checkDevice(subs[i], where + ".subDevices[" + std::to_string(i) + "]");
+        }
+    }
+}
+
+void ScenarioChecker::checkDeviceRef(json const& body, char const* key, std::string const& where) {
+    auto const it = body.find(key);
+    if (it == body.end()) {
+        m_check.error(where, std::string("missing field \"") + key + "\"");
+    } else if (!it->is_number_unsigned() && !(it->is_string() && !it->get<std::string>().empty())) {
+        m_check.error(JsonChecker::field(where, key),
+                      "expected a device id or a device name, got " + JsonChecker::shortDump(*it));
+    }
+}
+
+void ScenarioChecker::checkValue(json const& value, std::string const& where) {
+    try {
+        valueFromJson(value);
+    } catch (std::exception const& error) {
+        m_check.error(where, error.what());
+    }
+}
+
+void ScenarioChecker::checkValues(json const& body, std::string const& where, bool required) {
+    bool const one = body.contains("value");
+    bool const many = body.contains("values");
+    if (one == many && (required || one)) {
+        m_check.error(where, "needs exactly one of \"value\" and \"values\"");
+        return;
+    }
+    if (one) {
+        checkValue(body["value"], where + ".value");
+    } else if (many && (!body["values"].is_array() || body["values"].empty())) {
+        m_check.error(where + ".values", "expected a non-empty array");
+    } else if (many) {
+        for (std::size_t i = 0; i < body["values"].size(); ++i) {
+            checkValue(body["values"][i], where + ".values[" + std::to_string(i) + "]");
+        }
+    }
+}
+
+void ScenarioChecker::checkSettings(json const& settings, std::string const& where) {
+    if (!m_check.expectObject(settings, where)) {
+        return;
+    }
+    m_check.unknownFields(settings, where,
+                          {"enabled", "thresholds", "thresholdFlag", "hysteresis", "level"},
+                          " of alarm settings");
+    m_check.boolean(settings, "enabled", where, false);
+    m_check.boolean(settings, "thresholdFlag", where, false);
+    m_check.number(settings, "hysteresis", where, false);
+    m_check.integer(settings, "level", where, -2147483648LL, 2147483647LL, false);
+    if (settings.contains("thresholds")) {
+        json const& thresholds = settings["thresholds"];
+        bool valid = thresholds.is_array() && thresholds.size() == 4;
+        for (std::size_t i = 0; valid && i < 4; ++i) {
+            valid = thresholds[i].is_number();
+        }
+        if (!valid) {
+            m_check.error(where + ".thresholds", "expected an array of 4 numbers");
+        }
+    }
+}
+
+std::optional<ScenarioEvent> ScenarioChecker::checkEvent(json const& value,
+                                                         std::string const& where) {
+    if (!m_check.expectObject(value, where)) {
+        return std::nullopt;
+    }
+    ScenarioEvent event;
+    event.path = where;
+    event.body = value;
+    std::size_t const before = m_check.errors().size();
+    event.at = m_check.number(value, "at", where, true).value_or(0.0);
+    event.every = m_check.number(value, "every", where, false).value_or(0.0);
+    if (event.at < 0 || event.every < 0) {
+        m_check.error(where, "\"at\" and \"every\" must not be negative");
+    }
+    auto const times = m_check.integer(value, "times", where, 0, 1000000000, false);
+    event.times = times ? static_cast<std::size_t>(*times) : (event.every > 0 ? 0 : 1);
+    if (event.times == 0 && event.every <= 0) {
+        m_check.error(where + ".times", "0 (for ever) needs a positive \"every\"");
+    }
+    event.action = m_check.text(value, "do", where, true).value_or("");
+    auto const fields = actionFields().find(event.action);
+    if (fields == actionFields().end()) {
+        if (value.contains("do")) {
+            std::vector<std::string> names = scenarioActions();
+            m_check.error(where + ".do", "unknown action \"" + event.action + "\"; expected " +
+                                             joinChoices(names));
+        }
+        return std::nullopt;
+    }
+    auto allowed = fields->second;
+    allowed.insert({"at", "every", "times", "do", "comment"});
+    m_check.unknownFields(value, where, allowed, " for action \"" + event.action + "\"");
+    checkAction(event);
+    if (m_check.errors().size() != before) {
+        return std::nullopt;
+    }
+    return event;
+}
+
+void ScenarioChecker::checkAction(ScenarioEvent const& event) {
+    json const& body = event.body;
+    std::string const& where = event.path;
+    std::string const& action = event.action;
+    if (action == "log") {
+        m_check.text(body, "text", where, true);
+        return;
+    }
+    if (action == "add-device") {
+        if (!body.contains("device")) {
+            m_check.error(where, "missing field \"device\"");
+        } else {
+            checkDevice(body["device"], where + ".device");
+        }
+        if (body.contains("parent")) {
+            checkDeviceRef(body, "parent", where);
+        }
+        m_check.boolean(body, "parentChanged", where, false);
+        return;
+    }
+    checkDeviceRef(body, "device", where);
+    if (action.find("channel") != std::string::npos || action.find("alarm") != std::string::npos) {
+        m_check.text(body, "channel", where, true);
+    }
+    if (action == "set-channel" || action == "set-attribute") {
+        checkValues(body, where, true);
+    } else if (action == "add-channel") {
+        checkValues(body, where, false);
+    } else if (action == "rename-device") {
+        m_check.text(body, "name", where, true);
+    } else if (action == "notify-device") {
+        auto const kind = m_check.text(body, "event", where, true);
+        if (kind && *kind != "created" && *kind != "changed") {
+            m_check.error(where + ".event", "expected \"created\" or \"changed\"");
+        }
+    } else if (action == "raise-alarm") {
+        m_check.integer(body, "level", where, -2147483648LL, 2147483647LL, true);
+        m_check.boolean(body, "direction", where, false);
+    } else if (action == "alarm-settings") {
+        if (!body.contains("settings")) {
+            m_check.error(where, "missing field \"settings\"");
+        } else {
+            checkSettings(body["settings"], where + ".settings");
+        }
+    }
+    if (action == "set-attribute" && body.contains("attribute")) {
+        json const& attribute = body["attribute"];
+        if (!attribute.is_number_unsigned() &&
+            !(attribute.is_string() && attributeFromName(attribute.get<std::string>()))) {
+            m_check.error(where + ".attribute", "expected an attribute number or one of " +
+                                                    joinChoices(attributeNames()));
+        }
+    } else if (action == "set-attribute") {
+        m_check.error(where, "missing field \"attribute\"");
+    }
+}
+
+}  // namespace
+
+ScenarioError::ScenarioError(std::vector<std::string> errors)
+    : std::runtime_error(errors.empty() ? std::string("invalid scenario")
+                                        : "invalid scenario: " + errors.front()),
+      m_errors(std::move(errors)) {}
+
+std::vector<std::string> scenarioActions() {
+    std::vector<std::string> names;
+    for (auto const& item : actionFields()) {
+        names.push_back(item.first);
+    }
+    return names;
+}
+
+Scenario parseScenario(std::string const& text) {
+    json root;
+    try {
+        root = json::parse(text);
+    } catch (json::parse_error const& error) {
+        throw ScenarioError({std::string("scenario: not valid JSON: ") + error.what()});
+    }
+    ScenarioChecker checker;
+    Scenario scenario = checker.parse(root);
+    if (!checker.errors().empty()) {
+        throw ScenarioError(checker.errors());
+    }
+    return scenario;
+}
+
+kq::CValue valueFromJson(json const& value) {
+    if (value.is_boolean()) {
+        return kq::CValue(value.get<bool>());
+    }
+    if (value.is_number_integer()) {
+        long long const number = value.get<long long>();
+        if (number >= -2147483648LL && number <= 2147483647LL) {
+            return kq::CValue(static_cast<int>(number));
+        }
+        return kq::CValue(number);
+    }
+    if (value.is_number()) {
+        return kq::CValue(value.get<float>());
+    }
+    if (value.is_string()) {
+        return kq::CValue(value.get<std::string>());
+    }
+    if (value.is_object() && value.size() == 1) {
+        auto const& [type, inner] = *value.items().begin();
+        if (type == "bool" && inner.is_boolean())
+            return kq::CValue(inner.get<bool>());
+        if (type == "int32" && inner.is_number_integer())
+            return kq::CValue(inner.get<int>());
+        if (type == "int64" && inner.is_number_integer())
+            return kq::CValue(inner.get<long long>());
+        if (type == "uint32" && inner.is_number_unsigned())
+            return kq::CValue(inner.get<unsigned>());
+        if (type == "uint64" && inner.is_number_unsigned())
+            return kq::CValue(inner.get<unsigned long long>());
+        if (type == "float" && inner.is_number())
+            return kq::CValue(inner.get<float>());
+        if (type == "double" && inner.is_number())
+            return kq::CValue(inner.get<double>());
+        if (type == "string" && inner.is_string())
+            return kq::CValue(inner.get<std::string>());
+    }
+    if (value.is_null()) {
+        return kq::CValue();
+    }
+    throw std::invalid_argument(
+        "expected a value: a bool, number or string, or one of {\"bool\"|\"int32\"|\"int64\"|"
+        "\"uint32\"|\"uint64\"|\"float\"|\"double\"|\"string\": value}, got " +
+        JsonChecker::shortDump(value));
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,142 @@
+#include "ServedMap.h"
+
+#include <exception>
+#include <stdexcept>
+
+#include "modbus/CdsStringAccessor.h"
+
+namespace tarsel::daemon {
+
+namespace {
+constexpr std::uint8_t kIllegalDataAddress = 2;
+}
+
+std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size) {
+    words.resize(size, 0);
+    return words;
+}
+
+ServedMap::ServedMap(RegisterMapSpec const& spec, Log& log) : m_log(log) {
+    for (auto const& entry : spec.entries) {
+        build(entry);
+    }
+}
+
+ServedMap::~ServedMap() {
+    while (!m_entries.empty()) {
+        m_entries.pop_back();
+    }
+}
+
+void ServedMap::build(EntrySpec const& spec) {
+    auto entry = std::make_unique<ServedEntry>(spec);
+    try {
+        entry->encoder = makeEncoder(entry->spec);
+    } catch (std::exception const& error) {
+        // A device attribute found by name needs its device when it is built.
+        throw std::runtime_error(spec.path + " \"" + spec.name +
+                                 "\" cannot be built: " + error.what());
+    }
+    listen(*entry);
+    seedImage(*entry);
+    m_index[spec.table][spec.address] = entry.get();
+    m_entries.push_back(std::move(entry));
+}
+
+void ServedMap::listen(ServedEntry& entry) {
+    ServedEntry* target = &entry;
+    if (auto* registers = entry.encoder.registers.get()) {
+        registers->setCallback(
+            [this, target](std::vector<uint16_t> const& words) { recordPush(*target, words); });
+    } else {
+        entry.encoder.discretes->setCallback([this, target](std::vector<uint8_t> const& bits) {
+            recordPush(*target, std::vector<std::uint16_t>(bits.begin(), bits.end()));
+        });
+    }
+    if (entry.encoder.unwiredSource != nullptr) {
+        // The string encoder does not subscribe itself; route its data
+        // accessor's updates to it so strings are pushed like every value.
+        auto* encoder = static_cast<modbus::CdsStringAccessor*>(entry.encoder.registers.get());
+        entry.encoder.unwiredSource->setUpdateCallback(
+            [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
+    }
+}
+
+void ServedMap::seedImage(ServedEntry& entry) {
+    try {
+        auto const& encoder = entry.encoder;
+        bool const available = encoder.registers ? encoder.registers->isDataAvailable()
+                                                 : encoder.discretes->isDataAvailable();
+        if (!available) {
+            return;
+        }
+        std::vector<std::uint16_t> words;
+        if (encoder.registers) {
+            words = encoder.registers->getData();
+        } else {
+            auto const bits = encoder.discretes->getData();
+            words.assign(bits.begin(), bits.end());
+        }
+        entry.image.words = fitToSize(std::move(words), entry.spec.size);
+        entry.image.known = true;
+    } catch (std::exception const& error) {
+        m_log.warning(entry.spec.path + " \"" + entry.spec.name +
+                      "\": first read failed: " + error.what());
+    }
+}
+
+void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
+    entry.image.words = fitToSize(std::move(words), entry.spec.size);
+    entry.image.known = true;
+    ++entry.image.pushes;
+    m_log.debug("push " + std::string(tableName(entry.spec.table)) + " " +
+                std::to_string(entry.spec.address) + " \"" + entry.spec.name + "\" " +
+                hexWords(entry.image.words) + " (#" + std::to_string(entry.image.pushes) + ")");
+}
+
+std::uint64_t ServedMap::totalPushes() const {
+    std::uint64_t total = 0;
+    for (auto const& entry : m_entries) {
+        total += entry->image.pushes;
+    }
+    return total;
+}
+
+Coverage ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity,
+                          bool write) const {
+    Coverage result;
+    auto const found = m_index.find(table);
+    if (found == m_index.end() || quantity == 0) {
+        result.exception = kIllegalDataAddress;
+        return result;
+    }
+    auto const& index = found->second;
+    std::uint32_t const end = std::uint32_t{address} + quantity;
+    auto it = index.upper_bound(address);
+    if (it != index.begin()) {
+        ServedEntry const* before = std::prev(it)->second;
+        if (before->spec.address < address && before->spec.end() > address) {
+            result.exception = kIllegalDataAddress;  // starts inside an entry
+            return result;
+        }
+        if (before->spec.address == address) {
+            --it;
+        }
+    }
+    std::uint32_t expected = address;  // where the next entry must start for a write
+    bool hole = false;
+    for (; it != index.end() && it->second->spec.address < end; ++it) {
+        hole = hole || it->second->spec.address != expected;
+        expected = it->second->spec.end();
+        result.entries.push_back(it->second);
+    }
+    hole = hole || expected != end;
+    bool const endsInside = !result.entries.empty() && result.entries.back()->spec.end() > end;
+    if (result.entries.empty() || endsInside || (write && hole)) {
+        result.entries.clear();
+        result.exception = kIllegalDataAddress;
+    }
+    return result;
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,77 @@
+// The register map being served: one encoder per entry, an index per table
+// for request ranges, and the live image that the encoders' pushes keep.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "EncoderFactory.h"
+#include "Log.h"
+#include "MapModel.h"
+
+namespace tarsel::daemon {
+
+/* What the encoder of an entry last pushed. Discretes are one word (0 or 1)
+ * per discrete. */
+struct PushImage {
+    std::vector<std::uint16_t> words;
+    std::uint64_t pushes = 0;  // pushes received since the map was built
+    bool known = false;        // false until a read at start-up or a push filled it
+};
+
+struct ServedEntry {
+    explicit ServedEntry(EntrySpec s) : spec(std::move(s)) {}
+
+    EntrySpec const spec;
+    PushImage image;
+    // Declared last so it is destroyed first: the encoder's listener writes
+    // into `image`, and the data accessors must leave the data store before
+    // anything they could call back into goes away.
+    BuiltEncoder encoder;
+};
+
+/* The entries that a request range covers, or the exception that refuses it. */
+struct Coverage {
+    std::vector<ServedEntry*> entries;  // in address order
+    std::uint8_t exception = 0;         // 0 when the range may be served
+};
+
+class ServedMap {
+  public:
+    /* Builds every encoder, installs the push listeners and fills the image
+     * with one read of each available entry. */
+    ServedMap(RegisterMapSpec const& spec, Log& log);
+    /* Destroys the encoders, last entry first, and with them every data
+     * accessor and its data-store subscriptions. */
+    ~ServedMap();
+
+    ServedMap(ServedMap const&) = delete;
+    ServedMap& operator=(ServedMap const&) = delete;
+
+    std::vector<std::unique_ptr<ServedEntry>> const& entries() const { return m_entries; }
+
+    /* The entries of [address, address + quantity). A range that touches no
+     * entry, or starts or ends inside one, is Illegal Data Address; so is a
+     * write that covers an unmapped address (reads see holes as 0). */
+    Coverage cover(Table table, std::uint16_t address, std::uint16_t quantity, bool write) const;
+
+    std::uint64_t totalPushes() const;
+
+  private:
+    void build(EntrySpec const& spec);
+    void listen(ServedEntry& entry);
+    void seedImage(ServedEntry& entry);
+    void recordPush(ServedEntry& entry, std::vector<std::uint16_t> words);
+
+    Log& m_log;
+    std::vector<std::unique_ptr<ServedEntry>> m_entries;
+    std::map<Table, std::map<std::uint16_t, ServedEntry*>> m_index;
+};
+
+/* Pads with zeros or cuts to the entry's size: strings and composites may
+ * produce another length than the registers they reserve. */
+std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size);
+
+}  // namespace tarsel::daemon

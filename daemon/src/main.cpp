@@ -1,0 +1,105 @@
+// tarsel-modbusd: serves a UPS register map over Modbus TCP.
+#include <iostream>
+#include <optional>
+
+#include "DaemonCore.h"
+#include "EmbeddedDefaults.h"
+#include "EventLoop.h"
+#include "Log.h"
+#include "MapLoader.h"
+#include "ModbusServer.h"
+#include "Options.h"
+#include "Scenario.h"
+#include "SignalPipe.h"
+#include "cdshost/store.h"
+
+namespace {
+
+using namespace tarsel::daemon;
+
+constexpr int kExitBadInput = 2;
+
+std::optional<Scenario> loadScenario(Options const& options) {
+    if (options.scenarioFile == "none") {
+        return std::nullopt;
+    }
+    return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
+                                                      : readTextFile(options.scenarioFile));
+}
+
+RegisterMapSpec loadMap(Options const& options) {
+    return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
+                                                    : readTextFile(options.mapFile));
+}
+
+int serve(Options const& options, CoreConfig config, Log& log) {
+    DaemonCore core(std::move(config), log);
+    if (options.describe) {
+        if (core.scenario() != nullptr) {
+            core.scenario()->playFirst(options.describeAt);
+        }
+        std::cout << core.describe(*options.describe);
+        return 0;
+    }
+    SignalPipe signals;
+    ModbusServer server({options.listen, options.port}, core.handler(), log);
+    log.info("listening on " + options.listen + ":" + std::to_string(server.port()) + " (unit id " +
+             std::to_string(options.unitId) + ")");
+    return runEventLoop(core, server, signals, log, options.runSeconds);
+}
+
+int run(Options const& options, Log& log) {
+    CoreConfig config;
+    try {
+        config.map = loadMap(options);
+        config.scenario = loadScenario(options);
+    } catch (MapError const& error) {
+        log.error("the register map cannot be served:");
+        for (auto const& line : error.errors()) {
+            log.error("  " + line);
+        }
+        return kExitBadInput;
+    } catch (ScenarioError const& error) {
+        log.error("the scenario cannot be played:");
+        for (auto const& line : error.errors()) {
+            log.error("  " + line);
+        }
+        return kExitBadInput;
+    }
+    if (options.check) {
+        log.info("map: " + std::to_string(config.map.entries.size()) + " entries, valid");
+        log.info(config.scenario ? "scenario: " + std::to_string(config.scenario->events.size()) +
+                                       " events, valid"
+                                 : std::string("scenario: none"));
+        return 0;
+    }
+    config.unitId = static_cast<std::uint8_t>(options.unitId);
+    int const status = serve(options, std::move(config), log);
+    // Every encoder is gone now; what remains open would be a leak.
+    log.info("stopped; data-store subscriptions still open: " +
+             std::to_string(cdshost::Store::instance().subscriptionCount()));
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    try {
+        options = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (std::invalid_argument const& error) {
+        std::cerr << "tarsel-modbusd: " << error.what() << "\n";
+        return kExitBadInput;
+    }
+    if (options.help) {
+        std::cout << usage();
+        return 0;
+    }
+    Log log(std::cerr, options.verbose);
+    try {
+        return run(options, log);
+    } catch (std::exception const& error) {
+        log.error(error.what());
+        return 1;
+    }
+}
