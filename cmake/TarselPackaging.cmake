@@ -1,0 +1,63 @@
+# Debian packages with CPack (cpack -G DEB in the build directory):
+#   libtarsel-modbus1     the shared libraries (component "runtime")
+#   libtarsel-modbus-dev  headers, link-time names, CMake and pkg-config files
+#                         (component "devel")
+# The architecture is the target's: amd64 for a host build, armhf for the
+# cross build. Dependencies are stated, not computed: dpkg-shlibdeps cannot
+# read the target's libraries in a cross build.
+
+# Debian's name for the architecture being built for.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(arm|armv7.*)$")
+    set(_tarsel_deb_arch armhf)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    set(_tarsel_deb_arch arm64)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+    set(_tarsel_deb_arch amd64)
+elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^i.86$")
+    set(_tarsel_deb_arch i386)
+else()
+    set(_tarsel_deb_arch ${CMAKE_SYSTEM_PROCESSOR})
+endif()
+set(TARSEL_MODBUS_DEB_ARCHITECTURE ${_tarsel_deb_arch} CACHE STRING
+    "Debian architecture of the packages made by cpack")
+
+set(CPACK_PACKAGE_NAME tarsel-modbus)
+set(CPACK_PACKAGE_VENDOR "tarsel")
+set(CPACK_PACKAGE_CONTACT "tarsel firmware team <firmware@tarsel.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "Binds values of a UPS card's data store to Modbus registers and discretes")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+# Packages install under /usr whatever the build's own prefix; every installed
+# file finds the others by relative paths. Stripping uses the target's strip
+# (CMAKE_STRIP, the cross toolchain's in a cross build).
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_GENERATOR DEB)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime devel)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${TARSEL_MODBUS_DEB_ARCHITECTURE})
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+
+set(_tarsel_soversion ${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtarsel-modbus${_tarsel_soversion})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# Built with Debian 12's toolchain: glibc 2.36, libstdc++ of GCC 12.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libmodbus5 (>= 3.1.6)")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+    "Shared library of the Modbus register map of the UPS card's Modbus server")
+
+set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libtarsel-modbus-dev)
+set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS
+    "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+set(CPACK_COMPONENT_DEVEL_DESCRIPTION
+    "Headers, CMake package and pkg-config file of libtarsel_modbus")
+set(CPACK_COMPONENT_DEVEL_DEPENDS runtime)
+
+include(CPack)
