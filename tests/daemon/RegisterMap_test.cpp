@@ -1,0 +1,297 @@
+// Checks of register map files: what a valid map gives, and one test per
+// kind of error, each pinning the message that names the entry.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "EmbeddedDefaults.h"
+#include "MapLoader.h"
+
+namespace tarsel::daemon {
+namespace {
+
+std::string mapWith(std::string const& entries) {
+    return R"({"entries": [)" + entries + "]}";
+}
+
+std::string const kFloat =
+    R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
+        "source": {"device": 2, "channel": "V"}})";
+
+/* The errors of a map that must be refused. */
+std::vector<std::string> errorsOf(std::string const& text) {
+    try {
+        parseRegisterMap(text);
+    } catch (MapError const& error) {
+        return error.errors();
+    }
+    ADD_FAILURE() << "the map was accepted";
+    return {};
+}
+
+bool contains(std::vector<std::string> const& errors, std::string const& text) {
+    for (auto const& error : errors) {
+        if (error.find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(RegisterMapTest, ShippedMapIsValidAndUsesEveryEncoder) {
+    RegisterMapSpec const map = parseRegisterMap(embeddedMap());
+    std::set<EncoderKind> kinds;
+    for (auto const& entry : map.entries) {
+        kinds.insert(entry.encoder);
+    }
+    EXPECT_EQ(kinds.size(), encoderNames().size());
+}
+
+TEST(RegisterMapTest, FloatEntryTakesItsOptions) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"name": "v", "table": "input-registers", "address": 7, "encoder": "float",
+            "multiplier": 2.5, "byteOrder": "word-swapped",
+            "source": {"device": 2, "path": [1, 0], "channel": "V", "data": "alarm-hysteresis"}})"));
+    ASSERT_EQ(map.entries.size(), 1u);
+    EntrySpec const& entry = map.entries[0];
+    EXPECT_EQ(entry.table, Table::InputRegisters);
+    EXPECT_EQ(entry.address, 7);
+    EXPECT_EQ(entry.size, 2);
+    EXPECT_EQ(entry.multiplier, 2.5f);
+    EXPECT_EQ(entry.byteOrder, 1);
+    ASSERT_EQ(entry.sources.size(), 1u);
+    EXPECT_EQ(entry.sources[0].kind, SourceKind::Channel);
+    EXPECT_EQ(*entry.sources[0].device.id, 2u);
+    EXPECT_EQ(entry.sources[0].device.path, (std::vector<unsigned int>{1, 0}));
+    EXPECT_EQ(entry.sources[0].dataType, modbus::DataType::AlarmHysteresis);
+}
+
+TEST(RegisterMapTest, Uint16WithMaskUsesTheBitmaskConstructor) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "holding-registers", "address": 1, "encoder": "uint16", "bitmask": "xor",
+            "mask": 3, "default": 9, "source": {"device": "UPS", "channel": "F"}})"));
+    EntrySpec const& entry = map.entries.at(0);
+    EXPECT_TRUE(entry.useBitmask);
+    EXPECT_EQ(entry.bitmaskOp, modbus::BitmaskOp::Xor);
+    EXPECT_EQ(entry.mask, 3u);
+    EXPECT_EQ(entry.defaultValue, 9u);
+    EXPECT_EQ(entry.sources[0].device.name, "UPS");
+    EXPECT_EQ(entry.name, "holding-registers:1");  // a default name
+}
+
+TEST(RegisterMapTest, SourcesNameAttributesByNumberOrNameAndAlarmsByType) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "input-registers", "address": 0, "encoder": "string", "size": 4,
+            "source": {"device": 2, "attribute": 17}},
+           {"table": "input-registers", "address": 4, "encoder": "numeric-string",
+            "source": {"device": 2, "attribute": "nominal-power"}},
+           {"table": "discrete-inputs", "address": 0, "encoder": "boolean", "invert": true,
+            "source": {"device": 2, "channel": "C", "alarm": "flag-set-level7"}})"));
+    ASSERT_EQ(map.entries.size(), 3u);
+    EXPECT_EQ(map.entries[0].sources[0].attribute, static_cast<cdsapi::DeviceAttribute>(17));
+    EXPECT_EQ(map.entries[0].size, 4);
+    EXPECT_EQ(map.entries[1].sources[0].attribute, cdsapi::AttributeNominalPower);
+    EXPECT_EQ(map.entries[2].sources[0].kind, SourceKind::Alarm);
+    EXPECT_EQ(map.entries[2].sources[0].alarmType, modbus::AlarmTypeFlagSetLevel7);
+    EXPECT_TRUE(map.entries[2].invert);
+}
+
+TEST(RegisterMapTest, CompositeTakesItsFunctionsSize) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "kilo-counter32", "description": "Energy",
+            "sources": [{"device": 2, "channel": "K"}, {"device": 2, "channel": "W"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits",
+            "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "B"},
+                        {"device": 2, "channel": "C"}]})"));
+    EXPECT_EQ(map.entries.at(0).size, 2);
+    EXPECT_EQ(map.entries.at(0).description, "Energy");
+    EXPECT_EQ(map.entries.at(1).size, 3);
+}
+
+TEST(RegisterMapTest, UnavailablePolicyOfTheMapIsOverriddenPerEntry) {
+    auto const map = parseRegisterMap(
+        R"({"unavailable": {"mode": "exception", "code": 11}, "entries": [)" + kFloat +
+        R"(, {"table": "holding-registers", "address": 0, "encoder": "int16",
+              "unavailable": {"mode": "sentinel", "word": 32768},
+              "source": {"device": 2, "channel": "T"}}]})");
+    EXPECT_EQ(map.entries.at(0).unavailable.mode, UnavailablePolicy::Mode::Exception);
+    EXPECT_EQ(map.entries.at(0).unavailable.code, 11);
+    EXPECT_EQ(map.entries.at(1).unavailable.mode, UnavailablePolicy::Mode::Sentinel);
+    EXPECT_EQ(map.entries.at(1).unavailable.word, 0x8000);
+}
+
+TEST(RegisterMapTest, DefaultUnavailablePolicyIsSentinelFFFF) {
+    auto const map = parseRegisterMap(mapWith(kFloat));
+    EXPECT_EQ(map.entries.at(0).unavailable.mode, UnavailablePolicy::Mode::Sentinel);
+    EXPECT_EQ(map.entries.at(0).unavailable.word, 0xFFFF);
+}
+
+TEST(RegisterMapTest, UnknownEncoderIsNamedWithItsEntry) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "double",
+            "source": {"device": 2, "channel": "V"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("entries[0].encoder: unknown encoder \"double\"; expected float", 0),
+              0u)
+        << errors[0];
+}
+
+TEST(RegisterMapTest, UnknownFieldIsNamedWithItsPath) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int32", "multiplier": 2,
+            "source": {"device": 2, "channel": "V", "colour": "red"}})"));
+    EXPECT_TRUE(contains(errors, "entries[0].multiplier: unknown field for encoder \"int32\""));
+    EXPECT_TRUE(contains(errors, "entries[0].source.colour: unknown field of a source"));
+}
+
+TEST(RegisterMapTest, MissingFieldIsNamed) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "encoder": "float", "source": {"channel": "V"}})"));
+    EXPECT_TRUE(contains(errors, "entries[0]: missing field \"address\""));
+    EXPECT_TRUE(contains(errors, "entries[0].source: missing field \"device\""));
+}
+
+TEST(RegisterMapTest, WrongTypeIsNamedWithWhatWasExpected) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": "ten", "encoder": "boolean",
+            "invert": "yes", "source": {"device": 2, "channel": "V"}})"));
+    EXPECT_TRUE(
+        contains(errors, "entries[0].address: expected an integer from 0 to 65535, got \"ten\""));
+}
+
+TEST(RegisterMapTest, WrongTypeOfAnOptionIsNamed) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "coils", "address": 1, "encoder": "boolean", "invert": "yes",
+            "source": {"device": 2, "channel": "V"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "entries[0].invert: expected true or false, got \"yes\"");
+}
+
+TEST(RegisterMapTest, OverlappingAddressesNameBothEntries) {
+    auto const errors =
+        errorsOf(mapWith(kFloat + R"(, {"name": "w", "table": "holding-registers", "address": 11,
+                       "encoder": "int16", "source": {"device": 2, "channel": "W"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[1]: \"w\" at holding-registers 11..11 overlaps entries[0] \"v\" at 10..11");
+}
+
+TEST(RegisterMapTest, SameAddressInAnotherTableDoesNotOverlap) {
+    auto const map = parseRegisterMap(
+        mapWith(kFloat + R"(, {"table": "input-registers", "address": 10, "encoder": "int16",
+                       "source": {"device": 2, "channel": "W"}})"));
+    EXPECT_EQ(map.entries.size(), 2u);
+}
+
+TEST(RegisterMapTest, EntryRunningPastTheTableIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "input-registers", "address": 65535, "encoder": "uint32",
+            "source": {"device": 2, "channel": "V"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0]: input-registers 65535..65536 run past the end of the table (last "
+              "address 65535)");
+}
+
+TEST(RegisterMapTest, SizeBeyondOneRequestIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "string", "size": 124,
+            "source": {"device": 2, "attribute": "name"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0].size: 124 registers do not fit in one request to holding-registers "
+              "(at most 123)");
+}
+
+TEST(RegisterMapTest, EncoderThatDoesNotFitTheTableIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "float",
+            "source": {"device": 2, "channel": "V"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0]: encoder \"float\" cannot be served from coils; it needs "
+              "holding-registers or input-registers");
+}
+
+TEST(RegisterMapTest, ReadOnlyFunctionInAWritableTableIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "any-true", "sources": [{"device": 2, "channel": "A"}]})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0].function: function \"any-true\" is read-only; serve it from "
+              "discrete-inputs");
+}
+
+TEST(RegisterMapTest, FunctionOfTheOtherKindIsUnknown) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-bits", "sources": [{"device": 2, "channel": "A"}]})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0].function: unknown function \"status-bits\" for encoder "
+              "\"composite-registers\"; expected status-word or kilo-counter32");
+}
+
+TEST(RegisterMapTest, WrongNumberOfSourcesForAFunctionIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "kilo-counter32", "sources": [{"device": 2, "channel": "A"}]})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "entries[0].sources: function \"kilo-counter32\" takes 2 sources, got 1");
+}
+
+TEST(RegisterMapTest, PathWithADeviceNameIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int16",
+            "source": {"device": "UPS", "path": [0], "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0],
+              "entries[0].source.path: a sub-device path needs a device id, not a device name");
+}
+
+TEST(RegisterMapTest, MultiplierCannotBeCombinedWithAMask) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "uint16", "mask": 1,
+            "multiplier": 10, "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("entries[0].multiplier: cannot be combined with bitmask", 0), 0u);
+}
+
+TEST(RegisterMapTest, EveryErrorIsListedAtOnce) {
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "double"},
+           {"table": "tables", "address": 1, "encoder": "int16",
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "coils", "address": 70000, "encoder": "boolean",
+            "source": {"device": 2, "channel": "A", "alarm": "loud"}})"));
+    EXPECT_TRUE(contains(errors, "entries[0].encoder: unknown encoder"));
+    EXPECT_TRUE(contains(errors, "entries[1].table: unknown table \"tables\""));
+    EXPECT_TRUE(contains(errors, "entries[2].address: expected an integer"));
+    EXPECT_TRUE(contains(errors, "entries[2].source.alarm: unknown alarm type \"loud\""));
+    EXPECT_EQ(errors.size(), 4u);
+}
+
+TEST(RegisterMapTest, TextThatIsNotJsonIsRefused) {
+    auto const errors = errorsOf("{\"entries\": [");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("map: not valid JSON: ", 0), 0u);
+}
+
+TEST(RegisterMapTest, MapWithoutEntriesIsRefused) {
+    auto const errors = errorsOf(R"({"entry": []})");
+    EXPECT_TRUE(contains(errors, "entry: unknown field of the map"));
+    EXPECT_TRUE(contains(errors, "map: missing field \"entries\""));
+}
+
+TEST(RegisterMapTest, UnknownUnavailableModeIsRefused) {
+    auto const errors = errorsOf(R"({"unavailable": {"mode": "zero"}, "entries": []})");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "unavailable.mode: expected \"sentinel\" or \"exception\", got \"zero\"");
+}
+
+}  // namespace
+}  // namespace tarsel::daemon
