@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     python3 python3-pymodbus mbpoll
     clang-format
+    g++-arm-linux-gnueabihf qemu-user
     "$@"
 )
 
@@ -21,5 +22,8 @@ done
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "Installing: ${missing[*]}"
-$sudo apt-get update -qq
+# A list that fails to download (a mirror in sync, a foreign architecture's
+# list) need not stop the install: apt-get install fails if a package is
+# really unavailable.
+$sudo apt-get update -qq || echo "install-deps: apt-get update reported errors" >&2
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
