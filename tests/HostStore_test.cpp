@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -916,6 +917,36 @@ TEST_F(HostStoreTest, ClearFaultsAlsoForgetsNameAnswers) {
     EXPECT_EQ(client.getDeviceByName("ghost"), 5u);
     store.clearFaults();
     EXPECT_THROW(client.getDeviceByName("ghost"), cdshost::NotFound);
+}
+
+// ---- Lifetime --------------------------------------------------------------------------
+
+// Only the death test's child process exits through the check below.
+bool g_checkAtExit = false;
+
+void reachForTheStoreAfterExit() {
+    if (!g_checkAtExit) {
+        return;
+    }
+    try {
+        (void)Store::instance();
+    } catch (std::logic_error const&) {
+        std::_Exit(3);
+    }
+    std::_Exit(4);
+}
+
+TEST(HostStoreLifetimeTest, StoreReachedAfterItsDestructionAtExitThrowsLogicError) {
+    // Registered before the store exists, so it runs after the store's
+    // destructor, like the destructor of a static built before the store.
+    std::atexit(reachForTheStoreAfterExit);
+    EXPECT_EXIT(
+        {
+            g_checkAtExit = true;
+            (void)Store::instance();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(3), "");
 }
 
 }  // namespace

@@ -211,6 +211,14 @@ TEST(KqValueTest, IntegersReadAsFloatingPointKeepTheirValue) {
     EXPECT_EQ(CValue(1500u).as_float(), 1500.0f);
 }
 
+TEST(KqValueTest, IntegerReadAsFloatIsRoundedOnceNotTwice) {
+    // 2^60 + 2^36 + 1 lies just above the midpoint of two floats; rounding it
+    // to a double first would land exactly on the midpoint and round down.
+    unsigned long long const v = (1ULL << 60) + (1ULL << 36) + 1;
+    float const expected = std::ldexp(1.0f, 60) + std::ldexp(1.0f, 37);
+    EXPECT_EQ(CValue(v).as_float(), expected);
+}
+
 TEST(KqValueTest, DoubleBeyondFloatRangeSaturatesToLargestFloat) {
     EXPECT_EQ(CValue(1e300).as_float(), std::numeric_limits<float>::max());
     EXPECT_EQ(CValue(-1e300).as_float(), std::numeric_limits<float>::lowest());

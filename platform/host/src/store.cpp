@@ -2,6 +2,7 @@
 #include "cdshost/store.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -27,6 +28,11 @@ std::string idText(Id id) {
 bool isOtherThread(std::thread::id id) {
     return id != std::this_thread::get_id();
 }
+
+// Set when the store is destroyed at process exit. A plain flag outlives every
+// object, so code that still reaches for the store afterwards (an accessor in
+// a static destroyed later) gets an exception instead of a dead object.
+std::atomic<bool> g_storeDestroyed{false};
 
 }  // namespace
 
@@ -422,10 +428,15 @@ void Store::Impl::resetLocked() {
 
 Store::Store() : m_impl(std::make_unique<Impl>()) {}
 
-Store::~Store() = default;
+Store::~Store() {
+    g_storeDestroyed = true;
+}
 
 Store& Store::instance() {
     static Store store;
+    if (g_storeDestroyed) {
+        throw std::logic_error("the simulated data store is gone: the process is exiting");
+    }
     return store;
 }
 

@@ -406,18 +406,17 @@ unsigned long long CValue::as_uint64() const {
 }
 
 float CValue::as_float() const {
-    // Texts are parsed straight into a float: going through a double first
-    // could round twice.
-    if (auto const* text = std::get_if<std::string>(&m_value)) {
-        return textToFloating<float>(*text, "float");
-    }
-    if (std::holds_alternative<Bytes>(m_value)) {
-        throwConversion("bytes", "float");
-    }
-    if (auto const* f = std::get_if<float>(&m_value)) {
-        return *f;
-    }
-    return narrowToFloat(readDouble(m_value));
+    return std::visit(
+        Overloaded{
+            [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
+            [](CTimestamp t) { return static_cast<float>(t.microseconds); },
+            // Parsed straight into a float: going through a double first could round twice.
+            [](std::string const& s) { return textToFloating<float>(s, "float"); },
+            [](Bytes const&) -> float { throwConversion("bytes", "float"); },
+            [](double d) { return narrowToFloat(d); },
+            [](auto v) { return static_cast<float>(v); },  // float itself and every integer
+        },
+        m_value);
 }
 
 double CValue::as_double() const {

@@ -119,7 +119,9 @@ enum class FaultKind {
 
 class Store {
 public:
-    /* The one store of the process. */
+    /* The one store of the process. Reached after its destruction at process
+     * exit (from the destructor of a static built before it), it throws
+     * std::logic_error. */
     static Store& instance();
 
     /* Empties the world, ends every subscription without notifying, clears
