@@ -113,7 +113,7 @@ bool equalsIgnoreCase(std::string_view a, std::string_view b) {
 }
 
 /* What a trimmed text is, as far as the decimal grammar goes. */
-enum class NumberForm { NotANumber, Integer, Decimal, Special };
+enum class NumberForm { NotANumber, Integer, Decimal, NonFinite };
 
 /* [sign] digits, or [sign] (digits [. digits] | . digits) [e [sign] digits],
  * or [sign] inf / infinity / nan (what the float-to-text conversion writes). */
@@ -125,7 +125,7 @@ NumberForm classify(std::string_view s) {
     std::string_view const unsigned_part = s.substr(i);
     if (equalsIgnoreCase(unsigned_part, "inf") || equalsIgnoreCase(unsigned_part, "infinity") ||
         equalsIgnoreCase(unsigned_part, "nan")) {
-        return NumberForm::Special;
+        return NumberForm::NonFinite;
     }
     std::size_t intDigits = 0;
     while (i < s.size() && isDigit(s[i])) {
@@ -204,7 +204,7 @@ F parseFloating(std::string_view s) {
 }
 
 /* The value of "inf", "-infinity", "nan" and the like. */
-double parseSpecial(std::string_view s) {
+double parseNonFinite(std::string_view s) {
     bool const negative = !s.empty() && s.front() == '-';
     if (!s.empty() && (s.front() == '+' || s.front() == '-')) {
         s.remove_prefix(1);
@@ -250,8 +250,8 @@ T textToInteger(std::string const& text, char const* target) {
             return parseInteger<T>(s);
         case NumberForm::Decimal:
             return saturateFloating<T>(parseFloating<double>(s));
-        case NumberForm::Special:
-            return saturateFloating<T>(parseSpecial(s));
+        case NumberForm::NonFinite:
+            return saturateFloating<T>(parseNonFinite(s));
         case NumberForm::NotANumber:
             break;
     }
@@ -266,8 +266,8 @@ F textToFloating(std::string const& text, char const* target) {
         case NumberForm::Integer:
         case NumberForm::Decimal:
             return parseFloating<F>(s);
-        case NumberForm::Special:
-            return static_cast<F>(parseSpecial(s));
+        case NumberForm::NonFinite:
+            return static_cast<F>(parseNonFinite(s));
         case NumberForm::NotANumber:
             break;
     }
@@ -290,8 +290,8 @@ bool textToBool(std::string const& text) {
         case NumberForm::Integer:
         case NumberForm::Decimal:
             return parseFloating<double>(s) != 0.0;
-        case NumberForm::Special: {
-            double const d = parseSpecial(s);
+        case NumberForm::NonFinite: {
+            double const d = parseNonFinite(s);
             return !std::isnan(d) && d != 0.0;
         }
         case NumberForm::NotANumber:
