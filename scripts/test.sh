@@ -1,21 +1,53 @@
 #!/usr/bin/env bash
 # Builds and runs every test. Installs what it needs first.
-#   scripts/test.sh              the host suite, warnings as errors
+#   scripts/test.sh              the host suite, warnings as errors, then the
+#                                armhf suite under qemu-arm and its size report
 #   scripts/test.sh --sanitize   the host suite under AddressSanitizer + UBSan
+#   scripts/test.sh --armhf      the armhf suite alone
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode="host"
 [ "${1:-}" = "--sanitize" ] && mode="sanitize"
+[ "${1:-}" = "--armhf" ] && mode="armhf"
 
 scripts/install-deps.sh
 jobs=$(nproc)
+
+# Runs one phase and prints its wall time.
+phase() {
+    local name="$1" start=$SECONDS
+    shift
+    echo "== $name"
+    "$@"
+    echo "== $name: $((SECONDS - start)) s"
+}
+
+# The card's target: cross-built for 32-bit ARM (optimised, no debug info),
+# every test run under qemu-arm, then the size of what goes on the card.
+armhf_suite() {
+    scripts/armhf-sysroot.sh build/arm/sysroot
+    local launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+        export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=true
+    fi
+    cmake --preset arm "${launcher[@]}" >/dev/null
+    cmake --build build/arm -j "$jobs"
+    ctest --test-dir build/arm -j "$jobs" --output-on-failure
+    scripts/size-report.sh build/arm
+}
 
 case "$mode" in
 host)
     cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARSEL_MODBUS_WERROR=ON >/dev/null
     cmake --build build/host -j "$jobs"
     ctest --test-dir build/host -j "$jobs" --output-on-failure
+    echo "== host suite: $SECONDS s"
+    phase "armhf suite" armhf_suite
+    ;;
+armhf)
+    phase "armhf suite" armhf_suite
     ;;
 sanitize)
     cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTARSEL_MODBUS_WERROR=ON \
@@ -23,5 +55,6 @@ sanitize)
     cmake --build build/sanitize -j "$jobs"
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build/sanitize -j "$jobs" --output-on-failure
+    echo "== sanitize suite: $SECONDS s"
     ;;
 esac
