@@ -44,6 +44,15 @@ void ServedMap::build(EntrySpec const& spec) {
 }
 
 void ServedMap::listen(ServedEntry& entry) {
+    if (entry.encoder.unwiredSource != nullptr) {
+        // The string encoder does not subscribe itself; route its data
+        // accessor's updates to it so strings are pushed like every value.
+        // Wired before the listener, so the data accessor's immediate call with
+        // the current value is not counted as a push, as for the other encoders.
+        auto* encoder = static_cast<modbus::CdsStringAccessor*>(entry.encoder.registers.get());
+        entry.encoder.unwiredSource->setUpdateCallback(
+            [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
+    }
     ServedEntry* target = &entry;
     if (auto* registers = entry.encoder.registers.get()) {
         registers->setCallback(
@@ -52,13 +61,6 @@ void ServedMap::listen(ServedEntry& entry) {
         entry.encoder.discretes->setCallback([this, target](std::vector<uint8_t> const& bits) {
             recordPush(*target, std::vector<std::uint16_t>(bits.begin(), bits.end()));
         });
-    }
-    if (entry.encoder.unwiredSource != nullptr) {
-        // The string encoder does not subscribe itself; route its data
-        // accessor's updates to it so strings are pushed like every value.
-        auto* encoder = static_cast<modbus::CdsStringAccessor*>(entry.encoder.registers.get());
-        entry.encoder.unwiredSource->setUpdateCallback(
-            [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
     }
 }
 

@@ -1,0 +1,93 @@
+// The daemon core as a whole: teardown, the push image, the availability log.
+#include <gtest/gtest.h>
+
+#include "DaemonTestSupport.h"
+#include "EmbeddedDefaults.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using testing::TestDaemon;
+
+char const* const kMap = R"({"entries": [
+  {"name": "t", "table": "holding-registers", "address": 0, "encoder": "int32",
+   "source": {"device": 2, "channel": "T"}},
+  {"name": "label", "table": "input-registers", "address": 0, "encoder": "string", "size": 2,
+   "source": {"device": 2, "channel": "Label"}},
+  {"name": "status", "table": "input-registers", "address": 2, "encoder": "uint16",
+   "source": {"device": 2, "channel": "PowerDistribution.Status.OperatingStatus"}}
+]})";
+
+char const* const kScenario = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 2}, "T": 5, "Label": "AB"}}]})";
+
+ServedEntry const& entryNamed(DaemonCore& core, std::string const& name) {
+    for (auto const& entry : core.map().entries()) {
+        if (entry->spec.name == name) {
+            return *entry;
+        }
+    }
+    throw std::out_of_range(name);
+}
+
+TEST(DaemonCoreTest, TearingDownTheCoreClosesEveryDataStoreSubscription) {
+    TestDaemon daemon(embeddedMap(), embeddedScenario());
+    daemon.core().scenario()->playFirst(10.0);  // the UPS, an extra outlet, alarms
+    auto& store = cdshost::Store::instance();
+    ASSERT_GT(store.subscriptionCount(), 0u);
+    daemon.stop();
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST(DaemonCoreTest, StartupReadFillsTheImageWithoutCountingAPush) {
+    TestDaemon daemon(kMap, kScenario);
+    ServedEntry const& t = entryNamed(daemon.core(), "t");
+    EXPECT_TRUE(t.image.known);
+    EXPECT_EQ(t.image.words, (std::vector<uint16_t>{0, 5}));
+    EXPECT_EQ(t.image.pushes, 0u);
+}
+
+TEST(DaemonCoreTest, PushesUpdateTheImageAndCountChanges) {
+    TestDaemon daemon(kMap, kScenario);
+    TestDaemon::setChannel(2, "T", kq::CValue(0x12345));
+    TestDaemon::setChannel(2, "T", kq::CValue(-1));
+    ServedEntry const& t = entryNamed(daemon.core(), "t");
+    EXPECT_EQ(t.image.words, (std::vector<uint16_t>{0xFFFF, 0xFFFF}));
+    EXPECT_EQ(t.image.pushes, 2u);
+    EXPECT_EQ(daemon.core().map().totalPushes(), 2u);
+    EXPECT_NE(daemon.logText().find("push holding-registers 0 \"t\" [0xFFFF 0xFFFF] (#2)"),
+              std::string::npos);
+}
+
+TEST(DaemonCoreTest, StringEntriesArePushedToo) {
+    TestDaemon daemon(kMap, kScenario);
+    TestDaemon::setChannel(2, "Label", kq::CValue("XYZ"));
+    ServedEntry const& label = entryNamed(daemon.core(), "label");
+    EXPECT_EQ(label.image.words, (std::vector<uint16_t>{0x5859, 0x5A00}));
+    EXPECT_GE(label.image.pushes, 1u);
+}
+
+TEST(DaemonCoreTest, NotAvailableMessageIsLoggedOnceAndTheOpeningToo) {
+    TestDaemon daemon(kMap, kScenario);
+    daemon.core().watchAvailability();
+    daemon.core().watchAvailability();
+    std::string const message = daemon.core().availability().notAvailableMessage();
+    std::string log = daemon.logText();
+    auto const first = log.find(message);
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_EQ(log.find(message, first + 1), std::string::npos);
+    TestDaemon::setChannel(2, "PowerDistribution.Status.OperatingStatus", kq::CValue(16u));
+    daemon.core().watchAvailability();
+    EXPECT_NE(daemon.logText().find("UPS map is available; serving it"), std::string::npos);
+}
+
+TEST(DaemonCoreTest, FloatLayoutIsLoggedAtStart) {
+    TestDaemon daemon(kMap, kScenario);
+    EXPECT_NE(daemon.logText().find("byte order 0 (dcba helpers): 12.5 is served as"),
+              std::string::npos);
+    EXPECT_NE(daemon.logText().find("byte order 1 (badc helpers): 12.5 is served as"),
+              std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,230 @@
+// How the daemon answers Modbus requests: data from the encoders, and the
+// exception of each refused request.
+#include <gtest/gtest.h>
+
+#include <modbus.h>
+
+#include "DaemonTestSupport.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using testing::request;
+using testing::TestDaemon;
+
+char const* const kMap = R"({"entries": [
+  {"name": "v", "table": "holding-registers", "address": 0, "encoder": "float",
+   "source": {"device": 2, "channel": "V"}},
+  {"name": "t", "table": "holding-registers", "address": 2, "encoder": "int16",
+   "source": {"device": 2, "channel": "T"}},
+  {"name": "label", "table": "holding-registers", "address": 3, "encoder": "string", "size": 3,
+   "source": {"device": 2, "channel": "Label"}},
+  {"name": "short", "table": "holding-registers", "address": 6, "encoder": "string", "size": 2,
+   "source": {"device": 2, "channel": "Short"}},
+  {"name": "u", "table": "holding-registers", "address": 10, "encoder": "uint32",
+   "source": {"device": 2, "channel": "U"}},
+  {"name": "bad", "table": "holding-registers", "address": 20, "encoder": "numeric-string",
+   "source": {"device": 2, "channel": "Bad"}},
+  {"name": "missing", "table": "holding-registers", "address": 30, "encoder": "int16",
+   "source": {"device": 2, "channel": "Missing"}},
+  {"name": "missing-exc", "table": "holding-registers", "address": 31, "encoder": "int16",
+   "unavailable": {"mode": "exception", "code": 11},
+   "source": {"device": 2, "channel": "Missing"}},
+  {"name": "switch", "table": "coils", "address": 0, "encoder": "boolean",
+   "source": {"device": 2, "channel": "Switch"}},
+  {"name": "inverted", "table": "coils", "address": 1, "encoder": "boolean", "invert": true,
+   "source": {"device": 2, "channel": "Inverted"}},
+  {"name": "flag", "table": "discrete-inputs", "address": 0, "encoder": "boolean",
+   "source": {"device": 2, "channel": "Switch"}},
+  {"name": "load", "table": "input-registers", "address": 0, "encoder": "uint16",
+   "source": {"device": 2, "channel": "U"}}
+]})";
+
+char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 16},
+  "V": {"float": 12.5}, "T": -3, "Label": "ABCDEFGH", "Short": "A", "U": {"uint32": 70000},
+  "Bad": "abc", "Switch": true, "Inverted": true}}]})";
+
+char const* const kStartingUps = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 2}, "V": {"float": 1.0}}}],
+  "events": [{"at": 1, "do": "set-channel", "device": 2,
+              "channel": "PowerDistribution.Status.OperatingStatus", "value": {"uint32": 16}}]})";
+
+std::vector<uint16_t> floatWords(float value) {
+    uint16_t pair[2];
+    modbus_set_float_dcba(value, pair);
+    return {pair[0], pair[1]};
+}
+
+TEST(RequestHandlerTest, ReadHoldingRegistersServesTheEncodersWords) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.ask(request(3, 0, 3));
+    ASSERT_EQ(answer.exception, 0);
+    auto const v = floatWords(12.5f);
+    EXPECT_EQ(answer.registers, (std::vector<uint16_t>{v[0], v[1], 0xFFFD}));
+}
+
+TEST(RequestHandlerTest, ReadsOfDiscretesAndInputRegistersComeFromTheirTables) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(1, 0, 2)).bits, (std::vector<uint8_t>{1, 0}));
+    EXPECT_EQ(daemon.ask(request(2, 0, 1)).bits, (std::vector<uint8_t>{1}));
+    // 70000 keeps its low 16 bits in one register
+    EXPECT_EQ(daemon.ask(request(4, 0, 1)).registers, (std::vector<uint16_t>{70000 & 0xFFFF}));
+}
+
+TEST(RequestHandlerTest, EveryRequestIsRefusedWithGatewayPathUnavailableUntilTheUpsRuns) {
+    TestDaemon daemon(kMap, kStartingUps);
+    EXPECT_EQ(daemon.ask(request(3, 0, 2)).exception, 0x0A);
+    EXPECT_EQ(daemon.ask(request(0x2B, 0, 0)).exception, 0x0A);
+    daemon.core().scenario()->playFirst(1.0);
+    Answer const answer = daemon.ask(request(3, 0, 2));
+    EXPECT_EQ(answer.exception, 0);
+    EXPECT_EQ(answer.registers, floatWords(1.0f));
+}
+
+TEST(RequestHandlerTest, RangeThatTouchesNoEntryIsIllegalDataAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 100, 2)).exception, 2);
+    EXPECT_EQ(daemon.ask(request(4, 1, 1)).exception, 2);
+}
+
+TEST(RequestHandlerTest, RangeStartingInsideAnEntryIsIllegalDataAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 1, 2)).exception, 2);
+}
+
+TEST(RequestHandlerTest, RangeEndingInsideAnEntryIsIllegalDataAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 0, 1)).exception, 2);
+    EXPECT_EQ(daemon.ask(request(3, 2, 2)).exception, 2);
+}
+
+TEST(RequestHandlerTest, HolesBetweenEntriesReadAsZero) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.ask(request(3, 6, 6));  // 6-7 short, 8-9 hole, 10-11 u
+    ASSERT_EQ(answer.exception, 0);
+    EXPECT_EQ(answer.registers, (std::vector<uint16_t>{0x4100, 0, 0, 0, 0x0001, 0x1170}));
+}
+
+TEST(RequestHandlerTest, WriteOverAHoleIsIllegalDataAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(6, {0, 0, 0, 0, 0, 0})).exception, 2);
+    EXPECT_EQ(TestDaemon::channel(2, "Short"), kq::CValue("A"));
+}
+
+TEST(RequestHandlerTest, QuantityBeyondTheProtocolLimitIsIllegalDataValue) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 0, 0)).exception, 3);
+    EXPECT_EQ(daemon.ask(request(3, 0, 126)).exception, 3);
+    EXPECT_EQ(daemon.ask(request(1, 0, 2001)).exception, 3);
+}
+
+TEST(RequestHandlerTest, RangePastAddress65535IsIllegalDataAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 65535, 2)).exception, 2);
+}
+
+TEST(RequestHandlerTest, UnsupportedFunctionIsIllegalFunction) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(0x17, 0, 1)).exception, 1);
+    EXPECT_EQ(daemon.ask(request(0x08, 0, 0)).exception, 1);
+}
+
+TEST(RequestHandlerTest, OtherUnitIdIsGatewayTargetFailedButZeroAnd255AreServed) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 0, 2, 7)).exception, 0x0B);
+    EXPECT_EQ(daemon.ask(request(3, 0, 2, 0)).exception, 0);
+    EXPECT_EQ(daemon.ask(request(3, 0, 2, 255)).exception, 0);
+}
+
+TEST(RequestHandlerTest, UnavailableValueReadsAsTheSentinelByDefault) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.ask(request(3, 30, 1));
+    EXPECT_EQ(answer.exception, 0);
+    EXPECT_EQ(answer.registers, (std::vector<uint16_t>{0xFFFF}));
+}
+
+TEST(RequestHandlerTest, UnavailableValueWithExceptionPolicyAnswersItsCode) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 30, 2)).exception, 11);
+}
+
+TEST(RequestHandlerTest, WriteToAnUnavailableValueIsRefused) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(6, 30, 5)).exception, 4);
+    EXPECT_EQ(daemon.ask(request(6, 31, 5)).exception, 11);
+}
+
+TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
+    EXPECT_NE(daemon.logText().find("error: entries[5] \"bad\": read failed: stoul; answered "
+                                    "Server Device Failure"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, WriteSingleRegisterReachesTheStore) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.ask(request(6, 2, 7));
+    EXPECT_EQ(answer.exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(7));
+}
+
+TEST(RequestHandlerTest, WrittenFloatIsDecodedByTheLibmodbusGetter) {
+    TestDaemon daemon(kMap, kRunningUps);
+    uint16_t pair[2] = {0x0000, 0x4841};
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {pair[0], pair[1]})).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "V"), kq::CValue(modbus_get_float_dcba(pair)));
+}
+
+TEST(RequestHandlerTest, WriteSpanningTwoEntriesWritesBoth) {
+    TestDaemon daemon(kMap, kRunningUps);
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(2, {9, 0x4142, 0x4300, 0})).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(9));
+    EXPECT_EQ(TestDaemon::channel(2, "Label"), kq::CValue("ABC"));
+}
+
+TEST(RequestHandlerTest, WriteSingleCoilTakesOnlyOnAndOff) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(5, 0, 0x1234)).exception, 3);
+    EXPECT_EQ(daemon.ask(request(5, 0, 0x0000)).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "Switch"), kq::CValue(false));
+}
+
+TEST(RequestHandlerTest, WriteCoilsHonoursInversion) {
+    TestDaemon daemon(kMap, kRunningUps);
+    ASSERT_EQ(daemon.ask(testing::writeCoils(0, {true, true})).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "Switch"), kq::CValue(true));
+    EXPECT_EQ(TestDaemon::channel(2, "Inverted"), kq::CValue(false));
+}
+
+TEST(RequestHandlerTest, WriteWithAByteCountThatDoesNotMatchIsIllegalDataValue) {
+    TestDaemon daemon(kMap, kRunningUps);
+    auto bytes = testing::writeRegisters(2, {1});
+    bytes[12] = 4;  // the byte count claims two registers
+    EXPECT_EQ(daemon.ask(bytes).exception, 3);
+}
+
+TEST(RequestHandlerTest, WritesToReadOnlyTablesAreNotPossible) {
+    TestDaemon daemon(kMap, kRunningUps);
+    // Writes address coils and holding registers only; input register 0 is
+    // not a holding register, so the range touches no entry.
+    EXPECT_EQ(daemon.ask(request(6, 40, 1)).exception, 2);
+}
+
+TEST(RequestHandlerTest, StringIsCutAndPaddedToItsReservedSize) {
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(3, 3, 3)).registers,
+              (std::vector<uint16_t>{0x4142, 0x4344, 0x4546}));
+    EXPECT_EQ(daemon.ask(request(3, 6, 2)).registers, (std::vector<uint16_t>{0x4100, 0x0000}));
+}
+
+TEST(RequestHandlerTest, TruncatedFrameIsIllegalDataValue) {
+    TestDaemon daemon(kMap, kRunningUps);
+    auto const bytes = testing::frame({3, 0, 0});
+    EXPECT_EQ(daemon.ask(bytes).exception, 3);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,154 @@
+// Scenario files: their checks, and how the player changes the store.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "EmbeddedDefaults.h"
+#include "Log.h"
+#include "Scenario.h"
+#include "cdshost/store.h"
+
+namespace tarsel::daemon {
+namespace {
+
+std::vector<std::string> errorsOf(std::string const& text) {
+    try {
+        parseScenario(text);
+    } catch (ScenarioError const& error) {
+        return error.errors();
+    }
+    ADD_FAILURE() << "the scenario was accepted";
+    return {};
+}
+
+struct Player {
+    explicit Player(std::string const& text)
+        : log(out), player(parseScenario(text), cdshost::Store::instance(), log) {}
+    std::ostringstream out;
+    Log log;
+    ScenarioPlayer player;
+};
+
+cdshost::Store& store() {
+    return cdshost::Store::instance();
+}
+
+TEST(ScenarioTest, ShippedScenarioIsValid) {
+    Scenario const scenario = parseScenario(embeddedScenario());
+    EXPECT_FALSE(scenario.events.empty());
+}
+
+TEST(ScenarioTest, UnknownActionAndMissingFieldsAreListedTogether) {
+    auto const errors = errorsOf(R"({"events": [
+        {"at": 1, "do": "explode"},
+        {"do": "set-channel", "device": 2, "value": 1},
+        {"at": 1, "do": "raise-alarm", "device": 2, "channel": "C", "colour": 1}]})");
+    ASSERT_EQ(errors.size(), 5u);
+    EXPECT_EQ(errors[0].rfind("events[0].do: unknown action \"explode\"", 0), 0u);
+    EXPECT_EQ(errors[1], "events[1]: missing field \"at\"");
+    EXPECT_EQ(errors[2], "events[1]: missing field \"channel\"");
+    EXPECT_EQ(errors[3], "events[2].colour: unknown field for action \"raise-alarm\"");
+    EXPECT_EQ(errors[4], "events[2]: missing field \"level\"");
+}
+
+TEST(ScenarioTest, BadValueIsRefused) {
+    auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {"X": {"int8": 1}}}]})");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("devices[0].channels.X: expected a value", 0), 0u);
+}
+
+TEST(ScenarioTest, ForeverNeedsAPeriod) {
+    auto const errors =
+        errorsOf(R"({"events": [{"at": 1, "times": 0, "do": "log", "text": "x"}]})");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0], "events[0].times: 0 (for ever) needs a positive \"every\"");
+}
+
+TEST(ScenarioTest, ValuesFollowTheirTypedForm) {
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse(R"({"uint32": 7})")), kq::CValue(7u));
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse(R"({"float": 1.5})")), kq::CValue(1.5f));
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse("-3")), kq::CValue(-3));
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse("2.5")), kq::CValue(2.5f));
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse("true")), kq::CValue(true));
+    EXPECT_EQ(valueFromJson(nlohmann::json::parse("\"x\"")), kq::CValue("x"));
+}
+
+TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "attributes": {"model": "M"},
+        "channels": {"V": {"float": 1.5}},
+        "alarms": {"V": {"enabled": true, "thresholds": [1, 2, 3, 4], "level": 5}},
+        "subDevices": [{"name": "Outlet 1", "channels": {"On": true}}]}]})");
+    p.player.seed();
+    ASSERT_TRUE(store().hasDevice(2));
+    EXPECT_EQ(store().deviceAttribute(2, cdsapi::AttributeModel), "M");
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(1.5f));
+    auto const settings = store().alarmSettings(store().channelId(2, "V"));
+    EXPECT_TRUE(settings.enabled);
+    EXPECT_EQ(settings.thresholds[3], 4.0f);
+    EXPECT_EQ(settings.level, 5);
+    ASSERT_EQ(store().subDevices(2).size(), 1u);
+    EXPECT_EQ(store().channelValue(store().channelId(store().subDevices(2)[0], "On")),
+              kq::CValue(true));
+}
+
+TEST(ScenarioTest, EventsRunInTimeOrderAndValuesCycle) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 0}}],
+        "events": [{"at": 2, "every": 1, "do": "set-channel", "device": "UPS", "channel": "V",
+                    "values": [10, 20]}]})");
+    p.player.seed();
+    p.player.playFirst(1.5);
+    EXPECT_EQ(p.player.played(), 0u);
+    p.player.playFirst(2.0);
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(10));
+    p.player.playFirst(3.0);
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(20));
+    p.player.playFirst(4.0);
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(10));
+    EXPECT_EQ(p.player.played(), 3u);
+}
+
+TEST(ScenarioTest, SubDeviceComesAndGoesAndAlarmsAreRaisedAndCleared) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"C": 1}}], "events": [
+        {"at": 1, "do": "add-device", "parent": 2, "device": {"name": "Outlet 3"}},
+        {"at": 2, "do": "raise-alarm", "device": 2, "channel": "C", "level": 7, "direction": true},
+        {"at": 3, "do": "remove-device", "device": 2, "path": [0]},
+        {"at": 4, "do": "clear-alarm", "device": 2, "channel": "C"},
+        {"at": 5, "do": "set-attribute", "device": 2, "attribute": "location", "value": "R7"}]})");
+    p.player.seed();
+    p.player.playFirst(1);
+    EXPECT_EQ(store().subDevices(2).size(), 1u);
+    p.player.playFirst(2);
+    ASSERT_TRUE(store().alarmRecord(store().channelId(2, "C")));
+    EXPECT_EQ(store().alarmRecord(store().channelId(2, "C"))->level, 7);
+    p.player.playFirst(3);
+    EXPECT_TRUE(store().subDevices(2).empty());
+    p.player.playFirst(5);
+    EXPECT_FALSE(store().alarmRecord(store().channelId(2, "C")));
+    EXPECT_EQ(store().deviceAttribute(2, cdsapi::AttributeLocation), "R7");
+}
+
+TEST(ScenarioTest, StepThatDoesNotFitTheStoreIsLoggedAndTheScenarioGoesOn) {
+    Player p(R"({"events": [
+        {"at": 1, "do": "set-channel", "device": 9, "channel": "V", "value": 1},
+        {"at": 2, "do": "log", "text": "still here"}]})");
+    p.player.playFirst(2);
+    EXPECT_NE(p.out.str().find("warning: scenario events[0] (set-channel): no device 9"),
+              std::string::npos)
+        << p.out.str();
+    EXPECT_NE(p.out.str().find("scenario: still here"), std::string::npos);
+}
+
+TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
+    Player p(
+        R"({"events": [{"at": 3, "do": "log", "text": "a"}, {"at": 1, "do": "log", "text": "b"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    p.player.start(start);
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_EQ(*p.player.nextDue(), start + std::chrono::seconds(1));
+    p.player.playDue(start + std::chrono::seconds(5));
+    EXPECT_FALSE(p.player.nextDue());
+    EXPECT_EQ(p.player.played(), 2u);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon
