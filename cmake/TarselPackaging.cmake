@@ -49,6 +49,13 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # Built with Debian 12's toolchain: glibc 2.36, libstdc++ of GCC 12.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
     "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libmodbus5 (>= 3.1.6)")
+if(NOT TARSEL_MODBUS_PLATFORM STREQUAL "HOST")
+    set(TARSEL_MODBUS_SDK_DEB_DEPENDS "" CACHE STRING
+        "Debian dependencies on the card SDK's runtime packages, e.g. \"card-platform (>= 4.2)\"")
+    if(TARSEL_MODBUS_SDK_DEB_DEPENDS)
+        string(APPEND CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ", ${TARSEL_MODBUS_SDK_DEB_DEPENDS}")
+    endif()
+endif()
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "Shared library of the Modbus register map of the UPS card's Modbus server")
 
