@@ -1,12 +1,12 @@
 #include "modbus/CdsChannelAccessor.h"
 
 #include <optional>
-#include <utility>
 #include <vector>
 
 #include "cdsapi/types.h"
 #include "kq/model.h"
 #include "modbus/CdsInBandAccessor.h"
+#include "shared_subscription_registry.h"
 
 namespace modbus {
 
@@ -40,46 +40,6 @@ using SubscriptionIdRegistry = CdsChannelAccessor::SubscriptionIdRegistry;
 constexpr Id kUnknownDevice = ~0ULL;
 // The largest DataType that names a readable, writable item.
 constexpr int kLastBoundDataType = static_cast<int>(DataType::AlarmLevel);
-
-/* Registry add: the first accessor of an id opens the one data-store
- * subscription for it, through `open`, which writes the subscription id.
- * Exceptions are not caught: a subscription that cannot be opened is a
- * failure of whoever asked for it. */
-template <typename Open>
-void addToRegistry(AccessorRegistry& accessors, SubscriptionIdRegistry& subscriptionIds, Id id,
-                   CdsChannelAccessor* accessor, Open open) {
-    accessors[id].insert(accessor);
-    if (subscriptionIds.find(id) != subscriptionIds.end()) {
-        return;
-    }
-    Id subscriptionId = 0;
-    open(id, &subscriptionId);
-    subscriptionIds[id] = subscriptionId;
-}
-
-/* Registry remove: the last accessor of an id closes its data-store
- * subscription. Never throws. */
-void removeFromRegistry(AccessorRegistry& accessors, SubscriptionIdRegistry& subscriptionIds, Id id,
-                        CdsChannelAccessor* accessor) {
-    try {
-        // at() throws for an id that was never registered, which ends the removal.
-        std::set<CdsChannelAccessor*>& set = accessors.at(id);
-        set.erase(accessor);
-        if (!set.empty()) {
-            return;
-        }
-        // The connection is fetched before the inserting lookup (an absent id
-        // becomes subscription 0); C++17 sequences the callee before its argument.
-        CdsInBandAccessor::getInstance().inBand().unsubscribe(subscriptionIds[id]);
-        // Intended: when unsubscribe() throws we never get here, so both entries
-        // stay (with an empty set) and the next add reuses the id entry without
-        // opening a new subscription.
-        subscriptionIds.erase(id);
-        accessors.erase(id);
-    } catch (...) {
-        // Leaving a registry is part of tearing down; nothing to report to.
-    }
-}
 
 /* Opens a channel subscription whose notifications call Handler with the
  * subscribed id; the notification's own arguments are not used. */
@@ -126,17 +86,6 @@ void leaveChannelRegistry(DataType dataType, Id channelId, CdsChannelAccessor* a
     }
 }
 
-/* The ids under which a registry still holds the accessor. */
-std::vector<Id> idsHolding(AccessorRegistry const& registry, CdsChannelAccessor* accessor) {
-    std::vector<Id> ids;
-    for (auto const& [id, accessors] : registry) {
-        if (accessors.count(accessor) != 0) {
-            ids.push_back(id);
-        }
-    }
-    return ids;
-}
-
 /* Last step of tearing down: leave whatever registry still holds the accessor.
  * Detection can leave an accessor registered under an id it no longer tracks
  * (the all-ones device id it waited under before its name lookup succeeded,
@@ -145,24 +94,17 @@ std::vector<Id> idsHolding(AccessorRegistry const& registry, CdsChannelAccessor*
  * accessor lives, but a destroyed accessor must not stay behind: the next
  * notification for such an id would call into freed memory. */
 void leaveEveryRegistry(CdsChannelAccessor* accessor) {
-    using Unsubscribe = void (*)(Id, CdsChannelAccessor*);
-    std::pair<AccessorRegistry const*, Unsubscribe> const registries[] = {
-        {&CdsChannelAccessor::m_mapChannelAccessorChannelUpdateSubscriber,
-         &CdsChannelAccessor::unsubscribeChannelUpdate},
-        {&CdsChannelAccessor::m_mapChannelAccessorChannelStateSubscriber,
-         &CdsChannelAccessor::unsubscribeChannelState},
-        {&CdsChannelAccessor::m_mapChannelAccessorChannelSettingsSubscriber,
-         &CdsChannelAccessor::unsubscribeChannelSettings},
-        {&CdsChannelAccessor::m_mapChannelAccessorDeviceSettingsSubscriber,
-         &CdsChannelAccessor::unsubscribeDeviceSettings},
-        {&CdsChannelAccessor::m_mapChannelAccessorDeviceCreationSubscriber,
-         &CdsChannelAccessor::unsubscribeDeviceCreation},
-    };
-    for (auto const& [registry, unsubscribe] : registries) {
-        for (Id const id : idsHolding(*registry, accessor)) {
-            unsubscribe(id, accessor);
-        }
-    }
+    using C = CdsChannelAccessor;
+    shared_registry::removeEverywhere(C::m_mapChannelAccessorChannelUpdateSubscriber,
+                                      C::m_mapChannelAccessorChannelUpdateSubscriberId, accessor);
+    shared_registry::removeEverywhere(C::m_mapChannelAccessorChannelStateSubscriber,
+                                      C::m_mapChannelAccessorChannelStateSubscriberId, accessor);
+    shared_registry::removeEverywhere(C::m_mapChannelAccessorChannelSettingsSubscriber,
+                                      C::m_mapChannelAccessorChannelSettingsSubscriberId, accessor);
+    shared_registry::removeEverywhere(C::m_mapChannelAccessorDeviceSettingsSubscriber,
+                                      C::m_mapChannelAccessorDeviceSettingsSubscriberId, accessor);
+    shared_registry::removeEverywhere(C::m_mapChannelAccessorDeviceCreationSubscriber,
+                                      C::m_mapChannelAccessorDeviceCreationSubscriberId, accessor);
 }
 
 /* Joins the channel registry of the DataType. The state registry takes the
@@ -462,80 +404,82 @@ void CdsChannelAccessor::detectChannel() {
 
 void CdsChannelAccessor::subscribeChannelUpdate(unsigned long long id,
                                                 CdsChannelAccessor* accessor) {
-    addToRegistry(m_mapChannelAccessorChannelUpdateSubscriber,
-                  m_mapChannelAccessorChannelUpdateSubscriberId, id, accessor, [](Id key, Id* out) {
-                      openChannelSubscription<&CdsChannelAccessor::cdsChannelUpdate>(
-                          kq::sub::ChannelValue, key, out);
-                  });
+    shared_registry::add(m_mapChannelAccessorChannelUpdateSubscriber,
+                         m_mapChannelAccessorChannelUpdateSubscriberId, id, accessor,
+                         [](Id key, Id* out) {
+                             openChannelSubscription<&CdsChannelAccessor::cdsChannelUpdate>(
+                                 kq::sub::ChannelValue, key, out);
+                         });
 }
 
 void CdsChannelAccessor::subscribeChannelState(unsigned long long id,
                                                CdsChannelAccessor* accessor) {
-    addToRegistry(m_mapChannelAccessorChannelStateSubscriber,
-                  m_mapChannelAccessorChannelStateSubscriberId, id, accessor, [](Id key, Id* out) {
-                      openChannelSubscription<&CdsChannelAccessor::cdsChannelState>(
-                          kq::sub::ChannelState, key, out);
-                  });
+    shared_registry::add(m_mapChannelAccessorChannelStateSubscriber,
+                         m_mapChannelAccessorChannelStateSubscriberId, id, accessor,
+                         [](Id key, Id* out) {
+                             openChannelSubscription<&CdsChannelAccessor::cdsChannelState>(
+                                 kq::sub::ChannelState, key, out);
+                         });
 }
 
 void CdsChannelAccessor::subscribeChannelSettings(unsigned long long id,
                                                   CdsChannelAccessor* accessor) {
-    addToRegistry(m_mapChannelAccessorChannelSettingsSubscriber,
-                  m_mapChannelAccessorChannelSettingsSubscriberId, id, accessor,
-                  [](Id key, Id* out) {
-                      openChannelSubscription<&CdsChannelAccessor::cdsChannelSettings>(
-                          kq::sub::ChannelSettings, key, out);
-                  });
+    shared_registry::add(m_mapChannelAccessorChannelSettingsSubscriber,
+                         m_mapChannelAccessorChannelSettingsSubscriberId, id, accessor,
+                         [](Id key, Id* out) {
+                             openChannelSubscription<&CdsChannelAccessor::cdsChannelSettings>(
+                                 kq::sub::ChannelSettings, key, out);
+                         });
 }
 
 void CdsChannelAccessor::subscribeDeviceSettings(unsigned long long id,
                                                  CdsChannelAccessor* accessor) {
-    addToRegistry(m_mapChannelAccessorDeviceSettingsSubscriber,
-                  m_mapChannelAccessorDeviceSettingsSubscriberId, id, accessor,
-                  [](Id key, Id* out) {
-                      openDeviceSubscription<&CdsChannelAccessor::cdsDeviceSettings>(
-                          kq::sub::DeviceChanged, key, out);
-                  });
+    shared_registry::add(m_mapChannelAccessorDeviceSettingsSubscriber,
+                         m_mapChannelAccessorDeviceSettingsSubscriberId, id, accessor,
+                         [](Id key, Id* out) {
+                             openDeviceSubscription<&CdsChannelAccessor::cdsDeviceSettings>(
+                                 kq::sub::DeviceChanged, key, out);
+                         });
 }
 
 void CdsChannelAccessor::subscribeDeviceCreation(unsigned long long id,
                                                  CdsChannelAccessor* accessor) {
-    addToRegistry(m_mapChannelAccessorDeviceCreationSubscriber,
-                  m_mapChannelAccessorDeviceCreationSubscriberId, id, accessor,
-                  [](Id key, Id* out) {
-                      openDeviceSubscription<&CdsChannelAccessor::cdsDeviceCreation>(
-                          kq::sub::DeviceCreated, key, out);
-                  });
+    shared_registry::add(m_mapChannelAccessorDeviceCreationSubscriber,
+                         m_mapChannelAccessorDeviceCreationSubscriberId, id, accessor,
+                         [](Id key, Id* out) {
+                             openDeviceSubscription<&CdsChannelAccessor::cdsDeviceCreation>(
+                                 kq::sub::DeviceCreated, key, out);
+                         });
 }
 
 void CdsChannelAccessor::unsubscribeChannelUpdate(unsigned long long id,
                                                   CdsChannelAccessor* accessor) {
-    removeFromRegistry(m_mapChannelAccessorChannelUpdateSubscriber,
-                       m_mapChannelAccessorChannelUpdateSubscriberId, id, accessor);
+    shared_registry::remove(m_mapChannelAccessorChannelUpdateSubscriber,
+                            m_mapChannelAccessorChannelUpdateSubscriberId, id, accessor);
 }
 
 void CdsChannelAccessor::unsubscribeChannelState(unsigned long long id,
                                                  CdsChannelAccessor* accessor) {
-    removeFromRegistry(m_mapChannelAccessorChannelStateSubscriber,
-                       m_mapChannelAccessorChannelStateSubscriberId, id, accessor);
+    shared_registry::remove(m_mapChannelAccessorChannelStateSubscriber,
+                            m_mapChannelAccessorChannelStateSubscriberId, id, accessor);
 }
 
 void CdsChannelAccessor::unsubscribeChannelSettings(unsigned long long id,
                                                     CdsChannelAccessor* accessor) {
-    removeFromRegistry(m_mapChannelAccessorChannelSettingsSubscriber,
-                       m_mapChannelAccessorChannelSettingsSubscriberId, id, accessor);
+    shared_registry::remove(m_mapChannelAccessorChannelSettingsSubscriber,
+                            m_mapChannelAccessorChannelSettingsSubscriberId, id, accessor);
 }
 
 void CdsChannelAccessor::unsubscribeDeviceSettings(unsigned long long id,
                                                    CdsChannelAccessor* accessor) {
-    removeFromRegistry(m_mapChannelAccessorDeviceSettingsSubscriber,
-                       m_mapChannelAccessorDeviceSettingsSubscriberId, id, accessor);
+    shared_registry::remove(m_mapChannelAccessorDeviceSettingsSubscriber,
+                            m_mapChannelAccessorDeviceSettingsSubscriberId, id, accessor);
 }
 
 void CdsChannelAccessor::unsubscribeDeviceCreation(unsigned long long id,
                                                    CdsChannelAccessor* accessor) {
-    removeFromRegistry(m_mapChannelAccessorDeviceCreationSubscriber,
-                       m_mapChannelAccessorDeviceCreationSubscriberId, id, accessor);
+    shared_registry::remove(m_mapChannelAccessorDeviceCreationSubscriber,
+                            m_mapChannelAccessorDeviceCreationSubscriberId, id, accessor);
 }
 
 // ---- Notification handlers -------------------------------------------------------

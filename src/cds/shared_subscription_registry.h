@@ -1,5 +1,5 @@
-// The registry pattern of the device and alarm accessors: many accessors share
-// one data-store subscription per id.
+// The registry pattern of the channel, device and alarm accessors: many
+// accessors share one data-store subscription per id.
 #pragma once
 
 #include <map>
