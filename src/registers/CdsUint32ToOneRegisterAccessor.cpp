@@ -40,22 +40,19 @@ CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(
     : CdsUint32ToOneRegisterAccessor(detail::adoptDataAccessor(dataAccessor), bitmaskOp, mask,
                                      defaultValue) {}
 
-/* Only the first register counts; an empty write stores 0. With Xor the
- * written register is ignored and the mask itself is stored, whatever was
- * written; this is intended. With a
- * default configured the write reaches the data accessor even while its item
- * is missing (the accessor then decides what to do with it). */
+/* Only the first register counts. With a default configured the write
+ * reaches the data accessor even while its item is missing; what happens to
+ * it then is the data accessor's business. */
 void CdsUint32ToOneRegisterAccessor::setData(std::vector<uint16_t> const& data) {
     if (!isDataAvailable()) {
         return;
     }
-    unsigned int value = 0;
-    if (data.empty()) {
-        value = 0;
-    } else if (m_bitmaskOp == BitmaskOp::Xor) {
-        value = m_mask;
-    } else {
-        value = detail::unscaleRegisterToUint32(data[0], m_multiplier);
+    unsigned int value = 0;  // an empty write stores 0, with Xor too
+    if (!data.empty()) {
+        // Intended: with Xor the written register is ignored and the mask itself is stored.
+        value = m_bitmaskOp == BitmaskOp::Xor
+                    ? m_mask
+                    : detail::unscaleRegisterToUint32(data[0], m_multiplier);
     }
     m_cdsDataAccessor->setCValue(kq::CValue(value));
 }
