@@ -1,5 +1,6 @@
 // Reading and checking scenario files.
 #include <map>
+#include <optional>
 #include <set>
 
 #include "JsonChecks.h"
@@ -278,6 +279,29 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     }
 }
 
+/* {"uint32": 7} and the like: a value of the store's own alternative. */
+std::optional<kq::CValue> typedValue(std::string const& type, json const& inner) {
+    bool const integer = inner.is_number_integer();
+    bool const natural = inner.is_number_unsigned();
+    if (type == "bool" && inner.is_boolean()) {
+        return kq::CValue(inner.get<bool>());
+    }
+    if ((type == "int32" && integer) || (type == "int64" && integer)) {
+        return type == "int32" ? kq::CValue(inner.get<int>()) : kq::CValue(inner.get<long long>());
+    }
+    if ((type == "uint32" && natural) || (type == "uint64" && natural)) {
+        return type == "uint32" ? kq::CValue(inner.get<unsigned>())
+                                : kq::CValue(inner.get<unsigned long long>());
+    }
+    if ((type == "float" || type == "double") && inner.is_number()) {
+        return type == "float" ? kq::CValue(inner.get<float>()) : kq::CValue(inner.get<double>());
+    }
+    if (type == "string" && inner.is_string()) {
+        return kq::CValue(inner.get<std::string>());
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 ScenarioError::ScenarioError(std::vector<std::string> errors)
@@ -326,23 +350,10 @@ kq::CValue valueFromJson(json const& value) {
         return kq::CValue(value.get<std::string>());
     }
     if (value.is_object() && value.size() == 1) {
-        auto const& [type, inner] = *value.items().begin();
-        if (type == "bool" && inner.is_boolean())
-            return kq::CValue(inner.get<bool>());
-        if (type == "int32" && inner.is_number_integer())
-            return kq::CValue(inner.get<int>());
-        if (type == "int64" && inner.is_number_integer())
-            return kq::CValue(inner.get<long long>());
-        if (type == "uint32" && inner.is_number_unsigned())
-            return kq::CValue(inner.get<unsigned>());
-        if (type == "uint64" && inner.is_number_unsigned())
-            return kq::CValue(inner.get<unsigned long long>());
-        if (type == "float" && inner.is_number())
-            return kq::CValue(inner.get<float>());
-        if (type == "double" && inner.is_number())
-            return kq::CValue(inner.get<double>());
-        if (type == "string" && inner.is_string())
-            return kq::CValue(inner.get<std::string>());
+        auto const item = value.items().begin();
+        if (auto typed = typedValue(item.key(), item.value())) {
+            return *typed;
+        }
     }
     if (value.is_null()) {
         return kq::CValue();
