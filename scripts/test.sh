@@ -45,6 +45,8 @@ host)
     ctest --test-dir build/host -j "$jobs" --output-on-failure
     echo "== host suite: $SECONDS s"
     phase "armhf suite" armhf_suite
+    # Both passed; check that they were the same unit tests.
+    scripts/same-tests.py build/host build/arm
     ;;
 armhf)
     phase "armhf suite" armhf_suite
