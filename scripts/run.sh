@@ -1,12 +1,23 @@
 #!/usr/bin/env bash
-# Builds tarsel-modbusd and starts it with the shipped UPS map and scenario,
-# listening on 127.0.0.1:1502. Extra arguments go to the daemon, e.g.
+# Builds tarsel-modbusd, prints the register-map description of the shipped UPS
+# map (as it reads once the simulated UPS has been detected), then starts the
+# daemon on the shipped map and scenario, listening on 127.0.0.1:1502, until
+# interrupted. Extra arguments go to the daemon, e.g.
 #   scripts/run.sh --verbose --run-seconds 60
-#   scripts/run.sh --describe
+#   scripts/run.sh --describe=csv
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/host -j "$(nproc)" --target tarsel-modbusd
-exec build/host/daemon/tarsel-modbusd "$@"
+cmake --build build/host -j "$(nproc)" --target tarsel-modbusd >/dev/null
+daemon=build/host/daemon/tarsel-modbusd
+
+for arg in "$@"; do
+    case "$arg" in
+    --describe* | --check | --help | -h) exec "$daemon" "$@" ;;
+    esac
+done
+"$daemon" --describe --describe-at 4 "$@"
+echo
+exec "$daemon" "$@"
