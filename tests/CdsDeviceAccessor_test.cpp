@@ -282,8 +282,8 @@ TEST_F(CdsDeviceAccessorTest, Attribute16CountsWhatTheStoreListsForSelector7FFFF
 TEST_F(CdsDeviceAccessorTest, Attribute16BeforeDetectionAsksAboutDevice0) {
     CdsDeviceAccessor const accessor(77, cdsapi::AttributeSubDeviceCount);
     store().resetCalls();
-    // The store has no device 0 and says so; the accessor passes that on.
-    EXPECT_THROW(accessor.getCValue(), cdshost::NotFound);
+    // Device 0 is no device, so it has no sub-devices: the count is 0.
+    EXPECT_EQ(accessor.getCValue(), kq::CValue(0ULL));
     EXPECT_EQ(store().calls("getSubDevicesIds", 0), 1u);
     EXPECT_EQ(store().calls("getSubDevicesIds"), 1u);
 }
@@ -300,8 +300,10 @@ TEST_F(CdsDeviceAccessorTest, Attribute16CallbackOnDetectionGetsTheStoresOwnText
     // read, a string, never the count that getCValue() gives for 16.
     CdsDeviceAccessor accessor(77, cdsapi::AttributeSubDeviceCount);
     Recorder recorder;
-    // Installed first, then called with the count of device 0, which fails.
-    EXPECT_THROW(accessor.setUpdateCallback(recorder.listener()), cdshost::NotFound);
+    // Installing it calls it at once with the count of device 0: no device, 0.
+    accessor.setUpdateCallback(recorder.listener());
+    ASSERT_EQ(recorder.values, (std::vector<kq::CValue>{kq::CValue(0ULL)}));
+    recorder.values.clear();
     store().addDevice("Bypass", 77, 0, false);
     addSubDevices(77, 2, "Module");
     std::string const text = modbus::CdsInBandAccessor::getInstance().inBand().getDeviceAttribute(

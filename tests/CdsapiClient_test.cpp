@@ -152,7 +152,13 @@ TEST_F(CdsapiClientTest, GetSubDevicesIdsListsDirectSubDevicesOnly) {
 
 TEST_F(CdsapiClientTest, GetSubDevicesIdsOfMissingDeviceThrowsNotFound) {
     EXPECT_THROW(inBand.getSubDevicesIds(404, 0), cdshost::NotFound);
-    EXPECT_THROW(inBand.getSubDevicesIds(0, 0x7FFFFFFF), cdshost::NotFound);
+}
+
+TEST_F(CdsapiClientTest, GetSubDevicesIdsOfNoDeviceIsEmpty) {
+    EXPECT_TRUE(inBand.getSubDevicesIds(0, 0x7FFFFFFF).empty());
+    EXPECT_TRUE(inBand.getSubDevicesIds(0, 0).empty());
+    EXPECT_EQ(store.calls("getSubDevicesIds", 0), 2u);
+    EXPECT_THROW(inBand.getDevice(0), cdshost::NotFound);
 }
 
 TEST_F(CdsapiClientTest, RemovedSubDeviceLeavesTheListAndTheRestKeepTheirOrder) {

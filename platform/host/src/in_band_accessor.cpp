@@ -55,9 +55,13 @@ std::vector<unsigned long long> InBandAccessor::getSubDevicesIds(unsigned long l
     // The host store has one kind of sub-device list: every selector (0 and
     // 0x7FFFFFFF are the ones in use) gives the direct sub-devices in the
     // order they were added.
+    // Device 0 is "no device": it has no sub-devices. A device accessor that
+    // has not found its device yet asks about it when it counts sub-devices.
     (void)selector;
-    return store().clientCall("getSubDevicesIds", deviceId,
-                              [&](Events&) { return store().deviceLocked(deviceId).subDevices; });
+    return store().clientCall("getSubDevicesIds", deviceId, [&](Events&) {
+        return deviceId == 0 ? std::vector<unsigned long long>{}
+                             : store().deviceLocked(deviceId).subDevices;
+    });
 }
 
 unsigned long long InBandAccessor::getChannelId(unsigned long long deviceId,

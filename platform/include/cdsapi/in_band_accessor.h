@@ -10,7 +10,7 @@
 //    channel or device.
 //  - getSubDevicesIds() returns the sub-devices in a stable order, so that an
 //    index names the same sub-device on every call; it throws for a missing
-//    device.
+//    device, and answers an empty list for device 0 ("no device").
 //  - subscribe...() write a unique, non-zero subscription id through their last
 //    argument. Subscribing to an id that does not exist (yet) is allowed.
 //  - unsubscribe() of an unknown id throws.
