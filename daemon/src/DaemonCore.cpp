@@ -15,7 +15,9 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
     m_map = std::make_unique<ServedMap>(config.map, log);
     m_handler = std::make_unique<RequestHandler>(*m_map, *m_availability, log, config.unitId);
-    m_log.info("register map: " + std::to_string(m_map->entries().size()) + " entries");
+    std::size_t const pending = m_map->pendingCount();
+    m_log.info("register map: " + std::to_string(m_map->entries().size()) + " entries" +
+               (pending > 0 ? " (" + std::to_string(pending) + " pending)" : ""));
     watchAvailability();
 }
 
@@ -57,6 +59,9 @@ void DaemonCore::watchAvailability() {
 }
 
 std::string DaemonCore::describe(DescribeFormat format) {
+    // The scenario may have been played ahead (--describe-at) since the last
+    // retry; a pending entry whose device is there now is described built.
+    buildPendingEntries();
     bool const available = m_availability->isAvailable();
     DescribeContext const context{*m_map, m_floatLayout, available,
                                   m_availability->notAvailableMessage()};

@@ -3,6 +3,7 @@
 // Tests build it in-process; the program wraps it in a server and a loop.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -46,6 +47,14 @@ class DaemonCore {
      * the moment it can. */
     void watchAvailability();
 
+    /* True while some entry of the map could not be built yet. */
+    bool hasPendingEntries() const { return m_map->pendingCount() > 0; }
+    /* Tries to build the pending entries again; returns how many were built.
+     * Only on the thread that serves the map. */
+    std::size_t buildPendingEntries() { return m_map->buildPending(); }
+
+    /* Builds what can be built by now first, so the description shows the
+     * map as a request would find it. */
     std::string describe(DescribeFormat format);
 
   private:

@@ -56,25 +56,26 @@ std::string markdown(DescribeContext const& context) {
             << (layout.roundTrips() ? "" : " (does not round-trip)") << "\n";
     }
     out << "\n| table | address | size | name | representation | value | source | pushed image "
-           "| pushes |\n|---|---|---|---|---|---|---|---|---|\n";
+           "| pushes | note |\n|---|---|---|---|---|---|---|---|---|---|\n";
     for (auto const& entry : context.map.entries()) {
         DescribedEntry const row = describeEntry(*entry);
         out << "| " << row.table << " | " << row.address << " | " << row.size << " | "
             << markdownCell(row.name) << " | " << markdownCell(row.representation) << " | "
             << markdownCell(row.value) << " | " << markdownCell(row.source) << " | " << row.image
-            << " | " << row.pushes << " |\n";
+            << " | " << row.pushes << " | " << markdownCell(row.note) << " |\n";
     }
     return out.str();
 }
 
 std::string csv(DescribeContext const& context) {
     std::ostringstream out;
-    out << "table,address,size,name,representation,value,source,image,pushes\n";
+    out << "table,address,size,name,representation,value,source,image,pushes,note\n";
     for (auto const& entry : context.map.entries()) {
         DescribedEntry const row = describeEntry(*entry);
         out << row.table << "," << row.address << "," << row.size << "," << csvCell(row.name) << ","
             << csvCell(row.representation) << "," << csvCell(row.value) << ","
-            << csvCell(row.source) << "," << csvCell(row.image) << "," << row.pushes << "\n";
+            << csvCell(row.source) << "," << csvCell(row.image) << "," << row.pushes << ","
+            << csvCell(row.note) << "\n";
     }
     return out.str();
 }
@@ -106,7 +107,8 @@ std::string jsonText(DescribeContext const& context) {
                            {"available", row.valueAvailable},
                            {"source", row.source},
                            {"image", entry->image.known ? json(entry->image.words) : json()},
-                           {"pushes", row.pushes}});
+                           {"pushes", row.pushes},
+                           {"note", row.note}});
     }
     json root = {{"available", context.available},
                  {"floatLayout", layoutJson(context.floatLayout)},
@@ -134,9 +136,21 @@ std::optional<DescribeFormat> describeFormatFromName(std::string const& name) {
 
 DescribedEntry describeEntry(ServedEntry const& entry) {
     EntrySpec const& spec = entry.spec;
-    DescribedEntry row{
-        tableName(spec.table), spec.address, spec.size,         spec.name, "", "", false,
-        sourcesText(spec),     "",           entry.image.pushes};
+    DescribedEntry row{tableName(spec.table),
+                       spec.address,
+                       spec.size,
+                       spec.name,
+                       "",
+                       "",
+                       false,
+                       sourcesText(spec),
+                       entry.image.known ? hexWords(entry.image.words) : "-",
+                       entry.image.pushes,
+                       ""};
+    if (!entry.built()) {
+        row.note = "pending: " + entry.pendingReason;
+        return row;
+    }
     auto const& encoder = entry.encoder;
     try {
         row.representation = encoder.registers ? encoder.registers->getDataRepresentation()
@@ -148,7 +162,6 @@ DescribedEntry describeEntry(ServedEntry const& entry) {
     } catch (std::exception const& error) {
         row.value = std::string("error: ") + error.what();
     }
-    row.image = entry.image.known ? hexWords(entry.image.words) : "-";
     return row;
 }
 

@@ -24,7 +24,8 @@ struct DescribeContext {
 std::string describeMap(DescribeContext const& context, DescribeFormat format);
 
 /* One row of the description; the texts of the library, or the error a read
- * raised. */
+ * raised. A pending entry has no encoder yet: no representation, an empty
+ * value and a note saying why it is pending. */
 struct DescribedEntry {
     std::string table;
     unsigned address;
@@ -36,6 +37,7 @@ struct DescribedEntry {
     std::string source;
     std::string image;
     unsigned long long pushes;
+    std::string note;
 };
 
 DescribedEntry describeEntry(ServedEntry const& entry);

@@ -16,6 +16,8 @@ using Clock = std::chrono::steady_clock;
 
 // Bounds every wait, so a clock step or a lost wake-up costs at most this.
 constexpr std::chrono::milliseconds kMaxWait{500};
+// How often entries whose device is not there yet are tried again.
+constexpr std::chrono::seconds kPendingRetryPeriod{1};
 
 int waitMilliseconds(Clock::time_point now, std::optional<Clock::time_point> next) {
     auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxWait);
@@ -51,6 +53,43 @@ bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
     return stop;
 }
 
+/* Builds the map's pending entries on the loop's thread: about once a second,
+ * and at once after scenario events, which are what usually adds the device
+ * a pending entry waits for. */
+class PendingRetry {
+  public:
+    explicit PendingRetry(Clock::time_point start) : m_next(start + kPendingRetryPeriod) {}
+
+    /* When the loop must wake up for the next attempt; nothing while no
+     * entry is pending. */
+    std::optional<Clock::time_point> due(DaemonCore const& core) const {
+        return core.hasPendingEntries() ? std::optional<Clock::time_point>(m_next) : std::nullopt;
+    }
+
+    void run(DaemonCore& core, Clock::time_point now, bool scenarioPlayed) {
+        bool const periodic = now >= m_next;
+        if (periodic) {
+            m_next = now + kPendingRetryPeriod;
+        }
+        if ((periodic || scenarioPlayed) && core.hasPendingEntries()) {
+            core.buildPendingEntries();
+        }
+    }
+
+  private:
+    Clock::time_point m_next;
+};
+
+/* Plays the scenario events due now; true when any ran. */
+bool playScenario(ScenarioPlayer* scenario, Clock::time_point now) {
+    if (scenario == nullptr) {
+        return false;
+    }
+    std::size_t const before = scenario->played();
+    scenario->playDue(now);
+    return scenario->played() != before;
+}
+
 }  // namespace
 
 int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Log& log,
@@ -65,8 +104,10 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
     if (scenario != nullptr) {
         scenario->start(start);
     }
+    PendingRetry retry(start);
     for (;;) {
-        auto const next = earlier(deadline, scenario ? scenario->nextDue() : std::nullopt);
+        auto const next = earlier(earlier(deadline, scenario ? scenario->nextDue() : std::nullopt),
+                                  retry.due(core));
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
         auto const served = server.pollSet();
         fds.insert(fds.end(), served.begin(), served.end());
@@ -81,9 +122,8 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         if (ready > 0) {
             server.serve(fds.data() + 1, fds.size() - 1);
         }
-        if (scenario != nullptr) {
-            scenario->playDue(Clock::now());
-        }
+        bool const played = playScenario(scenario, Clock::now());
+        retry.run(core, Clock::now(), played);
         core.watchAvailability();
         if (deadline && Clock::now() >= *deadline) {
             log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");

@@ -71,6 +71,9 @@ Answer refuse(Answer answer, std::uint8_t code) {
 }
 
 bool available(ServedEntry const& entry) {
+    if (!entry.built()) {
+        return false;  // pending: nothing to read or write until it is built
+    }
     auto const& encoder = entry.encoder;
     return encoder.registers ? encoder.registers->isDataAvailable()
                              : encoder.discretes->isDataAvailable();

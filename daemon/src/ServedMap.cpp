@@ -1,15 +1,21 @@
 #include "ServedMap.h"
 
 #include <exception>
-#include <stdexcept>
+#include <utility>
 
 #include "modbus/CdsStringAccessor.h"
 
 namespace tarsel::daemon {
 
 namespace {
+
 constexpr std::uint8_t kIllegalDataAddress = 2;
+
+std::string label(EntrySpec const& spec) {
+    return spec.path + " \"" + spec.name + "\"";
 }
+
+}  // namespace
 
 std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size) {
     words.resize(size, 0);
@@ -18,7 +24,7 @@ std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size
 
 ServedMap::ServedMap(RegisterMapSpec const& spec, Log& log) : m_log(log) {
     for (auto const& entry : spec.entries) {
-        build(entry);
+        add(entry);
     }
 }
 
@@ -28,19 +34,70 @@ ServedMap::~ServedMap() {
     }
 }
 
-void ServedMap::build(EntrySpec const& spec) {
+void ServedMap::add(EntrySpec const& spec) {
     auto entry = std::make_unique<ServedEntry>(spec);
-    try {
-        entry->encoder = makeEncoder(entry->spec);
-    } catch (std::exception const& error) {
-        // A device attribute found by name needs its device when it is built.
-        throw std::runtime_error(spec.path + " \"" + spec.name +
-                                 "\" cannot be built: " + error.what());
+    if (auto failure = tryBuild(*entry)) {
+        // A device attribute found by name needs its device when it is built,
+        // and the daemon usually starts before the UPS is detected: the entry
+        // keeps its addresses and answers as unavailable until it can be built.
+        m_log.warning(label(spec) + " cannot be built yet: " + *failure +
+                      "; served as unavailable, retried every second");
+        entry->pendingReason = std::move(*failure);
     }
-    listen(*entry);
-    seedImage(*entry);
     m_index[spec.table][spec.address] = entry.get();
     m_entries.push_back(std::move(entry));
+}
+
+/* Builds the entry's encoder and installs its listener; on failure the entry
+ * is left without an encoder and the reason is returned. */
+std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
+    std::optional<std::string> failure;
+    try {
+        entry.encoder = makeEncoder(entry.spec);
+        listen(entry);
+    } catch (std::exception const& error) {
+        failure = error.what();
+    } catch (...) {
+        // A foreign exception from the data store must not end the daemon:
+        // the next retry may well succeed.
+        failure = "an exception that is not a std::exception";
+    }
+    if (failure) {
+        // A half-wired encoder leaves the data store at once, and nothing it
+        // may have pushed is kept.
+        entry.encoder = BuiltEncoder{};
+        entry.image = PushImage{};
+        return failure;
+    }
+    seedImage(entry);
+    return std::nullopt;
+}
+
+std::size_t ServedMap::pendingCount() const {
+    std::size_t count = 0;
+    for (auto const& entry : m_entries) {
+        count += entry->built() ? 0 : 1;
+    }
+    return count;
+}
+
+std::size_t ServedMap::buildPending() {
+    std::size_t built = 0;
+    for (auto const& entry : m_entries) {
+        if (entry->built()) {
+            continue;
+        }
+        if (auto failure = tryBuild(*entry)) {
+            // Logged once when the entry became pending; a retry that fails
+            // again only keeps the latest reason for the description.
+            entry->pendingReason = std::move(*failure);
+            continue;
+        }
+        entry->pendingReason.clear();
+        m_log.info(label(entry->spec) + " built; served from now on");
+        ++built;
+    }
+    return built;
 }
 
 void ServedMap::listen(ServedEntry& entry) {
@@ -82,8 +139,7 @@ void ServedMap::seedImage(ServedEntry& entry) {
         entry.image.words = fitToSize(std::move(words), entry.spec.size);
         entry.image.known = true;
     } catch (std::exception const& error) {
-        m_log.warning(entry.spec.path + " \"" + entry.spec.name +
-                      "\": first read failed: " + error.what());
+        m_log.warning(label(entry.spec) + ": first read failed: " + error.what());
     }
 }
 

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "EncoderFactory.h"
@@ -24,8 +26,14 @@ struct PushImage {
 struct ServedEntry {
     explicit ServedEntry(EntrySpec s) : spec(std::move(s)) {}
 
+    /* False while the entry is pending: its encoder could not be built yet
+     * (a device found by name that is not there yet). */
+    bool built() const { return encoder.registers || encoder.discretes; }
+
     EntrySpec const spec;
     PushImage image;
+    // Why the last attempt to build the encoder failed; empty once built.
+    std::string pendingReason;
     // Declared last so it is destroyed first: the encoder's listener writes
     // into `image`, and the data accessors must leave the data store before
     // anything they could call back into goes away.
@@ -41,7 +49,9 @@ struct Coverage {
 class ServedMap {
   public:
     /* Builds every encoder, installs the push listeners and fills the image
-     * with one read of each available entry. */
+     * with one read of each available entry. An entry whose encoder cannot
+     * be built yet keeps its place as a pending entry, served as unavailable
+     * until buildPending() succeeds for it. */
     ServedMap(RegisterMapSpec const& spec, Log& log);
     /* Destroys the encoders, last entry first, and with them every data
      * accessor and its data-store subscriptions. */
@@ -59,8 +69,16 @@ class ServedMap {
 
     std::uint64_t totalPushes() const;
 
+    /* Entries whose encoder is not built yet. */
+    std::size_t pendingCount() const;
+    /* Tries once more to build every pending entry; returns how many were
+     * built. Call it on the thread that serves the map: building installs
+     * data-store subscriptions and listeners. */
+    std::size_t buildPending();
+
   private:
-    void build(EntrySpec const& spec);
+    void add(EntrySpec const& spec);
+    std::optional<std::string> tryBuild(ServedEntry& entry);
     void listen(ServedEntry& entry);
     void seedImage(ServedEntry& entry);
     void recordPush(ServedEntry& entry, std::vector<std::uint16_t> words);

@@ -39,6 +39,17 @@ TEST(DaemonCoreTest, TearingDownTheCoreClosesEveryDataStoreSubscription) {
     EXPECT_EQ(store.subscriptionCount(), 0u);
 }
 
+TEST(DaemonCoreTest, TearingDownAfterAPendingEntryWasBuiltClosesEverySubscription) {
+    TestDaemon daemon(embeddedMap(), embeddedScenario());
+    ASSERT_TRUE(daemon.core().hasPendingEntries());  // the UPS model, found by name
+    daemon.core().scenario()->playFirst(10.0);
+    ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
+    auto& store = cdshost::Store::instance();
+    ASSERT_GT(store.subscriptionCount(), 0u);
+    daemon.stop();
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
 TEST(DaemonCoreTest, StartupReadFillsTheImageWithoutCountingAPush) {
     TestDaemon daemon(kMap, kScenario);
     ServedEntry const& t = entryNamed(daemon.core(), "t");

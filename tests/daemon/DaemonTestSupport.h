@@ -84,6 +84,7 @@ class TestDaemon {
     }
 
     DaemonCore& core() { return *m_core; }
+    Log& log() { return m_log; }
     void stop() { m_core.reset(); }
     std::string logText() const { return m_logText.str(); }
 

@@ -48,8 +48,9 @@ TEST(DescribeTest, MarkdownEscapesPipesAndShowsTheFloatLayout) {
 TEST(DescribeTest, CsvQuotesCellsWithCommasAndQuotes) {
     testing::TestDaemon daemon(kMap, kScenario);
     std::string const text = daemon.core().describe(DescribeFormat::Csv);
-    EXPECT_EQ(text.rfind("table,address,size,name,representation,value,source,image,pushes\n", 0),
-              0u);
+    EXPECT_EQ(
+        text.rfind("table,address,size,name,representation,value,source,image,pushes,note\n", 0),
+        0u);
     EXPECT_NE(text.find("holding-registers,4,2,v|1,Float (Standard),12.500,\"device 2 channel "
                         "\"\"V\"\"\""),
               std::string::npos)

@@ -307,6 +307,30 @@ class PymodbusTest(unittest.TestCase):
         pushed = 'push holding-registers 20 "ups.location" [0x5261 0x636B 0x2039 0x0000'
         self.assertTrue(daemon.wait_for_log(pushed))
 
+    def test_entry_found_by_device_name_is_served_once_the_scenario_adds_its_device(self):
+        ups_map = shipped_map()
+        ups_map["entries"].append({"name": "bypass.model", "table": "input-registers",
+                                   "address": 200, "encoder": "string", "size": 4,
+                                   "source": {"device": "Bypass", "attribute": "model"}})
+        scenario = running_ups()
+        ups = scenario["devices"].pop()
+        scenario["events"] = [{"at": 0.5, "do": "add-device", "device": ups}]
+        daemon, client = self.start(map_json=ups_map, scenario_json=scenario)
+        self.assertTrue(daemon.wait_for_log(
+            'entries[0] "ups.model" cannot be built yet: no device named "UPS"'))
+        model = lambda: client.read_input_registers(0, 16, slave=1)
+        self.assertEqual(self.exception_of(model()), 0x0A)  # the UPS is not there yet
+        served = poll_until(lambda: not model().isError()
+                            and decoder(model().registers).decode_string(32)
+                            == b"Simulated UPS 3000 RT" + b"\0" * 11)
+        self.assertTrue(served)
+        self.assertEqual(self.ok(client.read_input_registers(200, 4, slave=1)).registers,
+                         [SENTINEL] * 4)  # its device never comes: still pending
+        status, log = daemon.stop()
+        self.assertEqual(status, 0, log)
+        self.assertIn('entries[0] "ups.model" built; served from now on', log)
+        self.assertIn("data-store subscriptions still open: 0", log)
+
     # ---- robustness and shutdown -----------------------------------------
 
     def test_several_clients_are_served_at_once(self):

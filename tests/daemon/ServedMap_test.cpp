@@ -1,0 +1,242 @@
+// Entries whose encoder cannot be built while their device is missing: how
+// they are served while pending, and how they are built once it appears.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "DaemonTestSupport.h"
+#include "EventLoop.h"
+#include "ModbusServer.h"
+#include "SignalPipe.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using testing::request;
+using testing::TestDaemon;
+
+// "model" and "power" find their device by name; only "Card" (device 2, whose
+// operating status opens the map) is there at start.
+char const* const kMap = R"({"entries": [
+  {"name": "t", "table": "holding-registers", "address": 0, "encoder": "int16",
+   "source": {"device": 2, "channel": "T"}},
+  {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string", "size": 4,
+   "source": {"device": "UPS", "attribute": "model"}},
+  {"name": "power", "table": "holding-registers", "address": 5, "encoder": "numeric-string",
+   "unavailable": {"mode": "exception", "code": 11},
+   "source": {"device": "UPS", "attribute": "nominal-power"}}
+]})";
+
+char const* const kCardOnly = R"({"devices": [{"id": 2, "name": "Card", "channels": {
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})";
+
+constexpr cdshost::Id kUps = 7;
+constexpr std::uint16_t kSentinel = 0xFFFF;
+
+char const* const kModelWarning =
+    "warning: entries[1] \"model\" cannot be built yet: no device named \"UPS\"; served as "
+    "unavailable, retried every second";
+
+/* The UPS appears in the store, as the card detects it. */
+void addUps() {
+    auto& store = cdshost::Store::instance();
+    store.addDevice("UPS", kUps, 0, false);
+    store.setDeviceAttribute(kUps, cdsapi::AttributeModel, "RT 3000", false);
+    store.setDeviceAttribute(kUps, cdsapi::AttributeNominalPower, "3000", false);
+    store.notifyDevice(kUps, kq::sub::DeviceCreated);
+}
+
+ServedEntry const& entryNamed(DaemonCore& core, std::string const& name) {
+    for (auto const& entry : core.map().entries()) {
+        if (entry->spec.name == name) {
+            return *entry;
+        }
+    }
+    throw std::out_of_range(name);
+}
+
+std::size_t occurrences(std::string const& text, std::string const& part) {
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(ServedMapTest, EntryWhoseDeviceIsMissingAtStartIsPendingAndTheCoreStarts) {
+    TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_TRUE(daemon.core().hasPendingEntries());
+    EXPECT_EQ(daemon.core().map().pendingCount(), 2u);
+    EXPECT_FALSE(entryNamed(daemon.core(), "model").built());
+    EXPECT_TRUE(entryNamed(daemon.core(), "t").built());
+    EXPECT_EQ(occurrences(daemon.logText(), kModelWarning), 1u) << daemon.logText();
+    EXPECT_NE(daemon.logText().find("register map: 3 entries (2 pending)"), std::string::npos);
+}
+
+TEST(ServedMapTest, PendingEntryReadsAsTheSentinelOfItsPolicy) {
+    TestDaemon daemon(kMap, kCardOnly);
+    Answer const answer = daemon.ask(request(3, 0, 5));
+    ASSERT_EQ(answer.exception, 0);
+    EXPECT_EQ(answer.registers,
+              (std::vector<uint16_t>{5, kSentinel, kSentinel, kSentinel, kSentinel}));
+}
+
+TEST(ServedMapTest, PendingEntryWithTheExceptionPolicyAnswersItsCode) {
+    TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_EQ(daemon.ask(request(3, 5, 1)).exception, 11);
+    EXPECT_EQ(daemon.ask(request(3, 0, 6)).exception, 11);
+}
+
+TEST(ServedMapTest, PendingEntryKeepsItsAddresses) {
+    TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_EQ(daemon.ask(request(3, 2, 2)).exception, 2);  // starts inside "model"
+    EXPECT_EQ(daemon.ask(request(3, 0, 2)).exception, 2);  // ends inside "model"
+}
+
+TEST(ServedMapTest, WriteToAPendingEntryIsRefusedAndWritesNothing) {
+    TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(0, {9, 0x4142, 0, 0, 0})).exception, 4);
+    EXPECT_EQ(daemon.ask(request(6, 5, 1)).exception, 11);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(5));
+}
+
+TEST(ServedMapTest, DescriptionShowsAPendingEntryWithAnEmptyValueAndWhy) {
+    TestDaemon daemon(kMap, kCardOnly);
+    auto const root = nlohmann::json::parse(daemon.core().describe(DescribeFormat::Json));
+    auto const& model = root["entries"][1];
+    EXPECT_EQ(model["name"], "model");
+    EXPECT_EQ(model["address"], 1);
+    EXPECT_EQ(model["size"], 4);
+    EXPECT_EQ(model["value"], "");
+    EXPECT_EQ(model["representation"], "");
+    EXPECT_FALSE(model["available"].get<bool>());
+    EXPECT_TRUE(model["image"].is_null());
+    EXPECT_EQ(model["source"], "device \"UPS\" attribute model");
+    EXPECT_EQ(model["note"], "pending: no device named \"UPS\"");
+    EXPECT_EQ(root["entries"][0]["note"], "");
+
+    std::string const markdown = daemon.core().describe(DescribeFormat::Markdown);
+    EXPECT_NE(markdown.find("| holding-registers | 1 | 4 | model |  |  | device \"UPS\" attribute "
+                            "model | - | 0 | pending: no device named \"UPS\" |"),
+              std::string::npos)
+        << markdown;
+    std::string const csv = daemon.core().describe(DescribeFormat::Csv);
+    EXPECT_NE(csv.find("holding-registers,1,4,model,,,\"device \"\"UPS\"\" attribute model\",-,0,"
+                       "\"pending: no device named \"\"UPS\"\"\"\n"),
+              std::string::npos)
+        << csv;
+}
+
+TEST(ServedMapTest, RetryThatFailsAgainKeepsTheEntryPendingWithoutAnotherWarning) {
+    TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_EQ(daemon.core().buildPendingEntries(), 0u);
+    EXPECT_EQ(daemon.core().buildPendingEntries(), 0u);
+    EXPECT_EQ(daemon.core().map().pendingCount(), 2u);
+    EXPECT_EQ(occurrences(daemon.logText(), kModelWarning), 1u) << daemon.logText();
+}
+
+TEST(ServedMapTest, PendingEntryIsBuiltOnceItsDeviceExistsAndServesTheAttribute) {
+    TestDaemon daemon(kMap, kCardOnly);
+    addUps();
+    EXPECT_EQ(daemon.core().buildPendingEntries(), 2u);
+    EXPECT_FALSE(daemon.core().hasPendingEntries());
+    EXPECT_NE(daemon.logText().find("entries[1] \"model\" built; served from now on"),
+              std::string::npos)
+        << daemon.logText();
+    Answer const answer = daemon.ask(request(3, 0, 6));
+    ASSERT_EQ(answer.exception, 0);
+    // "RT 3000" fitted to 4 registers, then the nominal power as a number
+    EXPECT_EQ(answer.registers, (std::vector<uint16_t>{5, 0x5254, 0x2033, 0x3030, 0x3000, 3000}));
+    ServedEntry const& model = entryNamed(daemon.core(), "model");
+    EXPECT_TRUE(model.image.known);
+    EXPECT_EQ(model.image.words, (std::vector<uint16_t>{0x5254, 0x2033, 0x3030, 0x3000}));
+    EXPECT_EQ(model.image.pushes, 0u);
+    EXPECT_EQ(model.pendingReason, "");
+}
+
+TEST(ServedMapTest, DescriptionBuildsWhatCanBeBuiltFirst) {
+    TestDaemon daemon(kMap, kCardOnly);
+    addUps();
+    auto const root = nlohmann::json::parse(daemon.core().describe(DescribeFormat::Json));
+    EXPECT_EQ(root["entries"][1]["value"], "RT 3000");
+    EXPECT_EQ(root["entries"][1]["note"], "");
+    EXPECT_FALSE(daemon.core().hasPendingEntries());
+}
+
+TEST(ServedMapTest, PushesOfALaterBuiltEntryReachItsImage) {
+    TestDaemon daemon(kMap, kCardOnly);
+    addUps();
+    ASSERT_EQ(daemon.core().buildPendingEntries(), 2u);
+    cdshost::Store::instance().setDeviceAttribute(kUps, cdsapi::AttributeModel, "XYZ");
+    ServedEntry const& model = entryNamed(daemon.core(), "model");
+    EXPECT_EQ(model.image.words, (std::vector<uint16_t>{0x5859, 0x5A00, 0, 0}));
+    EXPECT_GE(model.image.pushes, 1u);
+    EXPECT_NE(daemon.logText().find("push holding-registers 1 \"model\" [0x5859 0x5A00"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(ServedMapTest, TeardownClosesTheSubscriptionsOfLaterBuiltAndNeverBuiltEntries) {
+    std::string const map = R"({"entries": [
+      {"name": "model", "table": "input-registers", "address": 0, "encoder": "string", "size": 4,
+       "source": {"device": "UPS", "attribute": "model"}},
+      {"name": "bypass", "table": "input-registers", "address": 4, "encoder": "string", "size": 4,
+       "source": {"device": "Bypass", "attribute": "model"}},
+      {"name": "t", "table": "holding-registers", "address": 0, "encoder": "int16",
+       "source": {"device": 2, "channel": "T"}}]})";
+    TestDaemon daemon(map, kCardOnly);
+    auto& store = cdshost::Store::instance();
+    std::size_t const before = store.subscriptionCount();
+    addUps();
+    ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
+    ASSERT_GT(store.subscriptionCount(), before);  // the built entry listens to the UPS
+    EXPECT_FALSE(entryNamed(daemon.core(), "bypass").built());
+    daemon.stop();
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST(ServedMapTest, ForeignExceptionWhileBuildingLeavesTheEntryPendingToo) {
+    auto& store = cdshost::Store::instance();
+    addUps();
+    store.failNext("getDeviceByName", 1, std::nullopt, cdshost::FaultKind::NonStandard);
+    TestDaemon daemon(kMap, kCardOnly);
+    ServedEntry const& model = entryNamed(daemon.core(), "model");
+    EXPECT_FALSE(model.built());
+    EXPECT_EQ(model.pendingReason, "an exception that is not a std::exception");
+    EXPECT_TRUE(entryNamed(daemon.core(), "power").built());
+    EXPECT_EQ(daemon.core().buildPendingEntries(), 1u);
+    EXPECT_EQ(daemon.ask(request(3, 1, 4)).registers,
+              (std::vector<uint16_t>{0x5254, 0x2033, 0x3030, 0x3000}));
+}
+
+/* Runs the daemon's event loop over the core for `seconds`. */
+void runLoop(TestDaemon& daemon, double seconds) {
+    SignalPipe signals;
+    ModbusServer server({"127.0.0.1", 0}, daemon.core().handler(), daemon.log());
+    ASSERT_EQ(runEventLoop(daemon.core(), server, signals, daemon.log(), seconds), 0);
+}
+
+TEST(ServedMapTest, EventLoopBuildsAPendingEntryRightAfterTheScenarioEventThatAddsItsDevice) {
+    std::string const scenario = R"({"devices": [{"id": 2, "name": "Card", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}],
+      "events": [{"at": 0.1, "do": "add-device", "device": {"id": 7, "name": "UPS",
+                  "attributes": {"model": "RT 3000", "nominal-power": "3000"}}}]})";
+    TestDaemon daemon(kMap, scenario);
+    // Shorter than the retry period: only the retry after the event can build it.
+    runLoop(daemon, 0.5);
+    EXPECT_FALSE(daemon.core().hasPendingEntries()) << daemon.logText();
+    EXPECT_EQ(daemon.ask(request(3, 5, 1)).registers, (std::vector<uint16_t>{3000}));
+}
+
+TEST(ServedMapTest, EventLoopRetriesPendingEntriesAboutOnceASecond) {
+    TestDaemon daemon(kMap, kCardOnly);
+    addUps();  // not through the scenario: no event triggers a retry
+    runLoop(daemon, 0.5);
+    EXPECT_TRUE(daemon.core().hasPendingEntries());  // not retried on every wake-up
+    runLoop(daemon, 1.5);
+    EXPECT_FALSE(daemon.core().hasPendingEntries()) << daemon.logText();
+    EXPECT_EQ(daemon.ask(request(3, 5, 1)).registers, (std::vector<uint16_t>{3000}));
+}
+
+}  // namespace
+}  // namespace tarsel::daemon
