@@ -52,4 +52,6 @@ if(TARSEL_QEMU_ARM)
     set(CMAKE_CROSSCOMPILING_EMULATOR
         ${TARSEL_QEMU_ARM} -L ${TARSEL_ARMHF_TOOLCHAIN_ROOT}
         -E LD_LIBRARY_PATH=${TARSEL_ARMHF_SYSROOT}/usr/lib/${TARSEL_ARMHF_TRIPLE})
+else()
+    message(WARNING "qemu-arm not found (Debian package qemu-user): the armhf tests cannot run")
 endif()
