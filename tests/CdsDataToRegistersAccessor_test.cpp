@@ -15,32 +15,10 @@
 #include <vector>
 
 #include "encoder_test_world.h"
+// Allocation failures on demand, around the adoption of raw sources.
+#include "failing_allocation.h"
 #include "modbus/CdsDataToRegistersAccessor.h"
 #include "registers/composite_support.h"
-
-// ---- Allocation failures on demand ---------------------------------------------
-// The n-th allocation after arming throws std::bad_alloc, once; 0 disarms.
-// Used only around the adoption of raw sources, before any store call.
-
-namespace {
-std::size_t allocationsUntilFailure = 0;
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (allocationsUntilFailure != 0 && --allocationsUntilFailure == 0) {
-        throw std::bad_alloc();
-    }
-    if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -402,13 +380,11 @@ TEST_F(CdsDataToRegistersAccessorTest, EverySourceIsDeletedWhenAdoptingFailsPart
         std::vector<modbus::CdsDataAccessor*> const raws{world.newChannelAccessor("A"),
                                                          world.newChannelAccessor("B"),
                                                          world.newChannelAccessor("C")};
-        allocationsUntilFailure = failing;
         try {
+            failing_allocation::FailAllocationGuard const guard(static_cast<long>(failing) - 1);
             auto const adopted = modbus::detail::adoptDataAccessors(raws);
-            allocationsUntilFailure = 0;
             break;
         } catch (std::bad_alloc const&) {
-            allocationsUntilFailure = 0;
             ++failures;
         }
         EXPECT_EQ(world.store.subscriptionCount(), 0u) << "allocation " << failing;
@@ -426,11 +402,12 @@ TEST_F(CdsDataToRegistersAccessorTest, ConstructorDeletesEverySourceWhenAnAlloca
                                                          world.newChannelAccessor("C")};
         DataToRegisters toRegisters = conversions.toRegisters();
         RegistersToData toData = conversions.toData();
-        allocationsUntilFailure = failing;
-        EXPECT_THROW(CdsDataToRegistersAccessor(3, raws, std::move(toRegisters), std::move(toData),
-                                                DataToString{}, ""),
-                     std::bad_alloc);
-        allocationsUntilFailure = 0;
+        {
+            failing_allocation::FailAllocationGuard const guard(static_cast<long>(failing) - 1);
+            EXPECT_THROW(CdsDataToRegistersAccessor(3, raws, std::move(toRegisters),
+                                                    std::move(toData), DataToString{}, ""),
+                         std::bad_alloc);
+        }
         EXPECT_EQ(world.store.subscriptionCount(), 0u) << "allocation " << failing;
     }
 }

@@ -52,9 +52,14 @@ void* operator new(std::size_t size) {
     throw std::bad_alloc();
 }
 
+// Memory of this operator new comes from malloc, so free is its right partner;
+// with inlining GCC 12 cannot see that and warns of a mismatch.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
+#pragma GCC diagnostic pop
