@@ -61,14 +61,15 @@ int main() {
 
     std::printf("Served from the simulated data store:\n");
     std::printf("  %-26s %-20s %-16s %s\n", "entry", "representation", "text", "registers");
-    std::printf("  %-26s %-20s %-16s %s\n", "Output.Voltage", voltageEntry.getDataRepresentation().c_str(),
-                voltageEntry.getStrValue().c_str(), hex(voltageEntry.getData()).c_str());
+    std::printf("  %-26s %-20s %-16s %s\n", "Output.Voltage",
+                voltageEntry.getDataRepresentation().c_str(), voltageEntry.getStrValue().c_str(),
+                hex(voltageEntry.getData()).c_str());
     std::printf("  %-26s %-20s %-16s %s\n", "Battery.RuntimeSeconds",
                 runtimeEntry.getDataRepresentation().c_str(), runtimeEntry.getStrValue().c_str(),
                 hex(runtimeEntry.getData()).c_str());
     std::printf("  %-26s %-20s %-16s %s\n", "Status.OnBattery",
-                onBatteryEntry.getDataRepresentation().c_str(), onBatteryEntry.getStrValue().c_str(),
-                bits(onBatteryEntry.getData()).c_str());
+                onBatteryEntry.getDataRepresentation().c_str(),
+                onBatteryEntry.getStrValue().c_str(), bits(onBatteryEntry.getData()).c_str());
 
     std::printf("\nA Modbus write of {0x0000, 0x1C20} (7200) to Battery.RuntimeSeconds:\n");
     runtimeEntry.setData({0x0000, 0x1C20});

@@ -20,7 +20,7 @@ struct DestructionCounter {
 };
 
 class MinimalDataAccessor : public modbus::CdsDataAccessor {
-public:
+  public:
     explicit MinimalDataAccessor(DestructionCounter& counter) : m_counter(counter) {}
     ~MinimalDataAccessor() override { ++m_counter.destroyed; }
     void setCValue(kq::CValue const&) override {}
@@ -28,14 +28,14 @@ public:
     bool isExitingInCds() const override { return false; }
     void setUpdateCallback(std::function<void(kq::CValue const&)>) override {}
 
-private:
+  private:
     DestructionCounter& m_counter;
 };
 
 /* A register encoder that records every call it gets, so a test can see that
  * setByteOrder() reached nothing but the stored order. */
 class RecordingRegisters : public modbus::RegistersDataAccessor {
-public:
+  public:
     explicit RecordingRegisters(DestructionCounter& counter) : m_counter(counter) {}
     ~RecordingRegisters() override { ++m_counter.destroyed; }
     void setData(std::vector<uint16_t> const&) override { ++calls; }
@@ -67,13 +67,13 @@ public:
     ByteOrder storedOrder() const { return m_byteOrder; }
     mutable int calls = 0;
 
-private:
+  private:
     DestructionCounter& m_counter;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };
 
 class MinimalDiscretes : public modbus::DiscretesDataAccessor {
-public:
+  public:
     explicit MinimalDiscretes(DestructionCounter& counter) : m_counter(counter) {}
     ~MinimalDiscretes() override { ++m_counter.destroyed; }
     void setData(std::vector<uint8_t> const&) override {}
@@ -84,18 +84,18 @@ public:
     std::string getStrValue() const override { return {}; }
     uint16_t getSizeInRegister() const override { return 1; }
 
-private:
+  private:
     DestructionCounter& m_counter;
 };
 
 class MinimalMapAvailable : public modbus::MapAvailableAccessor {
-public:
+  public:
     explicit MinimalMapAvailable(DestructionCounter& counter) : m_counter(counter) {}
     ~MinimalMapAvailable() override { ++m_counter.destroyed; }
     bool isAvailable() override { return false; }
     std::string notAvailableMessage() const override { return "later"; }
 
-private:
+  private:
     DestructionCounter& m_counter;
 };
 

@@ -15,8 +15,8 @@ namespace modbus {
 
 /* Which alarm fact the accessor reads; the value is true when... */
 enum AlarmType : std::int32_t {
-    AlarmTypeTrigger = 0,          // the alarm is enabled and the value equals the bool threshold flag
-    AlarmTypeFlagClear = 1,        // the alarm is enabled and its record's direction flag is false
+    AlarmTypeTrigger = 0,    // the alarm is enabled and the value equals the bool threshold flag
+    AlarmTypeFlagClear = 1,  // the alarm is enabled and its record's direction flag is false
     AlarmTypeFlagClearLevel7 = 2,  // as FlagClear, and the record's level is 7
     AlarmTypeFlagSet = 3,          // the alarm is enabled and its record's direction flag is true
     AlarmTypeFlagSetLevel7 = 4,    // as FlagSet, and the record's level is 7
@@ -32,7 +32,7 @@ enum AlarmType : std::int32_t {
  * same names. Not thread-safe: the caller serialises all calls.
  */
 class TARSEL_MODBUS_EXPORT CdsAlarmToOneDiscreteAccessor : public CdsDataAccessor {
-public:
+  public:
     CdsAlarmToOneDiscreteAccessor(unsigned long long deviceId, std::string const& channelName,
                                   AlarmType type);
     CdsAlarmToOneDiscreteAccessor(unsigned long long deviceId,
@@ -54,7 +54,8 @@ public:
     void callbackUpdateChannelValue(kq::CValue const& value);
     void detectChannel();
 
-    static void subscribeChannelAlarm(unsigned long long id, CdsAlarmToOneDiscreteAccessor* accessor);
+    static void subscribeChannelAlarm(unsigned long long id,
+                                      CdsAlarmToOneDiscreteAccessor* accessor);
     static void subscribeDeviceSettings(unsigned long long id,
                                         CdsAlarmToOneDiscreteAccessor* accessor);
     static void subscribeDeviceCreation(unsigned long long id,
@@ -80,7 +81,7 @@ public:
     static AccessorRegistry m_mapChannelAccessorDeviceCreationSubscriber;
     static SubscriptionIdRegistry m_mapChannelAccessorDeviceCreationSubscriberId;
 
-private:
+  private:
     unsigned long long m_deviceId;
     unsigned long long m_detectedDeviceId;
     std::vector<unsigned int> m_subDeviceIndexes;

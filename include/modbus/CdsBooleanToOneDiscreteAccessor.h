@@ -25,7 +25,7 @@ enum class DiscreteModifier : int {
  * value. Any non-zero discrete written counts as set. Label "Boolean".
  */
 class TARSEL_MODBUS_EXPORT CdsBooleanToOneDiscreteAccessor : public DiscretesDataAccessor {
-public:
+  public:
     CdsBooleanToOneDiscreteAccessor(std::shared_ptr<CdsDataAccessor> accessor,
                                     DiscreteModifier modifier);
     CdsBooleanToOneDiscreteAccessor(CdsDataAccessor* accessor, DiscreteModifier modifier);
@@ -41,7 +41,7 @@ public:
     void callbackCdsEvent(kq::CValue const& value);
     std::vector<uint8_t> buildArrayFromBool(bool value) const;
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint8_t> const&)> m_callback;
     bool m_isInverted;

@@ -40,10 +40,11 @@ enum class DataType : int {
  * handlers must be serialised by the caller.
  */
 class TARSEL_MODBUS_EXPORT CdsChannelAccessor : public CdsDataAccessor {
-public:
+  public:
     CdsChannelAccessor(unsigned long long deviceId, std::string const& channelName,
                        DataType dataType);
-    CdsChannelAccessor(unsigned long long deviceId, std::vector<unsigned int> const& subDeviceIndexes,
+    CdsChannelAccessor(unsigned long long deviceId,
+                       std::vector<unsigned int> const& subDeviceIndexes,
                        std::string const& channelName, DataType dataType);
     CdsChannelAccessor(std::string const& deviceName, std::string const& channelName,
                        DataType dataType);
@@ -92,7 +93,7 @@ public:
     static AccessorRegistry m_mapChannelAccessorDeviceCreationSubscriber;
     static SubscriptionIdRegistry m_mapChannelAccessorDeviceCreationSubscriberId;
 
-private:
+  private:
     unsigned long long m_deviceId;
     unsigned long long m_channelDeviceId;
     std::vector<unsigned int> m_subDeviceIndexes;

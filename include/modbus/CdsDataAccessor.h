@@ -20,7 +20,7 @@ namespace modbus {
  * the function; whatever it captures must outlive the accessor or be replaced.
  */
 class TARSEL_MODBUS_EXPORT CdsDataAccessor {
-public:
+  public:
     virtual ~CdsDataAccessor() = default;
 
     /* Writes the value to the data store. */

@@ -24,7 +24,7 @@ namespace modbus {
  * accept invalid values.
  */
 class TARSEL_MODBUS_EXPORT CdsDataToDiscretesAccessor : public DiscretesDataAccessor {
-public:
+  public:
     CdsDataToDiscretesAccessor(
         unsigned short sizeInRegister, std::vector<CdsDataAccessor*> const& accessors,
         std::function<std::vector<bool>(std::vector<kq::CValue> const&)> dataToDiscretes,
@@ -42,7 +42,7 @@ public:
     std::vector<uint8_t> buildArrayFromBool(std::vector<bool> const& bits) const;
     std::vector<bool> buildArrayFromUint8(std::vector<uint8_t> const& data) const;
 
-private:
+  private:
     unsigned short m_sizeInRegister;
     std::vector<std::shared_ptr<CdsDataAccessor>> m_cdsDataAccessors;
     std::vector<kq::CValue> m_cachedValues;

@@ -27,7 +27,7 @@ namespace modbus {
  * dataToRegisters must accept invalid values (sources not read or pushed yet).
  */
 class TARSEL_MODBUS_EXPORT CdsDataToRegistersAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsDataToRegistersAccessor(
         unsigned short sizeInRegister, std::vector<CdsDataAccessor*> const& accessors,
         std::function<std::vector<uint16_t>(std::vector<kq::CValue> const&)> dataToRegisters,
@@ -46,7 +46,7 @@ public:
     std::vector<kq::CValue> const& updateCachedValues() const;
     void callbackCdsEvent(kq::CValue const& value, unsigned int index);
 
-private:
+  private:
     unsigned short m_sizeInRegister;
     std::vector<std::shared_ptr<CdsDataAccessor>> m_cdsDataAccessors;
     mutable std::vector<kq::CValue> m_cachedValues;

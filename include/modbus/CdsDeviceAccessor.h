@@ -23,10 +23,11 @@ namespace modbus {
  * writes and notification handlers.
  */
 class TARSEL_MODBUS_EXPORT CdsDeviceAccessor : public CdsDataAccessor {
-public:
+  public:
     CdsDeviceAccessor(unsigned long long deviceId, cdsapi::DeviceAttribute attribute);
     CdsDeviceAccessor(std::string const& deviceName, cdsapi::DeviceAttribute attribute);
-    CdsDeviceAccessor(unsigned long long deviceId, std::vector<unsigned int> const& subDeviceIndexes,
+    CdsDeviceAccessor(unsigned long long deviceId,
+                      std::vector<unsigned int> const& subDeviceIndexes,
                       cdsapi::DeviceAttribute attribute);
     ~CdsDeviceAccessor() override;
 
@@ -62,7 +63,7 @@ public:
     static AccessorRegistry m_mapDeviceAccessorDeviceCreationSubscriber;
     static SubscriptionIdRegistry m_mapDeviceAccessorDeviceCreationSubscriberId;
 
-private:
+  private:
     unsigned long long m_deviceId;
     unsigned long long m_detectedDeviceId;
     std::vector<unsigned int> m_subDeviceIndexes;

@@ -23,7 +23,7 @@ namespace modbus {
  * encoder installs itself as the data accessor's update listener.
  */
 class TARSEL_MODBUS_EXPORT CdsFloatAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsFloatAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier);
     CdsFloatAccessor(CdsDataAccessor* dataAccessor, float multiplier);
 
@@ -38,7 +38,7 @@ public:
     std::vector<uint16_t> buildArrayFromFloat(float value) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     float m_multiplier;
     std::function<void(std::vector<uint16_t> const&)> m_callback;

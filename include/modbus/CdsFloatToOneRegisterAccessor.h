@@ -19,7 +19,7 @@ namespace modbus {
  * Label "Int16", one register; the byte order is ignored.
  */
 class TARSEL_MODBUS_EXPORT CdsFloatToOneRegisterAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsFloatToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier,
                                   float offset);
     CdsFloatToOneRegisterAccessor(CdsDataAccessor* dataAccessor, float multiplier, float offset);
@@ -36,7 +36,7 @@ public:
     std::vector<uint16_t> buildArrayFromFloat(float value) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;

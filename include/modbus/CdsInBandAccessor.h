@@ -16,7 +16,7 @@ namespace modbus {
  * before each data-store operation and never keep the reference.
  */
 class TARSEL_MODBUS_EXPORT CdsInBandAccessor {
-public:
+  public:
     static CdsInBandAccessor& getInstance();
 
     cdsapi::CdsAccessor& cdsAccessor() { return m_cdsAccessor; }
@@ -25,7 +25,7 @@ public:
     CdsInBandAccessor(CdsInBandAccessor const&) = delete;
     CdsInBandAccessor& operator=(CdsInBandAccessor const&) = delete;
 
-private:
+  private:
     CdsInBandAccessor();
     ~CdsInBandAccessor() = default;
 

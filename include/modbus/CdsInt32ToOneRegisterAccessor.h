@@ -18,7 +18,7 @@ namespace modbus {
  * the text is the full product. Label "Int16", one register.
  */
 class TARSEL_MODBUS_EXPORT CdsInt32ToOneRegisterAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsInt32ToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier);
     CdsInt32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor, float multiplier);
 
@@ -34,7 +34,7 @@ public:
     std::vector<uint16_t> buildArrayFromInt32(int value) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;

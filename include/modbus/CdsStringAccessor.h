@@ -23,7 +23,7 @@ namespace modbus {
  * callbackCdsEvent() if it wants pushes. Label "String".
  */
 class TARSEL_MODBUS_EXPORT CdsStringAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsStringAccessor(unsigned short sizeInRegister, CdsDataAccessor* dataAccessor);
 
     void setData(std::vector<uint16_t> const& data) override;
@@ -37,7 +37,7 @@ public:
     std::vector<uint16_t> buildArrayFromString(std::string const& text) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     uint16_t m_sizeInRegister;
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;

@@ -19,7 +19,7 @@ namespace modbus {
  * reads. Label "Uint16", one register.
  */
 class TARSEL_MODBUS_EXPORT CdsStringToOneRegisterAccessor : public RegistersDataAccessor {
-public:
+  public:
     explicit CdsStringToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor);
     explicit CdsStringToOneRegisterAccessor(CdsDataAccessor* dataAccessor);
 
@@ -34,7 +34,7 @@ public:
     std::vector<uint16_t> buildArrayFromString(std::string const& text) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };

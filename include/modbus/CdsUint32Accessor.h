@@ -22,7 +22,7 @@ namespace modbus {
  * encoder installs itself as the data accessor's update listener.
  */
 class TARSEL_MODBUS_EXPORT CdsUint32Accessor : public RegistersDataAccessor {
-public:
+  public:
     explicit CdsUint32Accessor(std::shared_ptr<CdsDataAccessor> dataAccessor);
     explicit CdsUint32Accessor(CdsDataAccessor* dataAccessor);
 
@@ -37,7 +37,7 @@ public:
     std::vector<uint16_t> buildArrayFromInt32(unsigned int value) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };

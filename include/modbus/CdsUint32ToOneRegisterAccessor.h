@@ -26,11 +26,12 @@ enum class BitmaskOp : std::uint8_t {
  * available. Label "UInt16", one register.
  */
 class TARSEL_MODBUS_EXPORT CdsUint32ToOneRegisterAccessor : public RegistersDataAccessor {
-public:
+  public:
     CdsUint32ToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier);
     CdsUint32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor, float multiplier);
-    CdsUint32ToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, BitmaskOp bitmaskOp,
-                                   unsigned int mask, std::optional<unsigned int> defaultValue);
+    CdsUint32ToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor,
+                                   BitmaskOp bitmaskOp, unsigned int mask,
+                                   std::optional<unsigned int> defaultValue);
     CdsUint32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor, BitmaskOp bitmaskOp,
                                    unsigned int mask, std::optional<unsigned int> defaultValue);
 
@@ -45,7 +46,7 @@ public:
     std::vector<uint16_t> buildArrayFromUint32(unsigned int value, bool apply) const;
     void callbackCdsEvent(kq::CValue const& value);
 
-private:
+  private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;

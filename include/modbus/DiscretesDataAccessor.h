@@ -20,7 +20,7 @@ namespace modbus {
  * arrays.
  */
 class TARSEL_MODBUS_EXPORT DiscretesDataAccessor {
-public:
+  public:
     virtual ~DiscretesDataAccessor() = default;
 
     virtual void setData(std::vector<uint8_t> const& data) = 0;

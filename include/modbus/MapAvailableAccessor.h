@@ -8,7 +8,7 @@
 namespace modbus {
 
 class TARSEL_MODBUS_EXPORT MapAvailableAccessor {
-public:
+  public:
     virtual ~MapAvailableAccessor() = default;
 
     /* Whether the map can be served now. */

@@ -17,12 +17,13 @@ namespace modbus {
  * available. Holds its own connection, under the client name "modbusd".
  */
 class TARSEL_MODBUS_EXPORT PowerDistributionAvailableAccessor : public MapAvailableAccessor {
-public:
+  public:
     PowerDistributionAvailableAccessor();
     ~PowerDistributionAvailableAccessor() override;
 
     PowerDistributionAvailableAccessor(PowerDistributionAvailableAccessor const&) = delete;
-    PowerDistributionAvailableAccessor& operator=(PowerDistributionAvailableAccessor const&) = delete;
+    PowerDistributionAvailableAccessor& operator=(PowerDistributionAvailableAccessor const&) =
+        delete;
 
     /* Reads the status once (never sleeps) until it has seen 16. */
     bool isAvailable() override;
@@ -34,7 +35,7 @@ public:
 
     /* Reads the operating status and caches the status channel's id. */
     class OperatingStatusReader {
-    public:
+      public:
         static constexpr unsigned long long kDeviceId = 2;
         static constexpr char const* kChannelName = "PowerDistribution.Status.OperatingStatus";
         static constexpr std::uint8_t kAvailableStatus = 16;
@@ -47,7 +48,7 @@ public:
         std::uint8_t read();
         unsigned long long cachedChannelId() const { return m_channelId; }
 
-    private:
+      private:
         cdsapi::CdsAccessor* m_connection;
         unsigned long long m_channelId;
     };
@@ -56,7 +57,7 @@ public:
     using SleepFunction = void (*)();
     static void setSleepFunction(SleepFunction sleep);
 
-private:
+  private:
     cdsapi::CdsAccessor m_cdsAccessor;
     OperatingStatusReader m_statusReader;
     bool m_available;

@@ -24,7 +24,7 @@ namespace modbus {
  * replace it while they can.
  */
 class TARSEL_MODBUS_EXPORT RegistersDataAccessor {
-public:
+  public:
     virtual ~RegistersDataAccessor() = default;
 
     /* A Modbus write: converts the registers and writes the value. */
@@ -44,7 +44,7 @@ public:
     /* Stores the word and byte order of multi-register values; nothing else. */
     virtual void setByteOrder(ByteOrder byteOrder);
 
-protected:
+  protected:
     ByteOrder m_byteOrder = ByteOrder::Standard;
 };
 

@@ -2,6 +2,8 @@
 
 namespace modbus {
 
-void RegistersDataAccessor::setByteOrder(ByteOrder byteOrder) { m_byteOrder = byteOrder; }
+void RegistersDataAccessor::setByteOrder(ByteOrder byteOrder) {
+    m_byteOrder = byteOrder;
+}
 
 }  // namespace modbus

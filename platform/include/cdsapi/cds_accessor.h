@@ -10,7 +10,7 @@ namespace cdsapi {
 /* A client connection registered under a client name. Construction opens the
  * connection and throws when that fails. */
 class CdsAccessor {
-public:
+  public:
     CdsAccessor(std::string const& clientName, bool inBand);
     ~CdsAccessor();
 
@@ -22,7 +22,7 @@ public:
 
     InBandAccessor& getInBandAccessor() { return m_inBand; }
 
-private:
+  private:
     InBandAccessor m_inBand;
 };
 

@@ -30,7 +30,7 @@
 namespace cdsapi {
 
 class InBandAccessor {
-public:
+  public:
     explicit InBandAccessor(std::string clientName);
 
     InBandAccessor(InBandAccessor const&) = delete;
@@ -78,7 +78,7 @@ public:
                                unsigned long long* subscriptionId);
     void unsubscribe(unsigned long long subscriptionId);
 
-private:
+  private:
     std::string m_clientName;
 };
 

@@ -7,7 +7,7 @@ namespace conv {
 
 /* A non-negative duration in whole seconds. Subtraction stops at zero. */
 class SecondsDuration {
-public:
+  public:
     constexpr SecondsDuration() = default;
     constexpr explicit SecondsDuration(std::uint32_t seconds) : m_seconds(seconds) {}
 
@@ -23,7 +23,7 @@ public:
     }
     friend constexpr bool operator!=(SecondsDuration a, SecondsDuration b) { return !(a == b); }
 
-private:
+  private:
     std::uint32_t m_seconds = 0;
 };
 

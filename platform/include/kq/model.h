@@ -52,11 +52,12 @@ namespace sub {
 
 /* Kinds of data-store subscription. The numbers are the store's own. */
 enum subscription_type : int {
-    ChannelSettings = 2,  // a channel's alarm settings changed (thresholds, flag, hysteresis, level)
-    DeviceChanged = 3,    // a device changed (attributes, channels, sub-devices, removal)
-    ChannelState = 5,     // a channel's alarm enabled flag changed
-    DeviceCreated = 13,   // a device came into existence
-    ChannelValue = 15,    // a channel's value changed
+    ChannelSettings =
+        2,               // a channel's alarm settings changed (thresholds, flag, hysteresis, level)
+    DeviceChanged = 3,   // a device changed (attributes, channels, sub-devices, removal)
+    ChannelState = 5,    // a channel's alarm enabled flag changed
+    DeviceCreated = 13,  // a device came into existence
+    ChannelValue = 15,   // a channel's value changed
 };
 
 }  // namespace sub

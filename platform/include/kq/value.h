@@ -28,7 +28,7 @@ struct CTimestamp {
 /* Thrown by the as_...() readers when a value cannot be represented in the
  * requested type (a text that is no number, bytes read as a number). */
 class ConversionError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -75,7 +75,7 @@ public:
  *    read as bytes.
  */
 class CValue {
-public:
+  public:
     using Bytes = std::vector<std::uint8_t>;
 
     enum class Type : std::size_t {
@@ -130,7 +130,7 @@ public:
     friend bool operator==(CValue const& a, CValue const& b) { return a.m_value == b.m_value; }
     friend bool operator!=(CValue const& a, CValue const& b) { return !(a == b); }
 
-private:
+  private:
     using Storage = std::variant<std::monostate, bool, int, long long, unsigned int,
                                  unsigned long long, float, double, CTimestamp, std::string, Bytes>;
     Storage m_value;

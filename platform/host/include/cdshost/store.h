@@ -77,7 +77,7 @@ constexpr Id kAllOnes = ~0ULL;
 
 /* Thrown by a client operation that a fault injection made fail. */
 class InjectedFault : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -90,7 +90,7 @@ struct ForeignFault {
 
 /* Thrown by client operations on missing devices, channels or subscriptions. */
 class NotFound : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
@@ -118,7 +118,7 @@ enum class FaultKind {
 };
 
 class Store {
-public:
+  public:
     /* The one store of the process. Reached after its destruction at process
      * exit (from the destructor of a static built before it), it throws
      * std::logic_error. */
@@ -134,8 +134,8 @@ public:
 
     /* Creates a device. id 0 assigns the next free id (devices and channels
      * draw assigned ids from one counter, so they never share one); an id in
-     * use, or the all-ones id, throws std::invalid_argument. With a parent, the device is appended to the
-     * parent's sub-device list (the parent must exist). Returns the id. */
+     * use, or the all-ones id, throws std::invalid_argument. With a parent, the device is appended
+     * to the parent's sub-device list (the parent must exist). Returns the id. */
     Id addDevice(std::string const& name, Id id = 0, Id parent = 0, bool notify = true);
     /* Removes a device, its channels and, recursively, its sub-devices. */
     void removeDevice(Id device, bool notify = true);
@@ -229,7 +229,7 @@ public:
     Store(Store const&) = delete;
     Store& operator=(Store const&) = delete;
 
-private:
+  private:
     Store();
     ~Store();
     std::unique_ptr<Impl> m_impl;
