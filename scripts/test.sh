@@ -40,7 +40,8 @@ armhf_suite() {
 
 case "$mode" in
 host)
-    cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARSEL_MODBUS_WERROR=ON >/dev/null
+    cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARSEL_MODBUS_WERROR=ON \
+        -DTARSEL_MODBUS_BUILD_BENCHMARKS=ON >/dev/null
     cmake --build build/host -j "$jobs"
     ctest --test-dir build/host -j "$jobs" --output-on-failure
     echo "== host suite: $SECONDS s"
