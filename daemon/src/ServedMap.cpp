@@ -143,8 +143,51 @@ void ServedMap::seedImage(ServedEntry& entry) {
     }
 }
 
+namespace {
+
+/* Discretes (states, alarms) and strings (identification) change rarely and
+ * matter to whoever watches the log; numbers change all the time and are
+ * logged only in verbose mode. */
+bool changeIsWorthAnInfoLine(EntrySpec const& spec) {
+    return !isRegisterTable(spec.table) || spec.encoder == EncoderKind::String;
+}
+
+/* An image as people read it: discretes as 0/1 digits, strings as their text
+ * up to the first zero byte, anything else in hex. */
+std::string readableImage(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
+    if (!isRegisterTable(spec.table)) {
+        std::string bits;
+        for (std::uint16_t const bit : words) {
+            bits += bit != 0 ? '1' : '0';
+        }
+        return bits;
+    }
+    if (spec.encoder != EncoderKind::String) {
+        return hexWords(words);
+    }
+    std::string text;
+    for (std::uint16_t const word : words) {
+        for (auto const byte : {static_cast<char>(word >> 8), static_cast<char>(word & 0xFF)}) {
+            if (byte == '\0') {
+                return "\"" + text + "\"";
+            }
+            text += byte;
+        }
+    }
+    return "\"" + text + "\"";
+}
+
+}  // namespace
+
 void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
-    entry.image.words = fitToSize(std::move(words), entry.spec.size);
+    std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.spec.size);
+    if (entry.image.known && fitted != entry.image.words && changeIsWorthAnInfoLine(entry.spec)) {
+        m_log.info(std::string(tableName(entry.spec.table)) + " " +
+                   std::to_string(entry.spec.address) + " \"" + entry.spec.name +
+                   "\": " + readableImage(entry.spec, entry.image.words) + " -> " +
+                   readableImage(entry.spec, fitted));
+    }
+    entry.image.words = std::move(fitted);
     entry.image.known = true;
     ++entry.image.pushes;
     m_log.debug("push " + std::string(tableName(entry.spec.table)) + " " +

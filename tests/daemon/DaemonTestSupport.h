@@ -72,7 +72,8 @@ inline std::vector<std::uint8_t> writeCoils(std::uint16_t address, std::vector<b
 /* A daemon core over a map and a scenario given as JSON texts. */
 class TestDaemon {
   public:
-    TestDaemon(std::string const& map, std::string const& scenario) : m_log(m_logText, true) {
+    TestDaemon(std::string const& map, std::string const& scenario, bool verbose = true)
+        : m_log(m_logText, verbose) {
         CoreConfig config;
         config.map = parseRegisterMap(map);
         config.scenario = parseScenario(scenario);
