@@ -361,30 +361,17 @@ TEST_F(CdsFloatAccessorTest, EmptyCallbackRemovesTheListener) {
 
 // ---- Unsupported byte orders -----------------------------------------------
 
-/* The message of the std::logic_error that `call` throws; fails the test when
- * it throws nothing or something else. */
-template <typename Call>
-std::string logicErrorMessage(Call call) {
-    try {
-        call();
-    } catch (std::logic_error const& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no std::logic_error thrown";
-    return "<none>";
-}
-
 TEST_F(CdsFloatAccessorTest, GetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const floatEncoder = encoder();
     floatEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { floatEncoder->getData(); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { floatEncoder->getData(); }),
               "ildArrayFromFloat is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsFloatAccessorTest, SetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const floatEncoder = encoder();
     floatEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] {
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] {
                   floatEncoder->setData({0, 0});
               }),
               "tData is not implemented for ByteOrder ");
@@ -394,7 +381,7 @@ TEST_F(CdsFloatAccessorTest, SetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
 TEST_F(CdsFloatAccessorTest, SetDataWithOrderThreeThrowsTheLiteralAdvancedByThree) {
     auto const floatEncoder = encoder();
     floatEncoder->setByteOrder(ByteOrder::WordByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] {
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] {
                   floatEncoder->setData({0, 0});
               }),
               "Data is not implemented for ByteOrder ");
@@ -403,22 +390,23 @@ TEST_F(CdsFloatAccessorTest, SetDataWithOrderThreeThrowsTheLiteralAdvancedByThre
 TEST_F(CdsFloatAccessorTest, BuildArrayWithOrderThreeThrowsTheLiteralAdvancedByThree) {
     auto const floatEncoder = encoder();
     floatEncoder->setByteOrder(ByteOrder::WordByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { floatEncoder->buildArrayFromFloat(1.0f); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { floatEncoder->buildArrayFromFloat(1.0f); }),
               "ldArrayFromFloat is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsFloatAccessorTest, OrderPastTheEndOfTheLiteralGivesAnEmptyMessage) {
     auto const floatEncoder = encoder();
     floatEncoder->setByteOrder(static_cast<ByteOrder>(500));
-    EXPECT_EQ(logicErrorMessage([&] { floatEncoder->getData(); }), "");
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { floatEncoder->getData(); }), "");
 }
 
 TEST_F(CdsFloatAccessorTest, PushWithUnsupportedOrderThrowsOutOfTheCallback) {
     auto const floatEncoder = encoder();
     floatEncoder->setCallback(pushed.listener());
     floatEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { floatEncoder->callbackCdsEvent(kq::CValue(1.0f)); }),
-              "ildArrayFromFloat is not implemented for ByteOrder ");
+    EXPECT_EQ(
+        encoder_test::logicErrorMessage([&] { floatEncoder->callbackCdsEvent(kq::CValue(1.0f)); }),
+        "ildArrayFromFloat is not implemented for ByteOrder ");
     EXPECT_TRUE(pushed.arrays.empty());
 }
 

@@ -45,18 +45,6 @@ class NeverAvailableInt32Accessor : public CdsInt32Accessor {
     bool isDataAvailable() const override { return false; }
 };
 
-/* The message of the std::logic_error that `call` throws. */
-template <typename Call>
-std::string logicErrorMessage(Call call) {
-    try {
-        call();
-    } catch (std::logic_error const& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no std::logic_error thrown";
-    return "<none>";
-}
-
 // ---- Ownership and registration ------------------------------------------
 
 TEST_F(CdsInt32AccessorTest, SharedConstructorLeavesCallersShareAlive) {
@@ -287,21 +275,21 @@ TEST_F(CdsInt32AccessorTest, SetCallbackReplacesTheListener) {
 TEST_F(CdsInt32AccessorTest, GetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const intEncoder = encoder();
     intEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { intEncoder->getData(); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { intEncoder->getData(); }),
               "ildArrayFromInt32 is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsInt32AccessorTest, BuildArrayWithOrderThreeThrowsTheLiteralAdvancedByThree) {
     auto const intEncoder = encoder();
     intEncoder->setByteOrder(ByteOrder::WordByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { intEncoder->buildArrayFromInt32(1); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { intEncoder->buildArrayFromInt32(1); }),
               "ldArrayFromInt32 is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsInt32AccessorTest, SetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const intEncoder = encoder();
     intEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] {
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] {
                   intEncoder->setData({0, 1});
               }),
               "tData is not implemented for ByteOrder ");
@@ -312,7 +300,7 @@ TEST_F(CdsInt32AccessorTest, PushWithUnsupportedOrderThrowsOutOfTheCallback) {
     auto const intEncoder = encoder();
     intEncoder->setCallback(pushed.listener());
     intEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { intEncoder->callbackCdsEvent(kq::CValue(1)); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { intEncoder->callbackCdsEvent(kq::CValue(1)); }),
               "ildArrayFromInt32 is not implemented for ByteOrder ");
     EXPECT_TRUE(pushed.arrays.empty());
 }

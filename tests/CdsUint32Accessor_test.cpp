@@ -44,18 +44,6 @@ class NeverAvailableUint32Accessor : public CdsUint32Accessor {
     bool isDataAvailable() const override { return false; }
 };
 
-/* The message of the std::logic_error that `call` throws. */
-template <typename Call>
-std::string logicErrorMessage(Call call) {
-    try {
-        call();
-    } catch (std::logic_error const& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no std::logic_error thrown";
-    return "<none>";
-}
-
 // ---- Ownership and registration ------------------------------------------
 
 TEST_F(CdsUint32AccessorTest, SharedConstructorLeavesCallersShareAlive) {
@@ -286,21 +274,21 @@ TEST_F(CdsUint32AccessorTest, SetCallbackReplacesTheListener) {
 TEST_F(CdsUint32AccessorTest, GetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const uintEncoder = encoder();
     uintEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { uintEncoder->getData(); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { uintEncoder->getData(); }),
               "ildArrayFromInt32 is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsUint32AccessorTest, BuildArrayWithOrderThreeThrowsTheLiteralAdvancedByThree) {
     auto const uintEncoder = encoder();
     uintEncoder->setByteOrder(ByteOrder::WordByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { uintEncoder->buildArrayFromInt32(1u); }),
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] { uintEncoder->buildArrayFromInt32(1u); }),
               "ldArrayFromInt32 is not implemented for ByteOrder ");
 }
 
 TEST_F(CdsUint32AccessorTest, SetDataWithOrderTwoThrowsTheLiteralAdvancedByTwo) {
     auto const uintEncoder = encoder();
     uintEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] {
+    EXPECT_EQ(encoder_test::logicErrorMessage([&] {
                   uintEncoder->setData({0, 1});
               }),
               "tData is not implemented for ByteOrder ");
@@ -311,8 +299,9 @@ TEST_F(CdsUint32AccessorTest, PushWithUnsupportedOrderThrowsOutOfTheCallback) {
     auto const uintEncoder = encoder();
     uintEncoder->setCallback(pushed.listener());
     uintEncoder->setByteOrder(ByteOrder::ByteSwapped);
-    EXPECT_EQ(logicErrorMessage([&] { uintEncoder->callbackCdsEvent(kq::CValue(1u)); }),
-              "ildArrayFromInt32 is not implemented for ByteOrder ");
+    EXPECT_EQ(
+        encoder_test::logicErrorMessage([&] { uintEncoder->callbackCdsEvent(kq::CValue(1u)); }),
+        "ildArrayFromInt32 is not implemented for ByteOrder ");
     EXPECT_TRUE(pushed.arrays.empty());
 }
 

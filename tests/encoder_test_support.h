@@ -7,8 +7,11 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "cdshost/store.h"
 #include "kq/value.h"
@@ -76,6 +79,19 @@ inline std::uint32_t bitsOfFloat(float value) {
     std::uint32_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
     return bits;
+}
+
+/* The message of the std::logic_error that `call` throws; a test failure
+ * when it throws none. */
+template <typename Call>
+std::string logicErrorMessage(Call call) {
+    try {
+        call();
+    } catch (std::logic_error const& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "no std::logic_error thrown";
+    return "<none>";
 }
 
 }  // namespace encoder_test
