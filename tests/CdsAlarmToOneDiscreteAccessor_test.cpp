@@ -13,6 +13,7 @@
 
 #include "cdshost/store.h"
 #include "modbus/CdsChannelAccessor.h"
+#include "value_recorder.h"
 
 namespace {
 
@@ -28,12 +29,7 @@ cdshost::Store& store() {
     return cdshost::Store::instance();
 }
 
-struct Recorder {
-    std::vector<kq::CValue> values;
-    std::function<void(kq::CValue const&)> listener() {
-        return [this](kq::CValue const& value) { values.push_back(value); };
-    }
-};
+using accessor_test::Recorder;
 
 std::size_t deviceSubs(int type, cdshost::Id id) {
     return store().subscriptionCount("device", type, id);

@@ -12,6 +12,7 @@
 
 #include "cdshost/store.h"
 #include "modbus/CdsInBandAccessor.h"
+#include "value_recorder.h"
 
 namespace {
 
@@ -39,14 +40,7 @@ Subscription deviceSub(int type, Id target) {
     return {"device", type, target};
 }
 
-/* Records every value a listener receives. */
-struct Recorder {
-    std::vector<kq::CValue> values;
-
-    std::function<void(kq::CValue const&)> listener() {
-        return [this](kq::CValue const& value) { values.push_back(value); };
-    }
-};
+using accessor_test::Recorder;
 
 class CdsChannelAccessorTest : public ::testing::Test {
   protected:

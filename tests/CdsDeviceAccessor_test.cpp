@@ -13,6 +13,7 @@
 
 #include "cdshost/store.h"
 #include "modbus/CdsInBandAccessor.h"
+#include "value_recorder.h"
 
 namespace {
 
@@ -26,13 +27,7 @@ cdshost::Store& store() {
     return cdshost::Store::instance();
 }
 
-/* Records every value a listener receives. */
-struct Recorder {
-    std::vector<kq::CValue> values;
-    std::function<void(kq::CValue const&)> listener() {
-        return [this](kq::CValue const& value) { values.push_back(value); };
-    }
-};
+using accessor_test::Recorder;
 
 /* How many device subscriptions of a type are open for an id. */
 std::size_t deviceSubs(int type, cdshost::Id id) {
