@@ -1,17 +1,39 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the project needs; only what is missing.
-# Usage: scripts/install-deps.sh [extra-package ...]
+# Installs the Debian 12 packages a job needs; only what is missing.
+#   scripts/install-deps.sh run     what building and running tarsel-modbusd needs
+#   scripts/install-deps.sh test    everything the test suites build, import or run
+#                                   (also the default)
+#   scripts/install-deps.sh SET extra-package ...
+# Packages are installed without their Recommends, so every package the code
+# really uses is named here, even where another package only recommends it
+# (pymodbus's client imports serial_asyncio, which python3-pymodbus only
+# recommends). scripts/preflight.sh checks the result.
 set -euo pipefail
 
-packages=(
-    build-essential cmake pkg-config git
+set_name="${1:-test}"
+[ $# -gt 0 ] && shift
+
+run_packages=(
+    build-essential cmake pkg-config
     libmodbus-dev nlohmann-json3-dev
+)
+test_packages=(
+    "${run_packages[@]}"
+    git
     libgtest-dev libgmock-dev googletest libbenchmark-dev
-    python3 python3-pymodbus mbpoll
+    python3 python3-pymodbus python3-serial-asyncio mbpoll
     clang-format
     g++-arm-linux-gnueabihf qemu-user
-    "$@"
 )
+
+case "$set_name" in
+run) packages=("${run_packages[@]}" "$@") ;;
+test) packages=("${test_packages[@]}" "$@") ;;
+*)
+    echo "install-deps: unknown set '$set_name' (run or test)" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -8,7 +8,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
+scripts/install-deps.sh run
+scripts/preflight.sh run >/dev/null
 cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/host -j "$(nproc)" --target tarsel-modbusd >/dev/null
 daemon=build/host/daemon/tarsel-modbusd

@@ -11,7 +11,8 @@ mode="host"
 [ "${1:-}" = "--sanitize" ] && mode="sanitize"
 [ "${1:-}" = "--armhf" ] && mode="armhf"
 
-scripts/install-deps.sh
+scripts/install-deps.sh test
+scripts/preflight.sh test
 jobs=$(nproc)
 
 # Runs one phase and prints its wall time.
