@@ -61,7 +61,10 @@ mmdebstrap --quiet --variant=apt --include=git,sudo,passwd \
     --customize-hook="chroot \"\$1\" useradd --create-home --shell /bin/bash $user" \
     --customize-hook="echo '$user ALL=(ALL) NOPASSWD: ALL' > \"\$1/etc/sudoers.d/$user\"" \
     bookworm "$root"
+# What any installed machine has: name resolution and its own host name.
 cp /etc/resolv.conf "$root/etc/resolv.conf"
+hostname >"$root/etc/hostname"
+printf '127.0.0.1\tlocalhost\n127.0.1.1\t%s\n' "$(hostname)" >"$root/etc/hosts"
 
 bind_mount() { # source, target below the root
     mount --bind "$1" "$root$2"

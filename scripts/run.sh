@@ -10,9 +10,12 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh run
 scripts/preflight.sh run >/dev/null
-cmake -S . -B build/host -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/host -j "$(nproc)" --target tarsel-modbusd >/dev/null
-daemon=build/host/daemon/tarsel-modbusd
+# A build tree of its own, without the test suite, so that serving needs only
+# the run packages.
+cmake -S . -B build/run -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARSEL_MODBUS_BUILD_TESTS=OFF \
+    -DTARSEL_MODBUS_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build build/run -j "$(nproc)" --target tarsel-modbusd >/dev/null
+daemon=build/run/daemon/tarsel-modbusd
 
 for arg in "$@"; do
     case "$arg" in
