@@ -16,11 +16,17 @@ constexpr char const* kSetDataUnsupported = "setData is not implemented for Byte
 CdsUint32Accessor::CdsUint32Accessor(std::shared_ptr<CdsDataAccessor> dataAccessor)
     : m_cdsDataAccessor(std::move(dataAccessor)) {
     // m_byteOrder starts as ByteOrder::Standard (its initialiser in the base).
-    detail::listenToSource(*m_cdsDataAccessor, this);
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsUint32Accessor::CdsUint32Accessor(CdsDataAccessor* dataAccessor)
     : CdsUint32Accessor(detail::adoptDataAccessor(dataAccessor)) {}
+
+CdsUint32Accessor::~CdsUint32Accessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 bool CdsUint32Accessor::isDataAvailable() const {
     return m_cdsDataAccessor->isExitingInCds();

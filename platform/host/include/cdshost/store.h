@@ -51,6 +51,10 @@
 // first exception then leaves the call that made the change. The store may be
 // changed from another thread than the one that reads; each call is atomic.
 //
+// unsubscribe(0) ends nothing and returns (after any armed fault): 0 is never
+// a subscription id, only what a caller holds for one never opened. Any other
+// id that is not open throws NotFound.
+//
 // Missing items in the store's own API: changing a missing device or channel
 // throws NotFound; hasDevice()/hasChannel() are false, channelId() is 0,
 // channelValue() is invalid, deviceAttribute() and alarmRecord() are empty;
