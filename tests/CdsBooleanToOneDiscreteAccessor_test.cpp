@@ -333,6 +333,10 @@ TEST(CdsBooleanToOneDiscreteAccessorLifecycle,
     encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
 }
 
+TEST(CdsBooleanToOneDiscreteAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsBooleanToOneDiscreteAccessorLifecycle,
      DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);

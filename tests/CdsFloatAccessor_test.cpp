@@ -474,6 +474,10 @@ TEST(CdsFloatAccessorLifecycle, SharedChannelAccessorOutlivesItsEncoders) {
     EXPECT_EQ(source->getCValue(), kq::CValue(2.5f));
 }
 
+TEST(CdsFloatAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsFloatAccessorLifecycle, DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }

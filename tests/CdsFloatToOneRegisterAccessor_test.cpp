@@ -376,6 +376,10 @@ TEST(CdsFloatToOneRegisterAccessorLifecycle,
     encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
 }
 
+TEST(CdsFloatToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsFloatToOneRegisterAccessorLifecycle,
      DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);

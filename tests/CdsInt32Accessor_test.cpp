@@ -355,6 +355,10 @@ TEST(CdsInt32AccessorLifecycle, DestroyedEncoderWithdrawsItsListenerFromASharedS
     encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
 }
 
+TEST(CdsInt32AccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsInt32AccessorLifecycle, DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }

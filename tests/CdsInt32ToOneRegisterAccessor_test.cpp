@@ -291,6 +291,10 @@ TEST(CdsInt32ToOneRegisterAccessorLifecycle,
     encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
 }
 
+TEST(CdsInt32ToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsInt32ToOneRegisterAccessorLifecycle,
      DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);

@@ -239,6 +239,10 @@ TEST(CdsStringToOneRegisterAccessorLifecycle,
     encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
 }
 
+TEST(CdsStringToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
 TEST(CdsStringToOneRegisterAccessorLifecycle,
      DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
     encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);

@@ -69,4 +69,36 @@ void expectDestroyedEncoderLeavesAnotherListenerInPlace(MakeEncoder makeEncoder)
     EXPECT_FALSE(source->hasListener());
 }
 
+/* A listener of the encoder that clears itself (setCallback() with an empty
+ * function) from inside a push runs to its end on a function that is still
+ * alive. `encoder` pushes whatever `push()` makes its source deliver. */
+template <typename Encoder, typename Push>
+void expectListenerMayClearItselfInsideAPush(Encoder& encoder, Push push) {
+    auto owned = std::make_shared<int>(0);
+    std::weak_ptr<int> const capture = owned;
+    bool aliveAfterClearing = false;
+    int calls = 0;
+    encoder.setCallback(
+        [&encoder, &capture, &aliveAfterClearing, &calls, owned = std::move(owned)](auto const&) {
+            ++calls;
+            encoder.setCallback({});
+            aliveAfterClearing = !capture.expired();
+            ++*owned;
+        });
+
+    push();
+    push();
+
+    EXPECT_TRUE(aliveAfterClearing);
+    EXPECT_EQ(calls, 1);
+}
+
+/* The same for an encoder built by `makeEncoder(source)` over a shared source. */
+template <typename MakeEncoder>
+void expectListenerMayClearItselfInsideAPush(MakeEncoder makeEncoder) {
+    auto const source = std::make_shared<ListenerSlot>();
+    auto encoder = makeEncoder(source);
+    expectListenerMayClearItselfInsideAPush(*encoder, [&source] { source->push(); });
+}
+
 }  // namespace encoder_test

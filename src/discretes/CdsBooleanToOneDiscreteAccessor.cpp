@@ -76,7 +76,7 @@ void CdsBooleanToOneDiscreteAccessor::callbackCdsEvent(kq::CValue const& value) 
     }
     // Intended: pushes carry the un-inverted value even with Invert, unlike
     // getData(); the daemon has always received pushes this way.
-    m_callback(buildArrayFromBool(value.as_bool()));
+    detail::pushTo(m_callback, buildArrayFromBool(value.as_bool()));
 }
 
 }  // namespace modbus

@@ -119,7 +119,7 @@ void CdsFloatAccessor::callbackCdsEvent(kq::CValue const& value) {
         return;
     }
     // The pushed value is encoded as handed over, with the multiplier once.
-    m_callback(buildArrayFromFloat(value.as_float()));
+    detail::pushTo(m_callback, buildArrayFromFloat(value.as_float()));
 }
 
 }  // namespace modbus

@@ -78,7 +78,7 @@ void CdsFloatToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromFloat(value.as_float()));
+    detail::pushTo(m_callback, buildArrayFromFloat(value.as_float()));
 }
 
 }  // namespace modbus

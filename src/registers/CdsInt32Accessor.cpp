@@ -77,7 +77,7 @@ void CdsInt32Accessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromInt32(value.as_int32()));
+    detail::pushTo(m_callback, buildArrayFromInt32(value.as_int32()));
 }
 
 }  // namespace modbus

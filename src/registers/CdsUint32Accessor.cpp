@@ -79,7 +79,7 @@ void CdsUint32Accessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromInt32(value.as_uint32()));
+    detail::pushTo(m_callback, buildArrayFromInt32(value.as_uint32()));
 }
 
 }  // namespace modbus

@@ -124,7 +124,7 @@ void CdsUint32ToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromUint32(value.as_uint32(), true));
+    detail::pushTo(m_callback, buildArrayFromUint32(value.as_uint32(), true));
 }
 
 }  // namespace modbus

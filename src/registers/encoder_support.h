@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -110,6 +111,15 @@ std::weak_ptr<void> listenToSource(CdsDataAccessor& source, Encoder* encoder) {
         throw;
     }
     return installed;
+}
+
+/* Hands a pushed array to an encoder's listener (which must be set). The call
+ * runs on its own copy of the function: a listener that replaces or clears
+ * itself with setCallback() from inside the push runs to its end. */
+template <typename Array>
+void pushTo(std::function<void(Array const&)> const& listener, Array const& array) {
+    std::function<void(Array const&)> const running = listener;
+    running(array);
 }
 
 /* A pair of registers, first (lowest-addressed) register first. */
