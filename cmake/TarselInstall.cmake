@@ -78,6 +78,10 @@ else()
     set(TARSEL_MODBUS_PC_LIBS "")
     set(TARSEL_MODBUS_PC_LIBS_PRIVATE "")
 endif()
+# Consumers compile the library's inline code: they get its float contraction
+# setting as well (the CMake package carries it in the target's compile options).
+string(PREPEND TARSEL_MODBUS_PC_CFLAGS "-ffp-contract=off ")
+string(STRIP "${TARSEL_MODBUS_PC_CFLAGS}" TARSEL_MODBUS_PC_CFLAGS)
 file(RELATIVE_PATH TARSEL_MODBUS_PC_PREFIX_FROM_PCDIR
      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" TARSEL_MODBUS_PC_PREFIX_FROM_PCDIR "${TARSEL_MODBUS_PC_PREFIX_FROM_PCDIR}")

@@ -4,12 +4,15 @@
 #                                armhf suite under qemu-arm and its size report
 #   scripts/test.sh --sanitize   the host suite under AddressSanitizer + UBSan
 #   scripts/test.sh --armhf      the armhf suite alone
+#   scripts/test.sh --fma        the unit suite built with fused multiply-add
+#                                enabled (x86-64 -mfma)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode="host"
 [ "${1:-}" = "--sanitize" ] && mode="sanitize"
 [ "${1:-}" = "--armhf" ] && mode="armhf"
+[ "${1:-}" = "--fma" ] && mode="fma"
 
 scripts/install-deps.sh test
 scripts/preflight.sh test
@@ -52,6 +55,20 @@ host)
     ;;
 armhf)
     phase "armhf suite" armhf_suite
+    ;;
+fma)
+    # The unit suite with FMA instructions available to the compiler: the
+    # golden rows must not change when products could be fused with sums.
+    if ! grep -qw fma /proc/cpuinfo; then
+        echo "this machine has no FMA: the --fma suite cannot run here" >&2
+        exit 1
+    fi
+    cmake -S . -B build/fma -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARSEL_MODBUS_WERROR=ON \
+        -DCMAKE_C_FLAGS=-mfma -DCMAKE_CXX_FLAGS=-mfma -DTARSEL_MODBUS_BUILD_DAEMON=OFF \
+        -DTARSEL_MODBUS_BUILD_EXAMPLES=OFF -DTARSEL_MODBUS_INSTALL=OFF >/dev/null
+    cmake --build build/fma -j "$jobs"
+    ctest --test-dir build/fma -j "$jobs" --output-on-failure -E '^scripts\.'
+    echo "== fma suite: $SECONDS s"
     ;;
 sanitize)
     cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTARSEL_MODBUS_WERROR=ON \

@@ -30,6 +30,7 @@ cdshost::Store& store() {
 }
 
 using accessor_test::Recorder;
+using accessor_test::SelfChangingListener;
 
 std::size_t deviceSubs(int type, cdshost::Id id) {
     return store().subscriptionCount("device", type, id);
@@ -414,6 +415,54 @@ TEST_F(CdsAlarmToOneDiscreteAccessorTest, AlarmSubscriptionFailureLeavesTheConst
     store().failNext("subscribeDeviceAlarms");
     EXPECT_THROW(Accessor(kUps, "Output.Overload", modbus::AlarmTypeTrigger),
                  cdshost::InjectedFault);
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest, ThrowingConstructorClosesTheSubscriptionsItOpened) {
+    store().failNext("subscribeDeviceAlarms");
+    // The device's settings subscription is opened before the alarm's fails.
+    EXPECT_THROW(Accessor(kUps, "Output.Overload", modbus::AlarmTypeTrigger),
+                 cdshost::InjectedFault);
+
+    EXPECT_EQ(store().calls("subscribeDevice", kUps), 1u);
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorChannelAlarmSubscriber.empty());
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorDeviceSettingsSubscriber.empty());
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorDeviceCreationSubscriber.empty());
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest, ThrowingConstructorIsNeverReachedByALaterDeviceChange) {
+    store().failNext("subscribeDevice");
+    EXPECT_THROW(Accessor(kUps, "Output.Overload", modbus::AlarmTypeTrigger),
+                 cdshost::InjectedFault);
+    Accessor survivor(kUps, "Output.Overload", modbus::AlarmTypeTrigger);
+    EXPECT_EQ(Accessor::m_mapChannelAccessorDeviceSettingsSubscriber.at(kUps).size(), 1u);
+
+    EXPECT_NO_THROW(store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 3000"));
+    EXPECT_TRUE(survivor.isExitingInCds());
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest, ListenerThatClearsItselfRunsToItsEnd) {
+    Accessor accessor(kUps, "Output.Overload", modbus::AlarmTypeFlagSet);
+    SelfChangingListener listener;
+    accessor.setUpdateCallback(listener.listener(2, [&] { accessor.setUpdateCallback({}); }));
+
+    store().raiseAlarm(kFault, kq::CAlarmRecord{});
+    store().clearAlarm(kFault);
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 2);
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest, ListenerThatReplacesItselfRunsToItsEnd) {
+    Accessor accessor(kUps, "Output.Overload", modbus::AlarmTypeFlagSet);
+    SelfChangingListener listener;
+    Recorder recorder;
+    accessor.setUpdateCallback(
+        listener.listener(1, [&] { accessor.setUpdateCallback(recorder.listener()); }));
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 1);
+    EXPECT_EQ(recorder.values, (std::vector<kq::CValue>{kFalse}));
 }
 
 TEST_F(CdsAlarmToOneDiscreteAccessorTest, DeviceSubscriptionFailureLeavesTheConstructor) {

@@ -10,6 +10,7 @@
 #include "cdshost/store.h"
 #include "encoder_test_support.h"
 #include "failing_allocation.h"
+#include "listener_slot.h"
 
 namespace {
 
@@ -317,6 +318,28 @@ TEST_F(CdsBooleanToOneDiscreteAccessorTest, UnavailableValueKeepsSizeAndRepresen
     auto const discrete = unavailableEncoder();
     EXPECT_EQ(discrete->getSizeInRegister(), 1);
     EXPECT_EQ(discrete->getDataRepresentation(), "Boolean");
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsBooleanToOneDiscreteAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(
+        source, modbus::DiscreteModifier::None);
+}
+
+TEST(CdsBooleanToOneDiscreteAccessorLifecycle,
+     DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsBooleanToOneDiscreteAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsBooleanToOneDiscreteAccessorLifecycle,
+     DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ Subscription deviceSub(int type, Id target) {
 }
 
 using accessor_test::Recorder;
+using accessor_test::SelfChangingListener;
 
 class CdsChannelAccessorTest : public ::testing::Test {
   protected:
@@ -761,9 +762,52 @@ TEST_F(CdsChannelAccessorTest, DeviceSettingsSubscribeFailurePropagatesFromConst
     EXPECT_THROW(CdsChannelAccessor(kUps, kVoltageName, DataType::Value), cdshost::InjectedFault);
     EXPECT_EQ(store.calls("getChannelId"), 0u);
     EXPECT_EQ(store.subscriptionCount(), 0u);
-    // The entry was made before the subscription failed; no id was stored.
-    EXPECT_EQ(deviceSettings.count(kUps), 1u);
+    // A constructor that throws leaves no trace in the registries.
+    EXPECT_TRUE(registriesEmpty());
     EXPECT_TRUE(deviceSettingsIds.empty());
+}
+
+TEST_F(CdsChannelAccessorTest, ThrowingConstructorClosesTheSubscriptionsItOpened) {
+    addUpsWithVoltage();
+    store.failNext("subscribeChannel");
+
+    // The device's settings subscription is opened before the channel's fails.
+    EXPECT_THROW(CdsChannelAccessor(kUps, kVoltageName, DataType::Value), cdshost::InjectedFault);
+
+    EXPECT_EQ(store.calls("subscribeDevice", kUps), 1u);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_TRUE(updateIds.empty() && deviceSettingsIds.empty());
+}
+
+TEST_F(CdsChannelAccessorTest, ThrowingConstructorIsNeverReachedByALaterDeviceChange) {
+    addUpsWithVoltage();
+    store.failNext("subscribeDevice");
+    EXPECT_THROW(CdsChannelAccessor(kUps, kVoltageName, DataType::Value), cdshost::InjectedFault);
+    // The next accessor of the device opens the settings subscription the
+    // failed one could not: only the living accessor may be behind it.
+    CdsChannelAccessor survivor(kUps, kVoltageName, DataType::Value);
+    EXPECT_EQ(deviceSettings, (Registry{{kUps, {&survivor}}}));
+
+    EXPECT_NO_THROW(store.setDeviceAttribute(kUps, cdsapi::AttributeModel, "1500"));
+    EXPECT_TRUE(survivor.isExitingInCds());
+}
+
+TEST_F(CdsChannelAccessorTest, ThrowingConstructorKeepsTheSharedSubscriptionsOfOthers) {
+    addUpsWithVoltage();
+    CdsChannelAccessor survivor(kUps, kVoltageName, DataType::Value);
+    Id const otherChannel = store.addChannel(kUps, "Output.Current", kq::CValue(1.0f));
+    store.failNext("subscribeChannel");
+
+    EXPECT_THROW(CdsChannelAccessor(kUps, "Output.Current", DataType::Value),
+                 cdshost::InjectedFault);
+
+    EXPECT_EQ(openSubscriptions(),
+              (std::vector<Subscription>{deviceSub(kq::sub::DeviceChanged, kUps),
+                                         channelSub(kq::sub::ChannelValue, kVoltage)}));
+    EXPECT_EQ(deviceSettings, (Registry{{kUps, {&survivor}}}));
+    EXPECT_EQ(updates, (Registry{{kVoltage, {&survivor}}}));
+    EXPECT_EQ(updates.count(otherChannel), 0u);
 }
 
 TEST_F(CdsChannelAccessorTest, DeviceCreationSubscribeFailurePropagatesFromConstructor) {
@@ -925,22 +969,59 @@ TEST_F(CdsChannelAccessorTest, UnsubscribeFailureKeepsEntriesAndNextAddOpensNoSu
     EXPECT_EQ(recorder.values.back(), kq::CValue(1.5f));
 }
 
-TEST_F(CdsChannelAccessorTest, RemoveAfterFailedAddUnsubscribesZeroAndKeepsEntries) {
+TEST_F(CdsChannelAccessorTest, FailedAddLeavesNoEntryBehind) {
     store.addDevice(kUpsName, kUps);
     CdsChannelAccessor accessor(kUps, kVoltageName, DataType::Value);
     constexpr Id kId = 77;
     store.failNext("subscribeChannel");
     EXPECT_THROW(CdsChannelAccessor::subscribeChannelUpdate(kId, &accessor),
                  cdshost::InjectedFault);
-    EXPECT_EQ(updates, (Registry{{kId, {&accessor}}}));
+    EXPECT_TRUE(updates.empty());
     EXPECT_TRUE(updateIds.empty());
 
+    // Nothing to remove, so nothing is unsubscribed.
     EXPECT_NO_THROW(CdsChannelAccessor::unsubscribeChannelUpdate(kId, &accessor));
+    EXPECT_EQ(store.calls("unsubscribe"), 0u);
 
-    // The inserting lookup made an entry of 0, which the store refuses.
-    EXPECT_EQ(store.calls("unsubscribe", 0), 1u);
-    EXPECT_EQ(updates, (Registry{{kId, {}}}));
-    EXPECT_EQ(updateIds, (IdRegistry{{kId, 0}}));
+    // The next add opens the subscription the failed one could not.
+    CdsChannelAccessor::subscribeChannelUpdate(kId, &accessor);
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kId), 1u);
+    CdsChannelAccessor::unsubscribeChannelUpdate(kId, &accessor);
+}
+
+TEST_F(CdsChannelAccessorTest, ChannelWhoseSubscriptionFailedIsHeardByTheNextAccessor) {
+    addUpsWithVoltage();
+    auto first = std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+    store.removeChannel(kVoltage);
+    // The channel comes back under a new id; the re-detection cannot subscribe
+    // to it (the device-change handler swallows the failure).
+    store.failNext("subscribeChannel");
+    Id const again = store.addChannel(kUps, kVoltageName, kq::CValue(1.0f));
+    first.reset();
+
+    CdsChannelAccessor second(kUps, kVoltageName, DataType::Value);
+    Recorder recorder;
+    second.setUpdateCallback(recorder.listener());
+    store.setChannelValue(again, kq::CValue(2.0f));
+
+    EXPECT_TRUE(second.isExitingInCds());
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, again), 1u);
+    EXPECT_EQ(recorder.values.back(), kq::CValue(2.0f));
+}
+
+TEST_F(CdsChannelAccessorTest, FailedUnsubscribeOfARealSubscriptionKeepsTheChannelHeard) {
+    addUpsWithVoltage();
+    auto first = std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+    store.failNext("unsubscribe", 1, updateIds.at(kVoltage));
+    first.reset();
+
+    CdsChannelAccessor second(kUps, kVoltageName, DataType::Value);
+    Recorder recorder;
+    second.setUpdateCallback(recorder.listener());
+    store.setChannelValue(kVoltage, kq::CValue(3.0f));
+
+    EXPECT_EQ(store.subscriptionCount("channel", kq::sub::ChannelValue, kVoltage), 1u);
+    EXPECT_EQ(recorder.values.back(), kq::CValue(3.0f));
 }
 
 // ---- Notification handlers -----------------------------------------------------------
@@ -1393,6 +1474,36 @@ TEST_F(CdsChannelAccessorTest, SetUpdateCallbackWithEmptyFunctionRemovesListener
 
     EXPECT_EQ(recorder.values.size(), 1u);
     EXPECT_EQ(store.calls("getChannelCValue", kVoltage), 1u);  // the notification's one read
+}
+
+TEST_F(CdsChannelAccessorTest, ListenerThatClearsItselfRunsToItsEnd) {
+    addUpsWithVoltage();
+    CdsChannelAccessor accessor(kUps, kVoltageName, DataType::Value);
+    SelfChangingListener listener;
+    // Call 1 comes from setUpdateCallback(), call 2 from the notification.
+    accessor.setUpdateCallback(listener.listener(2, [&] { accessor.setUpdateCallback({}); }));
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+    store.setChannelValue(kVoltage, kq::CValue(2.0f));
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 2);
+}
+
+TEST_F(CdsChannelAccessorTest, ListenerThatReplacesItselfRunsToItsEnd) {
+    addUpsWithVoltage();
+    CdsChannelAccessor accessor(kUps, kVoltageName, DataType::Value);
+    SelfChangingListener listener;
+    Recorder recorder;
+    // Replaced from inside the call that setUpdateCallback() itself makes.
+    accessor.setUpdateCallback(
+        listener.listener(1, [&] { accessor.setUpdateCallback(recorder.listener()); }));
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 1);
+    EXPECT_EQ(recorder.values, (std::vector<kq::CValue>{kq::CValue(230.5f), kq::CValue(1.0f)}));
 }
 
 TEST_F(CdsChannelAccessorTest, SetUpdateCallbackReplacesPreviousListener) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "encoder_test_world.h"
+#include "listener_slot.h"
 #include "modbus/CdsDataToDiscretesAccessor.h"
 
 namespace {
@@ -386,6 +387,17 @@ TEST_F(CdsDataToDiscretesAccessorTest, GeneratedExistenceIsAvailableExactlyWhenA
         ASSERT_EQ(subject->isDataAvailable(), any);
         ASSERT_EQ(subject->getData().empty(), !any);
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+TEST(CdsDataToDiscretesAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    auto* const source = new encoder_test::ListenerSlot();
+    CdsDataToDiscretesAccessor encoder(
+        1, {source},
+        [](std::vector<kq::CValue> const& values) { return std::vector<bool>{!values.empty()}; },
+        nullptr);
+    encoder_test::expectListenerMayClearItselfInsideAPush(encoder, [source] { source->push(); });
 }
 
 }  // namespace

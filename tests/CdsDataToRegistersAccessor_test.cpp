@@ -17,6 +17,7 @@
 #include "encoder_test_world.h"
 // Allocation failures on demand, around the adoption of raw sources.
 #include "failing_allocation.h"
+#include "listener_slot.h"
 #include "modbus/CdsDataToRegistersAccessor.h"
 #include "registers/composite_support.h"
 
@@ -459,6 +460,19 @@ TEST_F(CdsDataToRegistersAccessorTest, GeneratedExistenceIsAvailableExactlyWhenE
         ASSERT_EQ(subject->isDataAvailable(), all);
         ASSERT_EQ(subject->getData().empty(), !all);
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+TEST(CdsDataToRegistersAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    auto* const source = new encoder_test::ListenerSlot();
+    CdsDataToRegistersAccessor encoder(
+        1, {source},
+        [](std::vector<kq::CValue> const& values) {
+            return std::vector<std::uint16_t>{static_cast<std::uint16_t>(values.size())};
+        },
+        nullptr, nullptr, "");
+    encoder_test::expectListenerMayClearItselfInsideAPush(encoder, [source] { source->push(); });
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ cdshost::Store& store() {
 }
 
 using accessor_test::Recorder;
+using accessor_test::SelfChangingListener;
 
 /* How many device subscriptions of a type are open for an id. */
 std::size_t deviceSubs(int type, cdshost::Id id) {
@@ -204,6 +205,50 @@ TEST_F(CdsDeviceAccessorTest, SubDeviceListFailureCountsAsNotFound) {
 TEST_F(CdsDeviceAccessorTest, SubscriptionFailureLeavesTheConstructor) {
     store().failNext("subscribeDevice");
     EXPECT_THROW(CdsDeviceAccessor(kUps, cdsapi::AttributeModel), cdshost::InjectedFault);
+}
+
+TEST_F(CdsDeviceAccessorTest, ThrowingConstructorLeavesNoTrace) {
+    store().failNext("subscribeDevice");
+    EXPECT_THROW(CdsDeviceAccessor(kUps, cdsapi::AttributeModel), cdshost::InjectedFault);
+
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSubscriber.empty());
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSettingsSubscriber.empty());
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceCreationSubscriber.empty());
+}
+
+TEST_F(CdsDeviceAccessorTest, ThrowingConstructorIsNeverReachedByALaterDeviceChange) {
+    store().failNext("subscribeDevice");
+    EXPECT_THROW(CdsDeviceAccessor(kUps, cdsapi::AttributeModel), cdshost::InjectedFault);
+    CdsDeviceAccessor survivor(kUps, cdsapi::AttributeModel);
+    EXPECT_TRUE(inSettingsRegistry(kUps, &survivor));
+    EXPECT_EQ(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSettingsSubscriber.at(kUps).size(), 1u);
+
+    EXPECT_NO_THROW(store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 3000"));
+}
+
+TEST_F(CdsDeviceAccessorTest, ListenerThatClearsItselfRunsToItsEnd) {
+    CdsDeviceAccessor accessor(kUps, cdsapi::AttributeModel);
+    SelfChangingListener listener;
+    accessor.setUpdateCallback(listener.listener(2, [&] { accessor.setUpdateCallback({}); }));
+
+    store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 3000");
+    store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 4000");
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 2);
+}
+
+TEST_F(CdsDeviceAccessorTest, ListenerThatReplacesItselfRunsToItsEnd) {
+    CdsDeviceAccessor accessor(kUps, cdsapi::AttributeModel);
+    SelfChangingListener listener;
+    Recorder recorder;
+    accessor.setUpdateCallback(
+        listener.listener(1, [&] { accessor.setUpdateCallback(recorder.listener()); }));
+
+    EXPECT_TRUE(listener.aliveAfterChange);
+    EXPECT_EQ(listener.calls, 1);
+    EXPECT_EQ(recorder.values, (std::vector<kq::CValue>{kq::CValue(std::string("Model 1500"))}));
 }
 
 TEST_F(CdsDeviceAccessorTest, CreationSubscriptionFailureLeavesTheConstructor) {

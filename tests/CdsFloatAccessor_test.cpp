@@ -15,6 +15,7 @@
 #include "encoder_test_support.h"
 #include "failing_allocation.h"
 #include "golden/float_vectors.h"
+#include "listener_slot.h"
 
 namespace {
 
@@ -447,6 +448,38 @@ TEST_F(CdsFloatAccessorTest, UnavailableValueWithUnsupportedOrderNeverThrows) {
     EXPECT_NO_THROW(floatEncoder->setData({0x1234, 0x5678}));
     EXPECT_EQ(store.calls("setChannelCValue"), 0u);
     EXPECT_EQ(floatEncoder->getDataRepresentation(), "Float (ByteSwapped)");
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsFloatAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsFloatAccessor>(source, 1.0f);
+}
+
+TEST(CdsFloatAccessorLifecycle, DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsFloatAccessorLifecycle, SharedChannelAccessorOutlivesItsEncoders) {
+    encoder_test::addUpsWithChannel(kq::CValue(1.5f));
+    auto const source = encoder_test::sharedChannelAccessor();
+    auto first = std::make_unique<modbus::CdsFloatAccessor>(source, 1.0f);
+    auto second = std::make_unique<modbus::CdsFloatAccessor>(source, 1.0f);
+    first.reset();
+    second.reset();
+
+    EXPECT_NO_THROW(
+        cdshost::Store::instance().setChannelValue(encoder_test::kChannel, kq::CValue(2.5f)));
+    EXPECT_EQ(source->getCValue(), kq::CValue(2.5f));
+}
+
+TEST(CdsFloatAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsFloatAccessorLifecycle, DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "encoder_test_world.h"
 #include "golden/one_register_vectors.h"
+#include "listener_slot.h"
 #include "modbus/CdsFloatToOneRegisterAccessor.h"
 
 namespace {
@@ -361,6 +362,27 @@ TEST_F(CdsFloatToOneRegisterAccessorTest,
             }
         }
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsFloatToOneRegisterAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsFloatToOneRegisterAccessor>(source, 1.0f, 0.0f);
+}
+
+TEST(CdsFloatToOneRegisterAccessorLifecycle,
+     DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsFloatToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsFloatToOneRegisterAccessorLifecycle,
+     DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "cdshost/store.h"
 #include "encoder_test_support.h"
 #include "failing_allocation.h"
+#include "listener_slot.h"
 
 namespace {
 
@@ -341,6 +342,25 @@ TEST_F(CdsInt32AccessorTest, UnavailableValueWithUnsupportedOrderNeverThrows) {
     EXPECT_EQ(intEncoder->getStrValue(), "");
     EXPECT_NO_THROW(intEncoder->setData({0, 1}));
     EXPECT_EQ(store.calls("setChannelCValue"), 0u);
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsInt32Accessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsInt32Accessor>(source);
+}
+
+TEST(CdsInt32AccessorLifecycle, DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsInt32AccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsInt32AccessorLifecycle, DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "encoder_test_world.h"
 #include "golden/one_register_vectors.h"
+#include "listener_slot.h"
 #include "modbus/CdsInt32ToOneRegisterAccessor.h"
 
 namespace {
@@ -276,6 +277,27 @@ TEST_F(CdsInt32ToOneRegisterAccessorTest, GeneratedScaledWritesTruncateRegisterT
             ASSERT_EQ(stored(), kq::CValue(expected)) << reg << " / " << multiplier;
         }
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsInt32ToOneRegisterAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsInt32ToOneRegisterAccessor>(source, 1.0f);
+}
+
+TEST(CdsInt32ToOneRegisterAccessorLifecycle,
+     DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsInt32ToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsInt32ToOneRegisterAccessorLifecycle,
+     DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

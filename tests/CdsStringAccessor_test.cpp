@@ -11,6 +11,7 @@
 
 #include "encoder_test_world.h"
 #include "golden/one_register_vectors.h"
+#include "listener_slot.h"
 #include "modbus/CdsDeviceAccessor.h"
 #include "modbus/CdsStringAccessor.h"
 
@@ -264,6 +265,17 @@ TEST_F(CdsStringAccessorTest, GeneratedWritesKeepExactlyTheBytesBeforeTheFirstZe
         subject->setData(registers);
         ASSERT_EQ(stored(), kq::CValue(bytes.substr(0, bytes.find('\0'))));
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+TEST(CdsStringAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    auto* const source = new encoder_test::ListenerSlot();
+    CdsStringAccessor encoder(4, source);
+    // The owner wires the pushes of this encoder.
+    source->setUpdateCallback(
+        [&encoder](kq::CValue const& value) { encoder.callbackCdsEvent(value); });
+    encoder_test::expectListenerMayClearItselfInsideAPush(encoder, [source] { source->push(); });
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "encoder_test_world.h"
 #include "golden/one_register_vectors.h"
+#include "listener_slot.h"
 #include "modbus/CdsStringToOneRegisterAccessor.h"
 
 namespace {
@@ -224,6 +225,27 @@ TEST_F(CdsStringToOneRegisterAccessorTest, GeneratedWritesStoreDecimalTextThatRe
         ASSERT_EQ(stored(), kq::CValue(std::to_string(reg)));
         ASSERT_EQ(subject->getData(), Registers{reg});
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsStringToOneRegisterAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsStringToOneRegisterAccessor>(source);
+}
+
+TEST(CdsStringToOneRegisterAccessorLifecycle,
+     DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsStringToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsStringToOneRegisterAccessorLifecycle,
+     DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "cdshost/store.h"
 #include "encoder_test_support.h"
 #include "failing_allocation.h"
+#include "listener_slot.h"
 
 namespace {
 
@@ -341,6 +342,25 @@ TEST_F(CdsUint32AccessorTest, UnavailableValueWithUnsupportedOrderNeverThrows) {
     EXPECT_EQ(uintEncoder->getStrValue(), "");
     EXPECT_NO_THROW(uintEncoder->setData({0, 1}));
     EXPECT_EQ(store.calls("setChannelCValue"), 0u);
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsUint32Accessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsUint32Accessor>(source);
+}
+
+TEST(CdsUint32AccessorLifecycle, DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsUint32AccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsUint32AccessorLifecycle, DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 
 #include "encoder_test_world.h"
 #include "golden/one_register_vectors.h"
+#include "listener_slot.h"
 #include "modbus/CdsUint32ToOneRegisterAccessor.h"
 
 namespace {
@@ -370,6 +371,27 @@ TEST_F(CdsUint32ToOneRegisterAccessorTest, GeneratedWritesWithMultiplierOneReadB
         subject->setData({reg});
         ASSERT_EQ(subject->getData(), Registers{reg});
     }
+}
+
+// ---- Lifecycle -------------------------------------------------------------------
+
+std::unique_ptr<modbus::CdsUint32ToOneRegisterAccessor> encoderOverSharedSource(
+    std::shared_ptr<modbus::CdsDataAccessor> const& source) {
+    return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, 1.0f);
+}
+
+TEST(CdsUint32ToOneRegisterAccessorLifecycle,
+     DestroyedEncoderWithdrawsItsListenerFromASharedSource) {
+    encoder_test::expectDestroyedEncoderWithdrawsItsListener(&encoderOverSharedSource);
+}
+
+TEST(CdsUint32ToOneRegisterAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
+    encoder_test::expectListenerMayClearItselfInsideAPush(&encoderOverSharedSource);
+}
+
+TEST(CdsUint32ToOneRegisterAccessorLifecycle,
+     DestroyedEncoderLeavesTheListenerOfAnotherEncoderInPlace) {
+    encoder_test::expectDestroyedEncoderLeavesAnotherListenerInPlace(&encoderOverSharedSource);
 }
 
 }  // namespace

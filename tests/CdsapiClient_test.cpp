@@ -440,8 +440,27 @@ TEST_F(CdsapiClientTest, SubscribeCallsAreCountedPerTarget) {
 }
 
 TEST_F(CdsapiClientTest, UnsubscribeOfUnknownIdThrowsNotFound) {
-    EXPECT_THROW(inBand.unsubscribe(0), cdshost::NotFound);
     EXPECT_THROW(inBand.unsubscribe(12345), cdshost::NotFound);
+}
+
+TEST_F(CdsapiClientTest, UnsubscribeOfZeroEndsNothingAndReturns) {
+    // 0 is never handed out as a subscription id; it is what a caller holds
+    // for a subscription that was never opened, so there is nothing to end.
+    Id s = 0;
+    inBand.subscribeDevice(
+        ups, [](Id) {}, kq::sub::DeviceChanged, false, &s);
+    ASSERT_NE(s, 0u);
+
+    EXPECT_NO_THROW(inBand.unsubscribe(0));
+
+    EXPECT_EQ(store.subscriptionCount(), 1u);
+    EXPECT_EQ(store.calls("unsubscribe", 0), 1u);
+}
+
+TEST_F(CdsapiClientTest, UnsubscribeOfZeroStillMeetsAnArmedFault) {
+    store.failNext("unsubscribe", 1, 0);
+    EXPECT_THROW(inBand.unsubscribe(0), cdshost::InjectedFault);
+    EXPECT_NO_THROW(inBand.unsubscribe(0));
 }
 
 TEST_F(CdsapiClientTest, UnsubscribeTwiceThrowsTheSecondTime) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -795,6 +796,28 @@ TEST_F(HostStoreTest, FailsTheFirstThreeTimesThenSucceeds) {
     EXPECT_EQ(attempts, 4);
     EXPECT_EQ(store.calls("getChannelCValue"), 4u);
     EXPECT_EQ(value, kq::CValue(7));
+}
+
+TEST_F(HostStoreTest, FailCallFailsExactlyTheNthCallOnce) {
+    Id const ups = store.addDevice("UPS");
+    store.failCall("getDevice", 3, cdshost::FaultKind::NonStandard);
+    EXPECT_NO_THROW(inBand.getDevice(ups));
+    EXPECT_NO_THROW(inBand.getSubDevicesIds(ups, 0));  // other operations do not count
+    EXPECT_NO_THROW(inBand.getDevice(ups));
+    EXPECT_THROW(inBand.getDevice(ups), cdshost::ForeignFault);
+    EXPECT_NO_THROW(inBand.getDevice(ups));
+    EXPECT_THROW(store.failCall("getDevice", 0), std::invalid_argument);
+}
+
+TEST_F(HostStoreTest, CallsByOperationListsEveryOperationCalled) {
+    Id const ups = store.addDevice("UPS");
+    store.resetCalls();
+    inBand.getDevice(ups);
+    inBand.getDevice(ups);
+    static_cast<void>(inBand.getSubDevicesIds(ups, 0));
+
+    EXPECT_EQ(store.callsByOperation(),
+              (std::map<std::string, std::size_t>{{"getDevice", 2}, {"getSubDevicesIds", 1}}));
 }
 
 TEST_F(HostStoreTest, FailNextDefaultsToOneFailure) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -90,7 +91,9 @@ class TARSEL_MODBUS_EXPORT CdsAlarmToOneDiscreteAccessor : public CdsDataAccesso
     AlarmType m_alarmType;
     bool m_existingInCds;
     unsigned long long m_channelId;
-    std::function<void(kq::CValue const&)> m_updateCallback;
+    // Shared so that a call in progress keeps its function alive even when the
+    // listener replaces or clears itself from inside that call.
+    std::shared_ptr<std::function<void(kq::CValue const&)> const> m_updateCallback;
 };
 
 }  // namespace modbus

@@ -29,6 +29,7 @@ class TARSEL_MODBUS_EXPORT CdsBooleanToOneDiscreteAccessor : public DiscretesDat
     CdsBooleanToOneDiscreteAccessor(std::shared_ptr<CdsDataAccessor> accessor,
                                     DiscreteModifier modifier);
     CdsBooleanToOneDiscreteAccessor(CdsDataAccessor* accessor, DiscreteModifier modifier);
+    ~CdsBooleanToOneDiscreteAccessor() override;
 
     void setData(std::vector<uint8_t> const& data) override;
     std::vector<uint8_t> getData() const override;
@@ -43,6 +44,9 @@ class TARSEL_MODBUS_EXPORT CdsBooleanToOneDiscreteAccessor : public DiscretesDat
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint8_t> const&)> m_callback;
     bool m_isInverted;
 };

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -102,7 +103,9 @@ class TARSEL_MODBUS_EXPORT CdsChannelAccessor : public CdsDataAccessor {
     DataType m_dataType;
     bool m_isExisting;
     unsigned long long m_channelId;
-    std::function<void(kq::CValue const&)> m_updateCallback;
+    // Shared so that a call in progress keeps its function alive even when the
+    // listener replaces or clears itself from inside that call.
+    std::shared_ptr<std::function<void(kq::CValue const&)> const> m_updateCallback;
 };
 
 }  // namespace modbus

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -70,7 +71,9 @@ class TARSEL_MODBUS_EXPORT CdsDeviceAccessor : public CdsDataAccessor {
     cdsapi::DeviceAttribute m_attribute;
     std::string m_deviceName;
     bool m_existingInCds;
-    std::function<void(kq::CValue const&)> m_updateCallback;
+    // Shared so that a call in progress keeps its function alive even when the
+    // listener replaces or clears itself from inside that call.
+    std::shared_ptr<std::function<void(kq::CValue const&)> const> m_updateCallback;
 };
 
 }  // namespace modbus

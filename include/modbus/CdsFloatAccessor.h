@@ -26,6 +26,7 @@ class TARSEL_MODBUS_EXPORT CdsFloatAccessor : public RegistersDataAccessor {
   public:
     CdsFloatAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier);
     CdsFloatAccessor(CdsDataAccessor* dataAccessor, float multiplier);
+    ~CdsFloatAccessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -40,6 +41,9 @@ class TARSEL_MODBUS_EXPORT CdsFloatAccessor : public RegistersDataAccessor {
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     float m_multiplier;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };

@@ -23,6 +23,7 @@ class TARSEL_MODBUS_EXPORT CdsFloatToOneRegisterAccessor : public RegistersDataA
     CdsFloatToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier,
                                   float offset);
     CdsFloatToOneRegisterAccessor(CdsDataAccessor* dataAccessor, float multiplier, float offset);
+    ~CdsFloatToOneRegisterAccessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -38,6 +39,9 @@ class TARSEL_MODBUS_EXPORT CdsFloatToOneRegisterAccessor : public RegistersDataA
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;
     float m_offset;

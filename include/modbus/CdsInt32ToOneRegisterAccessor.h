@@ -21,6 +21,7 @@ class TARSEL_MODBUS_EXPORT CdsInt32ToOneRegisterAccessor : public RegistersDataA
   public:
     CdsInt32ToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier);
     CdsInt32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor, float multiplier);
+    ~CdsInt32ToOneRegisterAccessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -36,6 +37,9 @@ class TARSEL_MODBUS_EXPORT CdsInt32ToOneRegisterAccessor : public RegistersDataA
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;
 };

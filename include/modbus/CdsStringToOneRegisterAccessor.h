@@ -22,6 +22,7 @@ class TARSEL_MODBUS_EXPORT CdsStringToOneRegisterAccessor : public RegistersData
   public:
     explicit CdsStringToOneRegisterAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor);
     explicit CdsStringToOneRegisterAccessor(CdsDataAccessor* dataAccessor);
+    ~CdsStringToOneRegisterAccessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -36,6 +37,9 @@ class TARSEL_MODBUS_EXPORT CdsStringToOneRegisterAccessor : public RegistersData
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };
 

@@ -25,6 +25,7 @@ class TARSEL_MODBUS_EXPORT CdsUint32Accessor : public RegistersDataAccessor {
   public:
     explicit CdsUint32Accessor(std::shared_ptr<CdsDataAccessor> dataAccessor);
     explicit CdsUint32Accessor(CdsDataAccessor* dataAccessor);
+    ~CdsUint32Accessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -39,6 +40,9 @@ class TARSEL_MODBUS_EXPORT CdsUint32Accessor : public RegistersDataAccessor {
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
 };
 

@@ -34,6 +34,7 @@ class TARSEL_MODBUS_EXPORT CdsUint32ToOneRegisterAccessor : public RegistersData
                                    std::optional<unsigned int> defaultValue);
     CdsUint32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor, BitmaskOp bitmaskOp,
                                    unsigned int mask, std::optional<unsigned int> defaultValue);
+    ~CdsUint32ToOneRegisterAccessor() override;
 
     void setData(std::vector<uint16_t> const& data) override;
     std::vector<uint16_t> getData() const override;
@@ -48,6 +49,9 @@ class TARSEL_MODBUS_EXPORT CdsUint32ToOneRegisterAccessor : public RegistersData
 
   private:
     std::shared_ptr<CdsDataAccessor> m_cdsDataAccessor;
+    // Expires once the data accessor dropped the listener this encoder
+    // installed; the destructor withdraws that listener only while it lives.
+    std::weak_ptr<void> m_sourceListener;
     std::function<void(std::vector<uint16_t> const&)> m_callback;
     float m_multiplier;
     BitmaskOp m_bitmaskOp;

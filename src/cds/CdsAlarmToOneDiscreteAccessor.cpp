@@ -6,6 +6,7 @@
 
 #include "kq/model.h"
 #include "shared_subscription_registry.h"
+#include "update_listener.h"
 
 namespace modbus {
 
@@ -60,6 +61,30 @@ std::int32_t alarmCode(kq::CAlarmRecord const& record, AlarmType wanted) {
     return code;
 }
 
+/* Removes the accessor from every id of its three registries. */
+void leaveEveryRegistry(CdsAlarmToOneDiscreteAccessor* accessor) {
+    using A = CdsAlarmToOneDiscreteAccessor;
+    shared_registry::removeEverywhere(A::m_mapChannelAccessorChannelAlarmSubscriber,
+                                      A::m_mapChannelAccessorChannelAlarmSubscriberId, accessor);
+    shared_registry::removeEverywhere(A::m_mapChannelAccessorDeviceSettingsSubscriber,
+                                      A::m_mapChannelAccessorDeviceSettingsSubscriberId, accessor);
+    shared_registry::removeEverywhere(A::m_mapChannelAccessorDeviceCreationSubscriber,
+                                      A::m_mapChannelAccessorDeviceCreationSubscriberId, accessor);
+}
+
+/* The first detection, run by every constructor. If it throws, the accessor
+ * leaves every registry it joined on the way (closing the subscriptions it
+ * was the first to open) before the exception leaves the constructor: once the
+ * half-built object is freed, no notification may find it. */
+void detectOrLeaveNoTrace(CdsAlarmToOneDiscreteAccessor* accessor) {
+    try {
+        accessor->detectChannel();
+    } catch (...) {
+        leaveEveryRegistry(accessor);
+        throw;
+    }
+}
+
 }  // namespace
 
 CdsAlarmToOneDiscreteAccessor::AccessorRegistry
@@ -84,7 +109,7 @@ CdsAlarmToOneDiscreteAccessor::CdsAlarmToOneDiscreteAccessor(unsigned long long 
       m_alarmType(type),
       m_existingInCds(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsAlarmToOneDiscreteAccessor::CdsAlarmToOneDiscreteAccessor(
@@ -97,7 +122,7 @@ CdsAlarmToOneDiscreteAccessor::CdsAlarmToOneDiscreteAccessor(
       m_alarmType(type),
       m_existingInCds(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsAlarmToOneDiscreteAccessor::CdsAlarmToOneDiscreteAccessor(std::string const& deviceName,
@@ -110,7 +135,7 @@ CdsAlarmToOneDiscreteAccessor::CdsAlarmToOneDiscreteAccessor(std::string const& 
       m_alarmType(type),
       m_existingInCds(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsAlarmToOneDiscreteAccessor::~CdsAlarmToOneDiscreteAccessor() {
@@ -125,12 +150,7 @@ CdsAlarmToOneDiscreteAccessor::~CdsAlarmToOneDiscreteAccessor() {
     // holds: the all-ones creation entry of a by-name accessor whose name
     // resolved later, or the alarm entry of a channel replaced without a
     // notification in between. Leave those too.
-    shared_registry::removeEverywhere(m_mapChannelAccessorChannelAlarmSubscriber,
-                                      m_mapChannelAccessorChannelAlarmSubscriberId, this);
-    shared_registry::removeEverywhere(m_mapChannelAccessorDeviceSettingsSubscriber,
-                                      m_mapChannelAccessorDeviceSettingsSubscriberId, this);
-    shared_registry::removeEverywhere(m_mapChannelAccessorDeviceCreationSubscriber,
-                                      m_mapChannelAccessorDeviceCreationSubscriberId, this);
+    leaveEveryRegistry(this);
 }
 
 void CdsAlarmToOneDiscreteAccessor::setCValue(kq::CValue const&) {
@@ -162,16 +182,14 @@ bool CdsAlarmToOneDiscreteAccessor::isExitingInCds() const {
 
 void CdsAlarmToOneDiscreteAccessor::setUpdateCallback(
     std::function<void(kq::CValue const&)> callback) {
-    m_updateCallback = std::move(callback);
+    detail::installListener(m_updateCallback, std::move(callback));
     if (m_updateCallback) {
-        m_updateCallback(getCValue());
+        detail::callListener(m_updateCallback, getCValue());
     }
 }
 
 void CdsAlarmToOneDiscreteAccessor::callbackUpdateChannelValue(kq::CValue const& value) {
-    if (m_updateCallback) {
-        m_updateCallback(value);
-    }
+    detail::callListener(m_updateCallback, value);
 }
 
 void CdsAlarmToOneDiscreteAccessor::detectChannel() {
@@ -183,9 +201,7 @@ void CdsAlarmToOneDiscreteAccessor::detectChannel() {
             m_channelId = 0;
         }
         m_existingInCds = false;
-        if (m_updateCallback) {
-            m_updateCallback(kq::CValue(false));
-        }
+        detail::callListener(m_updateCallback, kq::CValue(false));
     };
 
     bool nameKnown = true;
@@ -234,7 +250,7 @@ void CdsAlarmToOneDiscreteAccessor::detectChannel() {
     m_channelId = candidate;
     m_existingInCds = true;
     if (m_updateCallback) {
-        m_updateCallback(getCValue());
+        detail::callListener(m_updateCallback, getCValue());
     }
 }
 

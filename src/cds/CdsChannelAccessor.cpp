@@ -7,6 +7,7 @@
 #include "kq/model.h"
 #include "modbus/CdsInBandAccessor.h"
 #include "shared_subscription_registry.h"
+#include "update_listener.h"
 
 namespace modbus {
 
@@ -105,6 +106,19 @@ void leaveEveryRegistry(CdsChannelAccessor* accessor) {
                                       C::m_mapChannelAccessorDeviceSettingsSubscriberId, accessor);
     shared_registry::removeEverywhere(C::m_mapChannelAccessorDeviceCreationSubscriber,
                                       C::m_mapChannelAccessorDeviceCreationSubscriberId, accessor);
+}
+
+/* The first detection, run by every constructor. If it throws, the accessor
+ * leaves every registry it joined on the way (closing the subscriptions it
+ * was the first to open) before the exception leaves the constructor: once the
+ * half-built object is freed, no notification may find it. */
+void detectOrLeaveNoTrace(CdsChannelAccessor* accessor) {
+    try {
+        accessor->detectChannel();
+    } catch (...) {
+        leaveEveryRegistry(accessor);
+        throw;
+    }
 }
 
 /* Joins the channel registry of the DataType. The state registry takes the
@@ -217,7 +231,7 @@ CdsChannelAccessor::CdsChannelAccessor(unsigned long long deviceId, std::string 
       m_dataType(dataType),
       m_isExisting(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsChannelAccessor::CdsChannelAccessor(unsigned long long deviceId,
@@ -230,7 +244,7 @@ CdsChannelAccessor::CdsChannelAccessor(unsigned long long deviceId,
       m_dataType(dataType),
       m_isExisting(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsChannelAccessor::CdsChannelAccessor(std::string const& deviceName,
@@ -242,7 +256,7 @@ CdsChannelAccessor::CdsChannelAccessor(std::string const& deviceName,
       m_dataType(dataType),
       m_isExisting(false),
       m_channelId(0) {
-    detectChannel();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsChannelAccessor::~CdsChannelAccessor() {
@@ -338,16 +352,14 @@ void CdsChannelAccessor::setCValue(kq::CValue const& value) {
 }
 
 void CdsChannelAccessor::setUpdateCallback(std::function<void(kq::CValue const&)> callback) {
-    m_updateCallback = std::move(callback);
+    detail::installListener(m_updateCallback, std::move(callback));
     if (m_updateCallback) {
-        m_updateCallback(getCValue());
+        detail::callListener(m_updateCallback, getCValue());
     }
 }
 
 void CdsChannelAccessor::callbackUpdateChannelValue(kq::CValue const& value) {
-    if (m_updateCallback) {
-        m_updateCallback(value);
-    }
+    detail::callListener(m_updateCallback, value);
 }
 
 // ---- Detection -------------------------------------------------------------------
@@ -380,7 +392,7 @@ void CdsChannelAccessor::detectChannel() {
             m_channelId = channelId;
             m_isExisting = true;
             if (m_updateCallback) {
-                m_updateCallback(getCValue());
+                detail::callListener(m_updateCallback, getCValue());
             }
             return;
         }
@@ -395,9 +407,7 @@ void CdsChannelAccessor::detectChannel() {
     m_isExisting = false;
     // Intended: every failed detection tells the listener, even when the channel
     // was already missing, so encoders always drop a stale value.
-    if (m_updateCallback) {
-        m_updateCallback(kq::CValue());
-    }
+    detail::callListener(m_updateCallback, kq::CValue());
 }
 
 // ---- Registries ------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include "kq/model.h"
 #include "modbus/CdsInBandAccessor.h"
 #include "shared_subscription_registry.h"
+#include "update_listener.h"
 
 namespace modbus {
 
@@ -27,6 +28,30 @@ auto deviceSubscriber(kq::sub::subscription_type type, void (*handler)(unsigned 
     };
 }
 
+/* Removes the accessor from every id of its three registries. */
+void leaveEveryRegistry(CdsDeviceAccessor* accessor) {
+    using D = CdsDeviceAccessor;
+    shared_registry::removeEverywhere(D::m_mapDeviceAccessorDeviceSubscriber,
+                                      D::m_mapDeviceAccessorDeviceSubscriberId, accessor);
+    shared_registry::removeEverywhere(D::m_mapDeviceAccessorDeviceSettingsSubscriber,
+                                      D::m_mapDeviceAccessorDeviceSettingsSubscriberId, accessor);
+    shared_registry::removeEverywhere(D::m_mapDeviceAccessorDeviceCreationSubscriber,
+                                      D::m_mapDeviceAccessorDeviceCreationSubscriberId, accessor);
+}
+
+/* The first detection, run by every constructor. If it throws, the accessor
+ * leaves every registry it joined on the way (closing the subscriptions it
+ * was the first to open) before the exception leaves the constructor: once the
+ * half-built object is freed, no notification may find it. */
+void detectOrLeaveNoTrace(CdsDeviceAccessor* accessor) {
+    try {
+        accessor->detectDevice();
+    } catch (...) {
+        leaveEveryRegistry(accessor);
+        throw;
+    }
+}
+
 }  // namespace
 
 CdsDeviceAccessor::AccessorRegistry CdsDeviceAccessor::m_mapDeviceAccessorDeviceSubscriber;
@@ -40,7 +65,7 @@ CdsDeviceAccessor::SubscriptionIdRegistry
 
 CdsDeviceAccessor::CdsDeviceAccessor(unsigned long long deviceId, cdsapi::DeviceAttribute attribute)
     : m_deviceId(deviceId), m_detectedDeviceId(0), m_attribute(attribute), m_existingInCds(false) {
-    detectDevice();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsDeviceAccessor::CdsDeviceAccessor(std::string const& deviceName,
@@ -50,7 +75,7 @@ CdsDeviceAccessor::CdsDeviceAccessor(std::string const& deviceName,
       m_attribute(attribute),
       m_deviceName(deviceName),
       m_existingInCds(false) {
-    detectDevice();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsDeviceAccessor::CdsDeviceAccessor(unsigned long long deviceId,
@@ -61,7 +86,7 @@ CdsDeviceAccessor::CdsDeviceAccessor(unsigned long long deviceId,
       m_subDeviceIndexes(subDeviceIndexes),
       m_attribute(attribute),
       m_existingInCds(false) {
-    detectDevice();
+    detectOrLeaveNoTrace(this);
 }
 
 CdsDeviceAccessor::~CdsDeviceAccessor() {
@@ -72,10 +97,7 @@ CdsDeviceAccessor::~CdsDeviceAccessor() {
     unsubscribeDeviceCreation(m_deviceId, this);
     // An update read that failed for a vanished device keeps the update
     // registration under an id this accessor no longer holds; leave it too.
-    shared_registry::removeEverywhere(m_mapDeviceAccessorDeviceSubscriber,
-                                      m_mapDeviceAccessorDeviceSubscriberId, this);
-    shared_registry::removeEverywhere(m_mapDeviceAccessorDeviceSettingsSubscriber,
-                                      m_mapDeviceAccessorDeviceSettingsSubscriberId, this);
+    leaveEveryRegistry(this);
 }
 
 void CdsDeviceAccessor::setCValue(kq::CValue const& value) {
@@ -104,16 +126,14 @@ bool CdsDeviceAccessor::isExitingInCds() const {
 }
 
 void CdsDeviceAccessor::setUpdateCallback(std::function<void(kq::CValue const&)> callback) {
-    m_updateCallback = std::move(callback);
+    detail::installListener(m_updateCallback, std::move(callback));
     if (m_updateCallback) {
-        m_updateCallback(getCValue());
+        detail::callListener(m_updateCallback, getCValue());
     }
 }
 
 void CdsDeviceAccessor::callbackUpdateDeviceValue(kq::CValue const& value) {
-    if (m_updateCallback) {
-        m_updateCallback(value);
-    }
+    detail::callListener(m_updateCallback, value);
 }
 
 void CdsDeviceAccessor::detectDevice() {
@@ -165,7 +185,8 @@ void CdsDeviceAccessor::detectDevice() {
     if (m_updateCallback) {
         // The raw attribute, attribute 16 included: the listener gets the
         // store's own text for it here, not the count. Intended.
-        m_updateCallback(kq::CValue(inBand().getDeviceAttribute(m_detectedDeviceId, m_attribute)));
+        detail::callListener(m_updateCallback, kq::CValue(inBand().getDeviceAttribute(
+                                                   m_detectedDeviceId, m_attribute)));
     }
 }
 

@@ -19,17 +19,31 @@ inline cdsapi::InBandAccessor& inBand() {
 
 /* Adds an accessor under an id. Only the first accessor of the id opens the
  * data-store subscription: `subscribe(id, &subscriptionId)` is called then and
- * the id it writes is kept. Its exceptions propagate. */
+ * the id it writes is kept. Its exceptions propagate, and a failed add takes
+ * back the entry it made: an accessor must never sit under an id that has no
+ * subscription, or its removal would hand unsubscribe() an id 0 and, should
+ * that fail, keep the id registered without a subscription for good. */
 template <typename Accessor, typename Subscribe>
 void add(std::map<unsigned long long, std::set<Accessor*>>& accessors,
          std::map<unsigned long long, unsigned long long>& subscriptionIds, unsigned long long id,
          Accessor* accessor, Subscribe subscribe) {
-    accessors[id].insert(accessor);
+    bool const inserted = accessors[id].insert(accessor).second;
     if (subscriptionIds.count(id) != 0) {
         return;
     }
     unsigned long long subscriptionId = 0;
-    subscribe(id, &subscriptionId);
+    try {
+        subscribe(id, &subscriptionId);
+    } catch (...) {
+        auto const entry = accessors.find(id);
+        if (inserted && entry != accessors.end()) {
+            entry->second.erase(accessor);
+            if (entry->second.empty()) {
+                accessors.erase(entry);
+            }
+        }
+        throw;
+    }
     subscriptionIds[id] = subscriptionId;
 }
 

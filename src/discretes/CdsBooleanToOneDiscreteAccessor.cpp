@@ -11,12 +11,18 @@ CdsBooleanToOneDiscreteAccessor::CdsBooleanToOneDiscreteAccessor(
     : m_cdsDataAccessor(std::move(accessor)),
       // Only Invert (1) inverts; any other value, valid or not, serves as it is.
       m_isInverted(static_cast<int>(modifier) == static_cast<int>(DiscreteModifier::Invert)) {
-    detail::listenToSource(*m_cdsDataAccessor, this);
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsBooleanToOneDiscreteAccessor::CdsBooleanToOneDiscreteAccessor(CdsDataAccessor* accessor,
                                                                  DiscreteModifier modifier)
     : CdsBooleanToOneDiscreteAccessor(detail::adoptDataAccessor(accessor), modifier) {}
+
+CdsBooleanToOneDiscreteAccessor::~CdsBooleanToOneDiscreteAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 bool CdsBooleanToOneDiscreteAccessor::isDataAvailable() const {
     return m_cdsDataAccessor->isExitingInCds();
@@ -70,7 +76,7 @@ void CdsBooleanToOneDiscreteAccessor::callbackCdsEvent(kq::CValue const& value) 
     }
     // Intended: pushes carry the un-inverted value even with Invert, unlike
     // getData(); the daemon has always received pushes this way.
-    m_callback(buildArrayFromBool(value.as_bool()));
+    detail::pushTo(m_callback, buildArrayFromBool(value.as_bool()));
 }
 
 }  // namespace modbus

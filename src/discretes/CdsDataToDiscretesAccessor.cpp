@@ -82,7 +82,7 @@ void CdsDataToDiscretesAccessor::callbackCdsEvent(kq::CValue const& value, unsig
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromBool(m_dataToDiscretes(m_cachedValues)));
+    detail::pushTo(m_callback, buildArrayFromBool(m_dataToDiscretes(m_cachedValues)));
 }
 
 /* Exactly one byte (0 or 1) per discrete of the block: surplus bits are

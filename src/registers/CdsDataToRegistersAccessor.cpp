@@ -102,7 +102,7 @@ void CdsDataToRegistersAccessor::callbackCdsEvent(kq::CValue const& value, unsig
     if (!m_callback) {
         return;
     }
-    m_callback(m_dataToRegisters(m_cachedValues));
+    detail::pushTo(m_callback, m_dataToRegisters(m_cachedValues));
 }
 
 }  // namespace modbus

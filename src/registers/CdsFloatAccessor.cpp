@@ -21,11 +21,17 @@ constexpr char const* kSetDataUnsupported = "setData is not implemented for Byte
 CdsFloatAccessor::CdsFloatAccessor(std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier)
     : m_cdsDataAccessor(std::move(dataAccessor)), m_multiplier(multiplier) {
     // m_byteOrder starts as ByteOrder::Standard (its initialiser in the base).
-    detail::listenToSource(*m_cdsDataAccessor, this);
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsFloatAccessor::CdsFloatAccessor(CdsDataAccessor* dataAccessor, float multiplier)
     : CdsFloatAccessor(detail::adoptDataAccessor(dataAccessor), multiplier) {}
+
+CdsFloatAccessor::~CdsFloatAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 bool CdsFloatAccessor::isDataAvailable() const {
     return m_cdsDataAccessor->isExitingInCds();
@@ -113,7 +119,7 @@ void CdsFloatAccessor::callbackCdsEvent(kq::CValue const& value) {
         return;
     }
     // The pushed value is encoded as handed over, with the multiplier once.
-    m_callback(buildArrayFromFloat(value.as_float()));
+    detail::pushTo(m_callback, buildArrayFromFloat(value.as_float()));
 }
 
 }  // namespace modbus

@@ -10,13 +10,18 @@ namespace modbus {
 CdsFloatToOneRegisterAccessor::CdsFloatToOneRegisterAccessor(
     std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier, float offset)
     : m_cdsDataAccessor(std::move(dataAccessor)), m_multiplier(multiplier), m_offset(offset) {
-    m_cdsDataAccessor->setUpdateCallback(
-        [this](kq::CValue const& value) { callbackCdsEvent(value); });
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsFloatToOneRegisterAccessor::CdsFloatToOneRegisterAccessor(CdsDataAccessor* dataAccessor,
                                                              float multiplier, float offset)
     : CdsFloatToOneRegisterAccessor(detail::adoptDataAccessor(dataAccessor), multiplier, offset) {}
+
+CdsFloatToOneRegisterAccessor::~CdsFloatToOneRegisterAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 /* Only the first register counts; an empty write stores 0.0. */
 void CdsFloatToOneRegisterAccessor::setData(std::vector<uint16_t> const& data) {
@@ -73,7 +78,7 @@ void CdsFloatToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromFloat(value.as_float()));
+    detail::pushTo(m_callback, buildArrayFromFloat(value.as_float()));
 }
 
 }  // namespace modbus

@@ -16,11 +16,17 @@ constexpr char const* kSetDataUnsupported = "setData is not implemented for Byte
 CdsInt32Accessor::CdsInt32Accessor(std::shared_ptr<CdsDataAccessor> dataAccessor)
     : m_cdsDataAccessor(std::move(dataAccessor)) {
     // m_byteOrder starts as ByteOrder::Standard (its initialiser in the base).
-    detail::listenToSource(*m_cdsDataAccessor, this);
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsInt32Accessor::CdsInt32Accessor(CdsDataAccessor* dataAccessor)
     : CdsInt32Accessor(detail::adoptDataAccessor(dataAccessor)) {}
+
+CdsInt32Accessor::~CdsInt32Accessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 bool CdsInt32Accessor::isDataAvailable() const {
     return m_cdsDataAccessor->isExitingInCds();
@@ -71,7 +77,7 @@ void CdsInt32Accessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromInt32(value.as_int32()));
+    detail::pushTo(m_callback, buildArrayFromInt32(value.as_int32()));
 }
 
 }  // namespace modbus

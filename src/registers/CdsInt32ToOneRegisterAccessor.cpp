@@ -10,13 +10,18 @@ namespace modbus {
 CdsInt32ToOneRegisterAccessor::CdsInt32ToOneRegisterAccessor(
     std::shared_ptr<CdsDataAccessor> dataAccessor, float multiplier)
     : m_cdsDataAccessor(std::move(dataAccessor)), m_multiplier(multiplier) {
-    m_cdsDataAccessor->setUpdateCallback(
-        [this](kq::CValue const& value) { callbackCdsEvent(value); });
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsInt32ToOneRegisterAccessor::CdsInt32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor,
                                                              float multiplier)
     : CdsInt32ToOneRegisterAccessor(detail::adoptDataAccessor(dataAccessor), multiplier) {}
+
+CdsInt32ToOneRegisterAccessor::~CdsInt32ToOneRegisterAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 /* Only the first register counts; an empty write stores 0. With a multiplier
  * of exactly 1 the register is stored unsigned (0xFFFF stores 65535 although
@@ -75,7 +80,7 @@ void CdsInt32ToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromInt32(value.as_int32()));
+    detail::pushTo(m_callback, buildArrayFromInt32(value.as_int32()));
 }
 
 }  // namespace modbus

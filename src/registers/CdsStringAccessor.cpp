@@ -62,7 +62,7 @@ void CdsStringAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromString(value.as_string()));
+    detail::pushTo(m_callback, buildArrayFromString(value.as_string()));
 }
 
 }  // namespace modbus

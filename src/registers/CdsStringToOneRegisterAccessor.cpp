@@ -10,12 +10,17 @@ namespace modbus {
 CdsStringToOneRegisterAccessor::CdsStringToOneRegisterAccessor(
     std::shared_ptr<CdsDataAccessor> dataAccessor)
     : m_cdsDataAccessor(std::move(dataAccessor)) {
-    m_cdsDataAccessor->setUpdateCallback(
-        [this](kq::CValue const& value) { callbackCdsEvent(value); });
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsStringToOneRegisterAccessor::CdsStringToOneRegisterAccessor(CdsDataAccessor* dataAccessor)
     : CdsStringToOneRegisterAccessor(detail::adoptDataAccessor(dataAccessor)) {}
+
+CdsStringToOneRegisterAccessor::~CdsStringToOneRegisterAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 /* Stores the first register as decimal text (0 to 65535). An empty write
  * throws std::out_of_range from the bounds-checked access. */
@@ -74,7 +79,7 @@ void CdsStringToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromString(value.as_string()));
+    detail::pushTo(m_callback, buildArrayFromString(value.as_string()));
 }
 
 }  // namespace modbus

@@ -16,11 +16,17 @@ constexpr char const* kSetDataUnsupported = "setData is not implemented for Byte
 CdsUint32Accessor::CdsUint32Accessor(std::shared_ptr<CdsDataAccessor> dataAccessor)
     : m_cdsDataAccessor(std::move(dataAccessor)) {
     // m_byteOrder starts as ByteOrder::Standard (its initialiser in the base).
-    detail::listenToSource(*m_cdsDataAccessor, this);
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsUint32Accessor::CdsUint32Accessor(CdsDataAccessor* dataAccessor)
     : CdsUint32Accessor(detail::adoptDataAccessor(dataAccessor)) {}
+
+CdsUint32Accessor::~CdsUint32Accessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 bool CdsUint32Accessor::isDataAvailable() const {
     return m_cdsDataAccessor->isExitingInCds();
@@ -73,7 +79,7 @@ void CdsUint32Accessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromInt32(value.as_uint32()));
+    detail::pushTo(m_callback, buildArrayFromInt32(value.as_uint32()));
 }
 
 }  // namespace modbus

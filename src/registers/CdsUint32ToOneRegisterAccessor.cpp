@@ -14,8 +14,7 @@ CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(
       m_bitmaskOp(BitmaskOp::None),
       m_mask(0),
       m_defaultValue(std::nullopt) {
-    m_cdsDataAccessor->setUpdateCallback(
-        [this](kq::CValue const& value) { callbackCdsEvent(value); });
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(CdsDataAccessor* dataAccessor,
@@ -30,8 +29,7 @@ CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(
       m_bitmaskOp(bitmaskOp),
       m_mask(mask),
       m_defaultValue(defaultValue) {
-    m_cdsDataAccessor->setUpdateCallback(
-        [this](kq::CValue const& value) { callbackCdsEvent(value); });
+    m_sourceListener = detail::listenToSource(*m_cdsDataAccessor, this);
 }
 
 CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(
@@ -39,6 +37,12 @@ CdsUint32ToOneRegisterAccessor::CdsUint32ToOneRegisterAccessor(
     std::optional<unsigned int> defaultValue)
     : CdsUint32ToOneRegisterAccessor(detail::adoptDataAccessor(dataAccessor), bitmaskOp, mask,
                                      defaultValue) {}
+
+CdsUint32ToOneRegisterAccessor::~CdsUint32ToOneRegisterAccessor() {
+    if (m_cdsDataAccessor) {
+        detail::stopListening(*m_cdsDataAccessor, m_sourceListener);
+    }
+}
 
 /* Only the first register counts. With a default configured the write
  * reaches the data accessor even while its item is missing; what happens to
@@ -120,7 +124,7 @@ void CdsUint32ToOneRegisterAccessor::callbackCdsEvent(kq::CValue const& value) {
     if (!m_callback) {
         return;
     }
-    m_callback(buildArrayFromUint32(value.as_uint32(), true));
+    detail::pushTo(m_callback, buildArrayFromUint32(value.as_uint32(), true));
 }
 
 }  // namespace modbus

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -72,14 +73,53 @@ inline std::uint16_t low16(std::int32_t value) {
     throw std::logic_error(unsupportedByteOrderMessage(literal, order));
 }
 
+/* Withdraws the listener that listenToSource() installed, if `source` still
+ * holds it (`installed` has not expired): a listener that another encoder or
+ * the owner put in its place since is left alone. Never throws: it runs in
+ * destructors. */
+inline void stopListening(CdsDataAccessor& source, std::weak_ptr<void> const& installed) noexcept {
+    if (installed.expired()) {
+        return;
+    }
+    try {
+        source.setUpdateCallback({});
+    } catch (...) {
+        // Clearing a listener calls nothing in this library's accessors; a
+        // foreign accessor that throws here keeps its listener.
+    }
+}
+
 /* Makes `encoder` the one update listener of `source`: every value the source
- * pushes goes to encoder->callbackCdsEvent(). The source keeps the raw
- * pointer; encoders do not withdraw it on destruction, so whoever shares a
- * source must not let it push to an encoder that is gone. */
+ * pushes goes to encoder->callbackCdsEvent(). Returns a watch that expires as
+ * soon as the source has dropped that listener (replaced or cleared it), so
+ * that the encoder's destructor withdraws it only while it is still its own:
+ * a source shared with others outlives any number of encoders. If installing
+ * throws (the source calls a new listener at once), the listener is withdrawn
+ * before the exception leaves, so a failed constructor leaves nothing behind. */
 template <typename Encoder>
-void listenToSource(CdsDataAccessor& source, Encoder* encoder) {
-    source.setUpdateCallback(
-        [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
+std::weak_ptr<void> listenToSource(CdsDataAccessor& source, Encoder* encoder) {
+    // Lives exactly as long as the installed function (one owner: the
+    // function is moved, never copied, on its way into the source).
+    std::shared_ptr<void> mark = std::make_shared<char>(0);
+    std::weak_ptr<void> installed = mark;
+    try {
+        source.setUpdateCallback([encoder, mark = std::move(mark)](kq::CValue const& value) {
+            encoder->callbackCdsEvent(value);
+        });
+    } catch (...) {
+        stopListening(source, installed);
+        throw;
+    }
+    return installed;
+}
+
+/* Hands a pushed array to an encoder's listener (which must be set). The call
+ * runs on its own copy of the function: a listener that replaces or clears
+ * itself with setCallback() from inside the push runs to its end. */
+template <typename Array>
+void pushTo(std::function<void(Array const&)> const& listener, Array const& array) {
+    std::function<void(Array const&)> const running = listener;
+    running(array);
 }
 
 /* A pair of registers, first (lowest-addressed) register first. */

@@ -239,6 +239,11 @@ void InBandAccessor::unsubscribe(unsigned long long subscriptionId) {
     Impl& impl = store();
     std::unique_lock<std::mutex> lock(impl.mutex);
     impl.enterCallLocked("unsubscribe", subscriptionId);
+    // 0 is never handed out: it is what a caller holds for a subscription that
+    // was never opened, so there is nothing to end.
+    if (subscriptionId == 0) {
+        return;
+    }
     impl.unsubscribeLocked(subscriptionId, lock);
 }
 

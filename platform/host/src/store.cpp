@@ -396,6 +396,10 @@ void Store::Impl::enterCallLocked(std::string const& operation, std::optional<Id
         if (!hit) {
             continue;
         }
+        if (it->passing > 0) {
+            --it->passing;
+            continue;
+        }
         FaultKind const kind = it->kind;
         if (it->remaining > 0 && --it->remaining == 0) {
             faults.erase(it);
@@ -602,6 +606,11 @@ std::size_t Store::calls(std::string const& operation) const {
     return it != m_impl->callCount.end() ? it->second : 0;
 }
 
+std::map<std::string, std::size_t> Store::callsByOperation() const {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    return m_impl->callCount;
+}
+
 std::size_t Store::calls(std::string const& operation, Id id) const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find({operation, id});
@@ -647,6 +656,14 @@ void Store::failNext(std::string const& operation, std::size_t times, std::optio
                      FaultKind kind) {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     m_impl->faults.push_back(Impl::Fault{operation, id, times, kind});
+}
+
+void Store::failCall(std::string const& operation, std::size_t nth, FaultKind kind) {
+    if (nth == 0) {
+        throw std::invalid_argument("failCall counts calls from 1");
+    }
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->faults.push_back(Impl::Fault{operation, std::nullopt, 1, kind, nth - 1});
 }
 
 void Store::failAlways(std::string const& operation, std::optional<Id> id, FaultKind kind) {

@@ -87,6 +87,7 @@ struct Store::Impl {
         std::optional<Id> id;
         std::size_t remaining = 0;  // 0: always
         FaultKind kind = FaultKind::Standard;
+        std::size_t passing = 0;  // calls it lets pass before it fails
     };
 
     // ---- State (all guarded by mutex) -----------------------------------

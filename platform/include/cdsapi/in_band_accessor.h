@@ -13,7 +13,8 @@
 //    device, and answers an empty list for device 0 ("no device").
 //  - subscribe...() write a unique, non-zero subscription id through their last
 //    argument. Subscribing to an id that does not exist (yet) is allowed.
-//  - unsubscribe() of an unknown id throws.
+//  - unsubscribe() of an unknown id throws; unsubscribe(0) ends nothing and
+//    returns (0 is never a subscription id).
 //  - Callbacks may call back into the client (read, subscribe, unsubscribe)
 //    from inside a notification.
 // Any operation may throw an exception derived from std::exception on failure.

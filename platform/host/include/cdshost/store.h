@@ -51,6 +51,10 @@
 // first exception then leaves the call that made the change. The store may be
 // changed from another thread than the one that reads; each call is atomic.
 //
+// unsubscribe(0) ends nothing and returns (after any armed fault): 0 is never
+// a subscription id, only what a caller holds for one never opened. Any other
+// id that is not open throws NotFound.
+//
 // Missing items in the store's own API: changing a missing device or channel
 // throws NotFound; hasDevice()/hasChannel() are false, channelId() is 0,
 // channelValue() is invalid, deviceAttribute() and alarmRecord() are empty;
@@ -192,6 +196,8 @@ class Store {
      * under that one name (likewise the setter). */
     std::size_t calls(std::string const& operation) const;
     std::size_t calls(std::string const& operation, Id id) const;
+    /* Every operation called since the last reset, with its count. */
+    std::map<std::string, std::size_t> callsByOperation() const;
     void resetCalls();
 
     /* Open subscriptions in the order they were opened. */
@@ -217,6 +223,11 @@ class Store {
                   std::optional<Id> id = std::nullopt, FaultKind kind = FaultKind::Standard);
     void failAlways(std::string const& operation, std::optional<Id> id = std::nullopt,
                     FaultKind kind = FaultKind::Standard);
+    /* Makes exactly the nth call of the operation from now on throw (1: the
+     * next one), once; the calls before it pass. With calls() this fails each
+     * call of a scenario in turn. nth 0 throws std::invalid_argument. */
+    void failCall(std::string const& operation, std::size_t nth,
+                  FaultKind kind = FaultKind::Standard);
     /* Makes getDeviceByName return this id for this name instead of looking it
      * up (a store that answers with an id for a device that does not exist). */
     void answerName(std::string const& name, Id id);
