@@ -111,6 +111,25 @@ TEST_F(CdsapiClientTest, GetDeviceByNameWithTwoDevicesOfThatNameGivesTheFirstCre
     EXPECT_EQ(client.getDeviceByName("Twin"), 50u);
 }
 
+TEST_F(CdsapiClientTest, GetDeviceByNameFindsTheNextOfThatNameOnceTheFirstIsRemoved) {
+    store.addDevice("Twin", 50);
+    store.addDevice("Twin", 40);
+    store.removeDevice(50);
+    EXPECT_EQ(client.getDeviceByName("Twin"), 40u);
+    store.removeDevice(40);
+    EXPECT_THROW(client.getDeviceByName("Twin"), cdshost::NotFound);
+}
+
+TEST_F(CdsapiClientTest, GetDeviceByNameFollowsARenameAndKeepsCreationOrder) {
+    store.addDevice("Twin", 50);
+    store.renameDevice(ups, "Twin");
+    EXPECT_EQ(client.getDeviceByName("Twin"), ups);  // created before device 50
+    EXPECT_THROW(client.getDeviceByName("UPS"), cdshost::NotFound);
+    store.renameDevice(ups, "UPS");
+    EXPECT_EQ(client.getDeviceByName("Twin"), 50u);
+    EXPECT_EQ(client.getDeviceByName("UPS"), ups);
+}
+
 TEST_F(CdsapiClientTest, AnswerNameOverridesTheLookUpEvenForAMissingDevice) {
     store.answerName("UPS", 99);
     store.answerName("ghost", kAllOnes);

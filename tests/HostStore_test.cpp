@@ -164,6 +164,16 @@ TEST_F(HostStoreTest, ChannelsAreFoundByDeviceAndName) {
     EXPECT_EQ(store.channelValue(onB), kq::CValue(120.0f));
 }
 
+TEST_F(HostStoreTest, ChannelNameIsFreeAgainOnceItsChannelIsRemoved) {
+    Id const ups = store.addDevice("UPS");
+    Id const first = store.addChannel(ups, "Voltage", kq::CValue(230.0f));
+    store.removeChannel(first);
+    EXPECT_EQ(store.channelId(ups, "Voltage"), 0u);
+    Id const second = store.addChannel(ups, "Voltage", kq::CValue(231.0f));
+    EXPECT_NE(second, first);
+    EXPECT_EQ(store.channelId(ups, "Voltage"), second);
+}
+
 TEST_F(HostStoreTest, AddChannelWithNameTheDeviceHasThrowsInvalidArgument) {
     Id const ups = store.addDevice("UPS");
     store.addChannel(ups, "C");
@@ -431,6 +441,25 @@ TEST_F(HostStoreTest, SubscriptionIncludingSubDevicesHearsChangesBelowItsTarget)
     store.setDeviceAttribute(3, cdsapi::AttributeModel, "x");
     store.setDeviceAttribute(1, cdsapi::AttributeModel, "y");
     EXPECT_EQ(heard, (std::vector<Id>{3, 1}));
+}
+
+TEST_F(HostStoreTest, ChangeBelowSeveralSubscribedAncestorsIsDeliveredInOpeningOrder) {
+    Id const ups = store.addDevice("UPS", 1);
+    store.addDevice("Sub", 2, ups);
+    store.addDevice("SubSub", 3, 2);
+    Log heard;
+    auto const listen = [&](Id target, std::string const& tag) {
+        Id subscription = 0;
+        inBand.subscribeDevice(
+            target, [&heard, tag](Id) { heard.push_back(tag); }, kq::sub::DeviceChanged, true,
+            &subscription);
+    };
+    listen(2, "sub-first");
+    listen(3, "itself");
+    listen(1, "ups");
+    listen(2, "sub-last");
+    store.setDeviceAttribute(3, cdsapi::AttributeModel, "x");
+    EXPECT_EQ(heard, (Log{"sub-first", "itself", "ups", "sub-last"}));
 }
 
 // ---- Delivery ---------------------------------------------------------------------------
@@ -705,6 +734,13 @@ TEST_F(HostStoreTest, CallsCountPerOperationInTotalAndPerFirstArgument) {
     EXPECT_EQ(store.calls("getChannelCValue", b), 1u);
     EXPECT_EQ(store.calls("getChannelCValue", ups), 0u);
     EXPECT_EQ(store.calls("setChannelCValue"), 0u);
+}
+
+TEST_F(HostStoreTest, AccountingOfAnOperationTheClientDoesNotHaveThrowsInvalidArgument) {
+    EXPECT_THROW(store.calls("getChannelValue"), std::invalid_argument);
+    EXPECT_THROW(store.calls("getChannelValue", 1), std::invalid_argument);
+    EXPECT_THROW(store.failNext("subscribeChannels"), std::invalid_argument);
+    EXPECT_THROW(store.failAlways("subscribeChannels"), std::invalid_argument);
 }
 
 TEST_F(HostStoreTest, StoreOwnApiIsNotCounted) {

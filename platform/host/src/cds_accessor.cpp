@@ -24,7 +24,7 @@ CdsAccessor::CdsAccessor(std::string const& clientName, bool inBand) : m_inBand(
     (void)inBand;
     // Counted as a connection only once it has succeeded; a failed attempt
     // still shows in calls("CdsAccessor").
-    store().clientCall("CdsAccessor", std::nullopt,
+    store().clientCall(cdshost::Operation::CdsAccessor, std::nullopt,
                        [&](Events&) { ++store().connectionCount[clientName]; });
 }
 
@@ -33,7 +33,7 @@ CdsAccessor::CdsAccessor(std::string const& clientName, bool inBand) : m_inBand(
 CdsAccessor::~CdsAccessor() = default;
 
 unsigned long long CdsAccessor::getDeviceByName(std::string const& name) {
-    return store().clientCall("getDeviceByName", std::nullopt, [&](Events&) {
+    return store().clientCall(cdshost::Operation::getDeviceByName, std::nullopt, [&](Events&) {
         auto const answer = store().nameAnswers.find(name);
         if (answer != store().nameAnswers.end()) {
             return answer->second;

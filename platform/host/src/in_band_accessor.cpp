@@ -14,6 +14,7 @@ namespace cdsapi {
 namespace {
 
 using cdshost::Id;
+using cdshost::Operation;
 using Impl = cdshost::Store::Impl;
 using Events = Impl::Events;
 
@@ -46,7 +47,7 @@ void openSubscription(Impl& impl, Impl::SubscriptionPtr subscription,
 InBandAccessor::InBandAccessor(std::string clientName) : m_clientName(std::move(clientName)) {}
 
 kq::CDevice InBandAccessor::getDevice(unsigned long long deviceId) {
-    return store().clientCall("getDevice", deviceId,
+    return store().clientCall(Operation::getDevice, deviceId,
                               [&](Events&) { return store().deviceSnapshotLocked(deviceId); });
 }
 
@@ -58,7 +59,7 @@ std::vector<unsigned long long> InBandAccessor::getSubDevicesIds(unsigned long l
     // Device 0 is "no device": it has no sub-devices. A device accessor that
     // has not found its device yet asks about it when it counts sub-devices.
     (void)selector;
-    return store().clientCall("getSubDevicesIds", deviceId, [&](Events&) {
+    return store().clientCall(Operation::getSubDevicesIds, deviceId, [&](Events&) {
         return deviceId == 0 ? std::vector<unsigned long long>{}
                              : store().deviceLocked(deviceId).subDevices;
     });
@@ -66,7 +67,7 @@ std::vector<unsigned long long> InBandAccessor::getSubDevicesIds(unsigned long l
 
 unsigned long long InBandAccessor::getChannelId(unsigned long long deviceId,
                                                 std::string const& channelName) {
-    return store().clientCall("getChannelId", deviceId, [&](Events&) {
+    return store().clientCall(Operation::getChannelId, deviceId, [&](Events&) {
         store().deviceLocked(deviceId);  // a missing device is an error, a missing channel is 0
         return store().channelIdLocked(deviceId, channelName);
     });
@@ -77,7 +78,7 @@ unsigned long long InBandAccessor::getCatchedChannelId(unsigned long long device
     // Answers from the store directly (the host client keeps no cache), with
     // the cache's marker for "not known", all ones, when the device or the
     // channel is missing.
-    return store().clientCall("getCatchedChannelId", deviceId, [&](Events&) {
+    return store().clientCall(Operation::getCatchedChannelId, deviceId, [&](Events&) {
         Id const id = store().channelIdLocked(deviceId, channelName);
         return id != 0 ? id : cdshost::kAllOnes;
     });
@@ -85,7 +86,7 @@ unsigned long long InBandAccessor::getCatchedChannelId(unsigned long long device
 
 kq::CChannel InBandAccessor::getChannel(unsigned long long deviceId,
                                         std::string const& channelName) {
-    return store().clientCall("getChannel", deviceId, [&](Events&) {
+    return store().clientCall(Operation::getChannel, deviceId, [&](Events&) {
         store().deviceLocked(deviceId);
         Id const id = store().channelIdLocked(deviceId, channelName);
         if (id == 0) {
@@ -97,31 +98,33 @@ kq::CChannel InBandAccessor::getChannel(unsigned long long deviceId,
 }
 
 kq::CValue InBandAccessor::getChannelCValue(unsigned long long channelId) {
-    return store().clientCall("getChannelCValue", channelId,
-                              [&](Events&) { return store().channelLocked(channelId).value; });
+    // The hottest call of a served map: one look-up of the store.
+    Impl& impl = store();
+    return impl.clientCall(Operation::getChannelCValue, channelId,
+                           [&](Events&) { return impl.channelLocked(channelId).value; });
 }
 
 void InBandAccessor::setChannelCValue(unsigned long long channelId, kq::CValue const& value) {
-    store().clientCall("setChannelCValue", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelCValue, channelId, [&](Events& events) {
         store().setChannelValueLocked(channelId, value, events);
     });
 }
 
 bool InBandAccessor::getChannelAlarmEnabled(unsigned long long channelId) {
-    return store().clientCall("getChannelAlarmEnabled", channelId, [&](Events&) {
+    return store().clientCall(Operation::getChannelAlarmEnabled, channelId, [&](Events&) {
         return store().channelLocked(channelId).alarm.enabled;
     });
 }
 
 void InBandAccessor::setChannelAlarmEnabled(unsigned long long channelId, bool enabled) {
-    store().clientCall("setChannelAlarmEnabled", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelAlarmEnabled, channelId, [&](Events& events) {
         store().setAlarmEnabledLocked(channelId, enabled, events);
     });
 }
 
 float InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId,
                                                       TriggerId trigger) {
-    return store().clientCall("getChannelAlarmTriggerThreshold", channelId, [&](Events&) {
+    return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
         auto const& alarm = store().channelLocked(channelId).alarm;
         if (static_cast<std::uint32_t>(trigger) > 3) {
             throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
@@ -132,58 +135,58 @@ float InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channel
 
 void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelId,
                                                      TriggerId trigger, float threshold) {
-    store().clientCall("setChannelAlarmTriggerThreshold", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelAlarmTriggerThreshold, channelId, [&](Events& events) {
         store().setAlarmThresholdLocked(channelId, trigger, threshold, events);
     });
 }
 
 bool InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId) {
-    return store().clientCall("getChannelAlarmTriggerThreshold", channelId, [&](Events&) {
+    return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
         return store().channelLocked(channelId).alarm.thresholdFlag;
     });
 }
 
 void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelId, bool flag) {
-    store().clientCall("setChannelAlarmTriggerThreshold", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelAlarmTriggerThreshold, channelId, [&](Events& events) {
         store().setAlarmThresholdFlagLocked(channelId, flag, events);
     });
 }
 
 float InBandAccessor::getChannelAlarmHysteresis(unsigned long long channelId) {
-    return store().clientCall("getChannelAlarmHysteresis", channelId, [&](Events&) {
+    return store().clientCall(Operation::getChannelAlarmHysteresis, channelId, [&](Events&) {
         return store().channelLocked(channelId).alarm.hysteresis;
     });
 }
 
 void InBandAccessor::setChannelAlarmHysteresis(unsigned long long channelId, float hysteresis) {
-    store().clientCall("setChannelAlarmHysteresis", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelAlarmHysteresis, channelId, [&](Events& events) {
         store().setAlarmHysteresisLocked(channelId, hysteresis, events);
     });
 }
 
 LevelAlarm InBandAccessor::getChannelAlarmLevel(unsigned long long channelId) {
-    return store().clientCall("getChannelAlarmLevel", channelId, [&](Events&) {
+    return store().clientCall(Operation::getChannelAlarmLevel, channelId, [&](Events&) {
         // By value: a level the enumeration does not name passes through as is.
         return static_cast<LevelAlarm>(store().channelLocked(channelId).alarm.level);
     });
 }
 
 void InBandAccessor::setChannelAlarmLevel(unsigned long long channelId, LevelAlarm level) {
-    store().clientCall("setChannelAlarmLevel", channelId, [&](Events& events) {
+    store().clientCall(Operation::setChannelAlarmLevel, channelId, [&](Events& events) {
         store().setAlarmLevelLocked(channelId, static_cast<std::int32_t>(level), events);
     });
 }
 
 std::string InBandAccessor::getDeviceAttribute(unsigned long long deviceId,
                                                DeviceAttribute attribute) {
-    return store().clientCall("getDeviceAttribute", deviceId, [&](Events&) {
+    return store().clientCall(Operation::getDeviceAttribute, deviceId, [&](Events&) {
         return store().deviceAttributeTextLocked(deviceId, attribute);
     });
 }
 
 void InBandAccessor::setDeviceAttribute(unsigned long long deviceId, DeviceAttribute attribute,
                                         std::string const& value) {
-    store().clientCall("setDeviceAttribute", deviceId, [&](Events& events) {
+    store().clientCall(Operation::setDeviceAttribute, deviceId, [&](Events& events) {
         store().setDeviceAttributeLocked(deviceId, attribute, value, events);
     });
 }
@@ -192,7 +195,7 @@ void InBandAccessor::subscribeChannel(unsigned long long channelId,
                                       std::function<void(unsigned long long, kq::CValue)> callback,
                                       kq::sub::subscription_type type,
                                       unsigned long long* subscriptionId) {
-    store().clientCall("subscribeChannel", channelId, [&](Events&) {
+    store().clientCall(Operation::subscribeChannel, channelId, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
         auto subscription = std::make_shared<Impl::Subscription>();
@@ -207,7 +210,7 @@ void InBandAccessor::subscribeDevice(unsigned long long deviceId,
                                      std::function<void(unsigned long long)> callback,
                                      kq::sub::subscription_type type, bool includeSubDevices,
                                      unsigned long long* subscriptionId) {
-    store().clientCall("subscribeDevice", deviceId, [&](Events&) {
+    store().clientCall(Operation::subscribeDevice, deviceId, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
         auto subscription = std::make_shared<Impl::Subscription>();
@@ -222,7 +225,7 @@ void InBandAccessor::subscribeDevice(unsigned long long deviceId,
 void InBandAccessor::subscribeDeviceAlarms(unsigned long long id,
                                            std::function<void(kq::CAlarmUpdate const&)> callback,
                                            unsigned long long* subscriptionId) {
-    store().clientCall("subscribeDeviceAlarms", id, [&](Events&) {
+    store().clientCall(Operation::subscribeDeviceAlarms, id, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
         auto subscription = std::make_shared<Impl::Subscription>();
@@ -238,7 +241,7 @@ void InBandAccessor::unsubscribe(unsigned long long subscriptionId) {
     // lock released, for a delivery on another thread.
     Impl& impl = store();
     std::unique_lock<std::mutex> lock(impl.mutex);
-    impl.enterCallLocked("unsubscribe", subscriptionId);
+    impl.enterCallLocked(Operation::unsubscribe, subscriptionId);
     // 0 is never handed out: it is what a caller holds for a subscription that
     // was never opened, so there is nothing to end.
     if (subscriptionId == 0) {

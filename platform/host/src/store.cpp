@@ -29,6 +29,16 @@ bool isOtherThread(std::thread::id id) {
     return id != std::this_thread::get_id();
 }
 
+// A test that counts or breaks an operation the client does not have (a typo)
+// would count nothing and pass; it is told instead.
+Operation requireOperation(std::string const& name) {
+    auto const operation = operationNamed(name);
+    if (!operation) {
+        throw std::invalid_argument("the data-store client has no operation \"" + name + "\"");
+    }
+    return *operation;
+}
+
 // Set when the store is destroyed at process exit. A plain flag outlives every
 // object, so code that still reaches for the store afterwards (an accessor in
 // a static destroyed later) gets an exception instead of a dead object.
@@ -95,6 +105,7 @@ Id Store::Impl::addDeviceLocked(std::string const& name, Id id, Id parent, Event
     device.name = name;
     device.parent = parent;
     device.sequence = nextSequence++;
+    devicesByName[name].emplace(device.sequence, newId);
     devices.emplace(newId, std::move(device));
     if (parent != 0) {
         devices.at(parent).subDevices.push_back(newId);
@@ -126,6 +137,7 @@ void Store::Impl::removeDeviceLocked(Id id, Events& events) {
         auto& siblings = devices.at(parent).subDevices;
         siblings.erase(std::remove(siblings.begin(), siblings.end(), id), siblings.end());
     }
+    forgetNameLocked(device);
     devices.erase(id);
 
     events.push_back(std::move(removed));
@@ -134,8 +146,19 @@ void Store::Impl::removeDeviceLocked(Id id, Events& events) {
     }
 }
 
+void Store::Impl::forgetNameLocked(Device const& device) {
+    auto const named = devicesByName.find(device.name);
+    named->second.erase(device.sequence);
+    if (named->second.empty()) {
+        devicesByName.erase(named);
+    }
+}
+
 void Store::Impl::renameDeviceLocked(Id id, std::string const& name, Events& events) {
-    deviceLocked(id).name = name;
+    Device& device = deviceLocked(id);
+    forgetNameLocked(device);
+    device.name = name;
+    devicesByName[name].emplace(device.sequence, id);
     events.push_back(deviceEventLocked(id, kq::sub::DeviceChanged));
 }
 
@@ -166,13 +189,11 @@ kq::CDevice Store::Impl::deviceSnapshotLocked(Id id) {
 
 std::optional<Id> Store::Impl::deviceByNameLocked(std::string const& name) const {
     // Names need not be unique; the device created first wins.
-    Device const* found = nullptr;
-    for (auto const& [id, device] : devices) {
-        if (device.name == name && (found == nullptr || device.sequence < found->sequence)) {
-            found = &device;
-        }
+    auto const named = devicesByName.find(name);
+    if (named == devicesByName.end()) {
+        return std::nullopt;
     }
-    return found != nullptr ? std::optional<Id>(found->id) : std::nullopt;
+    return named->second.begin()->second;
 }
 
 Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValue const& value,
@@ -196,14 +217,18 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     channel.value = value;
     channels.emplace(newId, std::move(channel));
     device.channels.push_back(newId);
+    device.channelsByName.emplace(name, newId);
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
     return newId;
 }
 
 void Store::Impl::removeChannelLocked(Id id, Events& events) {
-    Id const deviceId = channelLocked(id).device;
+    Channel const& channel = channelLocked(id);
+    Id const deviceId = channel.device;
+    Device& device = deviceLocked(deviceId);
+    device.channelsByName.erase(channel.name);
     channels.erase(id);
-    auto& list = deviceLocked(deviceId).channels;
+    auto& list = device.channels;
     list.erase(std::remove(list.begin(), list.end(), id), list.end());
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
 }
@@ -213,12 +238,8 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
     if (it == devices.end()) {
         return 0;
     }
-    for (Id const channel : it->second.channels) {
-        if (channels.at(channel).name == name) {
-            return channel;
-        }
-    }
-    return 0;
+    auto const channel = it->second.channelsByName.find(name);
+    return channel != it->second.channelsByName.end() ? channel->second : 0;
 }
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
@@ -273,8 +294,30 @@ void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> co
 Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     Id const id = nextSubscriptionId++;
     subscription->info.subscriptionId = id;
+    subscribersLocked(subscription->kind, subscription->info.target).push_back(subscription);
     subscriptions.emplace(id, std::move(subscription));
     return id;
+}
+
+std::vector<Store::Impl::SubscriptionPtr>& Store::Impl::subscribersLocked(Kind kind, Id target) {
+    return subscribersByTarget[static_cast<std::size_t>(kind)][target];
+}
+
+void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
+    auto& byTarget = subscribersByTarget[static_cast<std::size_t>(subscription.kind)];
+    auto const list = byTarget.find(subscription.info.target);
+    if (list == byTarget.end()) {
+        return;
+    }
+    auto& subscribers = list->second;
+    subscribers.erase(std::remove_if(subscribers.begin(), subscribers.end(),
+                                     [&](SubscriptionPtr const& candidate) {
+                                         return candidate.get() == &subscription;
+                                     }),
+                      subscribers.end());
+    if (subscribers.empty()) {
+        byTarget.erase(list);
+    }
 }
 
 void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock) {
@@ -284,6 +327,7 @@ void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mut
     }
     SubscriptionPtr const subscription = it->second;
     subscription->open = false;
+    forgetSubscriberLocked(*subscription);
     subscriptions.erase(it);
     // A delivery on another thread may be inside the callback right now; once
     // we return, the caller may free what the callback uses. The delivering
@@ -298,29 +342,36 @@ void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mut
 Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
     Deliveries deliveries;
     for (Event const& event : events) {
+        auto const& byTarget = subscribersByTarget[static_cast<std::size_t>(event.kind)];
         Delivery delivery{event, {}};
-        for (auto const& [id, subscription] : subscriptions) {
-            SubscriptionInfo const& info = subscription->info;
-            bool matches = false;
-            switch (event.kind) {
-                case Kind::Channel:
-                    matches = subscription->kind == Kind::Channel && info.type == event.type &&
-                              info.target == event.target;
-                    break;
-                case Kind::Device:
-                    matches = subscription->kind == Kind::Device && info.type == event.type &&
-                              (info.target == event.target ||
-                               (subscription->includeSubDevices &&
-                                std::find(event.ancestors.begin(), event.ancestors.end(),
-                                          info.target) != event.ancestors.end()));
-                    break;
-                case Kind::Alarm:
-                    matches = subscription->kind == Kind::Alarm && info.target == event.target;
-                    break;
+        // Subscriptions on the target itself, of the event's type (alarm
+        // subscriptions have one type only).
+        auto const direct = byTarget.find(event.target);
+        if (direct != byTarget.end()) {
+            for (SubscriptionPtr const& subscription : direct->second) {
+                if (event.kind == Kind::Alarm || subscription->info.type == event.type) {
+                    delivery.subscribers.push_back(subscription);
+                }
             }
-            if (matches) {
-                delivery.subscribers.push_back(subscription);
+        }
+        // A device's change also reaches subscriptions on its ancestors that
+        // include sub-devices; every subscriber is called in opening order.
+        if (event.kind == Kind::Device && !event.ancestors.empty()) {
+            for (Id const ancestor : event.ancestors) {
+                auto const inherited = byTarget.find(ancestor);
+                if (inherited == byTarget.end()) {
+                    continue;
+                }
+                for (SubscriptionPtr const& subscription : inherited->second) {
+                    if (subscription->includeSubDevices && subscription->info.type == event.type) {
+                        delivery.subscribers.push_back(subscription);
+                    }
+                }
             }
+            std::sort(delivery.subscribers.begin(), delivery.subscribers.end(),
+                      [](SubscriptionPtr const& a, SubscriptionPtr const& b) {
+                          return a->info.subscriptionId < b->info.subscriptionId;
+                      });
         }
         if (!delivery.subscribers.empty()) {
             deliveries.push_back(std::move(delivery));
@@ -384,32 +435,37 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
 
 // ==== Store::Impl: accounting and faults ======================================
 
-void Store::Impl::enterCallLocked(std::string const& operation, std::optional<Id> id) {
-    ++callCount[operation];
+void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
+    ++callCount[static_cast<std::size_t>(operation)];
     if (id) {
-        ++callCountById[{operation, *id}];
+        ++callCountById[CallKey{operation, *id}];
     }
     for (auto it = faults.begin(); it != faults.end(); ++it) {
         // A call without an id argument (getDeviceByName, the connection) is
         // hit by a fault armed for an id as well.
-        bool const hit = it->operation == operation && (!it->id || !id || *it->id == *id);
-        if (!hit) {
+        if (it->operation != operation || (it->id && id && *it->id != *id)) {
             continue;
         }
-        if (it->passing > 0) {
+        if (it->passing > 0) {  // armed for a later call of this operation
             --it->passing;
             continue;
         }
-        FaultKind const kind = it->kind;
-        if (it->remaining > 0 && --it->remaining == 0) {
-            faults.erase(it);
-        }
-        if (kind == FaultKind::NonStandard) {
-            throw ForeignFault{operation};
-        }
-        throw InjectedFault("injected fault in " + operation +
-                            (id ? " for id " + idText(*id) : std::string()));
+        throwFaultLocked(it, operation, id);
     }
+}
+
+void Store::Impl::throwFaultLocked(std::vector<Fault>::iterator fault, Operation operation,
+                                   std::optional<Id> id) {
+    FaultKind const kind = fault->kind;
+    if (fault->remaining > 0 && --fault->remaining == 0) {
+        faults.erase(fault);
+    }
+    std::string const name(operationName(operation));
+    if (kind == FaultKind::NonStandard) {
+        throw ForeignFault{name};
+    }
+    throw InjectedFault("injected fault in " + name +
+                        (id ? " for id " + idText(*id) : std::string()));
 }
 
 void Store::Impl::resetLocked() {
@@ -417,11 +473,15 @@ void Store::Impl::resetLocked() {
         subscription->open = false;
     }
     subscriptions.clear();
+    for (auto& byTarget : subscribersByTarget) {
+        byTarget.clear();
+    }
     devices.clear();
     channels.clear();
+    devicesByName.clear();
     nextWorldId = 1;
     nextSequence = 0;
-    callCount.clear();
+    callCount.fill(0);
     callCountById.clear();
     connectionCount.clear();
     faults.clear();
@@ -601,25 +661,32 @@ void Store::notifyAlarm(Id channel) {
 }
 
 std::size_t Store::calls(std::string const& operation) const {
+    Operation const known = requireOperation(operation);
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    auto const it = m_impl->callCount.find(operation);
-    return it != m_impl->callCount.end() ? it->second : 0;
+    return m_impl->callCount[static_cast<std::size_t>(known)];
 }
 
 std::map<std::string, std::size_t> Store::callsByOperation() const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    return m_impl->callCount;
+    std::map<std::string, std::size_t> called;
+    for (std::size_t i = 0; i < kOperationCount; ++i) {
+        if (m_impl->callCount[i] != 0) {
+            called.emplace(kOperationNames[i], m_impl->callCount[i]);
+        }
+    }
+    return called;
 }
 
 std::size_t Store::calls(std::string const& operation, Id id) const {
+    Operation const known = requireOperation(operation);
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    auto const it = m_impl->callCountById.find({operation, id});
+    auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     return it != m_impl->callCountById.end() ? it->second : 0;
 }
 
 void Store::resetCalls() {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->callCount.clear();
+    m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
 }
 
@@ -654,16 +721,18 @@ std::size_t Store::connections(std::string const& clientName) const {
 
 void Store::failNext(std::string const& operation, std::size_t times, std::optional<Id> id,
                      FaultKind kind) {
+    Operation const known = requireOperation(operation);
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->faults.push_back(Impl::Fault{operation, id, times, kind});
+    m_impl->faults.push_back(Impl::Fault{known, id, times, kind});
 }
 
 void Store::failCall(std::string const& operation, std::size_t nth, FaultKind kind) {
     if (nth == 0) {
         throw std::invalid_argument("failCall counts calls from 1");
     }
+    Operation const known = requireOperation(operation);
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    m_impl->faults.push_back(Impl::Fault{operation, std::nullopt, 1, kind, nth - 1});
+    m_impl->faults.push_back(Impl::Fault{known, std::nullopt, 1, kind, nth - 1});
 }
 
 void Store::failAlways(std::string const& operation, std::optional<Id> id, FaultKind kind) {

@@ -8,6 +8,7 @@
 // so callbacks may call back into the store.
 #pragma once
 
+#include <array>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -19,10 +20,12 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "cdshost/store.h"
+#include "operation.h"
 
 namespace cdshost {
 
@@ -33,6 +36,7 @@ struct Store::Impl {
         Id parent = 0;
         std::vector<Id> subDevices;  // in the order they were added
         std::vector<Id> channels;    // likewise
+        std::unordered_map<std::string, Id> channelsByName;
         std::map<cdsapi::DeviceAttribute, std::string> attributes;
         std::uint64_t sequence = 0;  // creation order, for the name look-up
     };
@@ -83,7 +87,7 @@ struct Store::Impl {
     using Deliveries = std::vector<Delivery>;
 
     struct Fault {
-        std::string operation;
+        Operation operation = Operation::CdsAccessor;
         std::optional<Id> id;
         std::size_t remaining = 0;  // 0: always
         FaultKind kind = FaultKind::Standard;
@@ -94,17 +98,36 @@ struct Store::Impl {
     mutable std::mutex mutex;
     std::condition_variable deliveryEnded;
 
-    std::map<Id, Device> devices;
-    std::map<Id, Channel> channels;
+    std::unordered_map<Id, Device> devices;
+    std::unordered_map<Id, Channel> channels;
+    // Devices of one name by creation order: the first is the one a look-up
+    // by name finds.
+    std::unordered_map<std::string, std::map<std::uint64_t, Id>> devicesByName;
     Id nextWorldId = 1;
     std::uint64_t nextSequence = 0;
 
     // Ordered by id, and ids only grow: iteration order is opening order.
     std::map<Id, SubscriptionPtr> subscriptions;
+    // The same subscriptions by kind and target, each list in opening order,
+    // so that a change finds its subscribers without looking at the others.
+    std::array<std::unordered_map<Id, std::vector<SubscriptionPtr>>, 3> subscribersByTarget;
     Id nextSubscriptionId = 1;
 
-    std::map<std::string, std::size_t> callCount;
-    std::map<std::pair<std::string, Id>, std::size_t> callCountById;
+    struct CallKey {
+        Operation operation;
+        Id id;
+        bool operator==(CallKey const& other) const {
+            return operation == other.operation && id == other.id;
+        }
+    };
+    struct CallKeyHash {
+        std::size_t operator()(CallKey const& key) const {
+            return std::hash<Id>()(key.id) * kOperationCount +
+                   static_cast<std::size_t>(key.operation);
+        }
+    };
+    std::array<std::size_t, kOperationCount> callCount{};
+    std::unordered_map<CallKey, std::size_t, CallKeyHash> callCountById;
     std::map<std::string, std::size_t> connectionCount;
     std::vector<Fault> faults;
     std::map<std::string, Id> nameAnswers;
@@ -124,6 +147,7 @@ struct Store::Impl {
     std::string deviceAttributeTextLocked(Id device, cdsapi::DeviceAttribute attribute);
     kq::CDevice deviceSnapshotLocked(Id device);
     std::optional<Id> deviceByNameLocked(std::string const& name) const;
+    void forgetNameLocked(Device const& device);
 
     Id addChannelLocked(Id device, std::string const& name, kq::CValue const& value, Id id,
                         Events& events);
@@ -143,6 +167,8 @@ struct Store::Impl {
 
     // ---- Subscriptions ----------------------------------------------------
     Id subscribeLocked(SubscriptionPtr subscription);
+    std::vector<SubscriptionPtr>& subscribersLocked(Kind kind, Id target);
+    void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
      * is still inside its callback. */
     void unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock);
@@ -153,7 +179,9 @@ struct Store::Impl {
 
     // ---- Accounting and faults (lock held) ---------------------------------
     /* Counts a client call and throws if a fault is armed for it. */
-    void enterCallLocked(std::string const& operation, std::optional<Id> id);
+    void enterCallLocked(Operation operation, std::optional<Id> id);
+    [[noreturn]] void throwFaultLocked(std::vector<Fault>::iterator fault, Operation operation,
+                                       std::optional<Id> id);
 
     void resetLocked();
 
@@ -169,14 +197,13 @@ struct Store::Impl {
     /* As change(), for a client operation: counted and subject to faults
      * before body runs; always notifies. */
     template <typename Body>
-    auto clientCall(std::string const& operation, std::optional<Id> id, Body&& body) {
+    auto clientCall(Operation operation, std::optional<Id> id, Body&& body) {
         return run(operation, id, true, std::forward<Body>(body));
     }
 
   private:
     template <typename Body>
-    auto run(std::optional<std::string> const& operation, std::optional<Id> id, bool notify,
-             Body&& body) {
+    auto run(std::optional<Operation> operation, std::optional<Id> id, bool notify, Body&& body) {
         Deliveries deliveries;
         using Result = decltype(body(std::declval<Events&>()));
         if constexpr (std::is_void_v<Result>) {
@@ -187,11 +214,13 @@ struct Store::Impl {
                     enterCallLocked(*operation, id);
                 }
                 body(events);
-                if (notify) {
+                if (notify && !events.empty()) {
                     deliveries = planLocked(events);
                 }
             }
-            deliver(deliveries);
+            if (!deliveries.empty()) {
+                deliver(deliveries);
+            }
         } else {
             Result result = [&] {
                 std::lock_guard<std::mutex> lock(mutex);
@@ -200,12 +229,14 @@ struct Store::Impl {
                     enterCallLocked(*operation, id);
                 }
                 Result r = body(events);
-                if (notify) {
+                if (notify && !events.empty()) {
                     deliveries = planLocked(events);
                 }
                 return r;
             }();
-            deliver(deliveries);
+            if (!deliveries.empty()) {
+                deliver(deliveries);
+            }
             return result;
         }
     }

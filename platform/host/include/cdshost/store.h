@@ -193,7 +193,8 @@ class Store {
      * "getChannelCValue", "setChannelCValue", "getChannelAlarmEnabled", ...,
      * "subscribeChannel", "subscribeDevice", "subscribeDeviceAlarms",
      * "unsubscribe". Both overloads of getChannelAlarmTriggerThreshold count
-     * under that one name (likewise the setter). */
+     * under that one name (likewise the setter). A name the client does not
+     * have throws std::invalid_argument (here and in failNext/failAlways). */
     std::size_t calls(std::string const& operation) const;
     std::size_t calls(std::string const& operation, Id id) const;
     /* Every operation called since the last reset, with its count. */

@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""Scale benchmark: how tarsel-modbusd's start-up, shutdown, memory and
+throughput grow with the size of its map.
+
+For each size N it generates a UPS with N channels (device 2, served from the
+first second on) and a map of N one-register holding registers, one per
+channel, from address 0 on, then measures:
+  start-up   from the process's start until a read of the map is answered
+  RSS        resident memory once serving (VmRSS)
+  throughput FC3 2 and FC3 125 registers (median of interleaved rounds)
+  shutdown   from SIGTERM to the process's exit
+and prints the throughput on the largest map as a ratio of that on the
+smallest.
+
+Usage: bench/request_path/scale.py [--build build/bench] [--sizes 125,5000,10000]
+"""
+import argparse
+import json
+import os
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+STATUS_AVAILABLE = 16
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def write_world(directory, size):
+    """A scenario with one UPS of `size` channels and a map over them."""
+    channels = {f"Sensor.{i}": {"float": float(i % 500) / 10} for i in range(size)}
+    channels["PowerDistribution.Status.OperatingStatus"] = {"uint32": STATUS_AVAILABLE}
+    scenario = {"description": f"scale benchmark: a UPS with {size} channels",
+                "devices": [{"id": 2, "name": "UPS", "channels": channels}],
+                "events": []}
+    entries = []
+    for i in range(size):
+        entries.append({"name": f"sensor.{i}", "table": "holding-registers", "address": i,
+                        "encoder": "float16", "multiplier": 10,
+                        "source": {"device": 2, "channel": f"Sensor.{i}"}})
+    register_map = {"description": f"scale benchmark: {size} entries",
+                    "unavailable": {"mode": "sentinel", "word": 65535}, "entries": entries}
+    paths = (os.path.join(directory, f"scenario-{size}.json"),
+             os.path.join(directory, f"map-{size}.json"))
+    for path, content in zip(paths, (scenario, register_map)):
+        with open(path, "w") as out:
+            json.dump(content, out)
+    return paths
+
+
+def load(client, port, quantity, count):
+    result = subprocess.run(["taskset", "-c", "1", client, str(port), "3", "0", str(quantity),
+                             str(count)], capture_output=True, text=True, timeout=600)
+    if result.returncode != 0:
+        return None
+    return float(result.stdout.split("per_second")[1])
+
+
+def resident_kib(pid):
+    with open(f"/proc/{pid}/status") as status:
+        for line in status:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
+
+
+def measure(args, client, size, directory):
+    scenario, register_map = write_world(directory, size)
+    port = free_port()
+    started = time.monotonic()
+    daemon = subprocess.Popen(
+        ["taskset", "-c", "0", os.path.join(args.build, "daemon", "tarsel-modbusd"),
+         "--map", register_map, "--scenario", scenario, "--port", str(port)],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        deadline = started + 120
+        while load(client, port, 2, 1) is None:
+            if time.monotonic() > deadline or daemon.poll() is not None:
+                sys.exit(f"scale: the {size}-entry map was not served")
+            time.sleep(0.005)
+        startup = time.monotonic() - started
+        rss = resident_kib(daemon.pid)
+        rates = {2: [], 125: []}
+        for _ in range(args.rounds):
+            for quantity in rates:
+                rates[quantity].append(load(client, port, quantity, args.requests))
+        stopping = time.monotonic()
+        daemon.send_signal(signal.SIGTERM)
+        daemon.wait(timeout=120)
+        shutdown = time.monotonic() - stopping
+    finally:
+        if daemon.poll() is None:
+            daemon.kill()
+            daemon.wait()
+    return {"startup": startup, "shutdown": shutdown, "rss": rss,
+            "fc3x2": statistics.median(rates[2]), "fc3x125": statistics.median(rates[125])}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", default="build/bench")
+    parser.add_argument("--sizes", default="125,5000,10000")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--requests", type=int, default=5000)
+    args = parser.parse_args()
+    client = os.path.join(args.build, "bench", "bench_load_client")
+    sizes = [int(size) for size in args.sizes.split(",")]
+    print("| entries | start-up | shutdown | RSS | FC3 x2 | FC3 x125 |")
+    print("|---|---|---|---|---|---|")
+    results = {}
+    with tempfile.TemporaryDirectory() as directory:
+        for size in sizes:
+            result = measure(args, client, size, directory)
+            results[size] = result
+            print(f"| {size} | {result['startup'] * 1000:.0f} ms | {result['shutdown'] * 1000:.0f} ms"
+                  f" | {result['rss'] / 1024:.1f} MiB | {result['fc3x2'] / 1000:.1f}k/s"
+                  f" | {result['fc3x125'] / 1000:.1f}k/s |", flush=True)
+    smallest, largest = results[min(sizes)], results[max(sizes)]
+    print(f"\nThroughput on {max(sizes)} entries as a ratio of {min(sizes)}: "
+          f"FC3 x2 {largest['fc3x2'] / smallest['fc3x2']:.2f}, "
+          f"FC3 x125 {largest['fc3x125'] / smallest['fc3x125']:.2f}")
+
+
+if __name__ == "__main__":
+    main()
