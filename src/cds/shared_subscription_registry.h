@@ -2,9 +2,11 @@
 // accessors share one data-store subscription per id.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "cdsapi/in_band_accessor.h"
@@ -15,6 +17,43 @@ namespace modbus::shared_registry {
 /* The connection, fetched anew for every data-store operation. */
 inline cdsapi::InBandAccessor& inBand() {
     return CdsInBandAccessor::getInstance().inBand();
+}
+
+template <typename Accessor>
+using Registry = std::map<unsigned long long, std::set<Accessor*>>;
+
+/* The ids each accessor is registered under in one registry, kept in step by
+ * add() and remove() (the only two that change a registry), so that leaving
+ * every id costs the ids the accessor holds rather than a walk of the whole
+ * registry: tearing down a map of thousands of entries stays linear. */
+template <typename Accessor>
+std::unordered_map<Accessor const*, std::vector<unsigned long long>>& placementsIn(
+    Registry<Accessor> const& registry) {
+    static std::unordered_map<void const*,
+                              std::unordered_map<Accessor const*, std::vector<unsigned long long>>>
+        byRegistry;
+    return byRegistry[&registry];
+}
+
+template <typename Accessor>
+void notePlacement(Registry<Accessor> const& registry, Accessor const* accessor,
+                   unsigned long long id) {
+    placementsIn(registry)[accessor].push_back(id);
+}
+
+template <typename Accessor>
+void forgetPlacement(Registry<Accessor> const& registry, Accessor const* accessor,
+                     unsigned long long id) {
+    auto& placements = placementsIn(registry);
+    auto const found = placements.find(accessor);
+    if (found == placements.end()) {
+        return;
+    }
+    auto& ids = found->second;
+    ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
+    if (ids.empty()) {
+        placements.erase(found);
+    }
 }
 
 /* Adds an accessor under an id. Only the first accessor of the id opens the
@@ -28,6 +67,14 @@ void add(std::map<unsigned long long, std::set<Accessor*>>& accessors,
          std::map<unsigned long long, unsigned long long>& subscriptionIds, unsigned long long id,
          Accessor* accessor, Subscribe subscribe) {
     bool const inserted = accessors[id].insert(accessor).second;
+    if (inserted) {
+        try {
+            notePlacement(accessors, accessor, id);
+        } catch (...) {
+            accessors[id].erase(accessor);  // not noted, so not kept either
+            throw;
+        }
+    }
     if (subscriptionIds.count(id) != 0) {
         return;
     }
@@ -38,6 +85,7 @@ void add(std::map<unsigned long long, std::set<Accessor*>>& accessors,
         auto const entry = accessors.find(id);
         if (inserted && entry != accessors.end()) {
             entry->second.erase(accessor);
+            forgetPlacement(accessors, accessor, id);
             if (entry->second.empty()) {
                 accessors.erase(entry);
             }
@@ -48,17 +96,23 @@ void add(std::map<unsigned long long, std::set<Accessor*>>& accessors,
 }
 
 /* Removes an accessor from an id; the last one closes the subscription. Never
- * throws: an id that was never registered (map::at) simply ends the removal. */
+ * throws: an id that was never registered simply ends the removal. */
 template <typename Accessor>
 void remove(std::map<unsigned long long, std::set<Accessor*>>& accessors,
             std::map<unsigned long long, unsigned long long>& subscriptionIds,
             unsigned long long id, Accessor* accessor) noexcept {
+    auto const entry = accessors.find(id);
+    if (entry == accessors.end()) {
+        return;
+    }
+    auto& set = entry->second;
+    if (set.erase(accessor) != 0) {
+        forgetPlacement(accessors, accessor, id);
+    }
+    if (!set.empty()) {
+        return;
+    }
     try {
-        auto& set = accessors.at(id);
-        set.erase(accessor);
-        if (!set.empty()) {
-            return;
-        }
         // If unsubscribe() throws, both entries stay with an empty set, and the
         // next add for the id reuses them without opening a new subscription.
         // Intended: there is never more than one subscription per id.
@@ -77,12 +131,13 @@ template <typename Accessor>
 void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accessors,
                       std::map<unsigned long long, unsigned long long>& subscriptionIds,
                       Accessor* accessor) noexcept {
-    std::vector<unsigned long long> ids;
-    for (auto const& [id, set] : accessors) {
-        if (set.count(accessor) != 0) {
-            ids.push_back(id);
-        }
+    auto& placements = placementsIn(accessors);
+    auto const found = placements.find(accessor);
+    if (found == placements.end()) {
+        return;
     }
+    // A copy: each removal below forgets its id in the list.
+    std::vector<unsigned long long> const ids = found->second;
     for (unsigned long long const id : ids) {
         remove(accessors, subscriptionIds, id, accessor);
     }
