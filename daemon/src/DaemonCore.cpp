@@ -1,6 +1,7 @@
 #include "DaemonCore.h"
 
 #include "modbus/PowerDistributionAvailableAccessor.h"
+#include "sources/ScenarioSource.h"
 
 namespace tarsel::daemon {
 
@@ -8,9 +9,15 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     : m_log(log), m_floatLayout(probeFloatLayout()) {
     logFloatLayout();
     if (config.scenario) {
-        m_scenario = std::make_unique<ScenarioPlayer>(std::move(*config.scenario),
-                                                      cdshost::Store::instance(), log);
-        m_scenario->seed();
+        auto scenario = std::make_unique<ScenarioSource>(std::move(*config.scenario),
+                                                         cdshost::Store::instance(), log);
+        m_scenario = &scenario->player();
+        m_source = std::move(scenario);
+    } else {
+        m_source = std::move(config.source);
+    }
+    if (m_source) {
+        m_source->seed();
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
     m_map = std::make_unique<ServedMap>(config.map, log);
@@ -27,7 +34,8 @@ DaemonCore::~DaemonCore() {
     m_handler.reset();
     m_map.reset();
     m_availability.reset();
-    m_scenario.reset();
+    m_scenario = nullptr;
+    m_source.reset();
 }
 
 void DaemonCore::logFloatLayout() {

@@ -16,22 +16,26 @@
 #include "Scenario.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
+#include "sources/DataSource.h"
 
 namespace tarsel::daemon {
 
 struct CoreConfig {
     RegisterMapSpec map;
+    // Where the values come from: a scenario to play, or another source
+    // (given the scenario is empty); neither leaves the store as it is.
     std::optional<Scenario> scenario;
+    std::unique_ptr<DataSource> source;
     std::uint8_t unitId = 1;
 };
 
 class DaemonCore {
   public:
-    /* Probes the float layout, seeds the store from the scenario, then builds
+    /* Probes the float layout, seeds the store from the source, then builds
      * the availability check and every encoder. */
     DaemonCore(CoreConfig config, Log& log);
     /* Destroys every encoder (closing its data-store subscriptions) before
-     * the availability check and the scenario. */
+     * the availability check and the source. */
     ~DaemonCore();
 
     DaemonCore(DaemonCore const&) = delete;
@@ -39,7 +43,10 @@ class DaemonCore {
 
     ServedMap& map() { return *m_map; }
     RequestHandler& handler() { return *m_handler; }
-    ScenarioPlayer* scenario() { return m_scenario.get(); }
+    /* The simulated world when a scenario is played; null otherwise. */
+    ScenarioPlayer* scenario() { return m_scenario; }
+    /* Where the values come from; null when nothing changes the store. */
+    DataSource* source() { return m_source.get(); }
     modbus::MapAvailableAccessor& availability() { return *m_availability; }
     FloatLayoutReport const& floatLayout() const { return m_floatLayout; }
 
@@ -64,7 +71,8 @@ class DaemonCore {
 
     Log& m_log;
     FloatLayoutReport m_floatLayout;
-    std::unique_ptr<ScenarioPlayer> m_scenario;
+    std::unique_ptr<DataSource> m_source;
+    ScenarioPlayer* m_scenario = nullptr;  // within m_source
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
     std::unique_ptr<ServedMap> m_map;
     std::unique_ptr<RequestHandler> m_handler;
