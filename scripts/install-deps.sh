@@ -16,7 +16,7 @@ set_name="${1:-test}"
 run_packages=(
     build-essential cmake pkg-config
     libmodbus-dev nlohmann-json3-dev
-    libnutclient-dev
+    libupsclient-dev
 )
 test_packages=(
     "${run_packages[@]}"

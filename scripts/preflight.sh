@@ -60,7 +60,7 @@ run_checks() {
     need_command pkg-config pkg-config
     need_file /usr/include/modbus/modbus.h libmodbus-dev
     need_file /usr/include/nlohmann/json.hpp nlohmann-json3-dev
-    need_file /usr/include/nutclient.h libnutclient-dev
+    need_file /usr/include/upsclient.h libupsclient-dev
 }
 
 test_checks() {

@@ -254,5 +254,45 @@ TEST_F(UpsMirrorTest, ResynchronisingRebuildsAStoreChangedBehindItsBack) {
     EXPECT_EQ(value("battery.charge"), kq::CValue(100));
 }
 
+TEST_F(UpsMirrorTest, AFailingListenerIsReportedAndTheMirrorGoesOn) {
+    m_mirror.apply(onLine());
+    unsigned long long id = 0;
+    m_client.getInBandAccessor().subscribeChannel(
+        channel("input.voltage"),
+        [](unsigned long long, kq::CValue) { throw std::runtime_error("listener broke"); },
+        kq::sub::ChannelValue, &id);
+    m_subscriptions.push_back(id);
+    auto next = onLine();
+    next["input.voltage"] = "231";
+    next["battery.charge"] = "99";
+    m_mirror.apply(next);
+    EXPECT_EQ(m_mirror.listenerFailures(), std::vector<std::string>{"listener broke"});
+    EXPECT_EQ(value("input.voltage"), kq::CValue(231));
+    EXPECT_EQ(value("battery.charge"), kq::CValue(99));
+}
+
+TEST_F(UpsMirrorTest, ADeviceRemovedBehindItsBackIsOutOfStep) {
+    m_mirror.apply(onLine());
+    m_store.removeDevice(kUps);
+    EXPECT_THROW(m_mirror.apply(onLine()), OutOfStep);
+}
+
+TEST_F(UpsMirrorTest, ANewOutletAnnouncesTheUpsAsCreatedAgain) {
+    auto withoutOutlets = onLine();
+    withoutOutlets.erase("outlet.1.status");
+    withoutOutlets.erase("outlet.1.desc");
+    withoutOutlets.erase("outlet.2.status");
+    m_mirror.apply(withoutOutlets);
+    int announced = 0;
+    unsigned long long id = 0;
+    m_client.getInBandAccessor().subscribeDevice(
+        kUps,
+        [&](unsigned long long) { announced += m_store.subDevices(kUps).size() == 2 ? 1 : 0; },
+        kq::sub::DeviceCreated, false, &id);
+    m_subscriptions.push_back(id);
+    m_mirror.apply(onLine());
+    EXPECT_EQ(announced, 1) << "once, with both outlets in place";
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut

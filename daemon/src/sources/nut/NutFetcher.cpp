@@ -1,6 +1,15 @@
-// The fetcher over NUT's C++ client: one TCP connection per UPS, opened
-// again after any failure, with a timeout on every round trip.
-#include <nutclient.h>
+// The fetcher over NUT's client library (libupsclient): one TCP connection
+// per UPS, opened again after any failure. Every connect, send and receive
+// is bounded by the timeout (a upsd that accepts a request and never answers
+// it, SIGSTOPped say, costs one timeout, not a hung thread).
+// upsclient.h uses uint16_t without including its header.
+#include <cstdint>
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <upsclient.h>
+
+#include <mutex>
 
 #include "Poller.h"
 
@@ -8,69 +17,111 @@ namespace tarsel::daemon::nut {
 
 namespace {
 
-bool mentions(std::string const& text, char const* word) {
-    return text.find(word) != std::string::npos;
+/* The library's global set-up, once for the process, before any thread
+ * connects. No certificates: upsd on this machine or the local network. */
+void initialiseClientLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { upscli_init(0, nullptr, nullptr, nullptr); });
+}
+
+timeval toTimeval(std::chrono::seconds timeout) {
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(timeout.count());
+    return tv;
 }
 
 class NutFetcher : public Fetcher {
   public:
     NutFetcher(Endpoint endpoint, std::chrono::seconds timeout)
-        : m_endpoint(std::move(endpoint)), m_timeout(timeout) {}
+        : m_endpoint(std::move(endpoint)), m_timeout(timeout) {
+        initialiseClientLibrary();
+    }
+
+    ~NutFetcher() override { disconnect(); }
+
+    NutFetcher(NutFetcher const&) = delete;
+    NutFetcher& operator=(NutFetcher const&) = delete;
 
     Reading fetch() override {
         Reading reading;
-        try {
-            connect();
-            for (auto const& [name, values] : m_client.getDeviceVariableValues(m_endpoint.ups)) {
-                // A variable has one value; LIST VAR never gives it more.
-                reading.variables.emplace(name, values.empty() ? std::string() : values.front());
-            }
-            reading.state = Reading::State::Fresh;
-        } catch (::nut::IOException const& error) {
-            // Timeouts, refused connections, a upsd that went away: start
-            // with a new connection next time.
-            disconnect();
-            reading.state = Reading::State::Unreachable;
-            reading.detail = error.what();
-        } catch (::nut::NutException const& error) {
-            reading.detail = error.what();
-            reading.state = classify(reading.detail);
+        if (!connect(reading)) {
+            return reading;
         }
+        char const* query[] = {"VAR", m_endpoint.ups.c_str()};
+        if (upscli_list_start(&m_connection, 2, query) < 0) {
+            return failure();
+        }
+        std::size_t count = 0;
+        char** answer = nullptr;
+        int more = 0;
+        // Each line is VAR <ups> <name> <value>.
+        while ((more = upscli_list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+            if (count >= 4) {
+                reading.variables.emplace(answer[2], answer[3]);
+            }
+        }
+        if (more < 0) {
+            return failure();
+        }
+        reading.state = Reading::State::Fresh;
         return reading;
     }
 
   private:
-    /* What upsd's refusal of LIST VAR means. */
-    static Reading::State classify(std::string const& error) {
-        if (mentions(error, "DATA-STALE") || mentions(error, "DRIVER-NOT-CONNECTED")) {
-            return Reading::State::Stale;
+    bool connect(Reading& reading) {
+        if (m_connected) {
+            return true;
         }
-        if (mentions(error, "UNKNOWN-UPS")) {
-            return Reading::State::Unknown;
+        timeval tv = toTimeval(m_timeout);
+        if (upscli_tryconnect(&m_connection, m_endpoint.host.c_str(), m_endpoint.port, 0, &tv) <
+            0) {
+            reading.state = Reading::State::Unreachable;
+            reading.detail = upscli_strerror(&m_connection);
+            upscli_disconnect(&m_connection);
+            return false;
         }
-        return Reading::State::Unreachable;
+        m_connected = true;
+        // The library's reads and writes block; the socket's own timeouts
+        // bound them.
+        timeval const io = toTimeval(m_timeout);
+        int const fd = upscli_fd(&m_connection);
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &io, sizeof io);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &io, sizeof io);
+        return true;
     }
 
-    void connect() {
-        if (!m_connected) {
-            m_client.setTimeout(static_cast<time_t>(m_timeout.count()));
-            m_client.connect(m_endpoint.host, m_endpoint.port);
-            m_connected = true;
+    /* What upsd's refusal, or the connection's failure, means. */
+    Reading failure() {
+        Reading reading;
+        reading.detail = upscli_strerror(&m_connection);
+        switch (upscli_upserror(&m_connection)) {
+            case UPSCLI_ERR_DATASTALE:
+            case UPSCLI_ERR_DRVNOTCONN:
+                reading.state = Reading::State::Stale;
+                break;
+            case UPSCLI_ERR_UNKNOWNUPS:
+                reading.state = Reading::State::Unknown;
+                break;
+            default:
+                // Timeouts, resets, a upsd that went away or answered
+                // nonsense: start with a new connection next time.
+                reading.state = Reading::State::Unreachable;
+                disconnect();
+                break;
         }
+        return reading;
     }
 
     void disconnect() {
-        m_connected = false;
-        try {
-            m_client.disconnect();
-        } catch (::nut::NutException const&) {
-            // Closing a connection that already failed may fail again.
+        if (m_connected) {
+            upscli_disconnect(&m_connection);
+            m_connected = false;
         }
     }
 
     Endpoint const m_endpoint;
     std::chrono::seconds const m_timeout;
-    ::nut::TcpClient m_client;
+    UPSCONN_t m_connection{};
     bool m_connected = false;
 };
 

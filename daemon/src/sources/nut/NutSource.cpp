@@ -64,11 +64,14 @@ bool Source::apply(Ups& ups, Reading const& reading) {
     logState(ups, reading);
     bool const wasPresent = ups.mirror->present();
     try {
+        bool changed = wasPresent;
         if (reading.state == Reading::State::Fresh) {
-            return ups.mirror->apply(reading.variables) > 0;
+            changed = ups.mirror->apply(reading.variables) > 0;
+        } else {
+            ups.mirror->remove();
         }
-        ups.mirror->remove();
-        return wasPresent;
+        logListenerFailures(ups);
+        return changed;
     } catch (std::exception const& error) {
         // The store is not as the mirror left it (or a listener failed):
         // the device is built afresh from this same reading.
@@ -80,11 +83,19 @@ bool Source::apply(Ups& ups, Reading const& reading) {
         if (reading.state == Reading::State::Fresh) {
             ups.mirror->apply(reading.variables);
         }
+        logListenerFailures(ups);
     } catch (std::exception const& error) {
         m_log.warning("NUT: " + ups.endpoint.text() +
                       ": cannot rebuild its device: " + error.what());
     }
     return true;
+}
+
+void Source::logListenerFailures(Ups const& ups) {
+    for (auto const& failure : ups.mirror->listenerFailures()) {
+        m_log.warning("NUT: " + ups.endpoint.text() +
+                      ": a listener failed on a change: " + failure);
+    }
 }
 
 void Source::logState(Ups& ups, Reading const& reading) {

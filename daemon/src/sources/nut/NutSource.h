@@ -6,7 +6,7 @@
 //  - fresh data: the UPS's device is there, in step with upsd.
 //  - data stale (the driver is gone or silent), the UPS unknown to upsd
 //    (removed from its configuration), upsd unreachable (down, restarting,
-//    not answering within the timeout): the UPS's device is removed, so
+//    hung: no answer within the timeout): the UPS's device is removed, so
 //    every entry over it reads as the map's unavailable value; the device is
 //    built again as soon as upsd gives fresh data, without any restart.
 //  - a variable that disappears: its channel is removed (entries over it
@@ -63,6 +63,7 @@ class Source : public DataSource {
 
     bool apply(Ups& ups, Reading const& reading);
     void logState(Ups& ups, Reading const& reading);
+    void logListenerFailures(Ups const& ups);
 
     SourceConfig const m_config;
     cdshost::Store& m_store;

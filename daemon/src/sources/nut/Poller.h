@@ -57,7 +57,8 @@ class Poller {
     std::thread m_thread;  // last: started when everything else is ready
 };
 
-/* Fetches through NUT's C++ client library, reconnecting as needed. */
+/* Fetches through NUT's client library, reconnecting as needed; every round
+ * trip is bounded by the timeout. */
 std::unique_ptr<Fetcher> makeNutFetcher(Endpoint endpoint, std::chrono::seconds timeout);
 
 }  // namespace tarsel::daemon::nut

@@ -40,6 +40,10 @@ UpsMirror::UpsMirror(cdshost::Store& store, std::string upsName, cdshost::Id dev
 
 std::size_t UpsMirror::apply(Variables const& variables) {
     m_changes = 0;
+    m_failures.clear();
+    if (m_present && !m_store.hasDevice(m_deviceId)) {
+        throw OutOfStep("device " + std::to_string(m_deviceId) + " was removed by someone else");
+    }
     if (m_present) {
         update(variables);
     } else {
@@ -50,6 +54,7 @@ std::size_t UpsMirror::apply(Variables const& variables) {
 }
 
 void UpsMirror::remove() {
+    m_failures.clear();
     if (!m_present) {
         return;
     }
@@ -58,7 +63,7 @@ void UpsMirror::remove() {
     m_channels.clear();
     m_outlets.clear();
     if (m_store.hasDevice(m_deviceId)) {
-        m_store.removeDevice(m_deviceId);
+        notifying([&] { m_store.removeDevice(m_deviceId); });
     }
 }
 
@@ -121,7 +126,7 @@ void UpsMirror::removeVanished(Variables const& variables) {
             it = number && *number == outlet ? m_channels.erase(it) : std::next(it);
         }
         m_outlets.erase(outlet);
-        m_store.removeDevice(device);
+        notifying([&] { m_store.removeDevice(device); });
         ++m_changes;
     }
 }
@@ -153,8 +158,14 @@ void UpsMirror::addOutlets(std::map<unsigned int, Variables> const& outlets) {
         cdshost::Id const device = buildOutlet(outlet, outletVariables);
         announce(device, kq::sub::DeviceCreated);
         announce(cdshost::kAllOnes, kq::sub::DeviceCreated);
-        announce(m_deviceId, kq::sub::DeviceChanged);
         ++m_changes;
+    }
+    if (!outlets.empty()) {
+        // The UPS is announced again with its new outlets, as a card does:
+        // entries over an outlet's place among the sub-devices find it then.
+        // (A change notification instead would make the library take the
+        // UPS for a device found again and its attribute entries unavailable.)
+        announce(m_deviceId, kq::sub::DeviceCreated);
     }
 }
 
@@ -170,14 +181,17 @@ cdshost::Id UpsMirror::buildOutlet(unsigned int outlet, Variables const& variabl
 
 void UpsMirror::addVariable(cdshost::Id device, std::string const& name, std::string const& value,
                             bool notify) {
-    m_channels[name] =
-        m_store.addChannel(device, name, storeValue(name, value), m_ids.next(), notify);
+    cdshost::Id const id = m_ids.next();
+    m_channels[name] = id;
+    notifying([&] { m_store.addChannel(device, name, storeValue(name, value), id, notify); });
     setAttributeOf(device, name, value, notify);
     m_changes += notify ? 1 : 0;
 }
 
 void UpsMirror::changeVariable(std::string const& name, std::string const& value) {
-    m_store.setChannelValue(m_channels.at(name), storeValue(name, value));
+    cdshost::Id const channel = m_channels.at(name);
+    requireChannel(channel);
+    notifying([&] { m_store.setChannelValue(channel, storeValue(name, value)); });
     auto const outlet = outletNumber(name);
     setAttributeOf(outlet ? m_outlets.at(*outlet) : m_deviceId, name, value, kNotify);
     ++m_changes;
@@ -185,8 +199,10 @@ void UpsMirror::changeVariable(std::string const& name, std::string const& value
 
 void UpsMirror::removeVariable(std::string const& name) {
     auto const channel = m_channels.find(name);
-    m_store.removeChannel(channel->second);
+    cdshost::Id const id = channel->second;
+    requireChannel(id);
     m_channels.erase(channel);
+    notifying([&] { m_store.removeChannel(id); });
     // An attribute cannot be taken away, only emptied.
     auto const outlet = outletNumber(name);
     setAttributeOf(outlet ? m_outlets.at(*outlet) : m_deviceId, name, "", kNotify);
@@ -198,12 +214,13 @@ void UpsMirror::setAttributeOf(cdshost::Id device, std::string const& name,
     if (auto const outlet = outletNumber(name)) {
         // An outlet's description is its name, as the store calls it.
         if (name == outletDeviceName(*outlet) + ".desc") {
-            m_store.setDeviceAttribute(device, cdsapi::AttributeName, value, notify);
+            notifying(
+                [&] { m_store.setDeviceAttribute(device, cdsapi::AttributeName, value, notify); });
         }
         return;
     }
     if (auto const attribute = identityAttribute(name)) {
-        m_store.setDeviceAttribute(device, *attribute, value, notify);
+        notifying([&] { m_store.setDeviceAttribute(device, *attribute, value, notify); });
     }
 }
 
@@ -226,10 +243,16 @@ void UpsMirror::updateStatus(Variables const& variables, bool notify) {
 void UpsMirror::setDerived(std::string const& channel, kq::CValue const& value, bool notify) {
     auto const known = m_channels.find(channel);
     if (known == m_channels.end()) {
-        m_channels[channel] = m_store.addChannel(m_deviceId, channel, value, m_ids.next(), notify);
+        cdshost::Id const id = m_ids.next();
+        m_channels[channel] = id;
+        notifying([&] { m_store.addChannel(m_deviceId, channel, value, id, notify); });
         m_changes += notify ? 1 : 0;
-    } else if (m_store.channelValue(known->second) != value) {
-        m_store.setChannelValue(known->second, value, notify);
+        return;
+    }
+    cdshost::Id const id = known->second;
+    requireChannel(id);
+    if (m_store.channelValue(id) != value) {
+        notifying([&] { m_store.setChannelValue(id, value, notify); });
         ++m_changes;
     }
 }
@@ -237,14 +260,34 @@ void UpsMirror::setDerived(std::string const& channel, kq::CValue const& value, 
 void UpsMirror::removeDerived(std::string const& channel) {
     auto const known = m_channels.find(channel);
     if (known != m_channels.end()) {
-        m_store.removeChannel(known->second);
+        cdshost::Id const id = known->second;
+        requireChannel(id);
         m_channels.erase(known);
+        notifying([&] { m_store.removeChannel(id); });
         ++m_changes;
     }
 }
 
 void UpsMirror::announce(cdshost::Id device, kq::sub::subscription_type type) {
-    m_store.notifyDevice(device, type);
+    notifying([&] { m_store.notifyDevice(device, type); });
+}
+
+void UpsMirror::requireChannel(cdshost::Id channel) const {
+    if (!m_store.hasChannel(channel)) {
+        throw OutOfStep("channel " + std::to_string(channel) + " was removed by someone else");
+    }
+}
+
+template <typename Change>
+void UpsMirror::notifying(Change const& change) {
+    // The store makes a change before it notifies, and calls every listener
+    // even when one throws: what a listener throws leaves the store as this
+    // mirror wants it, so it is reported and the mirror goes on.
+    try {
+        change();
+    } catch (std::exception const& error) {
+        m_failures.emplace_back(error.what());
+    }
 }
 
 }  // namespace tarsel::daemon::nut

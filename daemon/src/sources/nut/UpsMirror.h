@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,13 @@ class IdPool {
     cdshost::Id m_next;
 };
 
+/* The store is not as the mirror left it (something else removed the UPS's
+ * device or a channel of it): the mirror cannot go on by differences. */
+class OutOfStep : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 class UpsMirror {
   public:
     UpsMirror(cdshost::Store& store, std::string upsName, cdshost::Id deviceId, IdPool& ids);
@@ -41,8 +49,12 @@ class UpsMirror {
     /* Brings the store in step with the UPS's variables. When the UPS is not
      * in the store, its device is built whole (silently, then announced, so
      * it never appears without its channels); otherwise only what changed
-     * is written. Returns how many store changes were made. */
+     * is written. Returns how many store changes were made. A listener
+     * that fails on a change does not stop the others (the store has made
+     * the change all the same): see listenerFailures(). Throws OutOfStep. */
     std::size_t apply(Variables const& variables);
+    /* What listeners threw during the last apply() or remove(). */
+    std::vector<std::string> const& listenerFailures() const { return m_failures; }
     /* Takes the UPS's device (and its outlets) out of the store; apply()
      * builds it again. Nothing when it is not there. */
     void remove();
@@ -73,6 +85,9 @@ class UpsMirror {
     void setDerived(std::string const& channel, kq::CValue const& value, bool notify);
     void removeDerived(std::string const& channel);
     void announce(cdshost::Id device, kq::sub::subscription_type type);
+    void requireChannel(cdshost::Id channel) const;
+    template <typename Change>
+    void notifying(Change const& change);
 
     cdshost::Store& m_store;
     std::string const m_upsName;
@@ -80,6 +95,7 @@ class UpsMirror {
     IdPool& m_ids;
     bool m_present = false;
     std::size_t m_changes = 0;
+    std::vector<std::string> m_failures;
     Variables m_variables;                          // as last applied
     std::map<std::string, cdshost::Id> m_channels;  // variable or derived channel -> channel id
     std::map<unsigned int, cdshost::Id> m_outlets;  // outlet number -> sub-device id
