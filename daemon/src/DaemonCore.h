@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "Describe.h"
 #include "FloatProbe.h"
@@ -20,6 +21,12 @@
 
 namespace tarsel::daemon {
 
+/* A further unit id served by the same daemon, with a map of its own. */
+struct UnitConfig {
+    std::uint8_t unitId = 2;
+    RegisterMapSpec map;
+};
+
 struct CoreConfig {
     RegisterMapSpec map;
     // Where the values come from: a scenario to play, or another source
@@ -27,6 +34,7 @@ struct CoreConfig {
     std::optional<Scenario> scenario;
     std::unique_ptr<DataSource> source;
     std::uint8_t unitId = 1;
+    std::vector<UnitConfig> moreUnits;
 };
 
 class DaemonCore {
@@ -54,11 +62,11 @@ class DaemonCore {
      * the moment it can. */
     void watchAvailability();
 
-    /* True while some entry of the map could not be built yet. */
-    bool hasPendingEntries() const { return m_map->pendingCount() > 0; }
+    /* True while some entry of a map could not be built yet. */
+    bool hasPendingEntries() const;
     /* Tries to build the pending entries again; returns how many were built.
      * Only on the thread that serves the map. */
-    std::size_t buildPendingEntries() { return m_map->buildPending(); }
+    std::size_t buildPendingEntries();
 
     /* Builds what can be built by now first, so the description shows the
      * map as a request would find it. */
@@ -76,6 +84,9 @@ class DaemonCore {
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
     std::unique_ptr<ServedMap> m_map;
     std::unique_ptr<RequestHandler> m_handler;
+    // The further units: their maps and handlers, in the order configured.
+    std::vector<std::unique_ptr<ServedMap>> m_unitMaps;
+    std::vector<std::unique_ptr<RequestHandler>> m_unitHandlers;
     Gate m_gate = Gate::Unknown;
 };
 

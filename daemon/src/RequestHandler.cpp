@@ -115,6 +115,9 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
         return refuse(answer, ec::kIllegalDataValue);
     }
     std::uint8_t const unit = frame[6];
+    if (auto const routed = m_units.find(unit); routed != m_units.end()) {
+        return routed->second->handle(frame, length);
+    }
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
     answer.function = pdu[0];

@@ -89,6 +89,18 @@ int run(Options const& options, Log& log) {
     }
     config.unitId = static_cast<std::uint8_t>(options.unitId);
     config.source = makeNutSource(options, log);
+    // Each further UPS is served under the next unit id, with the map
+    // moved onto its device.
+    for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
+        std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
+        if (unit > 247) {
+            log.error("--nut: UPS " + options.nutUpses[k] + " would be unit id " +
+                      std::to_string(unit) + ", above 247");
+            return kExitBadInput;
+        }
+        config.moreUnits.push_back(
+            {static_cast<std::uint8_t>(unit), nut::mapForUps(config.map, k)});
+    }
     int const status = serve(options, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +

@@ -172,5 +172,22 @@ TEST(NutEndpoint, ParsesUpscStyleNames) {
     EXPECT_THROW(parseEndpoint("ups@host:x"), std::invalid_argument);
 }
 
+TEST(NutSourceMaps, AFurtherUpsGetsTheMapMovedOntoItsDevice) {
+    RegisterMapSpec map;
+    EntrySpec entry;
+    SourceSpec onFirst;
+    onFirst.device.id = kFirstUpsDevice;
+    SourceSpec byName;
+    byName.device.name = "Card";
+    SourceSpec elsewhere;
+    elsewhere.device.id = 1;
+    entry.sources = {onFirst, byName, elsewhere};
+    map.entries.push_back(entry);
+    auto const moved = mapForUps(map, 2);
+    EXPECT_EQ(moved.entries[0].sources[0].device.id, kFirstUpsDevice + 2);
+    EXPECT_FALSE(moved.entries[0].sources[1].device.id);
+    EXPECT_EQ(moved.entries[0].sources[2].device.id, 1u);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut

@@ -21,7 +21,7 @@ SERVED_LIMIT_S = POLL_S + 1.0
 # a poll and some slack for a loaded machine.
 FAULT_LIMIT_S = 2 * 2.0 + POLL_S + 3.0
 SENTINEL = 0xFFFF
-UNIT = 1
+UNIT = 1  # the daemon's default; a test with --unit-id names its units
 
 # Input registers and discrete inputs of the shipped NUT map.
 NAME, SERIAL, FIRMWARE = 0, 24, 32
@@ -83,7 +83,8 @@ class NutTest(unittest.TestCase):
         self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S)] + nut_args +
                              list(args))
         self.client = self.daemon.client()
-        self.wait_until(lambda: self.registers(OPERATING_STATUS, 1) == [16], 10.0,
+        first_unit = int(args[list(args).index("--unit-id") + 1]) if "--unit-id" in args else UNIT
+        self.wait_until(lambda: self.registers(OPERATING_STATUS, 1, unit=first_unit) == [16], 10.0,
                         "the map never opened")
 
     def registers(self, address, count, unit=UNIT):
@@ -216,6 +217,27 @@ class NutTest(unittest.TestCase):
         self.assertIn((SENTINEL,), answers, "a hung upsd is to read as unavailable")
         self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
                         "entries did not come back once upsd ran again")
+
+    def test_two_upses_under_two_unit_ids(self):
+        second = demo_dev().replace("battery.charge: 100", "battery.charge: 42").replace(
+            "DUMMY-0042", "DUMMY-0043")
+        self.start({"first": ("first.dev", demo_dev()), "second": ("second.dev", second)},
+                   args=["--unit-id", "5"])
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [42], SERVED_LIMIT_S + 2,
+                        "the second UPS is not served under unit id 6")
+        self.assertEqual(self.registers(CHARGE, 1, unit=5), [100])
+        self.assertEqual(text(self.registers(NAME, 8, unit=5)), "first")
+        self.assertEqual(text(self.registers(NAME, 8, unit=6)), "second")
+        self.assertEqual(text(self.registers(SERIAL, 8, unit=6)), "DUMMY-0043")
+        self.assertIsNone(self.registers(CHARGE, 1, unit=7), "no third unit")
+        self.assertTrue(self.upsd.upsrw("second", "ups.status", "OB"))
+        self.wait_until(lambda: self.discretes(unit=6)["OB"], 2.0 + SERVED_LIMIT_S,
+                        "the second UPS's status did not move")
+        self.assertFalse(self.discretes(unit=5)["OB"])
+        self.upsd.stop_driver("second")
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [SENTINEL], FAULT_LIMIT_S,
+                        "the second UPS stayed available without its driver")
+        self.assertEqual(self.registers(CHARGE, 1, unit=5), [100])
 
 
 if __name__ == "__main__":

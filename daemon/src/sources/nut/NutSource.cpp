@@ -9,6 +9,17 @@ constexpr cdshost::Id kFirstPooledId = 1'000'000;
 
 }  // namespace
 
+RegisterMapSpec mapForUps(RegisterMapSpec map, std::size_t index) {
+    for (auto& entry : map.entries) {
+        for (auto& source : entry.sources) {
+            if (source.device.id == kFirstUpsDevice) {
+                source.device.id = kFirstUpsDevice + index;
+            }
+        }
+    }
+    return map;
+}
+
 Source::Source(SourceConfig config, cdshost::Store& store, Log& log)
     : Source(config, store, log, [timeout = config.timeout](Endpoint const& endpoint) {
           return makeNutFetcher(endpoint, timeout);

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Log.h"
+#include "MapModel.h"
 #include "NutEndpoint.h"
 #include "Poller.h"
 #include "UpsMirror.h"
@@ -36,6 +37,11 @@ struct SourceConfig {
 /* The first UPS's device id: the one the availability check reads. Further
  * UPSes follow it (3, 4, ...). */
 constexpr cdshost::Id kFirstUpsDevice = 2;
+
+/* The map of the UPS at `index` among those configured, from the map of the
+ * first: every source on the first UPS's device goes to that UPS's device
+ * (sources found by name stay as they are). */
+RegisterMapSpec mapForUps(RegisterMapSpec map, std::size_t index);
 
 class Source : public DataSource {
   public:
