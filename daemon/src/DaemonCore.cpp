@@ -30,8 +30,15 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_unitHandlers.push_back(std::make_unique<RequestHandler>(
             *m_unitMaps.back(), *m_availability, log, unit.unitId));
         m_handler->routeUnit(unit.unitId, *m_unitHandlers.back());
+        if (config.readOnly) {
+            m_unitHandlers.back()->refuseWrites();
+        }
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
+    }
+    if (config.readOnly) {
+        m_handler->refuseWrites();
+        m_log.info("writes are refused with exception 0x01 (Illegal Function)");
     }
     watchAvailability();
 }

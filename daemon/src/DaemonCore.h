@@ -35,6 +35,8 @@ struct CoreConfig {
     std::unique_ptr<DataSource> source;
     std::uint8_t unitId = 1;
     std::vector<UnitConfig> moreUnits;
+    // Every write refused (Illegal Function): the data cannot be written back.
+    bool readOnly = false;
 };
 
 class DaemonCore {

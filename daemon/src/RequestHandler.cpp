@@ -144,6 +144,9 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
     if (std::uint32_t{answer.address} + answer.quantity > 0x10000) {
         return refuse(answer, ec::kIllegalDataAddress);
     }
+    if (answer.function > kReadInputRegisters && m_writesRefused) {
+        return refuse(answer, ec::kIllegalFunction);
+    }
     return answer.function <= kReadInputRegisters ? read(answer, pduLength)
                                                   : write(answer, pdu, pduLength);
 }

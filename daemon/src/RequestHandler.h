@@ -46,6 +46,9 @@ class RequestHandler {
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
     void routeUnit(std::uint8_t unitId, RequestHandler& handler) { m_units[unitId] = &handler; }
+    /* Answers every write with Illegal Function: for data that lives
+     * elsewhere (a UPS behind upsd) and cannot be written back. */
+    void refuseWrites() { m_writesRefused = true; }
 
   private:
     Answer read(Answer answer, std::size_t length);
@@ -60,6 +63,7 @@ class RequestHandler {
     Log& m_log;
     std::uint8_t m_unitId;
     std::map<std::uint8_t, RequestHandler*> m_units;
+    bool m_writesRefused = false;
 };
 
 }  // namespace tarsel::daemon

@@ -89,6 +89,9 @@ int run(Options const& options, Log& log) {
     }
     config.unitId = static_cast<std::uint8_t>(options.unitId);
     config.source = makeNutSource(options, log);
+    // Writes back to a UPS (SET VAR, INSTCMD) are not served: a write would
+    // only change the daemon's copy of a value upsd owns.
+    config.readOnly = !options.nutUpses.empty();
     // Each further UPS is served under the next unit id, with the map
     // moved onto its device.
     for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {

@@ -122,5 +122,24 @@ TEST(DaemonCoreTest, FurtherUnitsAreServedFromTheirOwnMaps) {
     EXPECT_EQ(ask(4).exception, exception_code::kGatewayTargetFailed);
 }
 
+TEST(DaemonCoreTest, AReadOnlyCoreRefusesWritesWithIllegalFunction) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})");
+    config.readOnly = true;
+    DaemonCore core(std::move(config), log);
+    auto const write = testing::writeRegisters(0, {0, 9});
+    EXPECT_EQ(core.handler().handle(write.data(), write.size()).exception,
+              exception_code::kIllegalFunction);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(5));
+    auto const read = testing::request(3, 0, 2);
+    EXPECT_EQ(core.handler().handle(read.data(), read.size()).registers,
+              (std::vector<std::uint16_t>{0, 5}));
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -134,5 +134,27 @@ TEST(Poller, StateChangesAreHanded) {
     EXPECT_EQ(reading->state, Reading::State::Stale);
 }
 
+TEST(Poller, PollersAskedToStopTogetherEndInOneRoundTrip) {
+    ScriptedFetcher::Script first;
+    ScriptedFetcher::Script second;
+    first.held = second.held = true;
+    auto a = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(first), 5ms, [] {});
+    auto b = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(second), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return first.entered >= 1 && second.entered >= 1; }));
+    a->requestStop();
+    b->requestStop();
+    for (auto* script : {&first, &second}) {
+        {
+            std::lock_guard<std::mutex> lock(script->mutex);
+            script->held = false;
+        }
+        script->changed.notify_all();
+    }
+    a.reset();
+    b.reset();
+    EXPECT_EQ(first.fetches, 1) << "no poll after the stop was asked for";
+    EXPECT_EQ(second.fetches, 1);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut

@@ -41,7 +41,13 @@ Source::Source(SourceConfig config, cdshost::Store& store, Log& log, FetcherFact
 }
 
 Source::~Source() {
-    // Pollers first: their threads wake this source.
+    // Pollers first: their threads wake this source. All are asked to stop
+    // before any is waited for.
+    for (auto& ups : m_upses) {
+        if (ups.poller) {
+            ups.poller->requestStop();
+        }
+    }
     for (auto& ups : m_upses) {
         ups.poller.reset();
     }

@@ -25,12 +25,16 @@ Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds inter
       m_thread([this] { run(); }) {}
 
 Poller::~Poller() {
+    requestStop();
+    m_thread.join();
+}
+
+void Poller::requestStop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
     }
     m_stopped.notify_all();
-    m_thread.join();
 }
 
 std::optional<Reading> Poller::take() {

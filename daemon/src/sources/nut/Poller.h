@@ -33,6 +33,10 @@ class Poller {
      * the fetcher's timeout bounds. */
     ~Poller();
 
+    /* Asks the thread to stop after the round trip in progress, without
+     * waiting: stopping many pollers costs one timeout, not one each. */
+    void requestStop();
+
     Poller(Poller const&) = delete;
     Poller& operator=(Poller const&) = delete;
 
