@@ -54,10 +54,9 @@ class Upsd:
         self.upses = dict(upses)
         self.drivers = {}
         self.upsd = None
-        with open(os.path.join(self.etc, "ups.conf"), "w", encoding="utf-8") as conf:
-            for name, (file_name, contents) in self.upses.items():
-                self.write_file(file_name, contents)
-                conf.write(f"[{name}]\n    driver = dummy-ups\n    port = {file_name}\n")
+        for file_name, contents in self.upses.values():
+            self.write_file(file_name, contents)
+        self.write_ups_conf(self.upses)
         with open(os.path.join(self.etc, "upsd.conf"), "w", encoding="utf-8") as conf:
             conf.write(f"LISTEN 127.0.0.1 {self.port}\nSTATEPATH {self.state}\n")
         with open(os.path.join(self.etc, "upsd.users"), "w", encoding="utf-8") as users:
@@ -71,6 +70,16 @@ class Upsd:
         except Exception:
             self.stop()
             raise
+
+    def write_ups_conf(self, upses):
+        with open(os.path.join(self.etc, "ups.conf"), "w", encoding="utf-8") as conf:
+            for name, (file_name, _) in upses.items():
+                conf.write(f"[{name}]\n    driver = dummy-ups\n    port = {file_name}\n")
+
+    def reload_upsd(self, upses):
+        """upsd serves only these UPSes from now on (its configuration reloaded)."""
+        self.write_ups_conf(upses)
+        os.kill(self.upsd.pid, signal.SIGHUP)
 
     def write_file(self, file_name, contents):
         path = os.path.join(self.etc, file_name)

@@ -190,7 +190,7 @@ class NutTest(unittest.TestCase):
         self.wait_until(lambda: self.registers(CHARGE, 1) == [SENTINEL], FAULT_LIMIT_S,
                         "entries stayed available without the driver")
         self.assertEqual(self.discretes()["OL"], False)
-        self.assertTrue(self.daemon.wait_for_log("bench@127.0.0.1", 1.0))
+        self.assertTrue(self.daemon.wait_for_log(" stale: ", 1.0))
         self.upsd.start_driver("bench")
         self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
                         "entries did not come back with the driver")
@@ -265,6 +265,20 @@ class NutTest(unittest.TestCase):
         time.sleep(SERVED_LIMIT_S)
         self.assertEqual(self.upsd.upsc("bench", "battery.charge.low"), "20")
         self.assertEqual(self.client.read_holding_registers(0, 1, slave=UNIT).registers, [20])
+
+    def test_a_ups_removed_from_upsd_goes_unavailable_and_comes_back(self):
+        upses = {"first": ("first.dev", demo_dev()), "second": ("second.dev", demo_dev())}
+        self.start(upses)
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [100], SERVED_LIMIT_S + 2,
+                        "the second UPS is not served")
+        self.upsd.reload_upsd({"first": upses["first"]})
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [SENTINEL], FAULT_LIMIT_S,
+                        "the removed UPS stayed available")
+        self.assertTrue(self.daemon.wait_for_log("unknown to upsd", 1.0))
+        self.assertEqual(self.registers(CHARGE, 1, unit=1), [100])
+        self.upsd.reload_upsd(upses)
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [100], FAULT_LIMIT_S,
+                        "the UPS did not come back with upsd's configuration")
 
 
 if __name__ == "__main__":
