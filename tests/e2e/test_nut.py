@@ -17,10 +17,10 @@ from nut_harness import NUT_MAP, Upsd, demo_dev
 
 POLL_S = 0.5
 SERVED_LIMIT_S = POLL_S + 1.0
-# Twice the time the daemon waits for an answer from upsd (a request and a
-# reconnection may both wait that long) before upsd counts as unreachable, plus
-# a poll and some slack for a loaded machine.
-FAULT_LIMIT_S = 2 * 2.0 + POLL_S + 3.0
+# How long NUT's client library waits for an answer from upsd before the
+# daemon counts it as unreachable (5 s), plus a poll and some slack for a
+# loaded machine.
+FAULT_LIMIT_S = 5.0 + POLL_S + 3.0
 SENTINEL = 0xFFFF
 UNIT = 1  # the daemon's default; a test with --unit-id names its units
 

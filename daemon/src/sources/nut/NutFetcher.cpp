@@ -1,11 +1,12 @@
 // The fetcher over NUT's client library (libupsclient): one TCP connection
-// per UPS, opened again after any failure. Every connect, send and receive
-// is bounded by the timeout (a upsd that accepts a request and never answers
-// it, SIGSTOPped say, costs one timeout, not a hung thread).
+// per UPS, opened again after any failure. Nothing waits for ever: the
+// connect is bounded by our timeout, and the library itself waits at most
+// 5 s for each line of an answer and never for a send, so a upsd that takes
+// a request and never answers it (SIGSTOPped, say) costs one such wait, not
+// a hung thread. (NUT's C++ client blocks on reads without a bound.)
 // upsclient.h uses uint16_t without including its header.
 #include <cstdint>
 
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <upsclient.h>
 
@@ -81,12 +82,6 @@ class NutFetcher : public Fetcher {
             return false;
         }
         m_connected = true;
-        // The library's reads and writes block; the socket's own timeouts
-        // bound them.
-        timeval const io = toTimeval(m_timeout);
-        int const fd = upscli_fd(&m_connection);
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &io, sizeof io);
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &io, sizeof io);
         return true;
     }
 

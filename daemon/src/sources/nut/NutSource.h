@@ -6,7 +6,7 @@
 //  - fresh data: the UPS's device is there, in step with upsd.
 //  - data stale (the driver is gone or silent), the UPS unknown to upsd
 //    (removed from its configuration), upsd unreachable (down, restarting,
-//    hung: no answer within the timeout): the UPS's device is removed, so
+//    hung: no answer within 5 s): the UPS's device is removed, so
 //    every entry over it reads as the map's unavailable value; the device is
 //    built again as soon as upsd gives fresh data, without any restart.
 //  - a variable that disappears: its channel is removed (entries over it
@@ -30,7 +30,8 @@ namespace tarsel::daemon::nut {
 struct SourceConfig {
     std::vector<Endpoint> upses;
     std::chrono::milliseconds interval{1000};
-    // How long one round trip to upsd may take before it counts as a failure.
+    // How long connecting to upsd may take before it counts as a failure
+    // (an answer is waited for at most 5 s by NUT's client library).
     std::chrono::seconds timeout{2};
 };
 

@@ -61,8 +61,8 @@ class Poller {
     std::thread m_thread;  // last: started when everything else is ready
 };
 
-/* Fetches through NUT's client library, reconnecting as needed; every round
- * trip is bounded by the timeout. */
+/* Fetches through NUT's client library, reconnecting as needed; a connect is
+ * bounded by `timeout`, an answer by the library's own 5 s. */
 std::unique_ptr<Fetcher> makeNutFetcher(Endpoint endpoint, std::chrono::seconds timeout);
 
 }  // namespace tarsel::daemon::nut
