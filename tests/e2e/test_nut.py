@@ -192,9 +192,10 @@ class NutTest(unittest.TestCase):
         self.assertEqual(self.discretes()["OL"], False)
         self.assertTrue(self.daemon.wait_for_log(" stale: ", 1.0))
         self.upsd.start_driver("bench")
-        self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
-                        "entries did not come back with the driver")
-        self.assertEqual(self.discretes()["OL"], True)
+        # A driver that has just started hands its variables over a few at a
+        # time (ups.status last): wait for the whole picture.
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [100] and self.discretes()["OL"],
+                        FAULT_LIMIT_S, "entries did not come back with the driver")
 
     def test_a_stopped_upsd_does_not_stall_modbus_clients(self):
         self.start({"bench": ("bench.dev", demo_dev())})
