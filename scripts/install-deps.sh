@@ -16,12 +16,14 @@ set_name="${1:-test}"
 run_packages=(
     build-essential cmake pkg-config
     libmodbus-dev nlohmann-json3-dev
+    libupsclient-dev
 )
 test_packages=(
     "${run_packages[@]}"
     git
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     python3 python3-pymodbus python3-serial-asyncio mbpoll
+    nut-server nut-client
     clang-format
     g++-arm-linux-gnueabihf qemu-user
 )

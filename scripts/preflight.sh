@@ -60,6 +60,7 @@ run_checks() {
     need_command pkg-config pkg-config
     need_file /usr/include/modbus/modbus.h libmodbus-dev
     need_file /usr/include/nlohmann/json.hpp nlohmann-json3-dev
+    need_file /usr/include/upsclient.h libupsclient-dev
 }
 
 test_checks() {
@@ -73,6 +74,11 @@ test_checks() {
     need_command arm-linux-gnueabihf-g++ g++-arm-linux-gnueabihf
     need_command qemu-arm qemu-user
     need_command mbpoll mbpoll
+    need_file /lib/nut/upsd nut-server
+    need_file /lib/nut/dummy-ups nut-server
+    need_command upsc nut-client
+    need_command upsrw nut-client
+    need_command upscmd nut-client
     need_command dpkg-deb dpkg
     need_command readelf binutils
     [ -x "$python" ] || report "Python interpreter $python" python3

@@ -1,6 +1,7 @@
 #include "DaemonCore.h"
 
 #include "modbus/PowerDistributionAvailableAccessor.h"
+#include "sources/ScenarioSource.h"
 
 namespace tarsel::daemon {
 
@@ -8,9 +9,15 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     : m_log(log), m_floatLayout(probeFloatLayout()) {
     logFloatLayout();
     if (config.scenario) {
-        m_scenario = std::make_unique<ScenarioPlayer>(std::move(*config.scenario),
-                                                      cdshost::Store::instance(), log);
-        m_scenario->seed();
+        auto scenario = std::make_unique<ScenarioSource>(std::move(*config.scenario),
+                                                         cdshost::Store::instance(), log);
+        m_scenario = &scenario->player();
+        m_source = std::move(scenario);
+    } else {
+        m_source = std::move(config.source);
+    }
+    if (m_source) {
+        m_source->seed();
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
     m_map = std::make_unique<ServedMap>(config.map, log);
@@ -18,16 +25,50 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     std::size_t const pending = m_map->pendingCount();
     m_log.info("register map: " + std::to_string(m_map->entries().size()) + " entries" +
                (pending > 0 ? " (" + std::to_string(pending) + " pending)" : ""));
+    for (auto const& unit : config.moreUnits) {
+        m_unitMaps.push_back(std::make_unique<ServedMap>(unit.map, log));
+        m_unitHandlers.push_back(std::make_unique<RequestHandler>(
+            *m_unitMaps.back(), *m_availability, log, unit.unitId));
+        m_handler->routeUnit(unit.unitId, *m_unitHandlers.back());
+        if (config.readOnly) {
+            m_unitHandlers.back()->refuseWrites();
+        }
+        m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
+                   std::to_string(unit.map.entries.size()) + " entries");
+    }
+    if (config.readOnly) {
+        m_handler->refuseWrites();
+        m_log.info("writes are refused with exception 0x01 (Illegal Function)");
+    }
     watchAvailability();
 }
 
 DaemonCore::~DaemonCore() {
     // The order matters: encoders leave the data store before anything else
     // goes, and the library's shared connection outlives them all.
+    m_unitHandlers.clear();
+    m_unitMaps.clear();
     m_handler.reset();
     m_map.reset();
     m_availability.reset();
-    m_scenario.reset();
+    m_scenario = nullptr;
+    m_source.reset();
+}
+
+bool DaemonCore::hasPendingEntries() const {
+    bool pending = m_map->pendingCount() > 0;
+    for (auto const& map : m_unitMaps) {
+        pending = pending || map->pendingCount() > 0;
+    }
+    return pending;
+}
+
+std::size_t DaemonCore::buildPendingEntries() {
+    std::size_t built = m_map->buildPending();
+    for (auto const& map : m_unitMaps) {
+        built += map->buildPending();
+    }
+    return built;
 }
 
 void DaemonCore::logFloatLayout() {

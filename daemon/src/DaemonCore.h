@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "Describe.h"
 #include "FloatProbe.h"
@@ -16,22 +17,35 @@
 #include "Scenario.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
+#include "sources/DataSource.h"
 
 namespace tarsel::daemon {
 
+/* A further unit id served by the same daemon, with a map of its own. */
+struct UnitConfig {
+    std::uint8_t unitId = 2;
+    RegisterMapSpec map;
+};
+
 struct CoreConfig {
     RegisterMapSpec map;
+    // Where the values come from: a scenario to play, or another source
+    // (given the scenario is empty); neither leaves the store as it is.
     std::optional<Scenario> scenario;
+    std::unique_ptr<DataSource> source;
     std::uint8_t unitId = 1;
+    std::vector<UnitConfig> moreUnits;
+    // Every write refused (Illegal Function): the data cannot be written back.
+    bool readOnly = false;
 };
 
 class DaemonCore {
   public:
-    /* Probes the float layout, seeds the store from the scenario, then builds
+    /* Probes the float layout, seeds the store from the source, then builds
      * the availability check and every encoder. */
     DaemonCore(CoreConfig config, Log& log);
     /* Destroys every encoder (closing its data-store subscriptions) before
-     * the availability check and the scenario. */
+     * the availability check and the source. */
     ~DaemonCore();
 
     DaemonCore(DaemonCore const&) = delete;
@@ -39,7 +53,10 @@ class DaemonCore {
 
     ServedMap& map() { return *m_map; }
     RequestHandler& handler() { return *m_handler; }
-    ScenarioPlayer* scenario() { return m_scenario.get(); }
+    /* The simulated world when a scenario is played; null otherwise. */
+    ScenarioPlayer* scenario() { return m_scenario; }
+    /* Where the values come from; null when nothing changes the store. */
+    DataSource* source() { return m_source.get(); }
     modbus::MapAvailableAccessor& availability() { return *m_availability; }
     FloatLayoutReport const& floatLayout() const { return m_floatLayout; }
 
@@ -47,11 +64,11 @@ class DaemonCore {
      * the moment it can. */
     void watchAvailability();
 
-    /* True while some entry of the map could not be built yet. */
-    bool hasPendingEntries() const { return m_map->pendingCount() > 0; }
+    /* True while some entry of a map could not be built yet. */
+    bool hasPendingEntries() const;
     /* Tries to build the pending entries again; returns how many were built.
      * Only on the thread that serves the map. */
-    std::size_t buildPendingEntries() { return m_map->buildPending(); }
+    std::size_t buildPendingEntries();
 
     /* Builds what can be built by now first, so the description shows the
      * map as a request would find it. */
@@ -64,10 +81,14 @@ class DaemonCore {
 
     Log& m_log;
     FloatLayoutReport m_floatLayout;
-    std::unique_ptr<ScenarioPlayer> m_scenario;
+    std::unique_ptr<DataSource> m_source;
+    ScenarioPlayer* m_scenario = nullptr;  // within m_source
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
     std::unique_ptr<ServedMap> m_map;
     std::unique_ptr<RequestHandler> m_handler;
+    // The further units: their maps and handlers, in the order configured.
+    std::vector<std::unique_ptr<ServedMap>> m_unitMaps;
+    std::vector<std::unique_ptr<RequestHandler>> m_unitHandlers;
     Gate m_gate = Gate::Unknown;
 };
 

@@ -80,14 +80,9 @@ class PendingRetry {
     Clock::time_point m_next;
 };
 
-/* Plays the scenario events due now; true when any ran. */
-bool playScenario(ScenarioPlayer* scenario, Clock::time_point now) {
-    if (scenario == nullptr) {
-        return false;
-    }
-    std::size_t const before = scenario->played();
-    scenario->playDue(now);
-    return scenario->played() != before;
+/* Applies what the data source has due now; true when it changed the store. */
+bool updateSource(DataSource* source, Clock::time_point now) {
+    return source != nullptr && source->update(now);
 }
 
 }  // namespace
@@ -100,17 +95,23 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         deadline = start + std::chrono::duration_cast<Clock::duration>(
                                std::chrono::duration<double>(runSeconds));
     }
-    ScenarioPlayer* scenario = core.scenario();
-    if (scenario != nullptr) {
-        scenario->start(start);
+    DataSource* source = core.source();
+    if (source != nullptr) {
+        source->start(start);
     }
+    int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
     for (;;) {
-        auto const next = earlier(earlier(deadline, scenario ? scenario->nextDue() : std::nullopt),
-                                  retry.due(core));
+        auto const next =
+            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core));
+        // The source's descriptor, when it has one, goes last: the server's
+        // descriptors stay in the order it gave them.
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
         auto const served = server.pollSet();
         fds.insert(fds.end(), served.begin(), served.end());
+        if (sourceFd >= 0) {
+            fds.push_back({sourceFd, POLLIN, 0});
+        }
         int const ready = ::poll(fds.data(), fds.size(), waitMilliseconds(Clock::now(), next));
         if (ready < 0 && errno != EINTR) {
             log.error(std::string("poll failed: ") + std::strerror(errno));
@@ -120,9 +121,9 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
             return 0;
         }
         if (ready > 0) {
-            server.serve(fds.data() + 1, fds.size() - 1);
+            server.serve(fds.data() + 1, served.size());
         }
-        bool const played = playScenario(scenario, Clock::now());
+        bool const played = updateSource(source, Clock::now());
         retry.run(core, Clock::now(), played);
         core.watchAvailability();
         if (deadline && Clock::now() >= *deadline) {

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "sources/nut/NutEndpoint.h"
+
 namespace tarsel::daemon {
 
 namespace {
@@ -91,6 +93,14 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.port = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
         } else if (arg.name == "--unit-id") {
             options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
+        } else if (arg.name == "--nut") {
+            options.nutUpses.push_back(value());
+            nut::parseEndpoint(options.nutUpses.back());  // throws for a bad one
+        } else if (arg.name == "--nut-interval") {
+            options.nutInterval = secondsArgument(arg.name, value());
+            if (options.nutInterval < 0.05) {
+                throw std::invalid_argument("--nut-interval expects at least 0.05 seconds");
+            }
         } else if (arg.name == "--run-seconds") {
             options.runSeconds = secondsArgument(arg.name, value());
         } else {
@@ -114,6 +124,10 @@ Options:
   --port N              TCP port (default 1502; 0 picks a free port, logged)
   --unit-id N           Modbus unit id served, 1..247 (default 1); 0 and 255
                         are accepted too
+  --nut UPS[@HOST[:PORT]]
+                        serve a UPS of Network UPS Tools (upsd, port 3493
+                        by default) instead of a scenario; see README
+  --nut-interval N      seconds between two polls of upsd (default 1)
   --run-seconds N       stop by itself after N seconds (default: run until
                         SIGINT or SIGTERM)
   --verbose, -v         log pushes, writes, exceptions and scenario steps

@@ -21,6 +21,10 @@ struct Options {
     bool check = false;  // validate the map and the scenario, then exit
     std::optional<DescribeFormat> describe;
     double describeAt = 0.0;  // seconds of scenario played before describing
+    // UPSes of Network UPS Tools to serve instead of a scenario, as
+    // "ups[@host[:port]]"; the first is the UPS the map's device 2 stands for.
+    std::vector<std::string> nutUpses;
+    double nutInterval = 1.0;  // seconds between two polls of a UPS
 };
 
 /* Parses argv; throws std::invalid_argument with a message for the user. */

@@ -115,6 +115,9 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
         return refuse(answer, ec::kIllegalDataValue);
     }
     std::uint8_t const unit = frame[6];
+    if (auto const routed = m_units.find(unit); routed != m_units.end()) {
+        return routed->second->handle(frame, length);
+    }
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
     answer.function = pdu[0];
@@ -140,6 +143,9 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
     }
     if (std::uint32_t{answer.address} + answer.quantity > 0x10000) {
         return refuse(answer, ec::kIllegalDataAddress);
+    }
+    if (answer.function > kReadInputRegisters && m_writesRefused) {
+        return refuse(answer, ec::kIllegalFunction);
     }
     return answer.function <= kReadInputRegisters ? read(answer, pduLength)
                                                   : write(answer, pdu, pduLength);

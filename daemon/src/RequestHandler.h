@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <vector>
 
 #include "Log.h"
@@ -42,6 +43,13 @@ class RequestHandler {
     /* A whole Modbus TCP frame (7-byte header, then the PDU). */
     Answer handle(std::uint8_t const* frame, std::size_t length);
 
+    /* Hands requests for another unit id to that unit's handler (one
+     * gateway, several devices behind it). */
+    void routeUnit(std::uint8_t unitId, RequestHandler& handler) { m_units[unitId] = &handler; }
+    /* Answers every write with Illegal Function: for data that lives
+     * elsewhere (a UPS behind upsd) and cannot be written back. */
+    void refuseWrites() { m_writesRefused = true; }
+
   private:
     Answer read(Answer answer, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
@@ -54,6 +62,8 @@ class RequestHandler {
     modbus::MapAvailableAccessor& m_availability;
     Log& m_log;
     std::uint8_t m_unitId;
+    std::map<std::uint8_t, RequestHandler*> m_units;
+    bool m_writesRefused = false;
 };
 
 }  // namespace tarsel::daemon

@@ -12,6 +12,7 @@
 #include "Scenario.h"
 #include "SignalPipe.h"
 #include "cdshost/store.h"
+#include "sources/nut/NutSource.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ using namespace tarsel::daemon;
 constexpr int kExitBadInput = 2;
 
 std::optional<Scenario> loadScenario(Options const& options) {
-    if (options.scenarioFile == "none") {
+    if (options.scenarioFile == "none" || !options.nutUpses.empty()) {
         return std::nullopt;
     }
     return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
@@ -30,6 +31,19 @@ std::optional<Scenario> loadScenario(Options const& options) {
 RegisterMapSpec loadMap(Options const& options) {
     return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
                                                     : readTextFile(options.mapFile));
+}
+
+/* The NUT source of --nut; nothing without it. */
+std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
+    if (options.nutUpses.empty()) {
+        return nullptr;
+    }
+    nut::SourceConfig config;
+    for (auto const& ups : options.nutUpses) {
+        config.upses.push_back(nut::parseEndpoint(ups));
+    }
+    config.interval = std::chrono::milliseconds(static_cast<long>(options.nutInterval * 1000));
+    return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
 int serve(Options const& options, CoreConfig config, Log& log) {
@@ -74,6 +88,22 @@ int run(Options const& options, Log& log) {
         return 0;
     }
     config.unitId = static_cast<std::uint8_t>(options.unitId);
+    config.source = makeNutSource(options, log);
+    // Writes back to a UPS (SET VAR, INSTCMD) are not served: a write would
+    // only change the daemon's copy of a value upsd owns.
+    config.readOnly = !options.nutUpses.empty();
+    // Each further UPS is served under the next unit id, with the map
+    // moved onto its device.
+    for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
+        std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
+        if (unit > 247) {
+            log.error("--nut: UPS " + options.nutUpses[k] + " would be unit id " +
+                      std::to_string(unit) + ", above 247");
+            return kExitBadInput;
+        }
+        config.moreUnits.push_back(
+            {static_cast<std::uint8_t>(unit), nut::mapForUps(config.map, k)});
+    }
     int const status = serve(options, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +

@@ -3,6 +3,7 @@
 
 #include "DaemonTestSupport.h"
 #include "EmbeddedDefaults.h"
+#include "sources/nut/NutSource.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -98,6 +99,46 @@ TEST(DaemonCoreTest, FloatLayoutIsLoggedAtStart) {
               std::string::npos);
     EXPECT_NE(daemon.logText().find("byte order 1 (badc helpers): 12.5 is served as"),
               std::string::npos);
+}
+
+TEST(DaemonCoreTest, FurtherUnitsAreServedFromTheirOwnMaps) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [
+      {"id": 2, "name": "first", "channels": {
+        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
+      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
+    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    DaemonCore core(std::move(config), log);
+    auto ask = [&](std::uint8_t unit) {
+        auto const bytes = testing::request(3, 0, 2, unit);
+        return core.handler().handle(bytes.data(), bytes.size());
+    };
+    EXPECT_EQ(ask(1).registers, (std::vector<std::uint16_t>{0, 5}));
+    EXPECT_EQ(ask(9).registers, (std::vector<std::uint16_t>{0, 7}));
+    EXPECT_EQ(ask(4).exception, exception_code::kGatewayTargetFailed);
+}
+
+TEST(DaemonCoreTest, AReadOnlyCoreRefusesWritesWithIllegalFunction) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})");
+    config.readOnly = true;
+    DaemonCore core(std::move(config), log);
+    auto const write = testing::writeRegisters(0, {0, 9});
+    EXPECT_EQ(core.handler().handle(write.data(), write.size()).exception,
+              exception_code::kIllegalFunction);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(5));
+    auto const read = testing::request(3, 0, 2);
+    EXPECT_EQ(core.handler().handle(read.data(), read.size()).registers,
+              (std::vector<std::uint16_t>{0, 5}));
 }
 
 }  // namespace

@@ -48,5 +48,15 @@ TEST(OptionsTest, BadValuesAreRefusedWithAMessage) {
     }
 }
 
+TEST(OptionsTest, NutUpsesAreCollectedInOrderWithTheirPollInterval) {
+    Options const options =
+        parseOptions({"--nut", "first@127.0.0.1:3493", "--nut=second", "--nut-interval", "0.5"});
+    EXPECT_EQ(options.nutUpses, (std::vector<std::string>{"first@127.0.0.1:3493", "second"}));
+    EXPECT_EQ(options.nutInterval, 0.5);
+    EXPECT_EQ(parseOptions({}).nutInterval, 1.0);
+    EXPECT_THROW(parseOptions({"--nut", "@host"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--nut-interval", "0.01"}), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

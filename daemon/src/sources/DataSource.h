@@ -1,0 +1,39 @@
+// Where the served values come from: something that keeps the data store in
+// step with a world outside the daemon (a scenario, a UPS behind upsd). The
+// daemon's loop drives it on the loop's thread, so every change it makes to
+// the store, and every notification that change fires, happens on the thread
+// that also serves the Modbus clients.
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+namespace tarsel::daemon {
+
+class DataSource {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    virtual ~DataSource() = default;
+
+    /* Puts what is there from the start into the store, before the register
+     * map is built. */
+    virtual void seed() {}
+    /* The loop is about to run; times count from `now`. */
+    virtual void start(Clock::time_point now) = 0;
+    /* A descriptor that turns readable when the source has something for the
+     * loop (changes fetched on another thread); -1 when it has none. */
+    virtual int wakeDescriptor() const { return -1; }
+    /* When update() has timed work to do next; nothing when it has none. */
+    virtual std::optional<Clock::time_point> nextDue() const = 0;
+    /* Applies to the store what is due at `now`; true when it changed the
+     * store. Only on the loop's thread. */
+    virtual bool update(Clock::time_point now) = 0;
+
+  protected:
+    DataSource() = default;
+    DataSource(DataSource const&) = delete;
+    DataSource& operator=(DataSource const&) = delete;
+};
+
+}  // namespace tarsel::daemon

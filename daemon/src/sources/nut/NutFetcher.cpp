@@ -1,0 +1,129 @@
+// The fetcher over NUT's client library (libupsclient): one TCP connection
+// per UPS, opened again after any failure. Nothing waits for ever: the
+// connect is bounded by our timeout, and the library itself waits at most
+// 5 s for each line of an answer and never for a send, so a upsd that takes
+// a request and never answers it (SIGSTOPped, say) costs one such wait, not
+// a hung thread. (NUT's C++ client blocks on reads without a bound.)
+// upsclient.h uses uint16_t without including its header.
+#include <cstdint>
+
+#include <sys/time.h>
+#include <upsclient.h>
+
+#include <mutex>
+
+#include "Poller.h"
+
+namespace tarsel::daemon::nut {
+
+namespace {
+
+/* The library's global set-up, once for the process, before any thread
+ * connects. No certificates: upsd on this machine or the local network. */
+void initialiseClientLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { upscli_init(0, nullptr, nullptr, nullptr); });
+}
+
+timeval toTimeval(std::chrono::seconds timeout) {
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(timeout.count());
+    return tv;
+}
+
+class NutFetcher : public Fetcher {
+  public:
+    NutFetcher(Endpoint endpoint, std::chrono::seconds timeout)
+        : m_endpoint(std::move(endpoint)), m_timeout(timeout) {
+        initialiseClientLibrary();
+    }
+
+    ~NutFetcher() override { disconnect(); }
+
+    NutFetcher(NutFetcher const&) = delete;
+    NutFetcher& operator=(NutFetcher const&) = delete;
+
+    Reading fetch() override {
+        Reading reading;
+        if (!connect(reading)) {
+            return reading;
+        }
+        char const* query[] = {"VAR", m_endpoint.ups.c_str()};
+        if (upscli_list_start(&m_connection, 2, query) < 0) {
+            return failure();
+        }
+        std::size_t count = 0;
+        char** answer = nullptr;
+        int more = 0;
+        // Each line is VAR <ups> <name> <value>.
+        while ((more = upscli_list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+            if (count >= 4) {
+                reading.variables.emplace(answer[2], answer[3]);
+            }
+        }
+        if (more < 0) {
+            return failure();
+        }
+        reading.state = Reading::State::Fresh;
+        return reading;
+    }
+
+  private:
+    bool connect(Reading& reading) {
+        if (m_connected) {
+            return true;
+        }
+        timeval tv = toTimeval(m_timeout);
+        if (upscli_tryconnect(&m_connection, m_endpoint.host.c_str(), m_endpoint.port, 0, &tv) <
+            0) {
+            reading.state = Reading::State::Unreachable;
+            reading.detail = upscli_strerror(&m_connection);
+            upscli_disconnect(&m_connection);
+            return false;
+        }
+        m_connected = true;
+        return true;
+    }
+
+    /* What upsd's refusal, or the connection's failure, means. */
+    Reading failure() {
+        Reading reading;
+        reading.detail = upscli_strerror(&m_connection);
+        switch (upscli_upserror(&m_connection)) {
+            case UPSCLI_ERR_DATASTALE:
+            case UPSCLI_ERR_DRVNOTCONN:
+                reading.state = Reading::State::Stale;
+                break;
+            case UPSCLI_ERR_UNKNOWNUPS:
+                reading.state = Reading::State::Unknown;
+                break;
+            default:
+                // Timeouts, resets, a upsd that went away or answered
+                // nonsense: start with a new connection next time.
+                reading.state = Reading::State::Unreachable;
+                disconnect();
+                break;
+        }
+        return reading;
+    }
+
+    void disconnect() {
+        if (m_connected) {
+            upscli_disconnect(&m_connection);
+            m_connected = false;
+        }
+    }
+
+    Endpoint const m_endpoint;
+    std::chrono::seconds const m_timeout;
+    UPSCONN_t m_connection{};
+    bool m_connected = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Fetcher> makeNutFetcher(Endpoint endpoint, std::chrono::seconds timeout) {
+    return std::make_unique<NutFetcher>(std::move(endpoint), timeout);
+}
+
+}  // namespace tarsel::daemon::nut

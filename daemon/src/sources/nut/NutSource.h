@@ -1,0 +1,84 @@
+// Network UPS Tools as the data source: each configured UPS is polled by a
+// Poller on its own thread and mirrored in the store by a UpsMirror on the
+// loop's thread, where the library hears the changes.
+//
+// What NUT's faults look like in the store (and so on the Modbus side):
+//  - fresh data: the UPS's device is there, in step with upsd.
+//  - data stale (the driver is gone or silent), the UPS unknown to upsd
+//    (removed from its configuration), upsd unreachable (down, restarting,
+//    hung: no answer within 5 s): the UPS's device is removed, so
+//    every entry over it reads as the map's unavailable value; the device is
+//    built again as soon as upsd gives fresh data, without any restart.
+//  - a variable that disappears: its channel is removed (entries over it
+//    read as unavailable) and comes back when the variable does.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "Log.h"
+#include "MapModel.h"
+#include "NutEndpoint.h"
+#include "Poller.h"
+#include "UpsMirror.h"
+#include "WakePipe.h"
+#include "sources/DataSource.h"
+
+namespace tarsel::daemon::nut {
+
+struct SourceConfig {
+    std::vector<Endpoint> upses;
+    std::chrono::milliseconds interval{1000};
+    // How long connecting to upsd may take before it counts as a failure
+    // (an answer is waited for at most 5 s by NUT's client library).
+    std::chrono::seconds timeout{2};
+};
+
+/* The first UPS's device id: the one the availability check reads. Further
+ * UPSes follow it (3, 4, ...). */
+constexpr cdshost::Id kFirstUpsDevice = 2;
+
+/* The map of the UPS at `index` among those configured, from the map of the
+ * first: every source on the first UPS's device goes to that UPS's device
+ * (sources found by name stay as they are). */
+RegisterMapSpec mapForUps(RegisterMapSpec map, std::size_t index);
+
+class Source : public DataSource {
+  public:
+    using FetcherFactory = std::function<std::unique_ptr<Fetcher>(Endpoint const&)>;
+
+    Source(SourceConfig config, cdshost::Store& store, Log& log);
+    /* With another way to reach upsd (tests, benchmarks). */
+    Source(SourceConfig config, cdshost::Store& store, Log& log, FetcherFactory fetchers);
+    ~Source() override;
+
+    void start(Clock::time_point now) override;
+    int wakeDescriptor() const override { return m_wake.fd(); }
+    std::optional<Clock::time_point> nextDue() const override { return std::nullopt; }
+    bool update(Clock::time_point now) override;
+
+    UpsMirror const& mirror(std::size_t index) const { return *m_upses.at(index).mirror; }
+
+  private:
+    struct Ups {
+        Endpoint endpoint;
+        std::unique_ptr<UpsMirror> mirror;
+        std::unique_ptr<Poller> poller;
+        std::optional<Reading::State> state;  // as last logged
+    };
+
+    bool apply(Ups& ups, Reading const& reading);
+    void logState(Ups& ups, Reading const& reading);
+    void logListenerFailures(Ups const& ups);
+
+    SourceConfig const m_config;
+    cdshost::Store& m_store;
+    Log& m_log;
+    FetcherFactory m_fetchers;
+    IdPool m_ids;
+    WakePipe m_wake;
+    std::vector<Ups> m_upses;
+};
+
+}  // namespace tarsel::daemon::nut

@@ -1,0 +1,81 @@
+#include "Poller.h"
+
+#include <algorithm>
+
+namespace tarsel::daemon::nut {
+
+char const* stateName(Reading::State state) {
+    switch (state) {
+        case Reading::State::Fresh:
+            return "fresh";
+        case Reading::State::Stale:
+            return "stale";
+        case Reading::State::Unknown:
+            return "unknown to upsd";
+        case Reading::State::Unreachable:
+            return "upsd unreachable";
+    }
+    return "?";
+}
+
+Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake)
+    : m_fetcher(std::move(fetcher)),
+      m_interval(interval),
+      m_wake(std::move(wake)),
+      m_thread([this] { run(); }) {}
+
+Poller::~Poller() {
+    requestStop();
+    m_thread.join();
+}
+
+void Poller::requestStop() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_stopped.notify_all();
+}
+
+std::optional<Reading> Poller::take() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::optional<Reading> reading = std::move(m_latest);
+    m_latest.reset();
+    return reading;
+}
+
+std::size_t Poller::polls() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_polls;
+}
+
+void Poller::run() {
+    auto next = std::chrono::steady_clock::now();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        lock.unlock();
+        Reading reading = m_fetcher->fetch();
+        reading.fetched = std::chrono::steady_clock::now();
+        publish(std::move(reading));
+        lock.lock();
+        ++m_polls;
+        // Polls keep their rhythm; one that took longer than the interval
+        // is followed at once by the next.
+        next = std::max(next + m_interval, std::chrono::steady_clock::now());
+        m_stopped.wait_until(lock, next, [this] { return m_stop; });
+    }
+}
+
+void Poller::publish(Reading reading) {
+    if (m_handed && m_handed->sameAs(reading)) {
+        return;  // nothing new: the loop is not woken
+    }
+    m_handed = reading;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_latest = std::move(reading);
+    }
+    m_wake();
+}
+
+}  // namespace tarsel::daemon::nut

@@ -1,0 +1,68 @@
+// Polls one UPS of one upsd on a thread of its own: one LIST VAR per poll,
+// so a slow, hung or absent upsd never holds up the Modbus loop. What a poll
+// finds is kept for the loop to take (only the latest, only when it differs
+// from what was handed before) and the loop is woken.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "NutEndpoint.h"
+#include "Reading.h"
+
+namespace tarsel::daemon::nut {
+
+/* One round trip to upsd for a UPS's variables. */
+class Fetcher {
+  public:
+    virtual ~Fetcher() = default;
+    virtual Reading fetch() = 0;
+};
+
+class Poller {
+  public:
+    using Wake = std::function<void()>;
+
+    /* Starts polling at once, every `interval`. */
+    Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake);
+    /* Stops the thread; waits at most for the round trip in progress, which
+     * the fetcher's timeout bounds. */
+    ~Poller();
+
+    /* Asks the thread to stop after the round trip in progress, without
+     * waiting: stopping many pollers costs one timeout, not one each. */
+    void requestStop();
+
+    Poller(Poller const&) = delete;
+    Poller& operator=(Poller const&) = delete;
+
+    /* The latest reading not taken yet. Any thread. */
+    std::optional<Reading> take();
+    /* Polls made so far. */
+    std::size_t polls() const;
+
+  private:
+    void run();
+    void publish(Reading reading);
+
+    std::unique_ptr<Fetcher> m_fetcher;
+    std::chrono::milliseconds const m_interval;
+    Wake const m_wake;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_stopped;
+    bool m_stop = false;
+    std::optional<Reading> m_latest;  // handed, not taken yet
+    std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
+    std::size_t m_polls = 0;
+    std::thread m_thread;  // last: started when everything else is ready
+};
+
+/* Fetches through NUT's client library, reconnecting as needed; a connect is
+ * bounded by `timeout`, an answer by the library's own 5 s. */
+std::unique_ptr<Fetcher> makeNutFetcher(Endpoint endpoint, std::chrono::seconds timeout);
+
+}  // namespace tarsel::daemon::nut

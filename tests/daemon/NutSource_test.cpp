@@ -1,0 +1,193 @@
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include <mutex>
+#include <sstream>
+
+#include "sources/nut/NutSource.h"
+
+namespace tarsel::daemon::nut {
+namespace {
+
+using namespace std::chrono_literals;
+
+/* Every UPS answers what the test set for it last. */
+struct FakeUpsd {
+    std::mutex mutex;
+    std::map<std::string, Reading> readings;
+
+    void set(std::string const& ups, Reading reading) {
+        std::lock_guard<std::mutex> lock(mutex);
+        readings[ups] = std::move(reading);
+    }
+    Reading get(std::string const& ups) {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto const found = readings.find(ups);
+        return found != readings.end() ? found->second : Reading{};
+    }
+};
+
+class FakeFetcher : public Fetcher {
+  public:
+    FakeFetcher(FakeUpsd& upsd, std::string ups) : m_upsd(upsd), m_ups(std::move(ups)) {}
+    Reading fetch() override { return m_upsd.get(m_ups); }
+
+  private:
+    FakeUpsd& m_upsd;
+    std::string m_ups;
+};
+
+Reading fresh(Variables variables) {
+    Reading reading;
+    reading.state = Reading::State::Fresh;
+    reading.variables = std::move(variables);
+    return reading;
+}
+
+Reading failed(Reading::State state, std::string detail) {
+    Reading reading;
+    reading.state = state;
+    reading.detail = std::move(detail);
+    return reading;
+}
+
+class NutSourceTest : public ::testing::Test {
+  protected:
+    void SetUp() override { m_store.reset(); }
+    void TearDown() override {
+        m_source.reset();
+        m_store.reset();
+    }
+
+    void start(std::vector<std::string> const& upses) {
+        SourceConfig config;
+        for (auto const& ups : upses) {
+            config.upses.push_back(parseEndpoint(ups + "@127.0.0.1:1"));
+        }
+        config.interval = 10ms;
+        m_source =
+            std::make_unique<Source>(config, m_store, m_log, [this](Endpoint const& endpoint) {
+                return std::make_unique<FakeFetcher>(m_upsd, endpoint.ups);
+            });
+        m_source->start(DataSource::Clock::now());
+    }
+
+    /* Runs the loop's side, bounded, until the condition holds. */
+    template <typename Condition>
+    bool loopUntil(Condition condition) {
+        for (int i = 0; i < 200 && !condition(); ++i) {
+            pollfd fd{m_source->wakeDescriptor(), POLLIN, 0};
+            ::poll(&fd, 1, 10);
+            m_source->update(DataSource::Clock::now());
+        }
+        return condition();
+    }
+
+    kq::CValue value(cdshost::Id device, std::string const& channel) const {
+        return m_store.channelValue(m_store.channelId(device, channel));
+    }
+
+    cdshost::Store& m_store = cdshost::Store::instance();
+    std::ostringstream m_logText;
+    Log m_log{m_logText};
+    FakeUpsd m_upsd;
+    std::unique_ptr<Source> m_source;
+};
+
+TEST_F(NutSourceTest, FreshDataBuildsTheUpsAsDevice2) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}, {"ups.status", "OL"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    EXPECT_EQ(value(kFirstUpsDevice, "battery.charge"), kq::CValue(97));
+}
+
+TEST_F(NutSourceTest, ChangesReachTheStoreOnTheLoopsThread) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    m_upsd.set("ups", fresh({{"battery.charge", "96"}}));
+    EXPECT_TRUE(
+        loopUntil([&] { return value(kFirstUpsDevice, "battery.charge") == kq::CValue(96); }));
+}
+
+TEST_F(NutSourceTest, StaleDataRemovesTheDeviceUntilFreshDataReturns) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    m_upsd.set("ups", failed(Reading::State::Stale, "DATA-STALE"));
+    ASSERT_TRUE(loopUntil([&] { return !m_store.hasDevice(kFirstUpsDevice); }));
+    EXPECT_NE(m_logText.str().find("stale: DATA-STALE"), std::string::npos) << m_logText.str();
+    m_upsd.set("ups", fresh({{"battery.charge", "95"}}));
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    EXPECT_EQ(value(kFirstUpsDevice, "battery.charge"), kq::CValue(95));
+}
+
+TEST_F(NutSourceTest, AnUnreachableUpsdOrAnUnknownUpsRemovesTheDevice) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    m_upsd.set("ups", failed(Reading::State::Unreachable, "Connection refused"));
+    ASSERT_TRUE(loopUntil([&] { return !m_store.hasDevice(kFirstUpsDevice); }));
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    m_upsd.set("ups", failed(Reading::State::Unknown, "UNKNOWN-UPS"));
+    EXPECT_TRUE(loopUntil([&] { return !m_store.hasDevice(kFirstUpsDevice); }));
+}
+
+TEST_F(NutSourceTest, EachUpsHasADeviceOfItsOwn) {
+    m_upsd.set("first", fresh({{"battery.charge", "97"}}));
+    m_upsd.set("second", fresh({{"battery.charge", "12"}}));
+    start({"first", "second"});
+    ASSERT_TRUE(loopUntil([&] {
+        return m_store.hasDevice(kFirstUpsDevice) && m_store.hasDevice(kFirstUpsDevice + 1);
+    }));
+    EXPECT_EQ(value(kFirstUpsDevice, "battery.charge"), kq::CValue(97));
+    EXPECT_EQ(value(kFirstUpsDevice + 1, "battery.charge"), kq::CValue(12));
+}
+
+TEST_F(NutSourceTest, AStoreChangedBehindItsBackIsRebuilt) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    m_store.removeChannel(m_store.channelId(kFirstUpsDevice, "battery.charge"));
+    m_upsd.set("ups", fresh({{"battery.charge", "96"}}));
+    ASSERT_TRUE(loopUntil([&] {
+        return m_store.channelId(kFirstUpsDevice, "battery.charge") != 0 &&
+               value(kFirstUpsDevice, "battery.charge") == kq::CValue(96);
+    }));
+    EXPECT_NE(m_logText.str().find("rebuilding its device"), std::string::npos);
+}
+
+TEST(NutEndpoint, ParsesUpscStyleNames) {
+    auto const full = parseEndpoint("ups1@10.0.0.5:3494");
+    EXPECT_EQ(full.ups, "ups1");
+    EXPECT_EQ(full.host, "10.0.0.5");
+    EXPECT_EQ(full.port, 3494);
+    auto const bare = parseEndpoint("ups2");
+    EXPECT_EQ(bare.host, "localhost");
+    EXPECT_EQ(bare.port, 3493);
+    EXPECT_THROW(parseEndpoint("@host"), std::invalid_argument);
+    EXPECT_THROW(parseEndpoint("ups@host:99999"), std::invalid_argument);
+    EXPECT_THROW(parseEndpoint("ups@host:x"), std::invalid_argument);
+}
+
+TEST(NutSourceMaps, AFurtherUpsGetsTheMapMovedOntoItsDevice) {
+    RegisterMapSpec map;
+    EntrySpec entry;
+    SourceSpec onFirst;
+    onFirst.device.id = kFirstUpsDevice;
+    SourceSpec byName;
+    byName.device.name = "Card";
+    SourceSpec elsewhere;
+    elsewhere.device.id = 1;
+    entry.sources = {onFirst, byName, elsewhere};
+    map.entries.push_back(entry);
+    auto const moved = mapForUps(map, 2);
+    EXPECT_EQ(moved.entries[0].sources[0].device.id, kFirstUpsDevice + 2);
+    EXPECT_FALSE(moved.entries[0].sources[1].device.id);
+    EXPECT_EQ(moved.entries[0].sources[2].device.id, 1u);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon::nut

@@ -1,0 +1,160 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "sources/nut/Poller.h"
+
+namespace tarsel::daemon::nut {
+namespace {
+
+using namespace std::chrono_literals;
+
+/* Answers what the test set last; can be held inside a round trip. */
+class ScriptedFetcher : public Fetcher {
+  public:
+    struct Script {
+        std::mutex mutex;
+        std::condition_variable changed;
+        Reading reading;
+        bool held = false;
+        std::atomic<int> entered{0};
+        std::atomic<int> fetches{0};
+    };
+
+    explicit ScriptedFetcher(Script& script) : m_script(script) {}
+
+    Reading fetch() override {
+        ++m_script.entered;
+        std::unique_lock<std::mutex> lock(m_script.mutex);
+        m_script.changed.wait(lock, [this] { return !m_script.held; });
+        ++m_script.fetches;
+        return m_script.reading;
+    }
+
+  private:
+    Script& m_script;
+};
+
+Reading fresh(std::string const& charge) {
+    Reading reading;
+    reading.state = Reading::State::Fresh;
+    reading.variables = {{"battery.charge", charge}};
+    return reading;
+}
+
+/* Waits, bounded, until the condition holds. */
+template <typename Condition>
+bool eventually(Condition condition) {
+    for (int i = 0; i < 400; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
+TEST(Poller, HandsTheFirstReadingAndWakesTheLoop) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    std::atomic<int> wakes{0};
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 5ms, [&] { ++wakes; });
+    ASSERT_TRUE(eventually([&] { return wakes > 0; }));
+    auto const reading = poller.take();
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->variables.at("battery.charge"), "100");
+}
+
+TEST(Poller, ARepeatedReadingIsNotHandedAgain) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    std::atomic<int> wakes{0};
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 5ms, [&] { ++wakes; });
+    ASSERT_TRUE(eventually([&] { return script.fetches >= 5; }));
+    EXPECT_EQ(wakes, 1);
+    EXPECT_TRUE(poller.take());
+    EXPECT_FALSE(poller.take());
+}
+
+TEST(Poller, OnlyTheLatestReadingIsKept) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return script.fetches >= 1; }));
+    {
+        std::lock_guard<std::mutex> lock(script.mutex);
+        script.reading = fresh("90");
+    }
+    int const before = script.fetches;
+    ASSERT_TRUE(eventually([&] { return script.fetches >= before + 2; }));
+    auto const reading = poller.take();
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->variables.at("battery.charge"), "90");
+}
+
+TEST(Poller, AHungRoundTripDoesNotHoldUpTheTaker) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    script.held = true;
+    auto poller = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(script), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return script.entered >= 1; }));
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(poller->take());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms);
+    {
+        std::lock_guard<std::mutex> lock(script.mutex);
+        script.held = false;
+    }
+    script.changed.notify_all();
+    poller.reset();  // joins once the round trip is over
+    EXPECT_GE(script.fetches, 1);
+}
+
+TEST(Poller, StateChangesAreHanded) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    std::atomic<int> wakes{0};
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 5ms, [&] { ++wakes; });
+    ASSERT_TRUE(eventually([&] { return wakes == 1; }));
+    poller.take();
+    {
+        std::lock_guard<std::mutex> lock(script.mutex);
+        script.reading = Reading{};
+        script.reading.state = Reading::State::Stale;
+        script.reading.detail = "DATA-STALE";
+    }
+    ASSERT_TRUE(eventually([&] { return wakes == 2; }));
+    auto const reading = poller.take();
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->state, Reading::State::Stale);
+}
+
+TEST(Poller, PollersAskedToStopTogetherEndInOneRoundTrip) {
+    ScriptedFetcher::Script first;
+    ScriptedFetcher::Script second;
+    first.held = second.held = true;
+    auto a = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(first), 5ms, [] {});
+    auto b = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(second), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return first.entered >= 1 && second.entered >= 1; }));
+    a->requestStop();
+    b->requestStop();
+    for (auto* script : {&first, &second}) {
+        {
+            std::lock_guard<std::mutex> lock(script->mutex);
+            script->held = false;
+        }
+        script->changed.notify_all();
+    }
+    a.reset();
+    b.reset();
+    EXPECT_EQ(first.fetches, 1) << "no poll after the stop was asked for";
+    EXPECT_EQ(second.fetches, 1);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon::nut

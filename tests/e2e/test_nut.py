@@ -1,0 +1,286 @@
+"""tarsel-modbusd serving a UPS of Network UPS Tools: a upsd and dummy-ups of
+our own on loopback, pymodbus as the Modbus client.
+
+The daemon polls every POLL_S; a change upsd has must be served within one
+poll interval plus a second. upsd, its drivers and the daemon are stopped by
+their process ids.
+"""
+import copy
+import json
+import struct
+import subprocess
+import time
+import unittest
+
+from harness import DAEMON, Daemon
+from nut_harness import NUT_MAP, Upsd, demo_dev
+
+POLL_S = 0.5
+SERVED_LIMIT_S = POLL_S + 1.0
+# How long NUT's client library waits for an answer from upsd before the
+# daemon counts it as unreachable (5 s), plus a poll and some slack for a
+# loaded machine.
+FAULT_LIMIT_S = 5.0 + POLL_S + 3.0
+SENTINEL = 0xFFFF
+UNIT = 1  # the daemon's default; a test with --unit-id names its units
+
+# Input registers and discrete inputs of the shipped NUT map.
+NAME, SERIAL, FIRMWARE = 0, 24, 32
+INPUT_VOLTAGE, INPUT_FREQUENCY = 50, 52
+OUTPUT_VOLTAGE = 53
+LOAD, REALPOWER, CHARGE, RUNTIME = 57, 58, 60, 61
+BATTERY_TEMPERATURE, UPS_TEMPERATURE, STATUS_WORD, OPERATING_STATUS = 64, 65, 66, 67
+OUTLET2_STATUS = 116
+TOKENS = ["OL", "OB", "LB", "HB", "RB", "CHRG", "DISCHRG", "BYPASS", "CAL", "OFF", "OVER", "TRIM",
+          "BOOST", "FSD"]
+
+
+def text(registers):
+    raw = b"".join(struct.pack(">H", r) for r in registers)
+    return raw.split(b"\0", 1)[0].decode("ascii")
+
+
+def read_layouts():
+    out = subprocess.run([DAEMON, "--describe=json", "--scenario", "none"], check=True,
+                         capture_output=True, text=True, timeout=30).stdout
+    return {l["byteOrder"]: l["readLayout"] for l in json.loads(out)["floatLayout"]["layouts"]}
+
+
+def decode_float(registers, layout):
+    """A float served in a layout such as "CDAB" (A the most significant byte)."""
+    raw = struct.pack(">HH", *registers)
+    by_letter = {"ABCD"[i]: raw[layout.index("ABCD"[i])] for i in range(4)}
+    return struct.unpack(">f", bytes(by_letter[c] for c in "ABCD"))[0]
+
+
+def signed(word):
+    return word - 0x10000 if word & 0x8000 else word
+
+
+def dev_without(lines_starting):
+    return "".join(line + "\n" for line in demo_dev().splitlines()
+                   if not line.startswith(tuple(lines_starting)))
+
+
+class NutTest(unittest.TestCase):
+    def setUp(self):
+        self.upsd = None
+        self.daemon = None
+        self.client = None
+
+    def tearDown(self):
+        if self.client is not None:
+            self.client.close()
+        if self.daemon is not None and self.daemon.alive():
+            self.daemon.stop()
+        if self.upsd is not None:
+            self.upsd.stop()
+
+    def start(self, upses, args=()):
+        self.upsd = Upsd(upses)
+        nut_args = []
+        for name in upses:
+            nut_args += ["--nut", self.upsd.endpoint(name)]
+        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S)] + nut_args +
+                             list(args))
+        self.client = self.daemon.client()
+        first_unit = int(args[list(args).index("--unit-id") + 1]) if "--unit-id" in args else UNIT
+        self.wait_until(lambda: self.registers(OPERATING_STATUS, 1, unit=first_unit) == [16], 10.0,
+                        "the map never opened")
+
+    def registers(self, address, count, unit=UNIT):
+        """The registers, or None when the daemon answered with an exception."""
+        response = self.client.read_input_registers(address, count, slave=unit)
+        return None if response.isError() else list(response.registers)
+
+    def discretes(self, count=len(TOKENS), unit=UNIT):
+        response = self.client.read_discrete_inputs(0, count, slave=unit)
+        self.assertFalse(response.isError(), str(response))
+        return dict(zip(TOKENS, response.bits[:count]))
+
+    def wait_until(self, condition, limit_s, message):
+        deadline = time.monotonic() + limit_s
+        while time.monotonic() < deadline:
+            if condition():
+                return time.monotonic()
+            time.sleep(0.05)
+        self.assertTrue(condition(), message + "\n" + "\n".join(self.daemon.log_lines[-20:]))
+        return time.monotonic()
+
+    def test_values_of_our_dev_file_are_served(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        layouts = read_layouts()
+        self.assertEqual(text(self.registers(NAME, 8)), "bench")
+        self.assertEqual(text(self.registers(SERIAL, 8)), "DUMMY-0042")
+        self.assertEqual(text(self.registers(FIRMWARE, 4)), "3.1.4")
+        self.assertAlmostEqual(decode_float(self.registers(INPUT_VOLTAGE, 2), layouts[0]), 230.4,
+                               places=3)
+        self.assertAlmostEqual(decode_float(self.registers(OUTPUT_VOLTAGE, 2), layouts[1]), 229.8,
+                               places=3)
+        self.assertEqual(self.registers(INPUT_FREQUENCY, 1), [500])
+        self.assertEqual(self.registers(LOAD, 1), [23])
+        self.assertEqual(self.registers(REALPOWER, 2), [0, 312])
+        self.assertEqual(self.registers(CHARGE, 1), [100])
+        self.assertEqual(self.registers(RUNTIME, 2), [0, 2700])
+        self.assertEqual(self.registers(BATTERY_TEMPERATURE, 1), [375])  # -2.5 C * 10 + 400
+        self.assertEqual(signed(self.registers(UPS_TEMPERATURE, 1)[0]), 31)
+        self.assertEqual(self.registers(OUTLET2_STATUS, 2)[0], ord("o") << 8 | ord("f"))
+        status = self.discretes()
+        self.assertEqual({t for t, on in status.items() if on}, {"OL", "CHRG"})
+        self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 0 | 1 << 5])
+
+    def test_sequence_changes_are_served_within_one_poll_interval_plus_a_second(self):
+        sequence = dev_without(["battery.charge:"]) + "battery.charge: 100\nTIMER 3\n" + \
+            "battery.charge: 80\nTIMER 3\nbattery.charge: 60\nTIMER 3\n"
+        self.start({"seq": ("seq.seq", sequence)})
+        seen = []
+        last = None
+        deadline = time.monotonic() + 14
+        while len(seen) < 3 and time.monotonic() < deadline:
+            value = self.upsd.upsc("seq", "battery.charge")
+            if value is not None and value != last:
+                changed = time.monotonic()
+                last = value
+                served = self.wait_until(lambda: self.registers(CHARGE, 1) == [int(value)],
+                                         SERVED_LIMIT_S, "battery.charge " + value + " not served")
+                seen.append((value, round(served - changed, 2)))
+            time.sleep(0.05)
+        self.assertGreaterEqual(len(seen), 3, seen)
+        self.assertGreater(len({v for v, _ in seen}), 1, seen)
+
+    def test_an_outlet_appears_and_disappears(self):
+        self.start({"bench": ("bench.dev", dev_without(["outlet.2."]))})
+        self.assertEqual(self.registers(OUTLET2_STATUS, 2), [SENTINEL, SENTINEL])
+        self.upsd.write_file("bench.dev", demo_dev())
+        self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == [ord("o") << 8 | ord("f"),
+                                                                     ord("f") << 8],
+                        5.0 + SERVED_LIMIT_S, "outlet.2 did not appear")
+        for variable in ("id", "desc", "status", "switchable", "current"):
+            self.assertTrue(self.upsd.upsrw("bench", f"outlet.2.{variable}", ""))
+        self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == [SENTINEL, SENTINEL],
+                        2.0 + SERVED_LIMIT_S, "outlet.2 did not disappear")
+        self.assertTrue(self.daemon.alive())
+
+    def test_status_changes_move_the_status_discretes(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.assertTrue(self.upsd.upsrw("bench", "ups.status", "OB DISCHRG LB"))
+        self.wait_until(lambda: {t for t, on in self.discretes().items() if on} ==
+                        {"OB", "DISCHRG", "LB"}, 2.0 + SERVED_LIMIT_S, "the discretes did not move")
+        self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 1 | 1 << 2 | 1 << 6])
+        self.assertTrue(self.upsd.upsrw("bench", "ups.status", "OL"))
+        self.wait_until(lambda: {t for t, on in self.discretes().items() if on} == {"OL"},
+                        2.0 + SERVED_LIMIT_S, "the discretes did not move back")
+
+    def test_upsd_killed_and_restarted_entries_go_unavailable_and_come_back(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        pid = self.daemon.process.pid
+        self.upsd.stop_upsd()
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [SENTINEL], FAULT_LIMIT_S,
+                        "entries stayed available without upsd")
+        self.assertTrue(self.daemon.wait_for_log("upsd unreachable", 1.0))
+        self.upsd.start_upsd()
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
+                        "entries did not come back with upsd")
+        self.assertEqual(self.daemon.process.pid, pid)
+        self.assertTrue(self.daemon.alive())
+
+    def test_driver_stopped_entries_go_unavailable_and_come_back(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.upsd.stop_driver("bench")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [SENTINEL], FAULT_LIMIT_S,
+                        "entries stayed available without the driver")
+        self.assertEqual(self.discretes()["OL"], False)
+        self.assertTrue(self.daemon.wait_for_log(" stale: ", 1.0))
+        self.upsd.start_driver("bench")
+        # A driver that has just started hands its variables over a few at a
+        # time (ups.status last): wait for the whole picture.
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [100] and self.discretes()["OL"],
+                        FAULT_LIMIT_S, "entries did not come back with the driver")
+
+    def test_a_stopped_upsd_does_not_stall_modbus_clients(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.upsd.pause_upsd()
+        slowest = 0.0
+        answers = set()
+        try:
+            # Ask all along the time upsd takes to count as unreachable, and
+            # a second more once it does.
+            deadline = time.monotonic() + FAULT_LIMIT_S
+            while time.monotonic() < deadline:
+                asked = time.monotonic()
+                answers.add(tuple(self.registers(CHARGE, 1)))
+                slowest = max(slowest, time.monotonic() - asked)
+                if (SENTINEL,) in answers:
+                    deadline = min(deadline, asked + 1.0)
+                time.sleep(0.05)
+        finally:
+            self.upsd.resume_upsd()
+        self.assertLess(slowest, 0.5, "a Modbus answer waited for the stopped upsd")
+        self.assertIn((SENTINEL,), answers, "a hung upsd is to read as unavailable")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
+                        "entries did not come back once upsd ran again")
+
+    def test_two_upses_under_two_unit_ids(self):
+        second = demo_dev().replace("battery.charge: 100", "battery.charge: 42").replace(
+            "DUMMY-0042", "DUMMY-0043")
+        self.start({"first": ("first.dev", demo_dev()), "second": ("second.dev", second)},
+                   args=["--unit-id", "5"])
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [42], SERVED_LIMIT_S + 2,
+                        "the second UPS is not served under unit id 6")
+        self.assertEqual(self.registers(CHARGE, 1, unit=5), [100])
+        self.assertEqual(text(self.registers(NAME, 8, unit=5)), "first")
+        self.assertEqual(text(self.registers(NAME, 8, unit=6)), "second")
+        self.assertEqual(text(self.registers(SERIAL, 8, unit=6)), "DUMMY-0043")
+        self.assertIsNone(self.registers(CHARGE, 1, unit=7), "no third unit")
+        self.assertTrue(self.upsd.upsrw("second", "ups.status", "OB"))
+        self.wait_until(lambda: self.discretes(unit=6)["OB"], 2.0 + SERVED_LIMIT_S,
+                        "the second UPS's status did not move")
+        self.assertFalse(self.discretes(unit=5)["OB"])
+        self.upsd.stop_driver("second")
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [SENTINEL], FAULT_LIMIT_S,
+                        "the second UPS stayed available without its driver")
+        self.assertEqual(self.registers(CHARGE, 1, unit=5), [100])
+
+    def test_writes_are_refused_while_writes_to_the_ups_are_off(self):
+        with open(NUT_MAP, encoding="utf-8") as f:
+            writable = json.load(f)
+        writable["entries"].append({
+            "name": "battery.charge.low.setting", "table": "holding-registers", "address": 0,
+            "encoder": "uint16", "source": {"device": 2, "channel": "battery.charge.low"}})
+        writable["entries"].append({
+            "name": "beeper", "table": "coils", "address": 0, "encoder": "boolean",
+            "source": {"device": 2, "channel": "ups.status.OL"}})
+        self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
+        self.daemon = Daemon(map_json=copy.deepcopy(writable),
+                             args=["--nut-interval", str(POLL_S), "--nut",
+                                   self.upsd.endpoint("bench")])
+        self.client = self.daemon.client()
+        self.wait_until(lambda: self.registers(OPERATING_STATUS, 1) == [16], 10.0,
+                        "the map never opened")
+        self.assertEqual(self.client.read_holding_registers(0, 1, slave=UNIT).registers, [20])
+        refused = self.client.write_register(0, 30, slave=UNIT)
+        self.assertTrue(refused.isError())
+        self.assertEqual(refused.exception_code, 1)
+        refused = self.client.write_coil(0, False, slave=UNIT)
+        self.assertEqual(refused.exception_code, 1)
+        time.sleep(SERVED_LIMIT_S)
+        self.assertEqual(self.upsd.upsc("bench", "battery.charge.low"), "20")
+        self.assertEqual(self.client.read_holding_registers(0, 1, slave=UNIT).registers, [20])
+
+    def test_a_ups_removed_from_upsd_goes_unavailable_and_comes_back(self):
+        upses = {"first": ("first.dev", demo_dev()), "second": ("second.dev", demo_dev())}
+        self.start(upses)
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [100], SERVED_LIMIT_S + 2,
+                        "the second UPS is not served")
+        self.upsd.reload_upsd({"first": upses["first"]})
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [SENTINEL], FAULT_LIMIT_S,
+                        "the removed UPS stayed available")
+        self.assertTrue(self.daemon.wait_for_log("unknown to upsd", 1.0))
+        self.assertEqual(self.registers(CHARGE, 1, unit=1), [100])
+        self.upsd.reload_upsd(upses)
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [100], FAULT_LIMIT_S,
+                        "the UPS did not come back with upsd's configuration")
+
+
+if __name__ == "__main__":
+    unittest.main()
