@@ -120,8 +120,9 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
             return 0;
         }
         if (ready > 0) {
-            server.serve(fds.data() + 1, fds.size() - 1);
+            server.serve(fds.data() + 1, fds.size() - 1, Clock::now());
         }
+        server.expire(Clock::now());
         bool const played = playScenario(scenario, Clock::now());
         retry.run(core, Clock::now(), played);
         core.watchAvailability();

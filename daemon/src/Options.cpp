@@ -43,6 +43,14 @@ struct Argument {
     std::optional<std::string> value;
 };
 
+std::chrono::milliseconds millisecondsArgument(std::string const& option, std::string const& text) {
+    double const seconds = secondsArgument(option, text);
+    if (seconds > 1e9) {
+        throw std::invalid_argument(option + " expects at most 1e9 seconds, got \"" + text + "\"");
+    }
+    return std::chrono::milliseconds(static_cast<long long>(std::llround(seconds * 1000)));
+}
+
 Argument split(std::string const& arg) {
     auto const equals = arg.find('=');
     if (equals == std::string::npos) {
@@ -91,6 +99,13 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.port = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
         } else if (arg.name == "--unit-id") {
             options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
+        } else if (arg.name == "--max-clients") {
+            options.limits.maxClients =
+                static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
+        } else if (arg.name == "--idle-timeout") {
+            options.limits.idleTimeout = millisecondsArgument(arg.name, value());
+        } else if (arg.name == "--frame-timeout") {
+            options.limits.partialFrameTimeout = millisecondsArgument(arg.name, value());
         } else if (arg.name == "--run-seconds") {
             options.runSeconds = secondsArgument(arg.name, value());
         } else {
@@ -114,6 +129,13 @@ Options:
   --port N              TCP port (default 1502; 0 picks a free port, logged)
   --unit-id N           Modbus unit id served, 1..247 (default 1); 0 and 255
                         are accepted too
+  --max-clients N       clients served at once (default 64); when all are
+                        connected, the one quiet the longest (1 s at least)
+                        is closed to make room, else the new one is refused
+  --idle-timeout N      close a client that sent no request for N seconds
+                        (default 600; 0: never)
+  --frame-timeout N     close a client that started a frame and did not end
+                        it within N seconds (default 10; 0: never)
   --run-seconds N       stop by itself after N seconds (default: run until
                         SIGINT or SIGTERM)
   --verbose, -v         log pushes, writes, exceptions and scenario steps

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Describe.h"
+#include "ModbusServer.h"
 
 namespace tarsel::daemon {
 
@@ -15,6 +16,7 @@ struct Options {
     std::string listen = "127.0.0.1";
     int port = 1502;
     int unitId = 1;
+    ClientLimits limits;
     double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
     bool verbose = false;
     bool help = false;

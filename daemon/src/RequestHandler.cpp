@@ -118,6 +118,12 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
     answer.function = pdu[0];
+    if (answer.function >= 0x80) {
+        // Its exception answer would carry the same function byte as an
+        // exception to (function - 0x80): a client could not tell them apart.
+        answer.closeConnection = true;
+        return answer;
+    }
     // 0 and 255 are how Modbus TCP clients address "the server itself".
     if (unit != m_unitId && unit != 0 && unit != 0xFF) {
         return refuse(answer, ec::kGatewayTargetFailed);

@@ -31,6 +31,9 @@ struct Answer {
     std::uint16_t quantity = 0;
     std::vector<std::uint16_t> registers;  // reads of registers
     std::vector<std::uint8_t> bits;        // reads of coils and discrete inputs
+    // No Modbus answer exists (a function code of 0x80 or above, the range
+    // that marks exception answers): the connection is closed instead.
+    bool closeConnection = false;
 };
 
 class RequestHandler {

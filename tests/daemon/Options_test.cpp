@@ -48,5 +48,22 @@ TEST(OptionsTest, BadValuesAreRefusedWithAMessage) {
     }
 }
 
+TEST(OptionsTest, ClientLimitsDefaultToSixtyFourClientsTenMinutesIdleAndTenSecondsPerFrame) {
+    ClientLimits const limits = parseOptions({}).limits;
+    EXPECT_EQ(limits.maxClients, 64u);
+    EXPECT_EQ(limits.idleTimeout, std::chrono::seconds(600));
+    EXPECT_EQ(limits.partialFrameTimeout, std::chrono::seconds(10));
+}
+
+TEST(OptionsTest, ClientLimitsTakeFractionsOfSecondsAndZeroForNever) {
+    ClientLimits const limits =
+        parseOptions({"--max-clients", "3", "--idle-timeout=0", "--frame-timeout", "0.25"}).limits;
+    EXPECT_EQ(limits.maxClients, 3u);
+    EXPECT_EQ(limits.idleTimeout.count(), 0);
+    EXPECT_EQ(limits.partialFrameTimeout, std::chrono::milliseconds(250));
+    EXPECT_THROW(parseOptions({"--max-clients", "0"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--idle-timeout", "-1"}), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -130,6 +130,17 @@ TEST(RequestHandlerTest, UnsupportedFunctionIsIllegalFunction) {
     EXPECT_EQ(daemon.ask(request(0x08, 0, 0)).exception, 1);
 }
 
+TEST(RequestHandlerTest, FunctionCodesFrom0x80UpCloseTheConnectionWhateverElseHolds) {
+    TestDaemon starting(kMap, kStartingUps);  // not available: others get 0x0A
+    for (int const function : {0x80, 0x81, 0x83, 0xFF}) {
+        Answer const answer = starting.ask(request(static_cast<std::uint8_t>(function), 0, 1));
+        EXPECT_TRUE(answer.closeConnection) << function;
+        EXPECT_EQ(answer.function, function);
+    }
+    EXPECT_FALSE(starting.ask(request(0x7F, 0, 1)).closeConnection);
+    EXPECT_TRUE(starting.ask(request(0x81, 0, 1, 9)).closeConnection);  // other unit too
+}
+
 TEST(RequestHandlerTest, OtherUnitIdIsGatewayTargetFailedButZeroAnd255AreServed) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 0, 2, 7)).exception, 0x0B);

@@ -1,0 +1,126 @@
+#include "ClientConnection.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cerrno>
+
+namespace tarsel::daemon {
+
+namespace {
+
+constexpr std::size_t kHeaderLength = 7;
+constexpr std::size_t kMaxFrame = 260;  // MBAP header plus the largest PDU
+// Read per turn: a few dozen pipelined requests, then the next client.
+constexpr std::size_t kReadBudget = 16 * 1024;
+
+std::uint16_t word(std::uint8_t const* p) {
+    return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
+}
+
+}  // namespace
+
+PeerAddress PeerAddress::from(sockaddr_in const& address) {
+    PeerAddress peer;
+    peer.ipv4 = ntohl(address.sin_addr.s_addr);
+    peer.port = ntohs(address.sin_port);
+    char text[INET_ADDRSTRLEN] = "?";
+    ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    peer.text = std::string(text) + ":" + std::to_string(peer.port);
+    return peer;
+}
+
+ClientConnection::ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now,
+                                   std::size_t outputLimit)
+    : m_fd(fd),
+      m_peer(std::move(peer)),
+      m_outputLimit(outputLimit),
+      m_lastRequest(now),
+      m_lastHeard(now) {}
+
+ClientConnection::~ClientConnection() {
+    ::close(m_fd);
+}
+
+ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point now) {
+    std::uint8_t chunk[4096];
+    std::size_t total = 0;
+    while (total < kReadBudget) {
+        ssize_t const received = ::recv(m_fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (received == 0) {
+            return ReadStatus::Closed;
+        }
+        if (received < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK ? ReadStatus::Open : ReadStatus::Closed;
+        }
+        if (m_input.empty()) {
+            m_partialSince = now;
+        }
+        m_input.insert(m_input.end(), chunk, chunk + received);
+        m_lastHeard = now;
+        total += static_cast<std::size_t>(received);
+    }
+    return ReadStatus::Open;
+}
+
+ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8_t>& frame) {
+    if (m_input.size() < kHeaderLength) {
+        return FrameStatus::Incomplete;
+    }
+    std::uint16_t const protocol = word(&m_input[2]);
+    std::uint16_t const length = word(&m_input[4]);  // unit id and PDU
+    if (protocol != 0 || length < 2 || length + 6u > kMaxFrame) {
+        // Without a sane length the stream cannot be resynchronised.
+        return FrameStatus::Malformed;
+    }
+    std::size_t const size = 6u + length;
+    if (m_input.size() < size) {
+        return FrameStatus::Incomplete;
+    }
+    auto const end = m_input.begin() + static_cast<std::ptrdiff_t>(size);
+    frame.assign(m_input.begin(), end);
+    m_input.erase(m_input.begin(), end);
+    m_lastRequest = m_lastHeard;
+    if (m_input.empty()) {
+        m_partialSince.reset();
+    } else {
+        // The rest arrived with this frame: the next one is timed from now on.
+        m_partialSince = m_lastHeard;
+    }
+    return FrameStatus::Complete;
+}
+
+bool ClientConnection::queue(std::vector<std::uint8_t> const& answer) {
+    if (m_outputBytes + answer.size() > m_outputLimit) {
+        return false;
+    }
+    m_output.push_back(answer);
+    m_outputBytes += answer.size();
+    return flush();
+}
+
+bool ClientConnection::flush() {
+    while (!m_output.empty()) {
+        auto const& front = m_output.front();
+        ssize_t const sent = ::send(m_fd, front.data() + m_sentOfFront,
+                                    front.size() - m_sentOfFront, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK;
+        }
+        m_sentOfFront += static_cast<std::size_t>(sent);
+        m_outputBytes -= static_cast<std::size_t>(sent);
+        if (m_sentOfFront == front.size()) {
+            m_output.pop_front();
+            m_sentOfFront = 0;
+        }
+    }
+    return true;
+}
+
+}  // namespace tarsel::daemon

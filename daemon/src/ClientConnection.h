@@ -1,0 +1,81 @@
+// One Modbus TCP client: its non-blocking socket, the bytes of the frame it
+// is sending, the answers not sent yet and when it was last heard from.
+// Nothing here ever blocks: a client that does not read its answers fills a
+// bounded queue and is then given up, so it cannot hold up anyone else.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <netinet/in.h>
+
+namespace tarsel::daemon {
+
+using SteadyClock = std::chrono::steady_clock;
+
+/* A client's address: as a number for the access rules, as text for logs. */
+struct PeerAddress {
+    std::uint32_t ipv4 = 0;  // host byte order
+    std::uint16_t port = 0;
+    std::string text;  // "127.0.0.1:40212"
+
+    static PeerAddress from(sockaddr_in const& address);
+};
+
+class ClientConnection {
+  public:
+    /* Takes ownership of a connected non-blocking socket. */
+    ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now,
+                     std::size_t outputLimit);
+    ~ClientConnection();
+
+    ClientConnection(ClientConnection const&) = delete;
+    ClientConnection& operator=(ClientConnection const&) = delete;
+
+    int fd() const { return m_fd; }
+    PeerAddress const& peer() const { return m_peer; }
+
+    enum class ReadStatus { Open, Closed };
+    /* Reads what the socket holds, up to a budget per call so that one busy
+     * client takes its turn like the others. Closed: end of stream or error. */
+    ReadStatus receive(SteadyClock::time_point now);
+
+    enum class FrameStatus { Complete, Incomplete, Malformed };
+    /* Cuts the next whole frame out of the received bytes into `frame`. */
+    FrameStatus takeFrame(std::vector<std::uint8_t>& frame);
+
+    /* Queues an answer and sends what the socket takes now. False when the
+     * client is to be dropped: the queue would exceed its limit (the client
+     * does not read its answers) or the socket failed. */
+    bool queue(std::vector<std::uint8_t> const& answer);
+    /* Sends queued answers until the socket would block; false on failure. */
+    bool flush();
+    bool hasPendingOutput() const { return m_outputBytes > 0; }
+    std::size_t pendingOutput() const { return m_outputBytes; }
+
+    /* When a complete request last arrived (or the connection, before any). */
+    SteadyClock::time_point lastRequest() const { return m_lastRequest; }
+    /* When the first byte of the frame still incomplete arrived, if any. */
+    std::optional<SteadyClock::time_point> partialSince() const { return m_partialSince; }
+    /* When any byte last arrived. */
+    SteadyClock::time_point lastHeard() const { return m_lastHeard; }
+
+  private:
+    int m_fd;
+    PeerAddress m_peer;
+    std::size_t m_outputLimit;
+    std::vector<std::uint8_t> m_input;
+    std::deque<std::vector<std::uint8_t>> m_output;
+    std::size_t m_outputBytes = 0;
+    std::size_t m_sentOfFront = 0;  // bytes of m_output.front() already sent
+    SteadyClock::time_point m_lastRequest;
+    SteadyClock::time_point m_lastHeard;
+    std::optional<SteadyClock::time_point> m_partialSince;
+};
+
+}  // namespace tarsel::daemon
