@@ -44,7 +44,8 @@ bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
     bool stop = false;
     while (auto const signal = signals.take()) {
         if (*signal == SIGUSR1) {
-            log.info("register map:\n" + core.describe(DescribeFormat::Markdown));
+            log.lines(Log::Level::Info,
+                      "register map:\n" + core.describe(DescribeFormat::Markdown));
         } else {
             log.info(std::string("received ") + strsignal(*signal) + "; stopping");
             stop = true;
@@ -126,6 +127,7 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         bool const played = playScenario(scenario, Clock::now());
         retry.run(core, Clock::now(), played);
         core.watchAvailability();
+        log.summarise();
         if (deadline && Clock::now() >= *deadline) {
             log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");
             return 0;

@@ -101,7 +101,7 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
         if (found == m_clients.end()) {
             continue;
         }
-        std::string why;
+        Closing why;
         if (!serveClient(**found, ready[i].revents, now, why)) {
             drop(static_cast<std::size_t>(found - m_clients.begin()), why);
         }
@@ -112,7 +112,7 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
 }
 
 bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
-                               std::string& why) {
+                               Closing& why) {
     if ((events & POLLOUT) != 0 && !client.flush()) {
         return false;
     }
@@ -125,33 +125,30 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
     return answerFrames(client, why) && open;
 }
 
-bool ModbusServer::answerFrames(ClientConnection& client, std::string& why) {
+bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
     std::vector<std::uint8_t> frame;
     for (;;) {
         switch (client.takeFrame(frame)) {
             case ClientConnection::FrameStatus::Incomplete:
                 return true;
             case ClientConnection::FrameStatus::Malformed:
-                why = "sent a malformed frame header; connection closed";
+                why = {"malformed frames", "sent a malformed frame header; connection closed"};
                 return false;
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer const answer = m_handler.handle(frame.data(), frame.size());
+        Answer const answer = m_handler.handle(frame.data(), frame.size(), {client.peer().text});
         if (answer.closeConnection) {
-            why = "sent function code " + std::to_string(answer.function) +
-                  ", which has no Modbus answer; connection closed";
+            why = {"function codes without answer",
+                   "sent function code " + std::to_string(answer.function) +
+                       ", which has no Modbus answer; connection closed"};
             return false;
-        }
-        if (answer.exception != 0) {
-            m_log.debug("function " + std::to_string(answer.function) + " at " +
-                        std::to_string(answer.address) + ": exception " +
-                        std::to_string(answer.exception));
         }
         if (!client.queue(encodeResponse(frame.data(), frame.size(), answer))) {
             if (client.pendingOutput() > 0) {
-                why = "does not read its answers (" + std::to_string(client.pendingOutput()) +
-                      " bytes queued); connection closed";
+                why = {"clients not reading", "does not read its answers (" +
+                                                  std::to_string(client.pendingOutput()) +
+                                                  " bytes queued); connection closed"};
             }
             return false;
         }
@@ -169,14 +166,15 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
                 continue;
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                m_log.warning(errorText("accept"));
+                m_log.limited(Log::Level::Warning, "accept failures", errorText("accept"));
             }
             return;
         }
         PeerAddress peer = PeerAddress::from(address);
         if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
-            m_log.warning("client " + peer.text + ": " + std::to_string(m_clients.size()) +
-                          " clients connected, none idle; connection refused");
+            m_log.limited(Log::Level::Warning, "clients refused",
+                          "client " + peer.text + ": " + std::to_string(m_clients.size()) +
+                              " clients connected, none idle; connection refused");
             ::close(fd);
             continue;
         }
@@ -196,7 +194,7 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
         return false;
     }
     drop(static_cast<std::size_t>(oldest - m_clients.begin()),
-         "quiet the longest; closed to make room for a new client");
+         {"clients closed for room", "quiet the longest; closed to make room for a new client"});
     return true;
 }
 
@@ -206,22 +204,24 @@ void ModbusServer::expire(SteadyClock::time_point now) {
         auto const partial = client.partialSince();
         if (partial && m_limits.partialFrameTimeout.count() > 0 &&
             now - *partial >= m_limits.partialFrameTimeout) {
-            drop(i, "sent no complete frame in " + secondsText(m_limits.partialFrameTimeout) +
-                        " s; connection closed");
+            drop(i, {"clients stuck in a frame", "sent no complete frame in " +
+                                                     secondsText(m_limits.partialFrameTimeout) +
+                                                     " s; connection closed"});
         } else if (!partial && m_limits.idleTimeout.count() > 0 &&
                    now - client.lastRequest() >= m_limits.idleTimeout) {
-            drop(i, "idle for " + secondsText(m_limits.idleTimeout) + " s; connection closed");
+            drop(i, {"idle clients",
+                     "idle for " + secondsText(m_limits.idleTimeout) + " s; connection closed"});
         }
     }
 }
 
-void ModbusServer::drop(std::size_t index, std::string const& why) {
+void ModbusServer::drop(std::size_t index, Closing const& why) {
     std::string const peer = m_clients[index]->peer().text;
     m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(index));
-    if (why.empty()) {
+    if (why.text.empty()) {
         m_log.debug("client " + peer + " disconnected");
     } else {
-        m_log.info("client " + peer + " " + why);
+        m_log.limited(Log::Level::Info, why.kind, "client " + peer + " " + why.text);
     }
 }
 

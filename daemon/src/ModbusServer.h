@@ -57,13 +57,20 @@ class ModbusServer {
   private:
     using Client = std::unique_ptr<ClientConnection>;
 
+    /* Why a client is closed: `kind` names the event for the log's rate
+     * limit; no text, no line (a client that simply went away). */
+    struct Closing {
+        std::string kind;
+        std::string text;
+    };
+
     void acceptAll(SteadyClock::time_point now);
     bool makeRoom(SteadyClock::time_point now);
     /* False when the client is to be dropped; `why` says why, if worth a line. */
     bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
-                     std::string& why);
-    bool answerFrames(ClientConnection& client, std::string& why);
-    void drop(std::size_t index, std::string const& why);
+                     Closing& why);
+    bool answerFrames(ClientConnection& client, Closing& why);
+    void drop(std::size_t index, Closing const& why);
 
     ClientLimits m_limits;
     RequestHandler& m_handler;

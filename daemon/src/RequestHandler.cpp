@@ -109,7 +109,23 @@ std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
 
 }  // namespace
 
-Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
+Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
+                              RequestOrigin const& origin) {
+    m_fields = "client=" + origin.client;
+    if (length > kHeaderLength) {
+        m_fields += " unit=" + std::to_string(frame[6]) + " function=" + std::to_string(frame[7]);
+    }
+    if (length >= kHeaderLength + 3) {
+        m_fields += " address=" + std::to_string(word(frame + kHeaderLength + 1));
+    }
+    Answer const answer = decide(frame, length);
+    if (answer.exception != 0) {
+        m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
+    }
+    return answer;
+}
+
+Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     Answer answer;
     if (length < kHeaderLength + 1) {
         return refuse(answer, ec::kIllegalDataValue);
@@ -261,8 +277,10 @@ std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uin
 
 std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* operation,
                                      char const* what) {
-    m_log.error(entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
-                " failed: " + what + "; answered Server Device Failure");
+    // An encoder that throws on a client's value throws on every repetition.
+    m_log.limited(Log::Level::Error, std::string(operation) + " failures of " + entry.spec.name,
+                  entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
+                      " failed: " + what + "; answered Server Device Failure; " + m_fields);
     return ec::kServerDeviceFailure;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "Log.h"
@@ -36,6 +37,11 @@ struct Answer {
     bool closeConnection = false;
 };
 
+/* Who sent a request: what the log lines about it name. */
+struct RequestOrigin {
+    std::string client = "local";  // "127.0.0.1:40212"
+};
+
 class RequestHandler {
   public:
     RequestHandler(ServedMap& map, modbus::MapAvailableAccessor& availability, Log& log,
@@ -43,9 +49,11 @@ class RequestHandler {
         : m_map(map), m_availability(availability), m_log(log), m_unitId(unitId) {}
 
     /* A whole Modbus TCP frame (7-byte header, then the PDU). */
-    Answer handle(std::uint8_t const* frame, std::size_t length);
+    Answer handle(std::uint8_t const* frame, std::size_t length,
+                  RequestOrigin const& origin = RequestOrigin{});
 
   private:
+    Answer decide(std::uint8_t const* frame, std::size_t length);
     Answer read(Answer answer, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
@@ -57,6 +65,9 @@ class RequestHandler {
     modbus::MapAvailableAccessor& m_availability;
     Log& m_log;
     std::uint8_t m_unitId;
+    // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
+    // being answered, for every line about it.
+    std::string m_fields;
 };
 
 }  // namespace tarsel::daemon

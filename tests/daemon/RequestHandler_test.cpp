@@ -170,7 +170,33 @@ TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
     EXPECT_NE(daemon.logText().find("error: entries[5] \"bad\": read failed: stoul; answered "
-                                    "Server Device Failure"),
+                                    "Server Device Failure; client=local unit=1 function=3 "
+                                    "address=20\n"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, RepeatedEncoderFailuresAreRateLimited) {
+    TestDaemon daemon(kMap, kRunningUps);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
+    }
+    std::string const log = daemon.logText();
+    std::size_t lines = 0;
+    for (auto at = log.find(": read failed"); at != std::string::npos;
+         at = log.find(": read failed", at + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, Log::kBurstPerMinute) << log;
+}
+
+TEST(RequestHandlerTest, ExceptionsAreLoggedInVerboseModeWithTheRequestsFields) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.core().handler().handle(request(3, 40, 1, 0).data(), 12,
+                                                         RequestOrigin{"127.0.0.2:5020"});
+    EXPECT_EQ(answer.exception, 2);
+    EXPECT_NE(daemon.logText().find(
+                  "debug: exception 2; client=127.0.0.2:5020 unit=0 function=3 address=40\n"),
               std::string::npos)
         << daemon.logText();
 }
