@@ -68,7 +68,11 @@ std::string secondsText(std::chrono::milliseconds duration) {
 
 ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limits,
                            RequestHandler& handler, Log& log)
-    : m_limits(limits), m_handler(handler), m_log(log), m_listener(listenOn(config)) {
+    : m_limits(limits),
+      m_access(config.access),
+      m_handler(handler),
+      m_log(log),
+      m_listener(listenOn(config)) {
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
     ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&bound), &length);
@@ -137,7 +141,8 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer const answer = m_handler.handle(frame.data(), frame.size(), {client.peer().text});
+        Answer const answer = m_handler.handle(
+            frame.data(), frame.size(), {client.peer().text, client.peer().ipv4, &m_access, true});
         if (answer.closeConnection) {
             why = {"function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
@@ -171,6 +176,13 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             return;
         }
         PeerAddress peer = PeerAddress::from(address);
+        if (!m_access.mayConnect(peer.ipv4)) {
+            m_log.limited(
+                Log::Level::Warning, "clients not allowed",
+                "client " + peer.text + ": may neither read nor write here; connection refused");
+            ::close(fd);
+            continue;
+        }
         if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
             m_log.limited(Log::Level::Warning, "clients refused",
                           "client " + peer.text + ": " + std::to_string(m_clients.size()) +

@@ -12,6 +12,7 @@
 
 #include <poll.h>
 
+#include "AccessRules.h"
 #include "ClientConnection.h"
 #include "Log.h"
 #include "RequestHandler.h"
@@ -21,6 +22,7 @@ namespace tarsel::daemon {
 struct ListenConfig {
     std::string address = "127.0.0.1";
     int port = 1502;  // 0: any free port (see port())
+    AccessRules access;
 };
 
 /* What one client may hold of the daemon, and for how long. */
@@ -73,6 +75,7 @@ class ModbusServer {
     void drop(std::size_t index, Closing const& why);
 
     ClientLimits m_limits;
+    AccessRules m_access;
     RequestHandler& m_handler;
     Log& m_log;
     int m_listener = -1;

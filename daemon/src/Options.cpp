@@ -99,6 +99,13 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.port = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
         } else if (arg.name == "--unit-id") {
             options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
+        } else if (arg.name == "--allow-read" || arg.name == "--allow-write") {
+            std::string const rule = value();
+            try {
+                applyAllowOption(options.access, arg.name == "--allow-write", rule);
+            } catch (std::invalid_argument const& error) {
+                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
+            }
         } else if (arg.name == "--max-clients") {
             options.limits.maxClients =
                 static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
@@ -129,6 +136,13 @@ Options:
   --port N              TCP port (default 1502; 0 picks a free port, logged)
   --unit-id N           Modbus unit id served, 1..247 (default 1); 0 and 255
                         are accepted too
+  --allow-read [TABLE=]LIST
+                        who may read (TABLE: that table only); LIST is
+                        "any", "none" or networks such as 10.0.0.0/8,
+                        192.168.1.7 (default: any); repeatable
+  --allow-write [TABLE=]LIST
+                        who may write, as --allow-read (default:
+                        127.0.0.0/8, this host only)
   --max-clients N       clients served at once (default 64); when all are
                         connected, the one quiet the longest (1 s at least)
                         is closed to make room, else the new one is refused

@@ -17,6 +17,7 @@ struct Options {
     int port = 1502;
     int unitId = 1;
     ClientLimits limits;
+    AccessRules access;
     double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
     bool verbose = false;
     bool help = false;

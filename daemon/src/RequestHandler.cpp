@@ -3,6 +3,8 @@
 #include <exception>
 #include <optional>
 
+#include "LogText.h"
+
 namespace tarsel::daemon {
 
 namespace {
@@ -107,10 +109,18 @@ std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
     return values;
 }
 
+/* The words of a write that fall on one entry. */
+std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uint16_t> const& words,
+                                  std::uint16_t start) {
+    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
+    return {first, first + entry.spec.size};
+}
+
 }  // namespace
 
 Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
+    m_origin = &origin;
     m_fields = "client=" + origin.client;
     if (length > kHeaderLength) {
         m_fields += " unit=" + std::to_string(frame[6]) + " function=" + std::to_string(frame[7]);
@@ -119,6 +129,7 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
         m_fields += " address=" + std::to_string(word(frame + kHeaderLength + 1));
     }
     Answer const answer = decide(frame, length);
+    m_origin = nullptr;
     if (answer.exception != 0) {
         m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
     }
@@ -172,9 +183,15 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         return refuse(answer, ec::kIllegalDataValue);
     }
     Table const table = *tableOf(answer.function);
+    if (std::string const why = readRefusal(table, {}); !why.empty()) {
+        return refuseRead(answer, why);
+    }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, false);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
+    }
+    if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
+        return refuseRead(answer, why);
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
@@ -234,14 +251,28 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         return refuse(answer, ec::kIllegalDataValue);
     }
     Table const table = *tableOf(answer.function);
+    if (std::string const why = writeRefusal(table, {}); !why.empty()) {
+        // Before the map is consulted: a stranger learns nothing of it.
+        m_log.limited(Log::Level::Warning, "refused writes",
+                      "write to " + std::string(tableName(table)) + " " +
+                          std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+        return refuse(answer, ec::kIllegalFunction);
+    }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
+    }
+    if (std::string const why = writeRefusal(table, coverage.entries); !why.empty()) {
+        for (ServedEntry const* entry : coverage.entries) {
+            auditRefused(*entry, partOf(*entry, *values, answer.address), why);
+        }
+        return refuse(answer, ec::kIllegalFunction);
     }
     // Nothing is written unless every entry can take its part: a write the
     // library would drop silently is refused instead.
     for (ServedEntry const* entry : coverage.entries) {
         if (!available(*entry)) {
+            auditRefused(*entry, partOf(*entry, *values, answer.address), "not available");
             UnavailablePolicy const& policy = entry->spec.unavailable;
             return refuse(answer, policy.mode == UnavailablePolicy::Mode::Exception
                                       ? policy.code
@@ -249,17 +280,19 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         }
     }
     for (ServedEntry* entry : coverage.entries) {
-        if (std::uint8_t const code = writeEntry(*entry, *values, answer.address)) {
+        std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
+        std::string const before = currentValue(*entry);
+        if (std::uint8_t const code = writeEntry(*entry, part)) {
+            audit(*entry, before, part, "failed");
             return refuse(answer, code);
         }
+        audit(*entry, before, part, "written");
     }
     return answer;
 }
 
-std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
-                                        std::size_t start) {
-    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
-    std::vector<std::uint16_t> const part(first, first + entry.spec.size);
+std::uint8_t RequestHandler::writeEntry(ServedEntry& entry,
+                                        std::vector<std::uint16_t> const& part) {
     try {
         if (entry.encoder.registers) {
             entry.encoder.registers->setData(part);
@@ -269,9 +302,6 @@ std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uin
     } catch (std::exception const& error) {
         return failure(entry, "write", error.what());
     }
-    m_log.debug("wrote " + std::string(tableName(entry.spec.table)) + " " +
-                std::to_string(entry.spec.address) + " \"" + entry.spec.name + "\" " +
-                hexWords(part));
     return 0;
 }
 
@@ -282,6 +312,81 @@ std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* opera
                   entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
                       " failed: " + what + "; answered Server Device Failure; " + m_fields);
     return ec::kServerDeviceFailure;
+}
+
+std::string RequestHandler::readRefusal(Table table,
+                                        std::vector<ServedEntry*> const& entries) const {
+    RequestOrigin const& origin = *m_origin;
+    if (origin.rules != nullptr && !origin.rules->mayRead(table, origin.ipv4)) {
+        return "not allowed for this client";
+    }
+    for (ServedEntry const* entry : entries) {
+        if (entry->spec.allowRead && !listContains(*entry->spec.allowRead, origin.ipv4)) {
+            return "entry " + quotedValue(entry->spec.name) + " not allowed for this client";
+        }
+    }
+    return {};
+}
+
+std::string RequestHandler::writeRefusal(Table table,
+                                         std::vector<ServedEntry*> const& entries) const {
+    RequestOrigin const& origin = *m_origin;
+    if (!origin.roleMayWrite) {
+        return "the client's role is read-only";
+    }
+    if (origin.rules != nullptr && !origin.rules->mayWrite(table, origin.ipv4)) {
+        return "not allowed for this client";
+    }
+    for (ServedEntry const* entry : entries) {
+        if (entry->spec.allowWrite && !listContains(*entry->spec.allowWrite, origin.ipv4)) {
+            return "entry not allowed for this client";
+        }
+    }
+    return {};
+}
+
+Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
+    m_log.limited(Log::Level::Warning, "refused reads",
+                  "read of " + std::string(tableName(*tableOf(answer.function))) + " " +
+                      std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+    return refuse(std::move(answer), ec::kIllegalFunction);
+}
+
+/* The entry's value before a write, as the audit line shows it. */
+std::string RequestHandler::currentValue(ServedEntry const& entry) const {
+    if (!entry.built()) {
+        return "(pending)";
+    }
+    try {
+        if (entry.encoder.registers) {
+            return readableValue(entry.spec,
+                                 fitToSize(entry.encoder.registers->getData(), entry.spec.size));
+        }
+        auto const bits = entry.encoder.discretes->getData();
+        return readableValue(entry.spec, fitToSize({bits.begin(), bits.end()}, entry.spec.size));
+    } catch (std::exception const&) {
+        return "?";
+    }
+}
+
+void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
+                           std::vector<std::uint16_t> const& written, std::string const& outcome) {
+    // Every write that reached an encoder is kept: this is the audit trail.
+    m_log.info("write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) + " " +
+               std::to_string(entry.spec.address) + ": " + before + " -> " +
+               readableValue(entry.spec, written) + ": " + outcome + "; " + m_fields);
+}
+
+void RequestHandler::auditRefused(ServedEntry const& entry,
+                                  std::vector<std::uint16_t> const& written,
+                                  std::string const& why) {
+    // Refused writes cost nothing but a line: limited, so a stranger cannot
+    // flood the log with them.
+    m_log.limited(Log::Level::Warning, "refused writes",
+                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
+                      " " + std::to_string(entry.spec.address) + ": " + currentValue(entry) +
+                      " -> " + readableValue(entry.spec, written) + ": refused (" + why + "); " +
+                      m_fields);
 }
 
 }  // namespace tarsel::daemon

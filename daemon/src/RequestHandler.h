@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AccessRules.h"
 #include "Log.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
@@ -37,9 +38,12 @@ struct Answer {
     bool closeConnection = false;
 };
 
-/* Who sent a request: what the log lines about it name. */
+/* Who sent a request, and what it may do. */
 struct RequestOrigin {
-    std::string client = "local";  // "127.0.0.1:40212"
+    std::string client = "local";        // "127.0.0.1:40212", for the log
+    std::uint32_t ipv4 = 0x7F000001;     // host byte order
+    AccessRules const* rules = nullptr;  // the listener's; none: everything allowed
+    bool roleMayWrite = true;            // false for a read-only role of a client certificate
 };
 
 class RequestHandler {
@@ -57,9 +61,17 @@ class RequestHandler {
     Answer read(Answer answer, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
-    std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
-                            std::size_t offset);
+    std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
+    Answer refuseRead(Answer answer, std::string const& why);
+    std::string currentValue(ServedEntry const& entry) const;
     std::uint8_t failure(ServedEntry const& entry, char const* operation, char const* what);
+    /* Why the origin may not read or write there; empty when it may. */
+    std::string readRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
+    std::string writeRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
+    void audit(ServedEntry const& entry, std::string const& before,
+               std::vector<std::uint16_t> const& written, std::string const& outcome);
+    void auditRefused(ServedEntry const& entry, std::vector<std::uint16_t> const& written,
+                      std::string const& why);
 
     ServedMap& m_map;
     modbus::MapAvailableAccessor& m_availability;
@@ -68,6 +80,7 @@ class RequestHandler {
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;
+    RequestOrigin const* m_origin = nullptr;  // during handle() only
 };
 
 }  // namespace tarsel::daemon

@@ -153,9 +153,9 @@ bool changeIsWorthAnInfoLine(EntrySpec const& spec) {
     return !isRegisterTable(spec.table) || spec.encoder == EncoderKind::String;
 }
 
-/* An image as people read it: discretes as 0/1 digits, strings as their text
- * up to the first zero byte, anything else in hex. */
-std::string readableImage(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
+}  // namespace
+
+std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
     if (!isRegisterTable(spec.table)) {
         std::string bits;
         for (std::uint16_t const bit : words) {
@@ -178,8 +178,6 @@ std::string readableImage(EntrySpec const& spec, std::vector<std::uint16_t> cons
     return quotedValue(text);
 }
 
-}  // namespace
-
 void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
     std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.spec.size);
     if (entry.image.known && fitted != entry.image.words && changeIsWorthAnInfoLine(entry.spec)) {
@@ -187,8 +185,8 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
         m_log.limited(Log::Level::Info, "changes of " + entry.spec.name,
                       std::string(tableName(entry.spec.table)) + " " +
                           std::to_string(entry.spec.address) + " \"" + entry.spec.name +
-                          "\": " + readableImage(entry.spec, entry.image.words) + " -> " +
-                          readableImage(entry.spec, fitted));
+                          "\": " + readableValue(entry.spec, entry.image.words) + " -> " +
+                          readableValue(entry.spec, fitted));
     }
     entry.image.words = std::move(fitted);
     entry.image.known = true;

@@ -42,7 +42,8 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         return 0;
     }
     SignalPipe signals;
-    ModbusServer server({options.listen, options.port}, options.limits, core.handler(), log);
+    ModbusServer server({options.listen, options.port, options.access}, options.limits,
+                        core.handler(), log);
     log.info("listening on " + options.listen + ":" + std::to_string(server.port()) + " (unit id " +
              std::to_string(options.unitId) + ")");
     return runEventLoop(core, server, signals, log, options.runSeconds);

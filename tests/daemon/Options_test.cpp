@@ -65,5 +65,20 @@ TEST(OptionsTest, ClientLimitsTakeFractionsOfSecondsAndZeroForNever) {
     EXPECT_THROW(parseOptions({"--idle-timeout", "-1"}), std::invalid_argument);
 }
 
+TEST(OptionsTest, AllowOptionsSetTheListenersAccessRules) {
+    Options const options = parseOptions({"--allow-write", "127.0.0.2", "--allow-read=coils=none"});
+    EXPECT_TRUE(options.access.mayWrite(Table::HoldingRegisters, 0x7F000002));
+    EXPECT_FALSE(options.access.mayWrite(Table::HoldingRegisters, 0x7F000001));
+    EXPECT_FALSE(options.access.mayRead(Table::Coils, 0x7F000001));
+    try {
+        parseOptions({"--allow-write", "10.0.0.1/8"});
+        FAIL();
+    } catch (std::invalid_argument const& error) {
+        EXPECT_STREQ(error.what(),
+                     "--allow-write 10.0.0.1/8: \"10.0.0.1/8\" is no IPv4 address "
+                     "or network (such as 10.1.0.0/16)");
+    }
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
