@@ -5,9 +5,9 @@ set -euo pipefail
 
 packages=(
     build-essential cmake pkg-config git
-    libmodbus-dev nlohmann-json3-dev
+    libmodbus-dev nlohmann-json3-dev libssl-dev openssl
     libgtest-dev libgmock-dev googletest libbenchmark-dev
-    python3 python3-pymodbus mbpoll
+    python3 python3-pymodbus python3-cryptography mbpoll
     clang-format
     g++-arm-linux-gnueabihf qemu-user
     "$@"

@@ -31,22 +31,66 @@ PeerAddress PeerAddress::from(sockaddr_in const& address) {
 }
 
 ClientConnection::ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now,
-                                   std::size_t outputLimit)
+                                   std::size_t outputLimit, std::unique_ptr<TlsSession> tls)
     : m_fd(fd),
+      m_tls(std::move(tls)),
       m_peer(std::move(peer)),
       m_outputLimit(outputLimit),
       m_lastRequest(now),
-      m_lastHeard(now) {}
+      m_lastHeard(now) {
+    if (m_tls) {
+        m_partialSince = now;
+    }
+}
 
 ClientConnection::~ClientConnection() {
+    m_tls.reset();
     ::close(m_fd);
+}
+
+void ClientConnection::handshakeDone(SteadyClock::time_point now) {
+    m_lastRequest = now;
+    if (m_input.empty()) {
+        m_partialSince.reset();
+    }
+}
+
+/* recv() and send() semantics for both: bytes, or -1 with errno EAGAIN when
+ * it would block, or 0 / -1 when closed or failed. */
+long ClientConnection::rawRead(std::uint8_t* buffer, std::size_t size) {
+    if (!m_tls) {
+        return ::recv(m_fd, buffer, size, MSG_DONTWAIT);
+    }
+    long const result = m_tls->read(buffer, size);
+    if (result == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return result < 0 ? 0 : result;
+}
+
+long ClientConnection::rawWrite(std::uint8_t const* buffer, std::size_t size) {
+    if (!m_tls) {
+        return ::send(m_fd, buffer, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+    long const result = m_tls->write(buffer, size);
+    if (result == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if (result < 0) {
+        errno = EPIPE;
+    }
+    return result;
 }
 
 ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point now) {
     std::uint8_t chunk[4096];
     std::size_t total = 0;
-    while (total < kReadBudget) {
-        ssize_t const received = ::recv(m_fd, chunk, sizeof chunk, MSG_DONTWAIT);
+    // A TLS session may hold decrypted bytes the socket no longer shows as
+    // readable: it is read until it would block.
+    while (total < kReadBudget || m_tls) {
+        long const received = rawRead(chunk, sizeof chunk);
         if (received == 0) {
             return ReadStatus::Closed;
         }
@@ -105,8 +149,7 @@ bool ClientConnection::queue(std::vector<std::uint8_t> const& answer) {
 bool ClientConnection::flush() {
     while (!m_output.empty()) {
         auto const& front = m_output.front();
-        ssize_t const sent = ::send(m_fd, front.data() + m_sentOfFront,
-                                    front.size() - m_sentOfFront, MSG_DONTWAIT | MSG_NOSIGNAL);
+        long const sent = rawWrite(front.data() + m_sentOfFront, front.size() - m_sentOfFront);
         if (sent < 0) {
             if (errno == EINTR) {
                 continue;

@@ -8,11 +8,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <netinet/in.h>
+
+#include "TlsContext.h"
 
 namespace tarsel::daemon {
 
@@ -29,9 +32,11 @@ struct PeerAddress {
 
 class ClientConnection {
   public:
-    /* Takes ownership of a connected non-blocking socket. */
-    ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now,
-                     std::size_t outputLimit);
+    /* Takes ownership of a connected non-blocking socket, and of its TLS
+     * session if it has one; until its handshake is done the client counts
+     * as half-way through a frame, so the frame timeout covers it too. */
+    ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now, std::size_t outputLimit,
+                     std::unique_ptr<TlsSession> tls = nullptr);
     ~ClientConnection();
 
     ClientConnection(ClientConnection const&) = delete;
@@ -56,6 +61,16 @@ class ClientConnection {
     /* Sends queued answers until the socket would block; false on failure. */
     bool flush();
     bool hasPendingOutput() const { return m_outputBytes > 0; }
+    /* True when the socket must be polled for writing. */
+    bool wantsWrite() const { return hasPendingOutput() || (m_tls && m_tls->wantsWrite()); }
+
+    /* The TLS session; nothing on a plain connection. */
+    TlsSession* tls() const { return m_tls.get(); }
+    /* After the handshake: the frames of the client are timed from now on. */
+    void handshakeDone(SteadyClock::time_point now);
+    /* What the client's certificate role allows; true on plain connections. */
+    bool roleMayWrite() const { return m_roleMayWrite; }
+    void setRoleMayWrite(bool mayWrite) { m_roleMayWrite = mayWrite; }
     std::size_t pendingOutput() const { return m_outputBytes; }
 
     /* When a complete request last arrived (or the connection, before any). */
@@ -66,7 +81,12 @@ class ClientConnection {
     SteadyClock::time_point lastHeard() const { return m_lastHeard; }
 
   private:
+    long rawRead(std::uint8_t* buffer, std::size_t size);
+    long rawWrite(std::uint8_t const* buffer, std::size_t size);
+
     int m_fd;
+    std::unique_ptr<TlsSession> m_tls;
+    bool m_roleMayWrite = true;
     PeerAddress m_peer;
     std::size_t m_outputLimit;
     std::vector<std::uint8_t> m_input;

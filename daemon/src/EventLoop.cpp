@@ -93,8 +93,8 @@ bool playScenario(ScenarioPlayer* scenario, Clock::time_point now) {
 
 }  // namespace
 
-int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Log& log,
-                 double runSeconds) {
+int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, SignalPipe& signals,
+                 Log& log, double runSeconds) {
     Clock::time_point const start = Clock::now();
     std::optional<Clock::time_point> deadline;
     if (runSeconds > 0) {
@@ -110,8 +110,12 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         auto const next = earlier(earlier(deadline, scenario ? scenario->nextDue() : std::nullopt),
                                   retry.due(core));
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
-        auto const served = server.pollSet();
-        fds.insert(fds.end(), served.begin(), served.end());
+        std::vector<std::size_t> sizes;
+        for (ModbusServer const* server : servers) {
+            auto const served = server->pollSet();
+            sizes.push_back(served.size());
+            fds.insert(fds.end(), served.begin(), served.end());
+        }
         int const ready = ::poll(fds.data(), fds.size(), waitMilliseconds(Clock::now(), next));
         if (ready < 0 && errno != EINTR) {
             log.error(std::string("poll failed: ") + std::strerror(errno));
@@ -120,10 +124,14 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log)) {
             return 0;
         }
-        if (ready > 0) {
-            server.serve(fds.data() + 1, fds.size() - 1, Clock::now());
+        std::size_t first = 1;
+        for (std::size_t i = 0; i < servers.size(); ++i) {
+            if (ready > 0) {
+                servers[i]->serve(fds.data() + first, sizes[i], Clock::now());
+            }
+            servers[i]->expire(Clock::now());
+            first += sizes[i];
         }
-        server.expire(Clock::now());
         bool const played = playScenario(scenario, Clock::now());
         retry.run(core, Clock::now(), played);
         core.watchAvailability();

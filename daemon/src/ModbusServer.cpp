@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "LogText.h"
 #include "ResponseEncoder.h"
 
 namespace tarsel::daemon {
@@ -70,6 +71,7 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
                            RequestHandler& handler, Log& log)
     : m_limits(limits),
       m_access(config.access),
+      m_tls(config.tls),
       m_handler(handler),
       m_log(log),
       m_listener(listenOn(config)) {
@@ -87,7 +89,7 @@ ModbusServer::~ModbusServer() {
 std::vector<pollfd> ModbusServer::pollSet() const {
     std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
     for (auto const& client : m_clients) {
-        short const events = client->hasPendingOutput() ? POLLIN | POLLOUT : POLLIN;
+        short const events = client->wantsWrite() ? POLLIN | POLLOUT : POLLIN;
         fds.push_back({client->fd(), events, 0});
     }
     return fds;
@@ -117,6 +119,9 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
 
 bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
                                Closing& why) {
+    if (client.tls() != nullptr && !client.tls()->established()) {
+        return shakeHands(client, now, why);
+    }
     if ((events & POLLOUT) != 0 && !client.flush()) {
         return false;
     }
@@ -142,7 +147,8 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
                 break;
         }
         Answer const answer = m_handler.handle(
-            frame.data(), frame.size(), {client.peer().text, client.peer().ipv4, &m_access, true});
+            frame.data(), frame.size(),
+            {client.peer().text, client.peer().ipv4, &m_access, client.roleMayWrite()});
         if (answer.closeConnection) {
             why = {"function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
@@ -158,6 +164,36 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             return false;
         }
     }
+}
+
+bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why) {
+    TlsSession& tls = *client.tls();
+    switch (tls.handshake()) {
+        case TlsSession::Step::Pending:
+            return true;
+        case TlsSession::Step::Failed:
+            why = {"TLS handshakes failed", "TLS handshake failed: " + tls.failure()};
+            return false;
+        case TlsSession::Step::Done:
+            break;
+    }
+    auto const role = tls.peerRole();
+    auto const access = role ? m_tls->access(*role) : std::nullopt;
+    std::string const who =
+        quotedValue(tls.peerSubject()) + ", role " + (role ? quotedValue(*role) : "(none)");
+    if (!access) {
+        why = {"TLS clients without a role",
+               "certificate " + who + ": no access configured for this role; connection closed"};
+        return false;
+    }
+    bool const mayWrite = access.value_or(RoleAccess::ReadOnly) == RoleAccess::ReadWrite;
+    client.setRoleMayWrite(mayWrite);
+    client.handshakeDone(now);
+    m_log.limited(Log::Level::Info, "TLS clients accepted",
+                  "client " + client.peer().text + ": certificate " + who + " (" +
+                      (mayWrite ? "read-write" : "read-only") + ")");
+    // Requests may have come with the end of the handshake.
+    return client.receive(now) == ClientConnection::ReadStatus::Open && answerFrames(client, why);
 }
 
 void ModbusServer::acceptAll(SteadyClock::time_point now) {
@@ -191,8 +227,18 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             continue;
         }
         m_log.debug("client " + peer.text + " connected");
-        m_clients.push_back(std::make_unique<ClientConnection>(fd, std::move(peer), now,
-                                                               m_limits.outputQueueBytes));
+        std::unique_ptr<TlsSession> tls;
+        if (m_tls) {
+            try {
+                tls = std::make_unique<TlsSession>(*m_tls, fd);
+            } catch (std::runtime_error const& error) {
+                m_log.limited(Log::Level::Error, "TLS sessions failed", error.what());
+                ::close(fd);
+                continue;
+            }
+        }
+        m_clients.push_back(std::make_unique<ClientConnection>(
+            fd, std::move(peer), now, m_limits.outputQueueBytes, std::move(tls)));
     }
 }
 

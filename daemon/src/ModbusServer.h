@@ -16,6 +16,7 @@
 #include "ClientConnection.h"
 #include "Log.h"
 #include "RequestHandler.h"
+#include "TlsContext.h"
 
 namespace tarsel::daemon {
 
@@ -23,6 +24,9 @@ struct ListenConfig {
     std::string address = "127.0.0.1";
     int port = 1502;  // 0: any free port (see port())
     AccessRules access;
+    // Modbus/TCP Security: every client goes through a TLS handshake with a
+    // certificate first. Nothing: plain Modbus TCP.
+    std::shared_ptr<TlsContext const> tls;
 };
 
 /* What one client may hold of the daemon, and for how long. */
@@ -72,10 +76,14 @@ class ModbusServer {
     bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
                      Closing& why);
     bool answerFrames(ClientConnection& client, Closing& why);
+    /* False when the client is to be dropped: the handshake failed, or the
+     * certificate has no role the configuration names. */
+    bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);
     void drop(std::size_t index, Closing const& why);
 
     ClientLimits m_limits;
     AccessRules m_access;
+    std::shared_ptr<TlsContext const> m_tls;
     RequestHandler& m_handler;
     Log& m_log;
     int m_listener = -1;

@@ -59,10 +59,37 @@ Argument split(std::string const& arg) {
     return {arg.substr(0, equals), arg.substr(equals + 1)};
 }
 
+/* "NAME=read-only" or "NAME=read-write". */
+void addRole(TlsConfig& tls, std::string const& text) {
+    std::size_t const equals = text.rfind('=');
+    std::string const access = equals == std::string::npos ? "" : text.substr(equals + 1);
+    if (equals == 0 || (access != "read-only" && access != "read-write")) {
+        throw std::invalid_argument("--tls-role expects NAME=read-only or NAME=read-write, got \"" +
+                                    text + "\"");
+    }
+    tls.roles[text.substr(0, equals)] =
+        access == "read-write" ? RoleAccess::ReadWrite : RoleAccess::ReadOnly;
+}
+
+void checkTls(Options const& options) {
+    if (!options.tlsPort) {
+        return;
+    }
+    TlsConfig const& tls = options.tls;
+    if (tls.certificateFile.empty() || tls.keyFile.empty() || tls.caFile.empty()) {
+        throw std::invalid_argument("--tls-port needs --tls-cert, --tls-key and --tls-ca");
+    }
+    if (tls.roles.empty()) {
+        throw std::invalid_argument(
+            "--tls-port needs at least one --tls-role: without one no client could do anything");
+    }
+}
+
 }  // namespace
 
 Options parseOptions(std::vector<std::string> const& args) {
     Options options;
+    options.tlsAccess.allowWrite(std::nullopt, parseCidrList("any"));
     for (std::size_t i = 0; i < args.size(); ++i) {
         Argument arg = split(args[i]);
         auto value = [&]() -> std::string {
@@ -106,6 +133,25 @@ Options parseOptions(std::vector<std::string> const& args) {
             } catch (std::invalid_argument const& error) {
                 throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
             }
+        } else if (arg.name == "--tls-allow-read" || arg.name == "--tls-allow-write") {
+            std::string const rule = value();
+            try {
+                applyAllowOption(options.tlsAccess, arg.name == "--tls-allow-write", rule);
+            } catch (std::invalid_argument const& error) {
+                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
+            }
+        } else if (arg.name == "--tls-port") {
+            options.tlsPort = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
+        } else if (arg.name == "--tls-listen") {
+            options.tlsListen = value();
+        } else if (arg.name == "--tls-cert") {
+            options.tls.certificateFile = value();
+        } else if (arg.name == "--tls-key") {
+            options.tls.keyFile = value();
+        } else if (arg.name == "--tls-ca") {
+            options.tls.caFile = value();
+        } else if (arg.name == "--tls-role") {
+            addRole(options.tls, value());
         } else if (arg.name == "--max-clients") {
             options.limits.maxClients =
                 static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
@@ -119,6 +165,7 @@ Options parseOptions(std::vector<std::string> const& args) {
             throw std::invalid_argument("unknown option \"" + args[i] + "\" (see --help)");
         }
     }
+    checkTls(options);
     return options;
 }
 
@@ -143,6 +190,18 @@ Options:
   --allow-write [TABLE=]LIST
                         who may write, as --allow-read (default:
                         127.0.0.0/8, this host only)
+  --tls-port N          also serve Modbus/TCP Security (TLS) on port N
+                        (802 by convention; 0 picks a free port, logged)
+  --tls-listen ADDR     address of the TLS listener (default: --listen's)
+  --tls-cert FILE       the daemon's certificate (PEM)
+  --tls-key FILE        its private key (PEM)
+  --tls-ca FILE         CA certificate(s) client certificates must chain to
+  --tls-role NAME=read-only|read-write
+                        what a client certificate of role NAME may do;
+                        repeatable; other roles are refused
+  --tls-allow-read [TABLE=]LIST, --tls-allow-write [TABLE=]LIST
+                        address rules of the TLS listener, as --allow-read
+                        (defaults: any, any)
   --max-clients N       clients served at once (default 64); when all are
                         connected, the one quiet the longest (1 s at least)
                         is closed to make room, else the new one is refused

@@ -7,6 +7,7 @@
 
 #include "Describe.h"
 #include "ModbusServer.h"
+#include "TlsContext.h"
 
 namespace tarsel::daemon {
 
@@ -18,6 +19,11 @@ struct Options {
     int unitId = 1;
     ClientLimits limits;
     AccessRules access;
+    // Modbus/TCP Security, off unless a port is given.
+    std::optional<int> tlsPort;
+    std::string tlsListen;  // empty: the address of --listen
+    TlsConfig tls;
+    AccessRules tlsAccess;    // writes from anywhere: the certificate's role decides
     double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
     bool verbose = false;
     bool help = false;

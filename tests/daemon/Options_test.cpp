@@ -80,5 +80,37 @@ TEST(OptionsTest, AllowOptionsSetTheListenersAccessRules) {
     }
 }
 
+TEST(OptionsTest, TlsListenerTakesItsFilesRolesAndRules) {
+    Options const options =
+        parseOptions({"--tls-port", "802", "--tls-cert", "s.pem", "--tls-key", "s.key", "--tls-ca",
+                      "ca.pem", "--tls-role", "operator=read-write", "--tls-role=viewer=read-only",
+                      "--tls-allow-write", "10.0.0.0/8"});
+    EXPECT_EQ(options.tlsPort, 802);
+    EXPECT_EQ(options.tls.certificateFile, "s.pem");
+    EXPECT_EQ(options.tls.keyFile, "s.key");
+    EXPECT_EQ(options.tls.caFile, "ca.pem");
+    EXPECT_EQ(options.tls.roles.at("operator"), RoleAccess::ReadWrite);
+    EXPECT_EQ(options.tls.roles.at("viewer"), RoleAccess::ReadOnly);
+    EXPECT_TRUE(options.tlsAccess.mayWrite(Table::Coils, 0x0A000001));
+    EXPECT_FALSE(options.tlsAccess.mayWrite(Table::Coils, 0x7F000001));
+    EXPECT_FALSE(options.access.mayWrite(Table::Coils, 0x0A000001));  // the plain listener's
+}
+
+TEST(OptionsTest, TlsListenerWritesFromAnyAddressByDefaultTheRoleDecides) {
+    Options const options = parseOptions({});
+    EXPECT_FALSE(options.tlsPort);
+    EXPECT_TRUE(options.tlsAccess.mayWrite(Table::HoldingRegisters, 0x0A000001));
+}
+
+TEST(OptionsTest, TlsListenerNeedsItsFilesAndARole) {
+    EXPECT_THROW(parseOptions({"--tls-port", "802", "--tls-role", "a=read-only"}),
+                 std::invalid_argument);
+    EXPECT_THROW(
+        parseOptions({"--tls-port", "802", "--tls-cert", "s", "--tls-key", "k", "--tls-ca", "c"}),
+        std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--tls-role", "viewer=admin"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--tls-role", "=read-only"}), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
