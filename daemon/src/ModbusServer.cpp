@@ -125,7 +125,9 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
     if ((events & POLLOUT) != 0 && !client.flush()) {
         return false;
     }
-    if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) {
+    // A TLS read may have waited for the socket to take data: it is retried
+    // when the socket is writable.
+    if ((events & (POLLIN | POLLHUP | POLLERR)) == 0 && client.tls() == nullptr) {
         return true;
     }
     bool const open = client.receive(now) == ClientConnection::ReadStatus::Open;
