@@ -8,7 +8,7 @@ packages=(
     libmodbus-dev nlohmann-json3-dev libssl-dev openssl
     libgtest-dev libgmock-dev googletest libbenchmark-dev
     python3 python3-pymodbus python3-cryptography mbpoll
-    clang-format
+    clang-format clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
     "$@"
 )
