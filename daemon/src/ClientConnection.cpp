@@ -137,13 +137,13 @@ ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8
     return FrameStatus::Complete;
 }
 
-bool ClientConnection::queue(std::vector<std::uint8_t> const& answer) {
+ClientConnection::QueueStatus ClientConnection::queue(std::vector<std::uint8_t> const& answer) {
     if (m_outputBytes + answer.size() > m_outputLimit) {
-        return false;
+        return QueueStatus::Full;
     }
     m_output.push_back(answer);
     m_outputBytes += answer.size();
-    return flush();
+    return flush() ? QueueStatus::Queued : QueueStatus::Failed;
 }
 
 bool ClientConnection::flush() {

@@ -54,10 +54,11 @@ class ClientConnection {
     /* Cuts the next whole frame out of the received bytes into `frame`. */
     FrameStatus takeFrame(std::vector<std::uint8_t>& frame);
 
-    /* Queues an answer and sends what the socket takes now. False when the
-     * client is to be dropped: the queue would exceed its limit (the client
-     * does not read its answers) or the socket failed. */
-    bool queue(std::vector<std::uint8_t> const& answer);
+    enum class QueueStatus { Queued, Full, Failed };
+    /* Queues an answer and sends what the socket takes now. Full: the queue
+     * would exceed its limit (the client does not read its answers); Failed:
+     * the socket failed. Either way the client is to be dropped. */
+    QueueStatus queue(std::vector<std::uint8_t> const& answer);
     /* Sends queued answers until the socket would block; false on failure. */
     bool flush();
     bool hasPendingOutput() const { return m_outputBytes > 0; }

@@ -157,13 +157,16 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
                        ", which has no Modbus answer; connection closed"};
             return false;
         }
-        if (!client.queue(encodeResponse(frame.data(), frame.size(), answer))) {
-            if (client.pendingOutput() > 0) {
+        switch (client.queue(encodeResponse(frame.data(), frame.size(), answer))) {
+            case ClientConnection::QueueStatus::Queued:
+                break;
+            case ClientConnection::QueueStatus::Full:
                 why = {"clients not reading", "does not read its answers (" +
                                                   std::to_string(client.pendingOutput()) +
                                                   " bytes queued); connection closed"};
-            }
-            return false;
+                return false;
+            case ClientConnection::QueueStatus::Failed:
+                return false;  // it went away
         }
     }
 }

@@ -71,11 +71,12 @@ TEST_F(ClientConnectionTest, ALengthBeyondTheLargestFrameIsMalformed) {
 TEST_F(ClientConnectionTest, AnswersQueueUntilTheLimitWhenThePeerDoesNotRead) {
     Bytes const answer(200, 0xAB);
     int queued = 0;
-    while (m_connection->queue(answer)) {
+    while (m_connection->queue(answer) == ClientConnection::QueueStatus::Queued) {
         ++queued;
         ASSERT_LT(queued, 100000) << "the queue never filled";
     }
     EXPECT_GT(queued, 5);  // the kernel's buffer first, then 1024 bytes of ours
+    EXPECT_EQ(m_connection->queue(answer), ClientConnection::QueueStatus::Full);
     EXPECT_LE(m_connection->pendingOutput(), 1024u);
     EXPECT_GT(m_connection->pendingOutput(), 1024u - answer.size());
 }
@@ -83,13 +84,19 @@ TEST_F(ClientConnectionTest, AnswersQueueUntilTheLimitWhenThePeerDoesNotRead) {
 TEST_F(ClientConnectionTest, QueuedAnswersLeaveInOrderOnceThePeerReads) {
     Bytes const first(100, 1);
     Bytes const second(100, 2);
-    ASSERT_TRUE(m_connection->queue(first));
-    ASSERT_TRUE(m_connection->queue(second));
+    ASSERT_EQ(m_connection->queue(first), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queue(second), ClientConnection::QueueStatus::Queued);
     EXPECT_FALSE(m_connection->hasPendingOutput());  // an idle socket takes them at once
     std::uint8_t buffer[300];
     ASSERT_EQ(::read(m_peer, buffer, sizeof buffer), 200);
     EXPECT_EQ(buffer[0], 1);
     EXPECT_EQ(buffer[199], 2);
+}
+
+TEST_F(ClientConnectionTest, AnAnswerToAPeerThatWentAwayFails) {
+    ::close(m_peer);
+    m_peer = ::dup(0);  // for TearDown
+    EXPECT_EQ(m_connection->queue(Bytes(10, 1)), ClientConnection::QueueStatus::Failed);
 }
 
 TEST_F(ClientConnectionTest, TheEndOfTheStreamClosesIt) {
