@@ -585,7 +585,8 @@ RegisterMapSpec parseRegisterMap(std::string const& text) {
     json root;
     try {
         root = json::parse(text);
-    } catch (json::parse_error const& error) {
+    } catch (json::exception const& error) {
+        // A syntax error, or a number too large for a double (out_of_range).
         throw MapError({std::string("map: not valid JSON: ") + error.what()});
     }
     MapParser parser;

@@ -324,5 +324,13 @@ TEST(RegisterMapTest, BadAllowListsAreErrorsWithTheirPath) {
                          "entries[0].allowWrite: expected an array"));
 }
 
+TEST(RegisterMapTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
+    auto const errors = errorsOf(R"({"entries": [], "comment": 4.44e3333})");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(contains(errors,
+                         "map: not valid JSON: [json.exception.out_of_range.406] number "
+                         "overflow parsing '4.44e3333'"));
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
