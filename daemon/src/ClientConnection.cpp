@@ -11,8 +11,9 @@ namespace {
 
 constexpr std::size_t kHeaderLength = 7;
 constexpr std::size_t kMaxFrame = 260;  // MBAP header plus the largest PDU
-// Read per turn: a few dozen pipelined requests, then the next client.
-constexpr std::size_t kReadBudget = 16 * 1024;
+// Received bytes waiting to be answered before the socket is left alone: a
+// few hundred pipelined requests at most, answered a few at a time.
+constexpr std::size_t kInputLimit = 4096;
 
 std::uint16_t word(std::uint8_t const* p) {
     return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
@@ -86,10 +87,9 @@ long ClientConnection::rawWrite(std::uint8_t const* buffer, std::size_t size) {
 
 ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point now) {
     std::uint8_t chunk[4096];
-    std::size_t total = 0;
     // A TLS session may hold decrypted bytes the socket no longer shows as
     // readable: it is read until it would block.
-    while (total < kReadBudget || m_tls) {
+    while (m_input.size() < kInputLimit || m_tls) {
         long const received = rawRead(chunk, sizeof chunk);
         if (received == 0) {
             return ReadStatus::Closed;
@@ -105,12 +105,15 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
         }
         m_input.insert(m_input.end(), chunk, chunk + received);
         m_lastHeard = now;
-        total += static_cast<std::size_t>(received);
     }
     return ReadStatus::Open;
 }
 
-ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8_t>& frame) {
+bool ClientConnection::wantsRead() const {
+    return m_input.size() < kInputLimit || m_tls;
+}
+
+ClientConnection::FrameStatus ClientConnection::frontStatus() const {
     if (m_input.size() < kHeaderLength) {
         return FrameStatus::Incomplete;
     }
@@ -120,10 +123,15 @@ ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8
         // Without a sane length the stream cannot be resynchronised.
         return FrameStatus::Malformed;
     }
-    std::size_t const size = 6u + length;
-    if (m_input.size() < size) {
-        return FrameStatus::Incomplete;
+    return m_input.size() < 6u + length ? FrameStatus::Incomplete : FrameStatus::Complete;
+}
+
+ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8_t>& frame) {
+    FrameStatus const status = frontStatus();
+    if (status != FrameStatus::Complete) {
+        return status;
     }
+    std::size_t const size = 6u + word(&m_input[4]);
     auto const end = m_input.begin() + static_cast<std::ptrdiff_t>(size);
     frame.assign(m_input.begin(), end);
     m_input.erase(m_input.begin(), end);

@@ -46,11 +46,17 @@ class ClientConnection {
     PeerAddress const& peer() const { return m_peer; }
 
     enum class ReadStatus { Open, Closed };
-    /* Reads what the socket holds, up to a budget per call so that one busy
-     * client takes its turn like the others. Closed: end of stream or error. */
-    ReadStatus receive(SteadyClock::time_point now);
-
     enum class FrameStatus { Complete, Incomplete, Malformed };
+    /* Reads what the socket holds while fewer than a few kilobytes wait to
+     * be answered, so that a client that pipelines requests cannot make the
+     * loop spend its time on it alone. Closed: end of stream or error. */
+    ReadStatus receive(SteadyClock::time_point now);
+    /* False while enough received bytes wait: the socket is left alone. */
+    bool wantsRead() const;
+    /* True when takeFrame() has something to say: a whole frame, or a
+     * header that cannot start one. */
+    bool hasCompleteFrame() const { return frontStatus() != FrameStatus::Incomplete; }
+
     /* Cuts the next whole frame out of the received bytes into `frame`. */
     FrameStatus takeFrame(std::vector<std::uint8_t>& frame);
 
@@ -82,6 +88,8 @@ class ClientConnection {
     SteadyClock::time_point lastHeard() const { return m_lastHeard; }
 
   private:
+    /* What the received bytes start with, without taking anything. */
+    FrameStatus frontStatus() const;
     long rawRead(std::uint8_t* buffer, std::size_t size);
     long rawWrite(std::uint8_t const* buffer, std::size_t size);
 

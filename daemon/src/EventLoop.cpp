@@ -116,7 +116,10 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             sizes.push_back(served.size());
             fds.insert(fds.end(), served.begin(), served.end());
         }
-        int const ready = ::poll(fds.data(), fds.size(), waitMilliseconds(Clock::now(), next));
+        bool const backlog = std::any_of(servers.begin(), servers.end(),
+                                         [](ModbusServer const* s) { return s->hasBacklog(); });
+        int const ready =
+            ::poll(fds.data(), fds.size(), backlog ? 0 : waitMilliseconds(Clock::now(), next));
         if (ready < 0 && errno != EINTR) {
             log.error(std::string("poll failed: ") + std::strerror(errno));
             return 1;
@@ -126,7 +129,7 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         }
         std::size_t first = 1;
         for (std::size_t i = 0; i < servers.size(); ++i) {
-            if (ready > 0) {
+            if (ready > 0 || backlog) {
                 servers[i]->serve(fds.data() + first, sizes[i], Clock::now());
             }
             servers[i]->expire(Clock::now());

@@ -22,6 +22,9 @@ constexpr int kBacklog = SOMAXCONN;
 // Accepted per loop pass at most, so a connection flood still lets the loop
 // serve the clients it has.
 constexpr int kMaxAcceptsPerPass = 256;
+// Frames answered per client and loop pass: a client that pipelines requests
+// takes its turn with the others, whatever each request costs.
+constexpr int kFramesPerTurn = 16;
 // A client quieter than this is not pushed out to make room for a new one:
 // a burst of connections cannot evict the masters that are polling.
 constexpr std::chrono::seconds kMinQuietToEvict{1};
@@ -89,7 +92,8 @@ ModbusServer::~ModbusServer() {
 std::vector<pollfd> ModbusServer::pollSet() const {
     std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
     for (auto const& client : m_clients) {
-        short const events = client->wantsWrite() ? POLLIN | POLLOUT : POLLIN;
+        short const events = static_cast<short>((client->wantsRead() ? POLLIN : 0) |
+                                                (client->wantsWrite() ? POLLOUT : 0));
         fds.push_back({client->fd(), events, 0});
     }
     return fds;
@@ -97,10 +101,12 @@ std::vector<pollfd> ModbusServer::pollSet() const {
 
 void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now) {
     // Clients first, by descriptor: accepting reorders m_clients.
+    std::vector<int> served;
     for (std::size_t i = 1; i < count; ++i) {
         if (ready[i].revents == 0) {
             continue;
         }
+        served.push_back(ready[i].fd);
         auto const found =
             std::find_if(m_clients.begin(), m_clients.end(),
                          [fd = ready[i].fd](Client const& c) { return c->fd() == fd; });
@@ -112,9 +118,30 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
             drop(static_cast<std::size_t>(found - m_clients.begin()), why);
         }
     }
+    serveBacklog(served);
     if (count > 0 && (ready[0].revents & POLLIN) != 0) {
         acceptAll(now);
     }
+}
+
+/* The clients with whole frames waiting that the sockets did not bring up. */
+void ModbusServer::serveBacklog(std::vector<int> const& served) {
+    for (std::size_t i = m_clients.size(); i-- > 0;) {
+        ClientConnection& client = *m_clients[i];
+        if (!client.hasCompleteFrame() ||
+            std::find(served.begin(), served.end(), client.fd()) != served.end()) {
+            continue;
+        }
+        Closing why;
+        if (!answerFrames(client, why)) {
+            drop(i, why);
+        }
+    }
+}
+
+bool ModbusServer::hasBacklog() const {
+    return std::any_of(m_clients.begin(), m_clients.end(),
+                       [](Client const& client) { return client->hasCompleteFrame(); });
 }
 
 bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
@@ -138,7 +165,7 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
 
 bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
     std::vector<std::uint8_t> frame;
-    for (;;) {
+    for (int turn = 0; turn < kFramesPerTurn; ++turn) {
         switch (client.takeFrame(frame)) {
             case ClientConnection::FrameStatus::Incomplete:
                 return true;
@@ -169,6 +196,7 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
                 return false;  // it went away
         }
     }
+    return true;  // the rest waits for the next pass
 }
 
 bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why) {

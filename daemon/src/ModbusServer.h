@@ -57,6 +57,9 @@ class ModbusServer {
     std::vector<pollfd> pollSet() const;
     /* Serves what poll() reported ready, for the descriptors of pollSet(). */
     void serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now);
+    /* True when a client has whole frames waiting: the loop must come back
+     * at once rather than wait for a socket. */
+    bool hasBacklog() const;
     /* Drops the clients idle or stuck in a frame for longer than the limits. */
     void expire(SteadyClock::time_point now);
 
@@ -71,6 +74,7 @@ class ModbusServer {
     };
 
     void acceptAll(SteadyClock::time_point now);
+    void serveBacklog(std::vector<int> const& served);
     bool makeRoom(SteadyClock::time_point now);
     /* False when the client is to be dropped; `why` says why, if worth a line. */
     bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
