@@ -44,16 +44,16 @@ void Log::limited(Level level, std::string const& kind, std::string const& text)
         return;
     }
     summarise();
-    m_kindLevels[kind] = level;
-    if (m_limiter.admit(kind, m_clock())) {
+    if (m_limiter.admit(kind, m_clock(), static_cast<int>(level), text)) {
         write(level, text);
     }
 }
 
 void Log::summarise() {
     for (auto const& summary : m_limiter.takeEnded(m_clock())) {
-        write(m_kindLevels[summary.kind], "... " + groupedThousands(summary.suppressed) +
-                                              " more \"" + summary.kind + "\" in the last minute");
+        write(static_cast<Level>(summary.tag),
+              "... " + groupedThousands(summary.suppressed) + " more \"" + summary.kind +
+                  "\" in the last minute; the last: " + summary.last);
     }
 }
 

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <functional>
 #include <iosfwd>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -37,8 +36,8 @@ class Log {
 
     /* An event a client can cause as often as it likes: at most
      * kBurstPerMinute lines of this kind a minute, then one summary line
-     * when the minute ends. Debug lines are never limited (verbose mode is
-     * for looking closely). */
+     * when the minute ends, with the count and the last line held back. Debug lines are never
+     * limited (verbose mode is for looking closely). */
     void limited(Level level, std::string const& kind, std::string const& text);
     /* Writes the summary of every kind whose minute has ended. */
     void summarise();
@@ -52,7 +51,6 @@ class Log {
     bool m_verbose;
     Clock m_clock;
     LogRateLimiter m_limiter;
-    std::map<std::string, Level> m_kindLevels;
 };
 
 /* "[0x4148 0x0000]", for logs and the description. */

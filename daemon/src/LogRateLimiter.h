@@ -19,12 +19,16 @@ class LogRateLimiter {
     LogRateLimiter(std::size_t burst, Clock::duration window) : m_burst(burst), m_window(window) {}
 
     /* True when an event of this kind may be logged now; false when it is
-     * only counted. */
-    bool admit(std::string const& kind, Clock::time_point now);
+     * only counted, and its text kept as the last one held back. `tag` is
+     * the caller's (the log level), handed back with the summary. */
+    bool admit(std::string const& kind, Clock::time_point now, int tag = 0,
+               std::string const& text = {});
 
     struct Summary {
         std::string kind;
         unsigned long long suppressed;
+        int tag;
+        std::string last;  // the text of the last event held back
     };
     /* The kinds whose window has ended by now with events held back, each
      * once; their windows start again. */
@@ -35,6 +39,8 @@ class LogRateLimiter {
         Clock::time_point start;
         std::size_t logged = 0;
         unsigned long long suppressed = 0;
+        int tag = 0;
+        std::string last;
     };
 
     std::size_t m_burst;

@@ -109,6 +109,12 @@ std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
     return values;
 }
 
+/* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
+ * whatever port it connects from. */
+std::string addressOf(std::string const& client) {
+    return client.substr(0, client.rfind(':'));
+}
+
 /* The words of a write that fall on one entry. */
 std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uint16_t> const& words,
                                   std::uint16_t start) {
@@ -371,10 +377,14 @@ std::string RequestHandler::currentValue(ServedEntry const& entry) const {
 
 void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
                            std::vector<std::uint16_t> const& written, std::string const& outcome) {
-    // Every write that reached an encoder is kept: this is the audit trail.
-    m_log.info("write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) + " " +
-               std::to_string(entry.spec.address) + ": " + before + " -> " +
-               readableValue(entry.spec, written) + ": " + outcome + "; " + m_fields);
+    // The audit trail: the first writes of each client to each entry a
+    // minute line by line, the rest counted with the last one in full, so a
+    // master stuck in a loop cannot fill the card's storage.
+    m_log.limited(Log::Level::Info,
+                  "writes of " + entry.spec.name + " by " + addressOf(m_origin->client),
+                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
+                      " " + std::to_string(entry.spec.address) + ": " + before + " -> " +
+                      readableValue(entry.spec, written) + ": " + outcome + "; " + m_fields);
 }
 
 void RequestHandler::auditRefused(ServedEntry const& entry,

@@ -24,12 +24,14 @@ TEST(LogRateLimiterTest, SummarisesWhatWasHeldBackOnceTheWindowEnds) {
     LogRateLimiter limiter(2, 60s);
     Clock::time_point const t0{};
     for (int i = 0; i < 1202; ++i) {
-        limiter.admit("refused", t0 + 1ms * i);
+        limiter.admit("refused", t0 + 1ms * i, 3, "event " + std::to_string(i));
     }
     auto const ended = limiter.takeEnded(t0 + 60s);
     ASSERT_EQ(ended.size(), 1u);
     EXPECT_EQ(ended[0].kind, "refused");
     EXPECT_EQ(ended[0].suppressed, 1200u);
+    EXPECT_EQ(ended[0].tag, 3);
+    EXPECT_EQ(ended[0].last, "event 1201");
     EXPECT_TRUE(limiter.takeEnded(t0 + 61s).empty());  // told once
 }
 

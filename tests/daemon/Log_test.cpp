@@ -36,7 +36,8 @@ TEST(LogTest, LinesWritesMultiLineTextOfTheDaemonsOwnLineByLine) {
 TEST(LogTest, RepeatedEventsAreCutToTheBurstAndSummarisedAfterTheMinute) {
     ClockedLog clocked;
     for (int i = 0; i < 1210; ++i) {
-        clocked.log.limited(Log::Level::Warning, "clients refused", "client refused");
+        clocked.log.limited(Log::Level::Warning, "clients refused",
+                            i < 1209 ? "client refused" : "client 10.0.0.9:5 refused");
     }
     clocked.now += 30s;
     clocked.log.summarise();
@@ -52,7 +53,7 @@ TEST(LogTest, RepeatedEventsAreCutToTheBurstAndSummarisedAfterTheMinute) {
     EXPECT_EQ(before, burst);
     EXPECT_EQ(after, burst +
                          "tarsel-modbusd: warning: ... 1,200 more \"clients refused\" in the last "
-                         "minute\n");
+                         "minute; the last: client 10.0.0.9:5 refused\n");
 }
 
 TEST(LogTest, DebugLinesAreNeverLimitedAndOnlyWrittenWhenVerbose) {

@@ -343,5 +343,24 @@ TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
         << log;
 }
 
+TEST(RequestHandlerTest, RepeatedWritesOfOneClientToOneEntryAreAuditedUpToTheBurst) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    RequestOrigin const first{"127.0.0.1:5021", 0x7F000001, nullptr, true};
+    RequestOrigin const other{"127.0.0.2:5022", 0x7F000002, nullptr, true};
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(askFrom(daemon, request(6, 2, static_cast<std::uint16_t>(i)), first).exception,
+                  0);
+    }
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 99), other).exception, 0);
+    std::string const log = daemon.logText();
+    std::size_t lines = 0;
+    for (auto at = log.find("write \"t\""); at != std::string::npos;
+         at = log.find("write \"t\"", at + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, Log::kBurstPerMinute + 1) << log;  // the other client has its own count
+    EXPECT_NE(log.find("-> [0x0063]: written; client=127.0.0.2:5022"), std::string::npos) << log;
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
