@@ -15,16 +15,16 @@ set_name="${1:-test}"
 
 run_packages=(
     build-essential cmake pkg-config
-    libmodbus-dev nlohmann-json3-dev
+    libmodbus-dev nlohmann-json3-dev libssl-dev
     libupsclient-dev
 )
 test_packages=(
     "${run_packages[@]}"
-    git
+    git openssl
     libgtest-dev libgmock-dev googletest libbenchmark-dev
-    python3 python3-pymodbus python3-serial-asyncio mbpoll
+    python3 python3-pymodbus python3-serial-asyncio python3-cryptography mbpoll
     nut-server nut-client
-    clang-format
+    clang-format clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
 )
 

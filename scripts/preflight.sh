@@ -31,6 +31,7 @@ python_package() {
     pymodbus) echo python3-pymodbus ;;
     serial_asyncio) echo python3-serial-asyncio ;;
     serial) echo python3-serial ;;
+    cryptography) echo python3-cryptography ;;
     *) echo "unknown: the one providing Python module '$1'" ;;
     esac
 }
@@ -53,6 +54,13 @@ PY
     report "Python module '${absent%%.*}' (imported through '$module')" "$(python_package "${absent%%.*}")"
 }
 
+# libFuzzer's runtime comes with clang's runtime libraries, in a folder named
+# after clang's version.
+need_libfuzzer() {
+    local found=(/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a)
+    [ -e "${found[0]}" ] || report "libFuzzer (libclang_rt.fuzzer)" libclang-rt-14-dev
+}
+
 run_checks() {
     need_command c++ build-essential
     need_command make build-essential
@@ -61,6 +69,7 @@ run_checks() {
     need_file /usr/include/modbus/modbus.h libmodbus-dev
     need_file /usr/include/nlohmann/json.hpp nlohmann-json3-dev
     need_file /usr/include/upsclient.h libupsclient-dev
+    need_file /usr/include/openssl/ssl.h libssl-dev
 }
 
 test_checks() {
@@ -71,6 +80,10 @@ test_checks() {
     need_file /usr/src/googletest/CMakeLists.txt googletest
     need_file /usr/include/benchmark/benchmark.h libbenchmark-dev
     need_command clang-format clang-format
+    need_command openssl openssl
+    need_command clang clang
+    need_command clang++ clang
+    need_libfuzzer
     need_command arm-linux-gnueabihf-g++ g++-arm-linux-gnueabihf
     need_command qemu-arm qemu-user
     need_command mbpoll mbpoll
@@ -85,6 +98,7 @@ test_checks() {
     need_python_module pymodbus.client
     need_python_module pymodbus.payload
     need_python_module pymodbus.constants
+    need_python_module cryptography.x509
 }
 
 case "$set_name" in

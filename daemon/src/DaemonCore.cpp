@@ -92,7 +92,7 @@ void DaemonCore::watchAvailability() {
         m_log.info("UPS map is available; serving it");
     } else if (m_gate == Gate::Unknown) {
         m_gate = Gate::Closed;
-        m_log.warning(m_availability->notAvailableMessage());
+        m_log.lines(Log::Level::Warning, m_availability->notAvailableMessage());
         m_log.info(
             "until then every request is answered with exception 0x0A "
             "(Gateway Path Unavailable)");

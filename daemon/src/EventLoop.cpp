@@ -44,7 +44,8 @@ bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
     bool stop = false;
     while (auto const signal = signals.take()) {
         if (*signal == SIGUSR1) {
-            log.info("register map:\n" + core.describe(DescribeFormat::Markdown));
+            log.lines(Log::Level::Info,
+                      "register map:\n" + core.describe(DescribeFormat::Markdown));
         } else {
             log.info(std::string("received ") + strsignal(*signal) + "; stopping");
             stop = true;
@@ -87,8 +88,8 @@ bool updateSource(DataSource* source, Clock::time_point now) {
 
 }  // namespace
 
-int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Log& log,
-                 double runSeconds) {
+int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, SignalPipe& signals,
+                 Log& log, double runSeconds) {
     Clock::time_point const start = Clock::now();
     std::optional<Clock::time_point> deadline;
     if (runSeconds > 0) {
@@ -104,15 +105,22 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
     for (;;) {
         auto const next =
             earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core));
-        // The source's descriptor, when it has one, goes last: the server's
-        // descriptors stay in the order it gave them.
+        // The source's descriptor, when it has one, goes last: each server's
+        // descriptors stay together, in the order it gave them.
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
-        auto const served = server.pollSet();
-        fds.insert(fds.end(), served.begin(), served.end());
+        std::vector<std::size_t> sizes;
+        for (ModbusServer const* server : servers) {
+            auto const served = server->pollSet();
+            sizes.push_back(served.size());
+            fds.insert(fds.end(), served.begin(), served.end());
+        }
         if (sourceFd >= 0) {
             fds.push_back({sourceFd, POLLIN, 0});
         }
-        int const ready = ::poll(fds.data(), fds.size(), waitMilliseconds(Clock::now(), next));
+        bool const backlog = std::any_of(servers.begin(), servers.end(),
+                                         [](ModbusServer const* s) { return s->hasBacklog(); });
+        int const ready =
+            ::poll(fds.data(), fds.size(), backlog ? 0 : waitMilliseconds(Clock::now(), next));
         if (ready < 0 && errno != EINTR) {
             log.error(std::string("poll failed: ") + std::strerror(errno));
             return 1;
@@ -120,12 +128,18 @@ int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Lo
         if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log)) {
             return 0;
         }
-        if (ready > 0) {
-            server.serve(fds.data() + 1, served.size());
+        std::size_t first = 1;
+        for (std::size_t i = 0; i < servers.size(); ++i) {
+            if (ready > 0 || backlog) {
+                servers[i]->serve(fds.data() + first, sizes[i], Clock::now());
+            }
+            servers[i]->expire(Clock::now());
+            first += sizes[i];
         }
         bool const played = updateSource(source, Clock::now());
         retry.run(core, Clock::now(), played);
         core.watchAvailability();
+        log.summarise();
         if (deadline && Clock::now() >= *deadline) {
             log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");
             return 0;

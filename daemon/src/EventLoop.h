@@ -3,6 +3,8 @@
 // threads.
 #pragma once
 
+#include <vector>
+
 #include "DaemonCore.h"
 #include "Log.h"
 #include "ModbusServer.h"
@@ -12,7 +14,7 @@ namespace tarsel::daemon {
 
 /* Runs until SIGINT or SIGTERM, or for runSeconds when that is above 0.
  * Returns the exit status. */
-int runEventLoop(DaemonCore& core, ModbusServer& server, SignalPipe& signals, Log& log,
-                 double runSeconds);
+int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, SignalPipe& signals,
+                 Log& log, double runSeconds);
 
 }  // namespace tarsel::daemon

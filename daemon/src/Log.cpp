@@ -1,19 +1,74 @@
 #include "Log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ostream>
 
+#include "LogText.h"
+
 namespace tarsel::daemon {
+
+namespace {
+
+char const* prefix(Log::Level level) {
+    switch (level) {
+        case Log::Level::Debug:
+            return "debug: ";
+        case Log::Level::Warning:
+            return "warning: ";
+        case Log::Level::Error:
+            return "error: ";
+        case Log::Level::Info:
+            break;
+    }
+    return "";
+}
+
+}  // namespace
+
+Log::Log(std::ostream& out, bool verbose, Clock clock)
+    : m_out(out),
+      m_verbose(verbose),
+      m_clock(std::move(clock)),
+      m_limiter(kBurstPerMinute, std::chrono::minutes(1)) {}
 
 void Log::debug(std::string const& text) {
     if (m_verbose) {
-        write("debug: ", text);
+        write(Level::Debug, text);
     }
 }
 
-void Log::write(char const* level, std::string const& text) {
+void Log::limited(Level level, std::string const& kind, std::string const& text) {
+    if (level == Level::Debug) {
+        debug(text);
+        return;
+    }
+    summarise();
+    if (m_limiter.admit(kind, m_clock(), static_cast<int>(level), text)) {
+        write(level, text);
+    }
+}
+
+void Log::summarise() {
+    for (auto const& summary : m_limiter.takeEnded(m_clock())) {
+        write(static_cast<Level>(summary.tag),
+              "... " + groupedThousands(summary.suppressed) + " more \"" + summary.kind +
+                  "\" in the last minute; the last: " + summary.last);
+    }
+}
+
+void Log::lines(Level level, std::string const& text) {
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t const end = std::min(text.find('\n', start), text.size());
+        write(level, text.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
+void Log::write(Level level, std::string const& text) {
     // Flushed line by line: scripts and tests follow the log through a pipe.
-    m_out << "tarsel-modbusd: " << level << text << std::endl;
+    m_out << "tarsel-modbusd: " << prefix(level) << escapeControls(text) << std::endl;
 }
 
 std::string hexWords(std::vector<unsigned short> const& words) {

@@ -1,29 +1,56 @@
 // The daemon's log: one line per event on a stream (stderr in the program).
+// Every line is escaped (no line breaks, no terminal escapes inside one),
+// and events a client can repeat at will are rate-limited per kind.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
+
+#include "LogRateLimiter.h"
 
 namespace tarsel::daemon {
 
 class Log {
   public:
-    explicit Log(std::ostream& out, bool verbose = false) : m_out(out), m_verbose(verbose) {}
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+    enum class Level { Debug, Info, Warning, Error };
 
-    void info(std::string const& text) { write("", text); }
-    void warning(std::string const& text) { write("warning: ", text); }
-    void error(std::string const& text) { write("error: ", text); }
+    // Lines of one kind per minute before the rest are only counted.
+    static constexpr std::size_t kBurstPerMinute = 10;
+
+    explicit Log(
+        std::ostream& out, bool verbose = false,
+        Clock clock = [] { return std::chrono::steady_clock::now(); });
+
+    void info(std::string const& text) { write(Level::Info, text); }
+    void warning(std::string const& text) { write(Level::Warning, text); }
+    void error(std::string const& text) { write(Level::Error, text); }
+    /* Text of the daemon's own or the library's with line breaks (the
+     * description, the not-available message): one line each. */
+    void lines(Level level, std::string const& text);
     /* Written only in verbose mode. */
     void debug(std::string const& text);
+
+    /* An event a client can cause as often as it likes: at most
+     * kBurstPerMinute lines of this kind a minute, then one summary line
+     * when the minute ends, with the count and the last line held back. Debug lines are never
+     * limited (verbose mode is for looking closely). */
+    void limited(Level level, std::string const& kind, std::string const& text);
+    /* Writes the summary of every kind whose minute has ended. */
+    void summarise();
 
     bool verbose() const { return m_verbose; }
 
   private:
-    void write(char const* level, std::string const& text);
+    void write(Level level, std::string const& text);
 
     std::ostream& m_out;
     bool m_verbose;
+    Clock m_clock;
+    LogRateLimiter m_limiter;
 };
 
 /* "[0x4148 0x0000]", for logs and the description. */

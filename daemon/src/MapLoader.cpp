@@ -26,8 +26,8 @@ constexpr long long kMaxReadBits = 2000;
 constexpr long long kMaxWriteBits = 1968;
 constexpr long long kTableSize = 65536;
 
-std::set<std::string> const kCommonFields = {"name",    "comment", "table",
-                                             "address", "encoder", "unavailable"};
+std::set<std::string> const kCommonFields = {"name",    "comment",     "table",     "address",
+                                             "encoder", "unavailable", "allowRead", "allowWrite"};
 
 std::set<std::string> encoderFields(EncoderKind kind) {
     switch (kind) {
@@ -79,6 +79,8 @@ class MapParser {
   private:
     UnavailablePolicy parsePolicy(json const& value, std::string const& where,
                                   UnavailablePolicy policy);
+    std::optional<CidrList> parseAllowList(json const& entry, char const* key,
+                                           std::string const& where);
     std::optional<EntrySpec> parseEntry(json const& value, std::string const& where,
                                         UnavailablePolicy const& mapPolicy);
     bool parseHeader(json const& value, EntrySpec& spec);
@@ -154,6 +156,32 @@ UnavailablePolicy MapParser::parsePolicy(json const& value, std::string const& w
     return policy;
 }
 
+/* An array of networks ("10.0.0.0/8", "192.168.1.7"); [] lets nobody. */
+std::optional<CidrList> MapParser::parseAllowList(json const& entry, char const* key,
+                                                  std::string const& where) {
+    if (!entry.contains(key)) {
+        return std::nullopt;
+    }
+    std::string const path = where + "." + key;
+    json const& value = entry[key];
+    if (!value.is_array()) {
+        m_check.error(path, "expected an array of IPv4 networks such as \"10.0.0.0/8\"");
+        return std::nullopt;
+    }
+    CidrList list;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        auto const cidr =
+            value[i].is_string() ? Cidr::parse(value[i].get<std::string>()) : std::nullopt;
+        if (!cidr) {
+            m_check.error(path + "[" + std::to_string(i) + "]",
+                          "expected an IPv4 address or network such as \"10.0.0.0/8\"");
+            continue;
+        }
+        list.push_back(*cidr);
+    }
+    return list;
+}
+
 std::optional<EntrySpec> MapParser::parseEntry(json const& value, std::string const& where,
                                                UnavailablePolicy const& mapPolicy) {
     if (!m_check.expectObject(value, where)) {
@@ -177,6 +205,12 @@ std::optional<EntrySpec> MapParser::parseEntry(json const& value, std::string co
         " for encoder " + quoted(encoderName(spec.encoder)));
     if (value.contains("unavailable")) {
         spec.unavailable = parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
+    }
+    spec.allowRead = parseAllowList(value, "allowRead", where);
+    spec.allowWrite = parseAllowList(value, "allowWrite", where);
+    if (spec.allowWrite && !isWritableTable(spec.table)) {
+        m_check.error(where + ".allowWrite", "entries of " + quoted(tableName(spec.table)) +
+                                                 " cannot be written by anyone");
     }
     spec.size = fixedSize(spec.encoder);
     parseOptions(value, spec);
@@ -551,7 +585,8 @@ RegisterMapSpec parseRegisterMap(std::string const& text) {
     json root;
     try {
         root = json::parse(text);
-    } catch (json::parse_error const& error) {
+    } catch (json::exception const& error) {
+        // A syntax error, or a number too large for a double (out_of_range).
         throw MapError({std::string("map: not valid JSON: ") + error.what()});
     }
     MapParser parser;

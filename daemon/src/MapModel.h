@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Cidr.h"
 #include "cdsapi/types.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsChannelAccessor.h"
@@ -81,6 +82,10 @@ struct EntrySpec {
     std::string function;     // composites
     std::string description;  // composite-registers: the representation label
     UnavailablePolicy unavailable;
+    // Who may read or write this entry, on top of the listener's rules;
+    // nothing: the listener's rules alone.
+    std::optional<CidrList> allowRead;
+    std::optional<CidrList> allowWrite;
 
     /* First address past the entry. */
     std::uint32_t end() const { return std::uint32_t{address} + size; }

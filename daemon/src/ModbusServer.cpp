@@ -9,78 +9,75 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <modbus.h>
+#include "LogText.h"
+#include "ResponseEncoder.h"
 
 namespace tarsel::daemon {
 
 namespace {
 
-constexpr std::size_t kHeaderLength = 7;
-constexpr std::size_t kMaxFrame = 260;  // MBAP header plus the largest PDU
-constexpr std::size_t kMaxClients = 64;
+// Connections the kernel completes while the loop is busy elsewhere; a short
+// backlog makes every connect past it wait for a SYN retry (a second).
+constexpr int kBacklog = SOMAXCONN;
+// Accepted per loop pass at most, so a connection flood still lets the loop
+// serve the clients it has.
+constexpr int kMaxAcceptsPerPass = 256;
+// Frames answered per client and loop pass: a client that pipelines requests
+// takes its turn with the others, whatever each request costs.
+constexpr int kFramesPerTurn = 16;
+// A client quieter than this is not pushed out to make room for a new one:
+// a burst of connections cannot evict the masters that are polling.
+constexpr std::chrono::seconds kMinQuietToEvict{1};
 
-void freeContext(modbus_t* context) {
-    if (context != nullptr) {
-        modbus_set_socket(context, -1);  // the sockets are ours to close
-        modbus_free(context);
-    }
+std::string errorText(char const* what) {
+    return std::string(what) + ": " + std::strerror(errno);
 }
 
-std::uint16_t word(std::uint8_t const* p) {
-    return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
+int listenOn(ListenConfig const& config) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(config.port));
+    if (::inet_pton(AF_INET, config.address.c_str(), &address.sin_addr) != 1) {
+        throw std::runtime_error("cannot listen on \"" + config.address +
+                                 "\": not an IPv4 address");
+    }
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        throw std::runtime_error(errorText("socket"));
+    }
+    int const on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 ||
+        ::listen(fd, kBacklog) != 0) {
+        std::string const why = std::strerror(errno);
+        ::close(fd);
+        throw std::runtime_error("cannot listen on " + config.address + ":" +
+                                 std::to_string(config.port) + ": " + why);
+    }
+    return fd;
 }
 
-using Mapping = std::unique_ptr<modbus_mapping_t, void (*)(modbus_mapping_t*)>;
-
-/* A mapping that holds exactly the answered range, so modbus_reply() builds
- * the response from the encoders' data and nothing else. */
-Mapping scratchMapping(Answer const& answer) {
-    int const start = answer.address;
-    int const count = answer.quantity;
-    modbus_mapping_t* mapping = nullptr;
-    switch (answer.function) {
-        case 1:
-        case 5:
-        case 15:
-            mapping = modbus_mapping_new_start_address(start, count, 0, 0, 0, 0, 0, 0);
-            break;
-        case 2:
-            mapping = modbus_mapping_new_start_address(0, 0, start, count, 0, 0, 0, 0);
-            break;
-        case 3:
-        case 6:
-        case 16:
-            mapping = modbus_mapping_new_start_address(0, 0, 0, 0, start, count, 0, 0);
-            break;
-        default:
-            mapping = modbus_mapping_new_start_address(0, 0, 0, 0, 0, 0, start, count);
-            break;
+/* "600", "0.5": a duration as the options give it. */
+std::string secondsText(std::chrono::milliseconds duration) {
+    std::string text = std::to_string(duration.count() / 1000);
+    if (long long const millis = duration.count() % 1000) {
+        std::string fraction = std::to_string(1000 + millis).substr(1);
+        fraction.erase(fraction.find_last_not_of('0') + 1);
+        text += "." + fraction;
     }
-    if (mapping == nullptr) {
-        throw std::bad_alloc();
-    }
-    std::copy(answer.bits.begin(), answer.bits.end(),
-              answer.function == 2 ? mapping->tab_input_bits : mapping->tab_bits);
-    std::copy(answer.registers.begin(), answer.registers.end(),
-              answer.function == 4 ? mapping->tab_input_registers : mapping->tab_registers);
-    return Mapping(mapping, modbus_mapping_free);
+    return text;
 }
 
 }  // namespace
 
-ModbusServer::ModbusServer(ListenConfig const& config, RequestHandler& handler, Log& log)
-    : m_handler(handler),
+ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limits,
+                           RequestHandler& handler, Log& log)
+    : m_limits(limits),
+      m_access(config.access),
+      m_tls(config.tls),
+      m_handler(handler),
       m_log(log),
-      m_context(modbus_new_tcp(config.address.c_str(), config.port), freeContext) {
-    if (!m_context) {
-        throw std::runtime_error(std::string("cannot create the Modbus context: ") +
-                                 modbus_strerror(errno));
-    }
-    m_listener = modbus_tcp_listen(m_context.get(), 16);
-    if (m_listener < 0) {
-        throw std::runtime_error("cannot listen on " + config.address + ":" +
-                                 std::to_string(config.port) + ": " + modbus_strerror(errno));
-    }
+      m_listener(listenOn(config)) {
     sockaddr_in bound{};
     socklen_t length = sizeof bound;
     ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&bound), &length);
@@ -88,111 +85,235 @@ ModbusServer::ModbusServer(ListenConfig const& config, RequestHandler& handler, 
 }
 
 ModbusServer::~ModbusServer() {
-    for (auto const& client : m_clients) {
-        ::close(client.fd);
-    }
-    if (m_listener >= 0) {
-        ::close(m_listener);
-    }
+    m_clients.clear();
+    ::close(m_listener);
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
     std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
     for (auto const& client : m_clients) {
-        fds.push_back({client.fd, POLLIN, 0});
+        short const events = static_cast<short>((client->wantsRead() ? POLLIN : 0) |
+                                                (client->wantsWrite() ? POLLOUT : 0));
+        fds.push_back({client->fd(), events, 0});
     }
     return fds;
 }
 
-void ModbusServer::serve(pollfd const* ready, std::size_t count) {
-    // Clients first, by descriptor: accepting may reorder m_clients.
-    std::vector<int> dropped;
+void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now) {
+    // Clients first, by descriptor: accepting reorders m_clients.
+    std::vector<int> served;
     for (std::size_t i = 1; i < count; ++i) {
         if (ready[i].revents == 0) {
             continue;
         }
-        for (auto& client : m_clients) {
-            if (client.fd == ready[i].fd && !receive(client)) {
-                dropped.push_back(client.fd);
-            }
+        served.push_back(ready[i].fd);
+        auto const found =
+            std::find_if(m_clients.begin(), m_clients.end(),
+                         [fd = ready[i].fd](Client const& c) { return c->fd() == fd; });
+        if (found == m_clients.end()) {
+            continue;
+        }
+        Closing why;
+        if (!serveClient(**found, ready[i].revents, now, why)) {
+            drop(static_cast<std::size_t>(found - m_clients.begin()), why);
         }
     }
-    for (int const fd : dropped) {
-        ::close(fd);
-        m_clients.erase(std::remove_if(m_clients.begin(), m_clients.end(),
-                                       [fd](Client const& c) { return c.fd == fd; }),
-                        m_clients.end());
-        m_log.debug("client " + std::to_string(fd) + " disconnected");
-    }
+    serveBacklog(served);
     if (count > 0 && (ready[0].revents & POLLIN) != 0) {
-        accept();
+        acceptAll(now);
     }
 }
 
-void ModbusServer::accept() {
-    int const fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-        return;
+/* The clients with whole frames waiting that the sockets did not bring up. */
+void ModbusServer::serveBacklog(std::vector<int> const& served) {
+    for (std::size_t i = m_clients.size(); i-- > 0;) {
+        ClientConnection& client = *m_clients[i];
+        if (!client.hasCompleteFrame() ||
+            std::find(served.begin(), served.end(), client.fd()) != served.end()) {
+            continue;
+        }
+        Closing why;
+        if (!answerFrames(client, why)) {
+            drop(i, why);
+        }
     }
-    if (m_clients.size() >= kMaxClients) {
-        m_log.warning("too many clients; connection refused");
-        ::close(fd);
-        return;
-    }
-    m_clients.push_back({fd, {}});
-    m_log.debug("client " + std::to_string(fd) + " connected");
 }
 
-bool ModbusServer::receive(Client& client) {
-    std::uint8_t chunk[kMaxFrame];
-    // One recv() per readiness: poll() said data is there, so it cannot block.
-    ssize_t const received = ::recv(client.fd, chunk, sizeof chunk, 0);
-    if (received <= 0) {
+bool ModbusServer::hasBacklog() const {
+    return std::any_of(m_clients.begin(), m_clients.end(),
+                       [](Client const& client) { return client->hasCompleteFrame(); });
+}
+
+bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
+                               Closing& why) {
+    if (client.tls() != nullptr && !client.tls()->established()) {
+        return shakeHands(client, now, why);
+    }
+    if ((events & POLLOUT) != 0 && !client.flush()) {
         return false;
     }
-    client.buffer.insert(client.buffer.end(), chunk, chunk + received);
-    return answerFrames(client);
+    // A TLS read may have waited for the socket to take data: it is retried
+    // when the socket is writable.
+    if ((events & (POLLIN | POLLHUP | POLLERR)) == 0 && client.tls() == nullptr) {
+        return true;
+    }
+    bool const open = client.receive(now) == ClientConnection::ReadStatus::Open;
+    // What arrived before the end of the stream is still answered, as far
+    // as the socket takes it.
+    return answerFrames(client, why) && open;
 }
 
-bool ModbusServer::answerFrames(Client& client) {
-    auto& buffer = client.buffer;
-    while (buffer.size() >= kHeaderLength) {
-        std::uint16_t const protocol = word(&buffer[2]);
-        std::uint16_t const length = word(&buffer[4]);  // unit id and PDU
-        if (protocol != 0 || length < 2 || length + 6u > kMaxFrame) {
-            // Without a sane length the stream cannot be resynchronised.
-            m_log.warning("client " + std::to_string(client.fd) +
-                          " sent a malformed frame header; connection closed");
+bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
+    std::vector<std::uint8_t> frame;
+    for (int turn = 0; turn < kFramesPerTurn; ++turn) {
+        switch (client.takeFrame(frame)) {
+            case ClientConnection::FrameStatus::Incomplete:
+                return true;
+            case ClientConnection::FrameStatus::Malformed:
+                why = {"malformed frames", "sent a malformed frame header; connection closed"};
+                return false;
+            case ClientConnection::FrameStatus::Complete:
+                break;
+        }
+        Answer const answer = m_handler.handle(
+            frame.data(), frame.size(),
+            {client.peer().text, client.peer().ipv4, &m_access, client.roleMayWrite()});
+        if (answer.closeConnection) {
+            why = {"function codes without answer",
+                   "sent function code " + std::to_string(answer.function) +
+                       ", which has no Modbus answer; connection closed"};
             return false;
         }
-        std::size_t const frame = 6u + length;
-        if (buffer.size() < frame) {
-            return true;  // the rest of the frame comes later
+        switch (client.queue(encodeResponse(frame.data(), frame.size(), answer))) {
+            case ClientConnection::QueueStatus::Queued:
+                break;
+            case ClientConnection::QueueStatus::Full:
+                why = {"clients not reading", "does not read its answers (" +
+                                                  std::to_string(client.pendingOutput()) +
+                                                  " bytes queued); connection closed"};
+                return false;
+            case ClientConnection::QueueStatus::Failed:
+                return false;  // it went away
         }
-        reply(client, buffer.data(), frame);
-        buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(frame));
     }
+    return true;  // the rest waits for the next pass
+}
+
+bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why) {
+    TlsSession& tls = *client.tls();
+    switch (tls.handshake()) {
+        case TlsSession::Step::Pending:
+            return true;
+        case TlsSession::Step::Failed:
+            why = {"TLS handshakes failed", "TLS handshake failed: " + tls.failure()};
+            return false;
+        case TlsSession::Step::Done:
+            break;
+    }
+    auto const role = tls.peerRole();
+    auto const access = role ? m_tls->access(*role) : std::nullopt;
+    std::string const who =
+        quotedValue(tls.peerSubject()) + ", role " + (role ? quotedValue(*role) : "(none)");
+    if (!access) {
+        why = {"TLS clients without a role",
+               "certificate " + who + ": no access configured for this role; connection closed"};
+        return false;
+    }
+    bool const mayWrite = access.value_or(RoleAccess::ReadOnly) == RoleAccess::ReadWrite;
+    client.setRoleMayWrite(mayWrite);
+    client.handshakeDone(now);
+    m_log.limited(Log::Level::Info, "TLS clients accepted",
+                  "client " + client.peer().text + ": certificate " + who + " (" +
+                      (mayWrite ? "read-write" : "read-only") + ")");
+    // Requests may have come with the end of the handshake.
+    return client.receive(now) == ClientConnection::ReadStatus::Open && answerFrames(client, why);
+}
+
+void ModbusServer::acceptAll(SteadyClock::time_point now) {
+    for (int i = 0; i < kMaxAcceptsPerPass; ++i) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        int const fd = ::accept4(m_listener, reinterpret_cast<sockaddr*>(&address), &length,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                m_log.limited(Log::Level::Warning, "accept failures", errorText("accept"));
+            }
+            return;
+        }
+        PeerAddress peer = PeerAddress::from(address);
+        if (!m_access.mayConnect(peer.ipv4)) {
+            m_log.limited(
+                Log::Level::Warning, "clients not allowed",
+                "client " + peer.text + ": may neither read nor write here; connection refused");
+            ::close(fd);
+            continue;
+        }
+        if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
+            m_log.limited(Log::Level::Warning, "clients refused",
+                          "client " + peer.text + ": " + std::to_string(m_clients.size()) +
+                              " clients connected, none idle; connection refused");
+            ::close(fd);
+            continue;
+        }
+        m_log.debug("client " + peer.text + " connected");
+        std::unique_ptr<TlsSession> tls;
+        if (m_tls) {
+            try {
+                tls = std::make_unique<TlsSession>(*m_tls, fd);
+            } catch (std::runtime_error const& error) {
+                m_log.limited(Log::Level::Error, "TLS sessions failed", error.what());
+                ::close(fd);
+                continue;
+            }
+        }
+        m_clients.push_back(std::make_unique<ClientConnection>(
+            fd, std::move(peer), now, m_limits.outputQueueBytes, std::move(tls)));
+    }
+}
+
+/* Drops the client heard from least recently, if it has been quiet long
+ * enough; false when every client is busy. */
+bool ModbusServer::makeRoom(SteadyClock::time_point now) {
+    auto const oldest = std::min_element(
+        m_clients.begin(), m_clients.end(),
+        [](Client const& a, Client const& b) { return a->lastHeard() < b->lastHeard(); });
+    if (oldest == m_clients.end() || now - (*oldest)->lastHeard() < kMinQuietToEvict) {
+        return false;
+    }
+    drop(static_cast<std::size_t>(oldest - m_clients.begin()),
+         {"clients closed for room", "quiet the longest; closed to make room for a new client"});
     return true;
 }
 
-void ModbusServer::reply(Client const& client, std::uint8_t const* frame, std::size_t length) {
-    Answer const answer = m_handler.handle(frame, length);
-    modbus_set_socket(m_context.get(), client.fd);
-    int sent = 0;
-    if (answer.exception != 0) {
-        m_log.debug("function " + std::to_string(answer.function) + " at " +
-                    std::to_string(answer.address) + ": exception " +
-                    std::to_string(answer.exception));
-        sent = modbus_reply_exception(m_context.get(), frame, answer.exception);
+void ModbusServer::expire(SteadyClock::time_point now) {
+    for (std::size_t i = m_clients.size(); i-- > 0;) {
+        ClientConnection const& client = *m_clients[i];
+        auto const partial = client.partialSince();
+        if (partial && m_limits.partialFrameTimeout.count() > 0 &&
+            now - *partial >= m_limits.partialFrameTimeout) {
+            drop(i, {"clients stuck in a frame", "sent no complete frame in " +
+                                                     secondsText(m_limits.partialFrameTimeout) +
+                                                     " s; connection closed"});
+        } else if (!partial && m_limits.idleTimeout.count() > 0 &&
+                   now - client.lastRequest() >= m_limits.idleTimeout) {
+            drop(i, {"idle clients",
+                     "idle for " + secondsText(m_limits.idleTimeout) + " s; connection closed"});
+        }
+    }
+}
+
+void ModbusServer::drop(std::size_t index, Closing const& why) {
+    std::string const peer = m_clients[index]->peer().text;
+    m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(index));
+    if (why.text.empty()) {
+        m_log.debug("client " + peer + " disconnected");
     } else {
-        Mapping const mapping = scratchMapping(answer);
-        sent = modbus_reply(m_context.get(), frame, static_cast<int>(length), mapping.get());
+        m_log.limited(Log::Level::Info, why.kind, "client " + peer + " " + why.text);
     }
-    if (sent < 0) {
-        m_log.debug("client " + std::to_string(client.fd) +
-                    ": reply not sent: " + modbus_strerror(errno));
-    }
-    modbus_set_socket(m_context.get(), -1);
 }
 
 }  // namespace tarsel::daemon

@@ -1,9 +1,10 @@
 // The Modbus TCP side: a listening socket and its clients, served from one
-// poll() loop. Frames are cut out of each client's byte stream here, so a
-// slow or broken client never holds up the others; answers are sent through
-// libmodbus.
+// poll() loop. Every socket is non-blocking: frames are cut out of each
+// client's byte stream here and answers queue per client, so a slow, silent
+// or broken client never holds up the others or the loop.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,22 +12,39 @@
 
 #include <poll.h>
 
+#include "AccessRules.h"
+#include "ClientConnection.h"
 #include "Log.h"
 #include "RequestHandler.h"
-
-typedef struct _modbus modbus_t;
+#include "TlsContext.h"
 
 namespace tarsel::daemon {
 
 struct ListenConfig {
     std::string address = "127.0.0.1";
     int port = 1502;  // 0: any free port (see port())
+    AccessRules access;
+    // Modbus/TCP Security: every client goes through a TLS handshake with a
+    // certificate first. Nothing: plain Modbus TCP.
+    std::shared_ptr<TlsContext const> tls;
+};
+
+/* What one client may hold of the daemon, and for how long. */
+struct ClientLimits {
+    std::size_t maxClients = 64;
+    // A master polling every few minutes stays connected; 0: never.
+    std::chrono::milliseconds idleTimeout{600'000};
+    // From the first byte of a frame to its last; 0: never.
+    std::chrono::milliseconds partialFrameTimeout{10'000};
+    // About 250 of the largest answers.
+    std::size_t outputQueueBytes = 64 * 1024;
 };
 
 class ModbusServer {
   public:
     /* Listens at once; throws std::runtime_error when it cannot. */
-    ModbusServer(ListenConfig const& config, RequestHandler& handler, Log& log);
+    ModbusServer(ListenConfig const& config, ClientLimits const& limits, RequestHandler& handler,
+                 Log& log);
     ~ModbusServer();
 
     ModbusServer(ModbusServer const&) = delete;
@@ -38,23 +56,40 @@ class ModbusServer {
     /* The descriptors to poll: the listener first, then every client. */
     std::vector<pollfd> pollSet() const;
     /* Serves what poll() reported ready, for the descriptors of pollSet(). */
-    void serve(pollfd const* ready, std::size_t count);
+    void serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now);
+    /* True when a client has whole frames waiting: the loop must come back
+     * at once rather than wait for a socket. */
+    bool hasBacklog() const;
+    /* Drops the clients idle or stuck in a frame for longer than the limits. */
+    void expire(SteadyClock::time_point now);
 
   private:
-    struct Client {
-        int fd;
-        std::vector<std::uint8_t> buffer;
+    using Client = std::unique_ptr<ClientConnection>;
+
+    /* Why a client is closed: `kind` names the event for the log's rate
+     * limit; no text, no line (a client that simply went away). */
+    struct Closing {
+        std::string kind;
+        std::string text;
     };
 
-    void accept();
-    /* False when the client is to be dropped. */
-    bool receive(Client& client);
-    bool answerFrames(Client& client);
-    void reply(Client const& client, std::uint8_t const* frame, std::size_t length);
+    void acceptAll(SteadyClock::time_point now);
+    void serveBacklog(std::vector<int> const& served);
+    bool makeRoom(SteadyClock::time_point now);
+    /* False when the client is to be dropped; `why` says why, if worth a line. */
+    bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
+                     Closing& why);
+    bool answerFrames(ClientConnection& client, Closing& why);
+    /* False when the client is to be dropped: the handshake failed, or the
+     * certificate has no role the configuration names. */
+    bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);
+    void drop(std::size_t index, Closing const& why);
 
+    ClientLimits m_limits;
+    AccessRules m_access;
+    std::shared_ptr<TlsContext const> m_tls;
     RequestHandler& m_handler;
     Log& m_log;
-    std::unique_ptr<modbus_t, void (*)(modbus_t*)> m_context;
     int m_listener = -1;
     int m_port = 0;
     std::vector<Client> m_clients;

@@ -45,6 +45,14 @@ struct Argument {
     std::optional<std::string> value;
 };
 
+std::chrono::milliseconds millisecondsArgument(std::string const& option, std::string const& text) {
+    double const seconds = secondsArgument(option, text);
+    if (seconds > 1e9) {
+        throw std::invalid_argument(option + " expects at most 1e9 seconds, got \"" + text + "\"");
+    }
+    return std::chrono::milliseconds(static_cast<long long>(std::llround(seconds * 1000)));
+}
+
 Argument split(std::string const& arg) {
     auto const equals = arg.find('=');
     if (equals == std::string::npos) {
@@ -53,10 +61,37 @@ Argument split(std::string const& arg) {
     return {arg.substr(0, equals), arg.substr(equals + 1)};
 }
 
+/* "NAME=read-only" or "NAME=read-write". */
+void addRole(TlsConfig& tls, std::string const& text) {
+    std::size_t const equals = text.rfind('=');
+    std::string const access = equals == std::string::npos ? "" : text.substr(equals + 1);
+    if (equals == 0 || (access != "read-only" && access != "read-write")) {
+        throw std::invalid_argument("--tls-role expects NAME=read-only or NAME=read-write, got \"" +
+                                    text + "\"");
+    }
+    tls.roles[text.substr(0, equals)] =
+        access == "read-write" ? RoleAccess::ReadWrite : RoleAccess::ReadOnly;
+}
+
+void checkTls(Options const& options) {
+    if (!options.tlsPort) {
+        return;
+    }
+    TlsConfig const& tls = options.tls;
+    if (tls.certificateFile.empty() || tls.keyFile.empty() || tls.caFile.empty()) {
+        throw std::invalid_argument("--tls-port needs --tls-cert, --tls-key and --tls-ca");
+    }
+    if (tls.roles.empty()) {
+        throw std::invalid_argument(
+            "--tls-port needs at least one --tls-role: without one no client could do anything");
+    }
+}
+
 }  // namespace
 
 Options parseOptions(std::vector<std::string> const& args) {
     Options options;
+    options.tlsAccess.allowWrite(std::nullopt, parseCidrList("any"));
     for (std::size_t i = 0; i < args.size(); ++i) {
         Argument arg = split(args[i]);
         auto value = [&]() -> std::string {
@@ -101,12 +136,46 @@ Options parseOptions(std::vector<std::string> const& args) {
             if (options.nutInterval < 0.05) {
                 throw std::invalid_argument("--nut-interval expects at least 0.05 seconds");
             }
+        } else if (arg.name == "--allow-read" || arg.name == "--allow-write") {
+            std::string const rule = value();
+            try {
+                applyAllowOption(options.access, arg.name == "--allow-write", rule);
+            } catch (std::invalid_argument const& error) {
+                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
+            }
+        } else if (arg.name == "--tls-allow-read" || arg.name == "--tls-allow-write") {
+            std::string const rule = value();
+            try {
+                applyAllowOption(options.tlsAccess, arg.name == "--tls-allow-write", rule);
+            } catch (std::invalid_argument const& error) {
+                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
+            }
+        } else if (arg.name == "--tls-port") {
+            options.tlsPort = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
+        } else if (arg.name == "--tls-listen") {
+            options.tlsListen = value();
+        } else if (arg.name == "--tls-cert") {
+            options.tls.certificateFile = value();
+        } else if (arg.name == "--tls-key") {
+            options.tls.keyFile = value();
+        } else if (arg.name == "--tls-ca") {
+            options.tls.caFile = value();
+        } else if (arg.name == "--tls-role") {
+            addRole(options.tls, value());
+        } else if (arg.name == "--max-clients") {
+            options.limits.maxClients =
+                static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
+        } else if (arg.name == "--idle-timeout") {
+            options.limits.idleTimeout = millisecondsArgument(arg.name, value());
+        } else if (arg.name == "--frame-timeout") {
+            options.limits.partialFrameTimeout = millisecondsArgument(arg.name, value());
         } else if (arg.name == "--run-seconds") {
             options.runSeconds = secondsArgument(arg.name, value());
         } else {
             throw std::invalid_argument("unknown option \"" + args[i] + "\" (see --help)");
         }
     }
+    checkTls(options);
     return options;
 }
 
@@ -128,6 +197,32 @@ Options:
                         serve a UPS of Network UPS Tools (upsd, port 3493
                         by default) instead of a scenario; see README
   --nut-interval N      seconds between two polls of upsd (default 1)
+  --allow-read [TABLE=]LIST
+                        who may read (TABLE: that table only); LIST is
+                        "any", "none" or networks such as 10.0.0.0/8,
+                        192.168.1.7 (default: any); repeatable
+  --allow-write [TABLE=]LIST
+                        who may write, as --allow-read (default:
+                        127.0.0.0/8, this host only)
+  --tls-port N          also serve Modbus/TCP Security (TLS) on port N
+                        (802 by convention; 0 picks a free port, logged)
+  --tls-listen ADDR     address of the TLS listener (default: --listen's)
+  --tls-cert FILE       the daemon's certificate (PEM)
+  --tls-key FILE        its private key (PEM)
+  --tls-ca FILE         CA certificate(s) client certificates must chain to
+  --tls-role NAME=read-only|read-write
+                        what a client certificate of role NAME may do;
+                        repeatable; other roles are refused
+  --tls-allow-read [TABLE=]LIST, --tls-allow-write [TABLE=]LIST
+                        address rules of the TLS listener, as --allow-read
+                        (defaults: any, any)
+  --max-clients N       clients served at once (default 64); when all are
+                        connected, the one quiet the longest (1 s at least)
+                        is closed to make room, else the new one is refused
+  --idle-timeout N      close a client that sent no request for N seconds
+                        (default 600; 0: never)
+  --frame-timeout N     close a client that started a frame and did not end
+                        it within N seconds (default 10; 0: never)
   --run-seconds N       stop by itself after N seconds (default: run until
                         SIGINT or SIGTERM)
   --verbose, -v         log pushes, writes, exceptions and scenario steps

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "Describe.h"
+#include "ModbusServer.h"
+#include "TlsContext.h"
 
 namespace tarsel::daemon {
 
@@ -15,6 +17,13 @@ struct Options {
     std::string listen = "127.0.0.1";
     int port = 1502;
     int unitId = 1;
+    ClientLimits limits;
+    AccessRules access;
+    // Modbus/TCP Security, off unless a port is given.
+    std::optional<int> tlsPort;
+    std::string tlsListen;  // empty: the address of --listen
+    TlsConfig tls;
+    AccessRules tlsAccess;    // writes from anywhere: the certificate's role decides
     double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
     bool verbose = false;
     bool help = false;

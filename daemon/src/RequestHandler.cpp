@@ -3,6 +3,8 @@
 #include <exception>
 #include <optional>
 
+#include "LogText.h"
+
 namespace tarsel::daemon {
 
 namespace {
@@ -107,9 +109,40 @@ std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
     return values;
 }
 
+/* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
+ * whatever port it connects from. */
+std::string addressOf(std::string const& client) {
+    return client.substr(0, client.rfind(':'));
+}
+
+/* The words of a write that fall on one entry. */
+std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uint16_t> const& words,
+                                  std::uint16_t start) {
+    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
+    return {first, first + entry.spec.size};
+}
+
 }  // namespace
 
-Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
+Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
+                              RequestOrigin const& origin) {
+    m_origin = &origin;
+    m_fields = "client=" + origin.client;
+    if (length > kHeaderLength) {
+        m_fields += " unit=" + std::to_string(frame[6]) + " function=" + std::to_string(frame[7]);
+    }
+    if (length >= kHeaderLength + 3) {
+        m_fields += " address=" + std::to_string(word(frame + kHeaderLength + 1));
+    }
+    Answer const answer = decide(frame, length);
+    m_origin = nullptr;
+    if (answer.exception != 0) {
+        m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
+    }
+    return answer;
+}
+
+Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     Answer answer;
     if (length < kHeaderLength + 1) {
         return refuse(answer, ec::kIllegalDataValue);
@@ -121,6 +154,12 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length) {
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
     answer.function = pdu[0];
+    if (answer.function >= 0x80) {
+        // Its exception answer would carry the same function byte as an
+        // exception to (function - 0x80): a client could not tell them apart.
+        answer.closeConnection = true;
+        return answer;
+    }
     // 0 and 255 are how Modbus TCP clients address "the server itself".
     if (unit != m_unitId && unit != 0 && unit != 0xFF) {
         return refuse(answer, ec::kGatewayTargetFailed);
@@ -156,9 +195,15 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         return refuse(answer, ec::kIllegalDataValue);
     }
     Table const table = *tableOf(answer.function);
+    if (std::string const why = readRefusal(table, {}); !why.empty()) {
+        return refuseRead(answer, why);
+    }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, false);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
+    }
+    if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
+        return refuseRead(answer, why);
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
@@ -218,14 +263,28 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         return refuse(answer, ec::kIllegalDataValue);
     }
     Table const table = *tableOf(answer.function);
+    if (std::string const why = writeRefusal(table, {}); !why.empty()) {
+        // Before the map is consulted: a stranger learns nothing of it.
+        m_log.limited(Log::Level::Warning, "refused writes",
+                      "write to " + std::string(tableName(table)) + " " +
+                          std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+        return refuse(answer, ec::kIllegalFunction);
+    }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
+    }
+    if (std::string const why = writeRefusal(table, coverage.entries); !why.empty()) {
+        for (ServedEntry const* entry : coverage.entries) {
+            auditRefused(*entry, partOf(*entry, *values, answer.address), why);
+        }
+        return refuse(answer, ec::kIllegalFunction);
     }
     // Nothing is written unless every entry can take its part: a write the
     // library would drop silently is refused instead.
     for (ServedEntry const* entry : coverage.entries) {
         if (!available(*entry)) {
+            auditRefused(*entry, partOf(*entry, *values, answer.address), "not available");
             UnavailablePolicy const& policy = entry->spec.unavailable;
             return refuse(answer, policy.mode == UnavailablePolicy::Mode::Exception
                                       ? policy.code
@@ -233,17 +292,19 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         }
     }
     for (ServedEntry* entry : coverage.entries) {
-        if (std::uint8_t const code = writeEntry(*entry, *values, answer.address)) {
+        std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
+        std::string const before = currentValue(*entry);
+        if (std::uint8_t const code = writeEntry(*entry, part)) {
+            audit(*entry, before, part, "failed");
             return refuse(answer, code);
         }
+        audit(*entry, before, part, "written");
     }
     return answer;
 }
 
-std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
-                                        std::size_t start) {
-    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
-    std::vector<std::uint16_t> const part(first, first + entry.spec.size);
+std::uint8_t RequestHandler::writeEntry(ServedEntry& entry,
+                                        std::vector<std::uint16_t> const& part) {
     try {
         if (entry.encoder.registers) {
             entry.encoder.registers->setData(part);
@@ -253,17 +314,95 @@ std::uint8_t RequestHandler::writeEntry(ServedEntry& entry, std::vector<std::uin
     } catch (std::exception const& error) {
         return failure(entry, "write", error.what());
     }
-    m_log.debug("wrote " + std::string(tableName(entry.spec.table)) + " " +
-                std::to_string(entry.spec.address) + " \"" + entry.spec.name + "\" " +
-                hexWords(part));
     return 0;
 }
 
 std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* operation,
                                      char const* what) {
-    m_log.error(entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
-                " failed: " + what + "; answered Server Device Failure");
+    // An encoder that throws on a client's value throws on every repetition.
+    m_log.limited(Log::Level::Error, std::string(operation) + " failures of " + entry.spec.name,
+                  entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
+                      " failed: " + what + "; answered Server Device Failure; " + m_fields);
     return ec::kServerDeviceFailure;
+}
+
+std::string RequestHandler::readRefusal(Table table,
+                                        std::vector<ServedEntry*> const& entries) const {
+    RequestOrigin const& origin = *m_origin;
+    if (origin.rules != nullptr && !origin.rules->mayRead(table, origin.ipv4)) {
+        return "not allowed for this client";
+    }
+    for (ServedEntry const* entry : entries) {
+        if (entry->spec.allowRead && !listContains(*entry->spec.allowRead, origin.ipv4)) {
+            return "entry " + quotedValue(entry->spec.name) + " not allowed for this client";
+        }
+    }
+    return {};
+}
+
+std::string RequestHandler::writeRefusal(Table table,
+                                         std::vector<ServedEntry*> const& entries) const {
+    RequestOrigin const& origin = *m_origin;
+    if (!origin.roleMayWrite) {
+        return "the client's role is read-only";
+    }
+    if (origin.rules != nullptr && !origin.rules->mayWrite(table, origin.ipv4)) {
+        return "not allowed for this client";
+    }
+    for (ServedEntry const* entry : entries) {
+        if (entry->spec.allowWrite && !listContains(*entry->spec.allowWrite, origin.ipv4)) {
+            return "entry not allowed for this client";
+        }
+    }
+    return {};
+}
+
+Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
+    m_log.limited(Log::Level::Warning, "refused reads",
+                  "read of " + std::string(tableName(*tableOf(answer.function))) + " " +
+                      std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+    return refuse(std::move(answer), ec::kIllegalFunction);
+}
+
+/* The entry's value before a write, as the audit line shows it. */
+std::string RequestHandler::currentValue(ServedEntry const& entry) const {
+    if (!entry.built()) {
+        return "(pending)";
+    }
+    try {
+        if (entry.encoder.registers) {
+            return readableValue(entry.spec,
+                                 fitToSize(entry.encoder.registers->getData(), entry.spec.size));
+        }
+        auto const bits = entry.encoder.discretes->getData();
+        return readableValue(entry.spec, fitToSize({bits.begin(), bits.end()}, entry.spec.size));
+    } catch (std::exception const&) {
+        return "?";
+    }
+}
+
+void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
+                           std::vector<std::uint16_t> const& written, std::string const& outcome) {
+    // The audit trail: the first writes of each client to each entry a
+    // minute line by line, the rest counted with the last one in full, so a
+    // master stuck in a loop cannot fill the card's storage.
+    m_log.limited(Log::Level::Info,
+                  "writes of " + entry.spec.name + " by " + addressOf(m_origin->client),
+                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
+                      " " + std::to_string(entry.spec.address) + ": " + before + " -> " +
+                      readableValue(entry.spec, written) + ": " + outcome + "; " + m_fields);
+}
+
+void RequestHandler::auditRefused(ServedEntry const& entry,
+                                  std::vector<std::uint16_t> const& written,
+                                  std::string const& why) {
+    // Refused writes cost nothing but a line: limited, so a stranger cannot
+    // flood the log with them.
+    m_log.limited(Log::Level::Warning, "refused writes",
+                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
+                      " " + std::to_string(entry.spec.address) + ": " + currentValue(entry) +
+                      " -> " + readableValue(entry.spec, written) + ": refused (" + why + "); " +
+                      m_fields);
 }
 
 }  // namespace tarsel::daemon

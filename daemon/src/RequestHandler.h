@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
+#include "AccessRules.h"
 #include "Log.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
@@ -32,6 +34,17 @@ struct Answer {
     std::uint16_t quantity = 0;
     std::vector<std::uint16_t> registers;  // reads of registers
     std::vector<std::uint8_t> bits;        // reads of coils and discrete inputs
+    // No Modbus answer exists (a function code of 0x80 or above, the range
+    // that marks exception answers): the connection is closed instead.
+    bool closeConnection = false;
+};
+
+/* Who sent a request, and what it may do. */
+struct RequestOrigin {
+    std::string client = "local";        // "127.0.0.1:40212", for the log
+    std::uint32_t ipv4 = 0x7F000001;     // host byte order
+    AccessRules const* rules = nullptr;  // the listener's; none: everything allowed
+    bool roleMayWrite = true;            // false for a read-only role of a client certificate
 };
 
 class RequestHandler {
@@ -41,7 +54,8 @@ class RequestHandler {
         : m_map(map), m_availability(availability), m_log(log), m_unitId(unitId) {}
 
     /* A whole Modbus TCP frame (7-byte header, then the PDU). */
-    Answer handle(std::uint8_t const* frame, std::size_t length);
+    Answer handle(std::uint8_t const* frame, std::size_t length,
+                  RequestOrigin const& origin = RequestOrigin{});
 
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
@@ -51,12 +65,21 @@ class RequestHandler {
     void refuseWrites() { m_writesRefused = true; }
 
   private:
+    Answer decide(std::uint8_t const* frame, std::size_t length);
     Answer read(Answer answer, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
-    std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& words,
-                            std::size_t offset);
+    std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
+    Answer refuseRead(Answer answer, std::string const& why);
+    std::string currentValue(ServedEntry const& entry) const;
     std::uint8_t failure(ServedEntry const& entry, char const* operation, char const* what);
+    /* Why the origin may not read or write there; empty when it may. */
+    std::string readRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
+    std::string writeRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
+    void audit(ServedEntry const& entry, std::string const& before,
+               std::vector<std::uint16_t> const& written, std::string const& outcome);
+    void auditRefused(ServedEntry const& entry, std::vector<std::uint16_t> const& written,
+                      std::string const& why);
 
     ServedMap& m_map;
     modbus::MapAvailableAccessor& m_availability;
@@ -64,6 +87,10 @@ class RequestHandler {
     std::uint8_t m_unitId;
     std::map<std::uint8_t, RequestHandler*> m_units;
     bool m_writesRefused = false;
+    // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
+    // being answered, for every line about it.
+    std::string m_fields;
+    RequestOrigin const* m_origin = nullptr;  // during handle() only
 };
 
 }  // namespace tarsel::daemon

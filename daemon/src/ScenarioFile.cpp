@@ -321,7 +321,8 @@ Scenario parseScenario(std::string const& text) {
     json root;
     try {
         root = json::parse(text);
-    } catch (json::parse_error const& error) {
+    } catch (json::exception const& error) {
+        // A syntax error, or a number too large for a double (out_of_range).
         throw ScenarioError({std::string("scenario: not valid JSON: ") + error.what()});
     }
     ScenarioChecker checker;

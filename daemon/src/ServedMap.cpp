@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "LogText.h"
 #include "modbus/CdsStringAccessor.h"
 
 namespace tarsel::daemon {
@@ -152,9 +153,9 @@ bool changeIsWorthAnInfoLine(EntrySpec const& spec) {
     return !isRegisterTable(spec.table) || spec.encoder == EncoderKind::String;
 }
 
-/* An image as people read it: discretes as 0/1 digits, strings as their text
- * up to the first zero byte, anything else in hex. */
-std::string readableImage(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
+}  // namespace
+
+std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
     if (!isRegisterTable(spec.table)) {
         std::string bits;
         for (std::uint16_t const bit : words) {
@@ -169,23 +170,23 @@ std::string readableImage(EntrySpec const& spec, std::vector<std::uint16_t> cons
     for (std::uint16_t const word : words) {
         for (auto const byte : {static_cast<char>(word >> 8), static_cast<char>(word & 0xFF)}) {
             if (byte == '\0') {
-                return "\"" + text + "\"";
+                return quotedValue(text);
             }
             text += byte;
         }
     }
-    return "\"" + text + "\"";
+    return quotedValue(text);
 }
-
-}  // namespace
 
 void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
     std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.spec.size);
     if (entry.image.known && fitted != entry.image.words && changeIsWorthAnInfoLine(entry.spec)) {
-        m_log.info(std::string(tableName(entry.spec.table)) + " " +
-                   std::to_string(entry.spec.address) + " \"" + entry.spec.name +
-                   "\": " + readableImage(entry.spec, entry.image.words) + " -> " +
-                   readableImage(entry.spec, fitted));
+        // Clients can change a string or a coil as often as they like.
+        m_log.limited(Log::Level::Info, "changes of " + entry.spec.name,
+                      std::string(tableName(entry.spec.table)) + " " +
+                          std::to_string(entry.spec.address) + " \"" + entry.spec.name +
+                          "\": " + readableValue(entry.spec, entry.image.words) + " -> " +
+                          readableValue(entry.spec, fitted));
     }
     entry.image.words = std::move(fitted);
     entry.image.known = true;

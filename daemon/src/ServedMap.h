@@ -88,6 +88,10 @@ class ServedMap {
     std::map<Table, std::map<std::uint16_t, ServedEntry*>> m_index;
 };
 
+/* A value as people read it: discretes as 0/1 digits, strings as their
+ * quoted text up to the first zero byte, anything else in hex. */
+std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> const& words);
+
 /* Pads with zeros or cuts to the entry's size: strings and composites may
  * produce another length than the registers they reserve. */
 std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size);

@@ -1,5 +1,6 @@
 // tarsel-modbusd: serves a UPS register map over Modbus TCP.
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include "DaemonCore.h"
@@ -11,6 +12,7 @@
 #include "Options.h"
 #include "Scenario.h"
 #include "SignalPipe.h"
+#include "TlsContext.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
 
@@ -56,10 +58,22 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         return 0;
     }
     SignalPipe signals;
-    ModbusServer server({options.listen, options.port}, core.handler(), log);
+    ModbusServer server({options.listen, options.port, options.access, nullptr}, options.limits,
+                        core.handler(), log);
     log.info("listening on " + options.listen + ":" + std::to_string(server.port()) + " (unit id " +
              std::to_string(options.unitId) + ")");
-    return runEventLoop(core, server, signals, log, options.runSeconds);
+    std::vector<ModbusServer*> servers{&server};
+    std::unique_ptr<ModbusServer> secure;
+    if (options.tlsPort) {
+        std::string const address = options.tlsListen.empty() ? options.listen : options.tlsListen;
+        secure = std::make_unique<ModbusServer>(
+            ListenConfig{address, *options.tlsPort, options.tlsAccess,
+                         std::make_shared<TlsContext const>(options.tls)},
+            options.limits, core.handler(), log);
+        log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
+        servers.push_back(secure.get());
+    }
+    return runEventLoop(core, servers, signals, log, options.runSeconds);
 }
 
 int run(Options const& options, Log& log) {

@@ -293,5 +293,44 @@ TEST(RegisterMapTest, UnknownUnavailableModeIsRefused) {
     EXPECT_EQ(errors[0], "unavailable.mode: expected \"sentinel\" or \"exception\", got \"zero\"");
 }
 
+TEST(RegisterMapTest, EntryAllowListsAreParsedAsNetworks) {
+    RegisterMapSpec const map = parseRegisterMap(
+        mapWith(R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
+                    "allowRead": ["10.0.0.0/8", "192.168.1.7"], "allowWrite": [],
+                    "source": {"device": 2, "channel": "V"}})"));
+    EntrySpec const& entry = map.entries.at(0);
+    ASSERT_TRUE(entry.allowRead);
+    ASSERT_EQ(entry.allowRead->size(), 2u);
+    EXPECT_TRUE(listContains(*entry.allowRead, 0x0A010203));
+    EXPECT_TRUE(listContains(*entry.allowRead, 0xC0A80107));
+    EXPECT_FALSE(listContains(*entry.allowRead, 0xC0A80108));
+    ASSERT_TRUE(entry.allowWrite);
+    EXPECT_TRUE(entry.allowWrite->empty());
+    EXPECT_FALSE(parseRegisterMap(mapWith(kFloat)).entries.at(0).allowRead);
+}
+
+TEST(RegisterMapTest, BadAllowListsAreErrorsWithTheirPath) {
+    auto const errors = errorsOf(mapWith(
+        R"({"name": "v", "table": "input-registers", "address": 10, "encoder": "uint16",
+            "allowRead": ["10.0.0.1/8", 7], "allowWrite": ["127.0.0.1"],
+            "source": {"device": 2, "channel": "V"}})"));
+    EXPECT_TRUE(contains(errors, "entries[0].allowRead[0]: expected an IPv4 address or network"));
+    EXPECT_TRUE(contains(errors, "entries[0].allowRead[1]: expected an IPv4 address or network"));
+    EXPECT_TRUE(contains(errors,
+                         "entries[0].allowWrite: entries of \"input-registers\" cannot be "
+                         "written by anyone"));
+    EXPECT_TRUE(contains(errorsOf(mapWith(R"({"name": "v", "table": "coils", "address": 1,
+        "encoder": "boolean", "allowWrite": "any", "source": {"device": 2, "channel": "S"}})")),
+                         "entries[0].allowWrite: expected an array"));
+}
+
+TEST(RegisterMapTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
+    auto const errors = errorsOf(R"({"entries": [], "comment": 4.44e3333})");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(contains(errors,
+                         "map: not valid JSON: [json.exception.out_of_range.406] number "
+                         "overflow parsing '4.44e3333'"));
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -130,6 +130,17 @@ TEST(RequestHandlerTest, UnsupportedFunctionIsIllegalFunction) {
     EXPECT_EQ(daemon.ask(request(0x08, 0, 0)).exception, 1);
 }
 
+TEST(RequestHandlerTest, FunctionCodesFrom0x80UpCloseTheConnectionWhateverElseHolds) {
+    TestDaemon starting(kMap, kStartingUps);  // not available: others get 0x0A
+    for (int const function : {0x80, 0x81, 0x83, 0xFF}) {
+        Answer const answer = starting.ask(request(static_cast<std::uint8_t>(function), 0, 1));
+        EXPECT_TRUE(answer.closeConnection) << function;
+        EXPECT_EQ(answer.function, function);
+    }
+    EXPECT_FALSE(starting.ask(request(0x7F, 0, 1)).closeConnection);
+    EXPECT_TRUE(starting.ask(request(0x81, 0, 1, 9)).closeConnection);  // other unit too
+}
+
 TEST(RequestHandlerTest, OtherUnitIdIsGatewayTargetFailedButZeroAnd255AreServed) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 0, 2, 7)).exception, 0x0B);
@@ -159,7 +170,33 @@ TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
     EXPECT_NE(daemon.logText().find("error: entries[5] \"bad\": read failed: stoul; answered "
-                                    "Server Device Failure"),
+                                    "Server Device Failure; client=local unit=1 function=3 "
+                                    "address=20\n"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, RepeatedEncoderFailuresAreRateLimited) {
+    TestDaemon daemon(kMap, kRunningUps);
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
+    }
+    std::string const log = daemon.logText();
+    std::size_t lines = 0;
+    for (auto at = log.find(": read failed"); at != std::string::npos;
+         at = log.find(": read failed", at + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, Log::kBurstPerMinute) << log;
+}
+
+TEST(RequestHandlerTest, ExceptionsAreLoggedInVerboseModeWithTheRequestsFields) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer const answer = daemon.core().handler().handle(request(3, 40, 1, 0).data(), 12,
+                                                         RequestOrigin{"127.0.0.2:5020"});
+    EXPECT_EQ(answer.exception, 2);
+    EXPECT_NE(daemon.logText().find(
+                  "debug: exception 2; client=127.0.0.2:5020 unit=0 function=3 address=40\n"),
               std::string::npos)
         << daemon.logText();
 }
@@ -224,6 +261,105 @@ TEST(RequestHandlerTest, TruncatedFrameIsIllegalDataValue) {
     TestDaemon daemon(kMap, kRunningUps);
     auto const bytes = testing::frame({3, 0, 0});
     EXPECT_EQ(daemon.ask(bytes).exception, 3);
+}
+
+Answer askFrom(TestDaemon& daemon, std::vector<std::uint8_t> const& bytes,
+               RequestOrigin const& origin) {
+    return daemon.core().handler().handle(bytes.data(), bytes.size(), origin);
+}
+
+RequestOrigin stranger(AccessRules const& rules) {
+    return {"127.0.0.2:5020", 0x7F000002, &rules, true};
+}
+
+TEST(RequestHandlerTest, AWriteFromAnAddressNotAllowedIsIllegalFunctionAndWritesNothing) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    applyAllowOption(rules, true, "127.0.0.1");
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), stranger(rules)).exception, 0x01);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(-3));
+    EXPECT_NE(daemon.logText().find("warning: write to holding-registers 2: refused (not allowed "
+                                    "for this client); client=127.0.0.2:5020 unit=1 function=6 "
+                                    "address=2\n"),
+              std::string::npos)
+        << daemon.logText();
+    RequestOrigin const local{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), local).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(42));
+}
+
+TEST(RequestHandlerTest, AReadFromAnAddressNotAllowedIsIllegalFunction) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    applyAllowOption(rules, false, "input-registers=127.0.0.1");
+    EXPECT_EQ(askFrom(daemon, request(4, 0, 1), stranger(rules)).exception, 0x01);
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 2), stranger(rules)).exception, 0);
+}
+
+TEST(RequestHandlerTest, AReadOnlyRoleCannotWriteButReads) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    RequestOrigin const readOnly{"127.0.0.1:5021", 0x7F000001, &rules, false};
+    EXPECT_EQ(askFrom(daemon, request(5, 0, 0x0000), readOnly).exception, 0x01);
+    EXPECT_EQ(TestDaemon::channel(2, "Switch"), kq::CValue(true));
+    EXPECT_EQ(askFrom(daemon, request(1, 0, 1), readOnly).bits, (std::vector<uint8_t>{1}));
+    EXPECT_NE(daemon.logText().find("refused (the client's role is read-only)"), std::string::npos);
+}
+
+TEST(RequestHandlerTest, EntryAllowListsNarrowTheListenersRules) {
+    std::string map = kMap;
+    std::string const entry = R"("name": "t", "table")";
+    map.replace(map.find(entry), entry.size(),
+                R"("name": "t", "allowWrite": ["127.0.0.1"], "allowRead": ["127.0.0.1"], "table")");
+    TestDaemon daemon(map, kRunningUps);
+    AccessRules rules;
+    applyAllowOption(rules, true, "127.0.0.0/8");
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), stranger(rules)).exception, 0x01);
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 3), stranger(rules)).exception, 0x01);  // v and t
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 2), stranger(rules)).exception, 0);     // v alone
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(-3));
+    EXPECT_NE(
+        daemon.logText().find("warning: write \"t\" holding-registers 2: [0xFFFD] -> [0x002A]: "
+                              "refused (entry not allowed for this client); "
+                              "client=127.0.0.2:5020"),
+        std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    RequestOrigin const origin{"127.0.0.1:5021", 0x7F000001, nullptr, true};
+    EXPECT_EQ(askFrom(daemon, testing::writeRegisters(3, {0x5859, 0x5A00, 0}), origin).exception,
+              0);
+    EXPECT_EQ(askFrom(daemon, request(5, 0, 0x0000), origin).exception, 0);
+    std::string const log = daemon.logText();
+    EXPECT_NE(log.find("tarsel-modbusd: write \"label\" holding-registers 3: \"ABCDEF\" -> "
+                       "\"XYZ\": written; client=127.0.0.1:5021 unit=1 function=16 address=3\n"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("tarsel-modbusd: write \"switch\" coils 0: 1 -> 0: written; "
+                       "client=127.0.0.1:5021 unit=1 function=5 address=0\n"),
+              std::string::npos)
+        << log;
+}
+
+TEST(RequestHandlerTest, RepeatedWritesOfOneClientToOneEntryAreAuditedUpToTheBurst) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    RequestOrigin const first{"127.0.0.1:5021", 0x7F000001, nullptr, true};
+    RequestOrigin const other{"127.0.0.2:5022", 0x7F000002, nullptr, true};
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(askFrom(daemon, request(6, 2, static_cast<std::uint16_t>(i)), first).exception,
+                  0);
+    }
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 99), other).exception, 0);
+    std::string const log = daemon.logText();
+    std::size_t lines = 0;
+    for (auto at = log.find("write \"t\""); at != std::string::npos;
+         at = log.find("write \"t\"", at + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, Log::kBurstPerMinute + 1) << log;  // the other client has its own count
+    EXPECT_NE(log.find("-> [0x0063]: written; client=127.0.0.2:5022"), std::string::npos) << log;
 }
 
 }  // namespace

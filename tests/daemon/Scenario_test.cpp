@@ -150,5 +150,12 @@ TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
     EXPECT_EQ(p.player.played(), 2u);
 }
 
+TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
+    auto const errors = errorsOf("80E000000000000000000900004");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("scenario: not valid JSON: [json.exception.out_of_range.406]", 0), 0u)
+        << errors[0];
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

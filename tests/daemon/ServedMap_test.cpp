@@ -212,8 +212,9 @@ TEST(ServedMapTest, ForeignExceptionWhileBuildingLeavesTheEntryPendingToo) {
 /* Runs the daemon's event loop over the core for `seconds`. */
 void runLoop(TestDaemon& daemon, double seconds) {
     SignalPipe signals;
-    ModbusServer server({"127.0.0.1", 0}, daemon.core().handler(), daemon.log());
-    ASSERT_EQ(runEventLoop(daemon.core(), server, signals, daemon.log(), seconds), 0);
+    ModbusServer server({"127.0.0.1", 0, AccessRules{}, nullptr}, ClientLimits{},
+                        daemon.core().handler(), daemon.log());
+    ASSERT_EQ(runEventLoop(daemon.core(), {&server}, signals, daemon.log(), seconds), 0);
 }
 
 TEST(ServedMapTest, EventLoopBuildsAPendingEntryRightAfterTheScenarioEventThatAddsItsDevice) {

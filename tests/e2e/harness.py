@@ -59,9 +59,11 @@ def poll_until(condition, attempts=100, interval=0.05):
 class Daemon:
     """One tarsel-modbusd process with its own files and a free port."""
 
-    def __init__(self, map_json=None, scenario_json=None, args=()):
+    def __init__(self, map_json=None, scenario_json=None, args=(), verbose=True):
         self._dir = tempfile.TemporaryDirectory(prefix="tarsel-e2e-")
-        command = [DAEMON, "--port", "0", "--run-seconds", str(SAFETY_RUN_S), "--verbose"]
+        command = [DAEMON, "--port", "0", "--run-seconds", str(SAFETY_RUN_S)]
+        if verbose:
+            command.append("--verbose")
         if map_json is not None:
             command += ["--map", self._write("map.json", map_json)]
         if scenario_json is not None:
@@ -108,6 +110,13 @@ class Daemon:
                 return int(line.rsplit(":", 1)[1].split()[0])
         self.stop()
         raise RuntimeError("the daemon did not start:\n" + "\n".join(self.log_lines))
+
+    def drain_log(self):
+        """Reads every log line waiting now; returns how many bytes they hold."""
+        size = 0
+        while (line := self._read_line(0)) is not None:
+            size += len(line) + 1
+        return size
 
     def wait_for_log(self, text, limit_s=10.0):
         """Reads the log until a line holds text, for at most limit_s seconds."""

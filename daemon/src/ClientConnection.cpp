@@ -1,0 +1,177 @@
+#include "ClientConnection.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <cerrno>
+
+namespace tarsel::daemon {
+
+namespace {
+
+constexpr std::size_t kHeaderLength = 7;
+constexpr std::size_t kMaxFrame = 260;  // MBAP header plus the largest PDU
+// Received bytes waiting to be answered before the socket is left alone: a
+// few hundred pipelined requests at most, answered a few at a time.
+constexpr std::size_t kInputLimit = 4096;
+
+std::uint16_t word(std::uint8_t const* p) {
+    return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
+}
+
+}  // namespace
+
+PeerAddress PeerAddress::from(sockaddr_in const& address) {
+    PeerAddress peer;
+    peer.ipv4 = ntohl(address.sin_addr.s_addr);
+    peer.port = ntohs(address.sin_port);
+    char text[INET_ADDRSTRLEN] = "?";
+    ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    peer.text = std::string(text) + ":" + std::to_string(peer.port);
+    return peer;
+}
+
+ClientConnection::ClientConnection(int fd, PeerAddress peer, SteadyClock::time_point now,
+                                   std::size_t outputLimit, std::unique_ptr<TlsSession> tls)
+    : m_fd(fd),
+      m_tls(std::move(tls)),
+      m_peer(std::move(peer)),
+      m_outputLimit(outputLimit),
+      m_lastRequest(now),
+      m_lastHeard(now) {
+    if (m_tls) {
+        m_partialSince = now;
+    }
+}
+
+ClientConnection::~ClientConnection() {
+    m_tls.reset();
+    ::close(m_fd);
+}
+
+void ClientConnection::handshakeDone(SteadyClock::time_point now) {
+    m_lastRequest = now;
+    if (m_input.empty()) {
+        m_partialSince.reset();
+    }
+}
+
+/* recv() and send() semantics for both: bytes, or -1 with errno EAGAIN when
+ * it would block, or 0 / -1 when closed or failed. */
+long ClientConnection::rawRead(std::uint8_t* buffer, std::size_t size) {
+    if (!m_tls) {
+        return ::recv(m_fd, buffer, size, MSG_DONTWAIT);
+    }
+    long const result = m_tls->read(buffer, size);
+    if (result == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return result < 0 ? 0 : result;
+}
+
+long ClientConnection::rawWrite(std::uint8_t const* buffer, std::size_t size) {
+    if (!m_tls) {
+        return ::send(m_fd, buffer, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+    long const result = m_tls->write(buffer, size);
+    if (result == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if (result < 0) {
+        errno = EPIPE;
+    }
+    return result;
+}
+
+ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point now) {
+    std::uint8_t chunk[4096];
+    // A TLS session may hold decrypted bytes the socket no longer shows as
+    // readable: it is read until it would block.
+    while (m_input.size() < kInputLimit || m_tls) {
+        long const received = rawRead(chunk, sizeof chunk);
+        if (received == 0) {
+            return ReadStatus::Closed;
+        }
+        if (received < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK ? ReadStatus::Open : ReadStatus::Closed;
+        }
+        if (m_input.empty()) {
+            m_partialSince = now;
+        }
+        m_input.insert(m_input.end(), chunk, chunk + received);
+        m_lastHeard = now;
+    }
+    return ReadStatus::Open;
+}
+
+bool ClientConnection::wantsRead() const {
+    return m_input.size() < kInputLimit || m_tls;
+}
+
+ClientConnection::FrameStatus ClientConnection::frontStatus() const {
+    if (m_input.size() < kHeaderLength) {
+        return FrameStatus::Incomplete;
+    }
+    std::uint16_t const protocol = word(&m_input[2]);
+    std::uint16_t const length = word(&m_input[4]);  // unit id and PDU
+    if (protocol != 0 || length < 2 || length + 6u > kMaxFrame) {
+        // Without a sane length the stream cannot be resynchronised.
+        return FrameStatus::Malformed;
+    }
+    return m_input.size() < 6u + length ? FrameStatus::Incomplete : FrameStatus::Complete;
+}
+
+ClientConnection::FrameStatus ClientConnection::takeFrame(std::vector<std::uint8_t>& frame) {
+    FrameStatus const status = frontStatus();
+    if (status != FrameStatus::Complete) {
+        return status;
+    }
+    std::size_t const size = 6u + word(&m_input[4]);
+    auto const end = m_input.begin() + static_cast<std::ptrdiff_t>(size);
+    frame.assign(m_input.begin(), end);
+    m_input.erase(m_input.begin(), end);
+    m_lastRequest = m_lastHeard;
+    if (m_input.empty()) {
+        m_partialSince.reset();
+    } else {
+        // The rest arrived with this frame: the next one is timed from now on.
+        m_partialSince = m_lastHeard;
+    }
+    return FrameStatus::Complete;
+}
+
+ClientConnection::QueueStatus ClientConnection::queue(std::vector<std::uint8_t> const& answer) {
+    if (m_outputBytes + answer.size() > m_outputLimit) {
+        return QueueStatus::Full;
+    }
+    m_output.push_back(answer);
+    m_outputBytes += answer.size();
+    return flush() ? QueueStatus::Queued : QueueStatus::Failed;
+}
+
+bool ClientConnection::flush() {
+    while (!m_output.empty()) {
+        auto const& front = m_output.front();
+        long const sent = rawWrite(front.data() + m_sentOfFront, front.size() - m_sentOfFront);
+        if (sent < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK;
+        }
+        m_sentOfFront += static_cast<std::size_t>(sent);
+        m_outputBytes -= static_cast<std::size_t>(sent);
+        if (m_sentOfFront == front.size()) {
+            m_output.pop_front();
+            m_sentOfFront = 0;
+        }
+    }
+    return true;
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,119 @@
+// One client's connection over a socket pair: frames cut out of the byte
+// stream however it arrives, and a bounded queue of answers for a peer that
+// does not read.
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ClientConnection.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class ClientConnectionTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+        m_peer = fds[1];
+        m_connection = std::make_unique<ClientConnection>(fds[0], PeerAddress{}, m_now, 1024);
+    }
+    void TearDown() override { ::close(m_peer); }
+
+    void send(Bytes const& bytes) {
+        ASSERT_EQ(::write(m_peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Open);
+    }
+
+    SteadyClock::time_point m_now{};
+    int m_peer = -1;
+    std::unique_ptr<ClientConnection> m_connection;
+};
+
+Bytes const kRead = {0, 7, 0, 0, 0, 6, 1, 3, 0, 0, 0, 1};
+
+TEST_F(ClientConnectionTest, AFrameSplitAcrossReadsIsCutOutWhole) {
+    Bytes frame;
+    send(Bytes(kRead.begin(), kRead.begin() + 5));
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Incomplete);
+    EXPECT_TRUE(m_connection->partialSince());
+    send(Bytes(kRead.begin() + 5, kRead.end()));
+    ASSERT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Complete);
+    EXPECT_EQ(frame, kRead);
+    EXPECT_FALSE(m_connection->partialSince());
+}
+
+TEST_F(ClientConnectionTest, PipelinedFramesComeOutOneByOne) {
+    Bytes two = kRead;
+    two.insert(two.end(), kRead.begin(), kRead.end());
+    send(two);
+    Bytes frame;
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Complete);
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Complete);
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Incomplete);
+}
+
+TEST_F(ClientConnectionTest, AHeaderWithAnotherProtocolOrAnImpossibleLengthIsMalformed) {
+    send({0, 1, 0, 7, 0, 6, 1, 3});
+    Bytes frame;
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Malformed);
+}
+
+TEST_F(ClientConnectionTest, ALengthBeyondTheLargestFrameIsMalformed) {
+    send({0, 1, 0, 0, 0x01, 0x00, 1});  // 256 bytes of unit id and PDU: 262 in all
+    Bytes frame;
+    EXPECT_EQ(m_connection->takeFrame(frame), ClientConnection::FrameStatus::Malformed);
+}
+
+TEST_F(ClientConnectionTest, AnswersQueueUntilTheLimitWhenThePeerDoesNotRead) {
+    Bytes const answer(200, 0xAB);
+    int queued = 0;
+    while (m_connection->queue(answer) == ClientConnection::QueueStatus::Queued) {
+        ++queued;
+        ASSERT_LT(queued, 100000) << "the queue never filled";
+    }
+    EXPECT_GT(queued, 5);  // the kernel's buffer first, then 1024 bytes of ours
+    EXPECT_EQ(m_connection->queue(answer), ClientConnection::QueueStatus::Full);
+    EXPECT_LE(m_connection->pendingOutput(), 1024u);
+    EXPECT_GT(m_connection->pendingOutput(), 1024u - answer.size());
+}
+
+TEST_F(ClientConnectionTest, QueuedAnswersLeaveInOrderOnceThePeerReads) {
+    Bytes const first(100, 1);
+    Bytes const second(100, 2);
+    ASSERT_EQ(m_connection->queue(first), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queue(second), ClientConnection::QueueStatus::Queued);
+    EXPECT_FALSE(m_connection->hasPendingOutput());  // an idle socket takes them at once
+    std::uint8_t buffer[300];
+    ASSERT_EQ(::read(m_peer, buffer, sizeof buffer), 200);
+    EXPECT_EQ(buffer[0], 1);
+    EXPECT_EQ(buffer[199], 2);
+}
+
+TEST_F(ClientConnectionTest, AnAnswerToAPeerThatWentAwayFails) {
+    ::close(m_peer);
+    m_peer = ::dup(0);  // for TearDown
+    EXPECT_EQ(m_connection->queue(Bytes(10, 1)), ClientConnection::QueueStatus::Failed);
+}
+
+TEST_F(ClientConnectionTest, TheEndOfTheStreamClosesIt) {
+    ::shutdown(m_peer, SHUT_WR);
+    EXPECT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Closed);
+}
+
+TEST(PeerAddressTest, NamesTheAddressAndPort) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(40212);
+    address.sin_addr.s_addr = htonl(0x7F000002);
+    PeerAddress const peer = PeerAddress::from(address);
+    EXPECT_EQ(peer.ipv4, 0x7F000002u);
+    EXPECT_EQ(peer.port, 40212);
+    EXPECT_EQ(peer.text, "127.0.0.2:40212");
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,39 @@
+// What clients can put into the log: never a line break, a terminal escape
+// or a quote that ends a value early.
+#include <gtest/gtest.h>
+
+#include "LogText.h"
+
+namespace tarsel::daemon {
+namespace {
+
+TEST(LogTextTest, EscapeControlsTurnsLineBreaksAndEscapesIntoVisibleText) {
+    EXPECT_EQ(escapeControls("a\nb\rc\td"), "a\\nb\\rc\\td");
+    EXPECT_EQ(escapeControls("\x1b[31mred\x1b[0m"), "\\x1B[31mred\\x1B[0m");
+    EXPECT_EQ(escapeControls(std::string("nul\0del\x7f", 8)), "nul\\x00del\\x7F");
+}
+
+TEST(LogTextTest, EscapeControlsKeepsPrintableTextAndUtf8) {
+    EXPECT_EQ(escapeControls("Rack 9 \"A\" \\ 25\xC2\xB0"
+                             "C"),
+              "Rack 9 \"A\" \\ 25\xC2\xB0"
+              "C");
+}
+
+TEST(LogTextTest, QuotedValueEscapesQuotesBackslashesAndEveryNonAsciiByte) {
+    EXPECT_EQ(quotedValue("Rack 1"), "\"Rack 1\"");
+    EXPECT_EQ(quotedValue("a\"b\\c"), "\"a\\\"b\\\\c\"");
+    EXPECT_EQ(quotedValue("x\ntarsel-modbusd: error: FORGED\x1b[2K"),
+              "\"x\\ntarsel-modbusd: error: FORGED\\x1B[2K\"");
+    EXPECT_EQ(quotedValue("\xC2\x9B"), "\"\\xC2\\x9B\"");  // a C1 control in UTF-8
+}
+
+TEST(LogTextTest, GroupedThousandsPutsACommaEveryThreeDigits) {
+    EXPECT_EQ(groupedThousands(0), "0");
+    EXPECT_EQ(groupedThousands(999), "999");
+    EXPECT_EQ(groupedThousands(1200), "1,200");
+    EXPECT_EQ(groupedThousands(1234567), "1,234,567");
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,74 @@
+// The daemon's log lines: one line per event whatever the text holds, and
+// repeated events limited with a summary, on a clock the test moves.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "Log.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct ClockedLog {
+    std::ostringstream out;
+    std::chrono::steady_clock::time_point now{};
+    Log log{out, false, [this] { return now; }};
+};
+
+TEST(LogTest, ALineBreakInTheTextCannotStartAForgedLine) {
+    std::ostringstream out;
+    Log log(out);
+    log.info("wrote \"x\ntarsel-modbusd: error: FORGED\"");
+    EXPECT_EQ(out.str(), "tarsel-modbusd: wrote \"x\\ntarsel-modbusd: error: FORGED\"\n");
+}
+
+TEST(LogTest, LinesWritesMultiLineTextOfTheDaemonsOwnLineByLine) {
+    std::ostringstream out;
+    Log log(out);
+    log.lines(Log::Level::Info, "register map:\n| a |\n| b |\n");
+    EXPECT_EQ(out.str(),
+              "tarsel-modbusd: register map:\ntarsel-modbusd: | a |\ntarsel-modbusd: | b |\n");
+}
+
+TEST(LogTest, RepeatedEventsAreCutToTheBurstAndSummarisedAfterTheMinute) {
+    ClockedLog clocked;
+    for (int i = 0; i < 1210; ++i) {
+        clocked.log.limited(Log::Level::Warning, "clients refused",
+                            i < 1209 ? "client refused" : "client 10.0.0.9:5 refused");
+    }
+    clocked.now += 30s;
+    clocked.log.summarise();
+    std::string const before = clocked.out.str();
+    clocked.now += 30s;
+    clocked.log.summarise();
+    std::string const after = clocked.out.str();
+    std::string const line = "tarsel-modbusd: warning: client refused\n";
+    std::string burst;
+    for (std::size_t i = 0; i < Log::kBurstPerMinute; ++i) {
+        burst += line;
+    }
+    EXPECT_EQ(before, burst);
+    EXPECT_EQ(after, burst +
+                         "tarsel-modbusd: warning: ... 1,200 more \"clients refused\" in the last "
+                         "minute; the last: client 10.0.0.9:5 refused\n");
+}
+
+TEST(LogTest, DebugLinesAreNeverLimitedAndOnlyWrittenWhenVerbose) {
+    std::ostringstream quietOut;
+    Log quiet(quietOut);
+    quiet.limited(Log::Level::Debug, "k", "hidden");
+    EXPECT_EQ(quietOut.str(), "");
+    std::ostringstream verboseOut;
+    Log verbose(verboseOut, true);
+    for (int i = 0; i < 20; ++i) {
+        verbose.limited(Log::Level::Debug, "k", "shown");
+    }
+    std::string const text = verboseOut.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,71 @@
+// The answer frames the daemon sends: MBAP header echoed with the answer's
+// length, response PDUs for each function, exceptions with the top bit set.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "DaemonTestSupport.h"
+#include "ResponseEncoder.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using testing::request;
+
+Bytes encode(Bytes const& frame, Answer const& answer) {
+    return encodeResponse(frame.data(), frame.size(), answer);
+}
+
+Answer answerTo(std::uint8_t function, std::uint16_t address, std::uint16_t quantity) {
+    Answer answer;
+    answer.function = function;
+    answer.address = address;
+    answer.quantity = quantity;
+    return answer;
+}
+
+TEST(ResponseEncoderTest, RegisterReadsCarryAByteCountAndBigEndianWords) {
+    Answer answer = answerTo(3, 10, 2);
+    answer.registers = {0x4148, 0x0001};
+    Bytes const frame = {0x12, 0x34, 0, 0, 0, 6, 7, 3, 0, 10, 0, 2};
+    EXPECT_EQ(encode(frame, answer), (Bytes{0x12, 0x34, 0, 0, 0, 7, 7, 3, 4, 0x41, 0x48, 0, 1}));
+}
+
+TEST(ResponseEncoderTest, BitReadsPackTheFirstBitIntoTheLowestBit) {
+    Answer answer = answerTo(2, 0, 10);
+    answer.bits = {1, 0, 1, 1, 0, 0, 0, 0, 0, 1};
+    EXPECT_EQ(encode(request(2, 0, 10), answer),
+              (Bytes{0, 1, 0, 0, 0, 5, 1, 2, 2, 0b00001101, 0b00000010}));
+}
+
+TEST(ResponseEncoderTest, SingleWritesEchoTheRequest) {
+    Bytes const coil = request(5, 3, 0xFF00);
+    EXPECT_EQ(encode(coil, answerTo(5, 3, 1)), coil);
+    Bytes const reg = request(6, 9, 0xBEEF);
+    EXPECT_EQ(encode(reg, answerTo(6, 9, 1)), reg);
+}
+
+TEST(ResponseEncoderTest, MultipleWritesAnswerTheRangeWritten) {
+    Bytes const frame = testing::writeRegisters(0x0102, {1, 2, 3});
+    EXPECT_EQ(encode(frame, answerTo(16, 0x0102, 3)),
+              (Bytes{0, 1, 0, 0, 0, 6, 1, 16, 0x01, 0x02, 0, 3}));
+}
+
+TEST(ResponseEncoderTest, ExceptionsSetTheTopBitOfTheFunctionCode) {
+    Answer answer = answerTo(0x2B, 0, 0);
+    answer.exception = 0x01;
+    EXPECT_EQ(encode(request(0x2B, 0, 0, 9), answer), (Bytes{0, 1, 0, 0, 0, 3, 9, 0xAB, 0x01}));
+    Answer zero = answerTo(0, 0, 0);
+    zero.exception = 0x01;
+    EXPECT_EQ(encode(request(0, 0, 0), zero), (Bytes{0, 1, 0, 0, 0, 3, 1, 0x80, 0x01}));
+}
+
+TEST(ResponseEncoderTest, RefusesAFunctionCodeThatHasNoExceptionAnswer) {
+    Answer answer = answerTo(0x81, 0, 0);
+    answer.exception = 0x01;
+    EXPECT_THROW(encode(request(0x81, 0, 0), answer), std::logic_error);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon
