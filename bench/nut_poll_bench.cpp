@@ -152,15 +152,15 @@ class FakeUpsd {
 };
 
 /* One uint16 entry per variable of the UPS on `device`. */
-RegisterMapSpec mapOf(cdshost::Id device) {
-    RegisterMapSpec map;
+RegisterMapDefinition mapOf(cdshost::Id device) {
+    RegisterMapDefinition map;
     for (int i = 0; i < kVariables - 1; ++i) {
-        EntrySpec entry;
+        EntryDefinition entry;
         entry.name = "var." + std::to_string(i);
         entry.table = Table::InputRegisters;
         entry.address = static_cast<std::uint16_t>(i);
         entry.encoder = EncoderKind::Uint16;
-        SourceSpec source;
+        SourceDefinition source;
         source.device.id = device;
         source.channel = entry.name;
         entry.sources.push_back(source);

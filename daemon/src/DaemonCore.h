@@ -24,11 +24,11 @@ namespace tarsel::daemon {
 /* A further unit id served by the same daemon, with a map of its own. */
 struct UnitConfig {
     std::uint8_t unitId = 2;
-    RegisterMapSpec map;
+    RegisterMapDefinition map;
 };
 
 struct CoreConfig {
-    RegisterMapSpec map;
+    RegisterMapDefinition map;
     // Where the values come from: a scenario to play, or another source
     // (given the scenario is empty); neither leaves the store as it is.
     std::optional<Scenario> scenario;

@@ -10,13 +10,13 @@ namespace {
 
 using json = nlohmann::json;
 
-std::string sourcesText(EntrySpec const& spec) {
-    if (spec.function.empty()) {
-        return describeSource(spec.sources.at(0));
+std::string sourcesText(EntryDefinition const& definition) {
+    if (definition.function.empty()) {
+        return describeSource(definition.sources.at(0));
     }
-    std::string text = spec.function + "(";
-    for (std::size_t i = 0; i < spec.sources.size(); ++i) {
-        text += (i ? "; " : "") + describeSource(spec.sources[i]);
+    std::string text = definition.function + "(";
+    for (std::size_t i = 0; i < definition.sources.size(); ++i) {
+        text += (i ? "; " : "") + describeSource(definition.sources[i]);
     }
     return text + ")";
 }
@@ -135,15 +135,15 @@ std::optional<DescribeFormat> describeFormatFromName(std::string const& name) {
 }
 
 DescribedEntry describeEntry(ServedEntry const& entry) {
-    EntrySpec const& spec = entry.spec;
-    DescribedEntry row{tableName(spec.table),
-                       spec.address,
-                       spec.size,
-                       spec.name,
+    EntryDefinition const& definition = entry.definition;
+    DescribedEntry row{tableName(definition.table),
+                       definition.address,
+                       definition.size,
+                       definition.name,
                        "",
                        "",
                        false,
-                       sourcesText(spec),
+                       sourcesText(definition),
                        entry.image.known ? hexWords(entry.image.words) : "-",
                        entry.image.pushes,
                        ""};

@@ -24,7 +24,7 @@ using modbus::CdsDataAccessor;
 using Registers = std::unique_ptr<modbus::RegistersDataAccessor>;
 using Discretes = std::unique_ptr<modbus::DiscretesDataAccessor>;
 
-std::unique_ptr<CdsDataAccessor> makeChannel(SourceSpec const& s) {
+std::unique_ptr<CdsDataAccessor> makeChannel(SourceDefinition const& s) {
     DeviceRef const& d = s.device;
     if (!d.id) {
         return std::make_unique<modbus::CdsChannelAccessor>(d.name, s.channel, s.dataType);
@@ -35,7 +35,7 @@ std::unique_ptr<CdsDataAccessor> makeChannel(SourceSpec const& s) {
     return std::make_unique<modbus::CdsChannelAccessor>(*d.id, d.path, s.channel, s.dataType);
 }
 
-std::unique_ptr<CdsDataAccessor> makeAttribute(SourceSpec const& s) {
+std::unique_ptr<CdsDataAccessor> makeAttribute(SourceDefinition const& s) {
     DeviceRef const& d = s.device;
     if (!d.id) {
         return std::make_unique<modbus::CdsDeviceAccessor>(d.name, s.attribute);
@@ -46,7 +46,7 @@ std::unique_ptr<CdsDataAccessor> makeAttribute(SourceSpec const& s) {
     return std::make_unique<modbus::CdsDeviceAccessor>(*d.id, d.path, s.attribute);
 }
 
-std::unique_ptr<CdsDataAccessor> makeAlarm(SourceSpec const& s) {
+std::unique_ptr<CdsDataAccessor> makeAlarm(SourceDefinition const& s) {
     DeviceRef const& d = s.device;
     if (!d.id) {
         return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(d.name, s.channel,
@@ -62,10 +62,10 @@ std::unique_ptr<CdsDataAccessor> makeAlarm(SourceSpec const& s) {
 
 /* Raw pointers for the composites, which take ownership of each; if building
  * one fails, the ones built so far are released here. */
-std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceSpec> const& specs,
+std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceDefinition> const& definitions,
                                              std::vector<std::unique_ptr<CdsDataAccessor>>& keep) {
-    for (auto const& spec : specs) {
-        keep.push_back(makeDataAccessor(spec));
+    for (auto const& definition : definitions) {
+        keep.push_back(makeDataAccessor(definition));
     }
     std::vector<CdsDataAccessor*> raw;
     for (auto const& accessor : keep) {
@@ -74,7 +74,7 @@ std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceSpec> const& spec
     return raw;
 }
 
-Registers makeCompositeRegisters(EntrySpec const& e) {
+Registers makeCompositeRegisters(EntryDefinition const& e) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
     auto conversions = makeRegisterConversions(e.function, e.sources.size());
@@ -87,7 +87,7 @@ Registers makeCompositeRegisters(EntrySpec const& e) {
     return encoder;
 }
 
-Discretes makeCompositeDiscretes(EntrySpec const& e) {
+Discretes makeCompositeDiscretes(EntryDefinition const& e) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
     auto conversions = makeDiscreteConversions(e.function, e.sources.size());
@@ -100,7 +100,7 @@ Discretes makeCompositeDiscretes(EntrySpec const& e) {
     return encoder;
 }
 
-Registers makeUint16(EntrySpec const& e, CdsDataAccessor* source) {
+Registers makeUint16(EntryDefinition const& e, CdsDataAccessor* source) {
     if (e.useBitmask) {
         return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, e.bitmaskOp, e.mask,
                                                                         e.defaultValue);
@@ -109,7 +109,7 @@ Registers makeUint16(EntrySpec const& e, CdsDataAccessor* source) {
 }
 
 /* The one-source register encoders; they take ownership of the source. */
-Registers makeSingleRegisters(EntrySpec const& e, CdsDataAccessor* source) {
+Registers makeSingleRegisters(EntryDefinition const& e, CdsDataAccessor* source) {
     switch (e.encoder) {
         case EncoderKind::Float:
             return std::make_unique<modbus::CdsFloatAccessor>(source, e.multiplier);
@@ -135,7 +135,7 @@ Registers makeSingleRegisters(EntrySpec const& e, CdsDataAccessor* source) {
 
 }  // namespace
 
-std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceSpec const& source) {
+std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceDefinition const& source) {
     switch (source.kind) {
         case SourceKind::Channel:
             return makeChannel(source);
@@ -147,7 +147,7 @@ std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceSpec const& source) {
     return nullptr;
 }
 
-BuiltEncoder makeEncoder(EntrySpec const& entry) {
+BuiltEncoder makeEncoder(EntryDefinition const& entry) {
     BuiltEncoder built;
     if (entry.encoder == EncoderKind::CompositeRegisters) {
         built.registers = makeCompositeRegisters(entry);

@@ -20,9 +20,9 @@ struct BuiltEncoder {
 };
 
 /* A new data accessor for the source; it detects its item at once. */
-std::unique_ptr<modbus::CdsDataAccessor> makeDataAccessor(SourceSpec const& source);
+std::unique_ptr<modbus::CdsDataAccessor> makeDataAccessor(SourceDefinition const& source);
 
 /* The encoder of a validated entry, with its data accessors and byte order. */
-BuiltEncoder makeEncoder(EntrySpec const& entry);
+BuiltEncoder makeEncoder(EntryDefinition const& entry);
 
 }  // namespace tarsel::daemon

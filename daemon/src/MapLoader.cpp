@@ -73,7 +73,7 @@ std::string quoted(std::string const& text) {
 
 class MapParser {
   public:
-    RegisterMapSpec parse(json const& root);
+    RegisterMapDefinition parse(json const& root);
     std::vector<std::string> const& errors() const { return m_check.errors(); }
 
   private:
@@ -81,27 +81,27 @@ class MapParser {
                                   UnavailablePolicy policy);
     std::optional<CidrList> parseAllowList(json const& entry, char const* key,
                                            std::string const& where);
-    std::optional<EntrySpec> parseEntry(json const& value, std::string const& where,
-                                        UnavailablePolicy const& mapPolicy);
-    bool parseHeader(json const& value, EntrySpec& spec);
-    void parseOptions(json const& value, EntrySpec& spec);
-    void parseSingleSource(json const& value, EntrySpec& spec);
-    void parseScaling(json const& value, EntrySpec& spec);
-    void parseByteOrder(json const& value, EntrySpec& spec);
-    void parseUint16Options(json const& value, EntrySpec& spec);
-    void parseComposite(json const& value, EntrySpec& spec);
-    void parseStringSize(json const& value, EntrySpec& spec);
-    std::optional<SourceSpec> parseSource(json const& value, std::string const& where);
+    std::optional<EntryDefinition> parseEntry(json const& value, std::string const& where,
+                                              UnavailablePolicy const& mapPolicy);
+    bool parseHeader(json const& value, EntryDefinition& definition);
+    void parseOptions(json const& value, EntryDefinition& definition);
+    void parseSingleSource(json const& value, EntryDefinition& definition);
+    void parseScaling(json const& value, EntryDefinition& definition);
+    void parseByteOrder(json const& value, EntryDefinition& definition);
+    void parseUint16Options(json const& value, EntryDefinition& definition);
+    void parseComposite(json const& value, EntryDefinition& definition);
+    void parseStringSize(json const& value, EntryDefinition& definition);
+    std::optional<SourceDefinition> parseSource(json const& value, std::string const& where);
     bool parseDevice(json const& value, std::string const& where, DeviceRef& device);
-    void parseSourceKind(json const& value, std::string const& where, SourceSpec& source);
-    bool checkFit(EntrySpec const& spec);
-    void checkOverlaps(std::vector<EntrySpec> const& entries);
+    void parseSourceKind(json const& value, std::string const& where, SourceDefinition& source);
+    bool checkFit(EntryDefinition const& definition);
+    void checkOverlaps(std::vector<EntryDefinition> const& entries);
 
     JsonChecker m_check;
 };
 
-RegisterMapSpec MapParser::parse(json const& root) {
-    RegisterMapSpec map;
+RegisterMapDefinition MapParser::parse(json const& root) {
+    RegisterMapDefinition map;
     if (!m_check.expectObject(root, "map")) {
         return map;
     }
@@ -120,7 +120,7 @@ RegisterMapSpec MapParser::parse(json const& root) {
         m_check.error("entries", "expected an array, got " + JsonChecker::shortDump(*entries));
         return map;
     }
-    std::vector<EntrySpec> placed;
+    std::vector<EntryDefinition> placed;
     for (std::size_t i = 0; i < entries->size(); ++i) {
         std::string const where = "entries[" + std::to_string(i) + "]";
         if (auto entry = parseEntry((*entries)[i], where, map.unavailable)) {
@@ -182,62 +182,64 @@ std::optional<CidrList> MapParser::parseAllowList(json const& entry, char const*
     return list;
 }
 
-std::optional<EntrySpec> MapParser::parseEntry(json const& value, std::string const& where,
-                                               UnavailablePolicy const& mapPolicy) {
+std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::string const& where,
+                                                     UnavailablePolicy const& mapPolicy) {
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
-    EntrySpec spec;
-    spec.path = where;
-    spec.unavailable = mapPolicy;
+    EntryDefinition definition;
+    definition.path = where;
+    definition.unavailable = mapPolicy;
     std::size_t const errorsBefore = m_check.errors().size();
-    if (!parseHeader(value, spec)) {
+    if (!parseHeader(value, definition)) {
         return std::nullopt;
     }
     m_check.unknownFields(
         value, where,
         [&] {
             auto allowed = kCommonFields;
-            auto const own = encoderFields(spec.encoder);
+            auto const own = encoderFields(definition.encoder);
             allowed.insert(own.begin(), own.end());
             return allowed;
         }(),
-        " for encoder " + quoted(encoderName(spec.encoder)));
+        " for encoder " + quoted(encoderName(definition.encoder)));
     if (value.contains("unavailable")) {
-        spec.unavailable = parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
+        definition.unavailable =
+            parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
     }
-    spec.allowRead = parseAllowList(value, "allowRead", where);
-    spec.allowWrite = parseAllowList(value, "allowWrite", where);
-    if (spec.allowWrite && !isWritableTable(spec.table)) {
-        m_check.error(where + ".allowWrite", "entries of " + quoted(tableName(spec.table)) +
+    definition.allowRead = parseAllowList(value, "allowRead", where);
+    definition.allowWrite = parseAllowList(value, "allowWrite", where);
+    if (definition.allowWrite && !isWritableTable(definition.table)) {
+        m_check.error(where + ".allowWrite", "entries of " + quoted(tableName(definition.table)) +
                                                  " cannot be written by anyone");
     }
-    spec.size = fixedSize(spec.encoder);
-    parseOptions(value, spec);
-    if (m_check.errors().size() != errorsBefore || !checkFit(spec)) {
+    definition.size = fixedSize(definition.encoder);
+    parseOptions(value, definition);
+    if (m_check.errors().size() != errorsBefore || !checkFit(definition)) {
         return std::nullopt;
     }
-    if (spec.name.empty()) {
-        spec.name = std::string(tableName(spec.table)) + ":" + std::to_string(spec.address);
+    if (definition.name.empty()) {
+        definition.name =
+            std::string(tableName(definition.table)) + ":" + std::to_string(definition.address);
     }
-    return spec;
+    return definition;
 }
 
 /* Name, table, address and encoder; false when the rest cannot be checked. */
-bool MapParser::parseHeader(json const& value, EntrySpec& spec) {
-    std::string const& where = spec.path;
-    spec.name = m_check.text(value, "name", where, false).value_or("");
+bool MapParser::parseHeader(json const& value, EntryDefinition& definition) {
+    std::string const& where = definition.path;
+    definition.name = m_check.text(value, "name", where, false).value_or("");
     m_check.text(value, "comment", where, false);
     if (auto const table = m_check.text(value, "table", where, true)) {
         if (auto const parsed = tableFromName(*table)) {
-            spec.table = *parsed;
+            definition.table = *parsed;
         } else {
             m_check.error(where + ".table", "unknown table " + quoted(*table) + "; expected " +
                                                 joinChoices(tableNames()));
         }
     }
     if (auto const address = m_check.integer(value, "address", where, 0, kTableSize - 1, true)) {
-        spec.address = static_cast<std::uint16_t>(*address);
+        definition.address = static_cast<std::uint16_t>(*address);
     }
     auto const encoder = m_check.text(value, "encoder", where, true);
     if (!encoder) {
@@ -249,108 +251,110 @@ bool MapParser::parseHeader(json const& value, EntrySpec& spec) {
                                               joinChoices(encoderNames()));
         return false;
     }
-    spec.encoder = *kind;
+    definition.encoder = *kind;
     return true;
 }
 
-void MapParser::parseOptions(json const& value, EntrySpec& spec) {
-    switch (spec.encoder) {
+void MapParser::parseOptions(json const& value, EntryDefinition& definition) {
+    switch (definition.encoder) {
         case EncoderKind::CompositeRegisters:
         case EncoderKind::CompositeDiscretes:
-            parseComposite(value, spec);
+            parseComposite(value, definition);
             return;
         case EncoderKind::String:
-            parseStringSize(value, spec);
+            parseStringSize(value, definition);
             break;
         case EncoderKind::Uint16:
-            parseUint16Options(value, spec);
+            parseUint16Options(value, definition);
             break;
         case EncoderKind::Boolean:
-            spec.invert = m_check.boolean(value, "invert", spec.path, false).value_or(false);
+            definition.invert =
+                m_check.boolean(value, "invert", definition.path, false).value_or(false);
             break;
         default:
             break;
     }
-    parseSingleSource(value, spec);
-    parseScaling(value, spec);
-    parseByteOrder(value, spec);
+    parseSingleSource(value, definition);
+    parseScaling(value, definition);
+    parseByteOrder(value, definition);
 }
 
-void MapParser::parseSingleSource(json const& value, EntrySpec& spec) {
+void MapParser::parseSingleSource(json const& value, EntryDefinition& definition) {
     auto const source = value.find("source");
     if (source == value.end()) {
-        m_check.error(spec.path, "missing field \"source\"");
+        m_check.error(definition.path, "missing field \"source\"");
         return;
     }
-    if (auto parsed = parseSource(*source, spec.path + ".source")) {
-        spec.sources.push_back(std::move(*parsed));
+    if (auto parsed = parseSource(*source, definition.path + ".source")) {
+        definition.sources.push_back(std::move(*parsed));
     }
 }
 
-void MapParser::parseScaling(json const& value, EntrySpec& spec) {
-    if (auto const multiplier = m_check.number(value, "multiplier", spec.path, false)) {
+void MapParser::parseScaling(json const& value, EntryDefinition& definition) {
+    if (auto const multiplier = m_check.number(value, "multiplier", definition.path, false)) {
         if (*multiplier == 0.0 || !std::isfinite(*multiplier)) {
-            m_check.error(spec.path + ".multiplier", "must be a finite number other than 0");
+            m_check.error(definition.path + ".multiplier", "must be a finite number other than 0");
         }
-        spec.multiplier = static_cast<float>(*multiplier);
+        definition.multiplier = static_cast<float>(*multiplier);
     }
-    if (auto const offset = m_check.number(value, "offset", spec.path, false)) {
-        spec.offset = static_cast<float>(*offset);
+    if (auto const offset = m_check.number(value, "offset", definition.path, false)) {
+        definition.offset = static_cast<float>(*offset);
     }
 }
 
-void MapParser::parseByteOrder(json const& value, EntrySpec& spec) {
+void MapParser::parseByteOrder(json const& value, EntryDefinition& definition) {
     auto const order = value.find("byteOrder");
     if (order == value.end()) {
         return;
     }
     if (*order == 0 || *order == "standard") {
-        spec.byteOrder = 0;
+        definition.byteOrder = 0;
     } else if (*order == 1 || *order == "word-swapped") {
-        spec.byteOrder = 1;
+        definition.byteOrder = 1;
     } else {
-        m_check.error(spec.path + ".byteOrder",
+        m_check.error(definition.path + ".byteOrder",
                       "expected 0, 1, \"standard\" or \"word-swapped\", got " +
                           JsonChecker::shortDump(*order));
     }
 }
 
-void MapParser::parseUint16Options(json const& value, EntrySpec& spec) {
-    spec.useBitmask =
+void MapParser::parseUint16Options(json const& value, EntryDefinition& definition) {
+    definition.useBitmask =
         value.contains("bitmask") || value.contains("mask") || value.contains("default");
-    if (!spec.useBitmask) {
+    if (!definition.useBitmask) {
         return;
     }
     if (value.contains("multiplier")) {
-        m_check.error(spec.path + ".multiplier",
+        m_check.error(definition.path + ".multiplier",
                       "cannot be combined with bitmask, mask or default (the library's "
                       "bitmask constructor has no multiplier)");
     }
-    if (auto const op = m_check.text(value, "bitmask", spec.path, false)) {
+    if (auto const op = m_check.text(value, "bitmask", definition.path, false)) {
         if (*op == "xor") {
-            spec.bitmaskOp = modbus::BitmaskOp::Xor;
+            definition.bitmaskOp = modbus::BitmaskOp::Xor;
         } else if (*op != "none") {
-            m_check.error(spec.path + ".bitmask",
+            m_check.error(definition.path + ".bitmask",
                           "expected \"none\" or \"xor\", got " + quoted(*op));
         }
     }
-    if (auto const mask = m_check.integer(value, "mask", spec.path, 0, 0xFFFFFFFFLL, false)) {
-        spec.mask = static_cast<std::uint32_t>(*mask);
+    if (auto const mask = m_check.integer(value, "mask", definition.path, 0, 0xFFFFFFFFLL, false)) {
+        definition.mask = static_cast<std::uint32_t>(*mask);
     }
-    if (auto const def = m_check.integer(value, "default", spec.path, 0, 0xFFFFFFFFLL, false)) {
-        spec.defaultValue = static_cast<unsigned int>(*def);
-    }
-}
-
-void MapParser::parseStringSize(json const& value, EntrySpec& spec) {
-    if (auto const size = m_check.integer(value, "size", spec.path, 1, kTableSize, true)) {
-        spec.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
+    if (auto const def =
+            m_check.integer(value, "default", definition.path, 0, 0xFFFFFFFFLL, false)) {
+        definition.defaultValue = static_cast<unsigned int>(*def);
     }
 }
 
-void MapParser::parseComposite(json const& value, EntrySpec& spec) {
-    std::string const& where = spec.path;
-    spec.description = m_check.text(value, "description", where, false).value_or("");
+void MapParser::parseStringSize(json const& value, EntryDefinition& definition) {
+    if (auto const size = m_check.integer(value, "size", definition.path, 1, kTableSize, true)) {
+        definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
+    }
+}
+
+void MapParser::parseComposite(json const& value, EntryDefinition& definition) {
+    std::string const& where = definition.path;
+    definition.description = m_check.text(value, "description", where, false).value_or("");
     auto const sources = value.find("sources");
     if (sources == value.end()) {
         m_check.error(where, "missing field \"sources\"");
@@ -361,7 +365,7 @@ void MapParser::parseComposite(json const& value, EntrySpec& spec) {
         for (std::size_t i = 0; i < sources->size(); ++i) {
             auto source = parseSource((*sources)[i], where + ".sources[" + std::to_string(i) + "]");
             if (source) {
-                spec.sources.push_back(std::move(*source));
+                definition.sources.push_back(std::move(*source));
             }
         }
     }
@@ -369,9 +373,9 @@ void MapParser::parseComposite(json const& value, EntrySpec& spec) {
     if (!name) {
         return;
     }
-    spec.function = *name;
+    definition.function = *name;
     CompositeFunction const* function = findCompositeFunction(*name);
-    bool const wantRegisters = spec.encoder == EncoderKind::CompositeRegisters;
+    bool const wantRegisters = definition.encoder == EncoderKind::CompositeRegisters;
     if (function == nullptr || function->registers != wantRegisters) {
         std::vector<std::string> choices;
         for (auto const& candidate : compositeFunctions()) {
@@ -380,8 +384,8 @@ void MapParser::parseComposite(json const& value, EntrySpec& spec) {
             }
         }
         m_check.error(where + ".function", "unknown function " + quoted(*name) + " for encoder " +
-                                               quoted(encoderName(spec.encoder)) + "; expected " +
-                                               joinChoices(choices));
+                                               quoted(encoderName(definition.encoder)) +
+                                               "; expected " + joinChoices(choices));
         return;
     }
     std::size_t const count = sources != value.end() && sources->is_array() ? sources->size() : 0;
@@ -393,20 +397,21 @@ void MapParser::parseComposite(json const& value, EntrySpec& spec) {
                                                          std::to_string(function->maxSources)) +
                                               " sources, got " + std::to_string(count));
     }
-    spec.size = function->sizeFor(count);
+    definition.size = function->sizeFor(count);
     if (auto const size = m_check.integer(value, "size", where, 1, kTableSize, false)) {
-        spec.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
+        definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
     }
 }
 
-std::optional<SourceSpec> MapParser::parseSource(json const& value, std::string const& where) {
+std::optional<SourceDefinition> MapParser::parseSource(json const& value,
+                                                       std::string const& where) {
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
     m_check.unknownFields(value, where,
                           {"device", "path", "channel", "data", "attribute", "alarm", "comment"},
                           " of a source");
-    SourceSpec source;
+    SourceDefinition source;
     std::size_t const errorsBefore = m_check.errors().size();
     if (!parseDevice(value, where, source.device)) {
         return std::nullopt;
@@ -459,7 +464,8 @@ bool MapParser::parseDevice(json const& value, std::string const& where, DeviceR
     return valid;
 }
 
-void MapParser::parseSourceKind(json const& value, std::string const& where, SourceSpec& source) {
+void MapParser::parseSourceKind(json const& value, std::string const& where,
+                                SourceDefinition& source) {
     if (value.contains("attribute")) {
         source.kind = SourceKind::Attribute;
         for (char const* key : {"channel", "data", "alarm"}) {
@@ -512,53 +518,54 @@ std::string unitOf(Table table) {
 }
 
 /* Whether the encoder suits the table and the entry fits inside it. */
-bool MapParser::checkFit(EntrySpec const& spec) {
-    if (isRegisterEncoder(spec.encoder) != isRegisterTable(spec.table)) {
-        m_check.error(spec.path,
-                      std::string("encoder \"") + encoderName(spec.encoder) +
-                          "\" cannot be served from " + tableName(spec.table) + "; it needs " +
-                          (isRegisterEncoder(spec.encoder) ? "holding-registers or input-registers"
-                                                           : "coils or discrete-inputs"));
+bool MapParser::checkFit(EntryDefinition const& definition) {
+    if (isRegisterEncoder(definition.encoder) != isRegisterTable(definition.table)) {
+        m_check.error(
+            definition.path,
+            std::string("encoder \"") + encoderName(definition.encoder) +
+                "\" cannot be served from " + tableName(definition.table) + "; it needs " +
+                (isRegisterEncoder(definition.encoder) ? "holding-registers or input-registers"
+                                                       : "coils or discrete-inputs"));
         return false;
     }
-    CompositeFunction const* function = findCompositeFunction(spec.function);
-    if (function != nullptr && !function->writable && isWritableTable(spec.table)) {
-        m_check.error(spec.path + ".function",
-                      "function \"" + spec.function + "\" is read-only; serve it from " +
+    CompositeFunction const* function = findCompositeFunction(definition.function);
+    if (function != nullptr && !function->writable && isWritableTable(definition.table)) {
+        m_check.error(definition.path + ".function",
+                      "function \"" + definition.function + "\" is read-only; serve it from " +
                           (function->registers ? "input-registers" : "discrete-inputs"));
         return false;
     }
-    if (spec.end() > kTableSize) {
-        m_check.error(spec.path, std::string(tableName(spec.table)) + " " +
-                                     std::to_string(spec.address) + ".." +
-                                     std::to_string(spec.end() - 1) +
-                                     " run past the end of the table (last address 65535)");
+    if (definition.end() > kTableSize) {
+        m_check.error(definition.path, std::string(tableName(definition.table)) + " " +
+                                           std::to_string(definition.address) + ".." +
+                                           std::to_string(definition.end() - 1) +
+                                           " run past the end of the table (last address 65535)");
         return false;
     }
-    bool const registers = isRegisterTable(spec.table);
-    bool const writable = isWritableTable(spec.table);
+    bool const registers = isRegisterTable(definition.table);
+    bool const writable = isWritableTable(definition.table);
     long long const limit = registers ? (writable ? kMaxWriteRegisters : kMaxReadRegisters)
                                       : (writable ? kMaxWriteBits : kMaxReadBits);
-    if (spec.size > limit) {
-        m_check.error(spec.path + ".size", std::to_string(spec.size) + " " + unitOf(spec.table) +
-                                               " do not fit in one request to " +
-                                               tableName(spec.table) + " (at most " +
-                                               std::to_string(limit) + ")");
+    if (definition.size > limit) {
+        m_check.error(definition.path + ".size",
+                      std::to_string(definition.size) + " " + unitOf(definition.table) +
+                          " do not fit in one request to " + tableName(definition.table) +
+                          " (at most " + std::to_string(limit) + ")");
         return false;
     }
     return true;
 }
 
-void MapParser::checkOverlaps(std::vector<EntrySpec> const& entries) {
-    std::map<Table, std::vector<EntrySpec const*>> byTable;
+void MapParser::checkOverlaps(std::vector<EntryDefinition> const& entries) {
+    std::map<Table, std::vector<EntryDefinition const*>> byTable;
     for (auto const& entry : entries) {
         byTable[entry.table].push_back(&entry);
     }
     for (auto& [table, list] : byTable) {
         std::stable_sort(list.begin(), list.end(),
                          [](auto const* a, auto const* b) { return a->address < b->address; });
-        EntrySpec const* reach = nullptr;  // the entry that reaches furthest so far
-        for (EntrySpec const* entry : list) {
+        EntryDefinition const* reach = nullptr;  // the entry that reaches furthest so far
+        for (EntryDefinition const* entry : list) {
             if (reach != nullptr && entry->address < reach->end()) {
                 m_check.error(entry->path, "\"" + entry->name + "\" at " + tableName(table) + " " +
                                                std::to_string(entry->address) + ".." +
@@ -581,7 +588,7 @@ MapError::MapError(std::vector<std::string> errors)
                                         : "invalid register map: " + errors.front()),
       m_errors(std::move(errors)) {}
 
-RegisterMapSpec parseRegisterMap(std::string const& text) {
+RegisterMapDefinition parseRegisterMap(std::string const& text) {
     json root;
     try {
         root = json::parse(text);
@@ -590,7 +597,7 @@ RegisterMapSpec parseRegisterMap(std::string const& text) {
         throw MapError({std::string("map: not valid JSON: ") + error.what()});
     }
     MapParser parser;
-    RegisterMapSpec map = parser.parse(root);
+    RegisterMapDefinition map = parser.parse(root);
     if (!parser.errors().empty()) {
         throw MapError(parser.errors());
     }

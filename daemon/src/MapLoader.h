@@ -21,7 +21,7 @@ class MapError : public std::runtime_error {
 };
 
 /* Parses and validates the JSON text of a map; throws MapError. */
-RegisterMapSpec parseRegisterMap(std::string const& text);
+RegisterMapDefinition parseRegisterMap(std::string const& text);
 
 /* Reads a file; throws std::runtime_error when it cannot be read. */
 std::string readTextFile(std::string const& path);

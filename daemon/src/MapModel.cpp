@@ -186,7 +186,7 @@ std::string describeDevice(DeviceRef const& device) {
     return out.str();
 }
 
-std::string describeSource(SourceSpec const& source) {
+std::string describeSource(SourceDefinition const& source) {
     std::ostringstream out;
     out << describeDevice(source.device);
     switch (source.kind) {

@@ -44,7 +44,7 @@ struct DeviceRef {
 enum class SourceKind { Channel, Attribute, Alarm };
 
 /* One data accessor of an entry. */
-struct SourceSpec {
+struct SourceDefinition {
     SourceKind kind = SourceKind::Channel;
     DeviceRef device;
     std::string channel;                                     // Channel, Alarm
@@ -63,14 +63,14 @@ struct UnavailablePolicy {
     std::uint8_t code = 4;  // Server Device Failure
 };
 
-struct EntrySpec {
+struct EntryDefinition {
     std::string name;
     std::string path;  // where the entry stands in the file, e.g. "entries[3]"
     Table table = Table::HoldingRegisters;
     std::uint16_t address = 0;
     std::uint16_t size = 1;  // registers or discretes
     EncoderKind encoder = EncoderKind::Float;
-    std::vector<SourceSpec> sources;  // one, except for the composites
+    std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
     std::uint16_t byteOrder = 0;
@@ -91,10 +91,10 @@ struct EntrySpec {
     std::uint32_t end() const { return std::uint32_t{address} + size; }
 };
 
-struct RegisterMapSpec {
+struct RegisterMapDefinition {
     std::string description;
     UnavailablePolicy unavailable;
-    std::vector<EntrySpec> entries;
+    std::vector<EntryDefinition> entries;
 };
 
 // ---- Names as they stand in map files and in the description --------------
@@ -116,7 +116,7 @@ std::vector<std::string> attributeNames();
 std::vector<std::string> alarmTypeNames();
 
 /* "device 2 path [0] channel \"Outlet.Current\"", for the description. */
-std::string describeSource(SourceSpec const& source);
+std::string describeSource(SourceDefinition const& source);
 std::string describeDevice(DeviceRef const& device);
 
 }  // namespace tarsel::daemon

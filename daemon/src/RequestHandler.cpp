@@ -118,8 +118,9 @@ std::string addressOf(std::string const& client) {
 /* The words of a write that fall on one entry. */
 std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uint16_t> const& words,
                                   std::uint16_t start) {
-    auto const first = words.begin() + static_cast<std::ptrdiff_t>(entry.spec.address - start);
-    return {first, first + entry.spec.size};
+    auto const first =
+        words.begin() + static_cast<std::ptrdiff_t>(entry.definition.address - start);
+    return {first, first + entry.definition.size};
 }
 
 }  // namespace
@@ -221,17 +222,17 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
 
 /* Copies one entry's value into the answer; returns an exception code or 0. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
-    std::size_t const offset = entry.spec.address - answer.address;
-    bool const registers = isRegisterTable(entry.spec.table);
+    std::size_t const offset = entry.definition.address - answer.address;
+    bool const registers = isRegisterTable(entry.definition.table);
     std::vector<std::uint16_t> words;
     try {
         if (!available(entry)) {
-            UnavailablePolicy const& policy = entry.spec.unavailable;
+            UnavailablePolicy const& policy = entry.definition.unavailable;
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
             // A discrete has no room for a sentinel: it reads as 0.
-            words.assign(entry.spec.size, registers ? policy.word : 0);
+            words.assign(entry.definition.size, registers ? policy.word : 0);
         } else if (entry.encoder.registers) {
             words = entry.encoder.registers->getData();
         } else {
@@ -241,7 +242,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
     } catch (std::exception const& error) {
         return failure(entry, "read", error.what());
     }
-    words = fitToSize(std::move(words), entry.spec.size);
+    words = fitToSize(std::move(words), entry.definition.size);
     for (std::size_t i = 0; i < words.size(); ++i) {
         if (registers) {
             answer.registers[offset + i] = words[i];
@@ -285,7 +286,7 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     for (ServedEntry const* entry : coverage.entries) {
         if (!available(*entry)) {
             auditRefused(*entry, partOf(*entry, *values, answer.address), "not available");
-            UnavailablePolicy const& policy = entry->spec.unavailable;
+            UnavailablePolicy const& policy = entry->definition.unavailable;
             return refuse(answer, policy.mode == UnavailablePolicy::Mode::Exception
                                       ? policy.code
                                       : ec::kServerDeviceFailure);
@@ -320,8 +321,9 @@ std::uint8_t RequestHandler::writeEntry(ServedEntry& entry,
 std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* operation,
                                      char const* what) {
     // An encoder that throws on a client's value throws on every repetition.
-    m_log.limited(Log::Level::Error, std::string(operation) + " failures of " + entry.spec.name,
-                  entry.spec.path + " \"" + entry.spec.name + "\": " + operation +
+    m_log.limited(Log::Level::Error,
+                  std::string(operation) + " failures of " + entry.definition.name,
+                  entry.definition.path + " \"" + entry.definition.name + "\": " + operation +
                       " failed: " + what + "; answered Server Device Failure; " + m_fields);
     return ec::kServerDeviceFailure;
 }
@@ -333,8 +335,9 @@ std::string RequestHandler::readRefusal(Table table,
         return "not allowed for this client";
     }
     for (ServedEntry const* entry : entries) {
-        if (entry->spec.allowRead && !listContains(*entry->spec.allowRead, origin.ipv4)) {
-            return "entry " + quotedValue(entry->spec.name) + " not allowed for this client";
+        if (entry->definition.allowRead &&
+            !listContains(*entry->definition.allowRead, origin.ipv4)) {
+            return "entry " + quotedValue(entry->definition.name) + " not allowed for this client";
         }
     }
     return {};
@@ -350,7 +353,8 @@ std::string RequestHandler::writeRefusal(Table table,
         return "not allowed for this client";
     }
     for (ServedEntry const* entry : entries) {
-        if (entry->spec.allowWrite && !listContains(*entry->spec.allowWrite, origin.ipv4)) {
+        if (entry->definition.allowWrite &&
+            !listContains(*entry->definition.allowWrite, origin.ipv4)) {
             return "entry not allowed for this client";
         }
     }
@@ -371,11 +375,12 @@ std::string RequestHandler::currentValue(ServedEntry const& entry) const {
     }
     try {
         if (entry.encoder.registers) {
-            return readableValue(entry.spec,
-                                 fitToSize(entry.encoder.registers->getData(), entry.spec.size));
+            return readableValue(entry.definition, fitToSize(entry.encoder.registers->getData(),
+                                                             entry.definition.size));
         }
         auto const bits = entry.encoder.discretes->getData();
-        return readableValue(entry.spec, fitToSize({bits.begin(), bits.end()}, entry.spec.size));
+        return readableValue(entry.definition,
+                             fitToSize({bits.begin(), bits.end()}, entry.definition.size));
     } catch (std::exception const&) {
         return "?";
     }
@@ -387,10 +392,11 @@ void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
     // minute line by line, the rest counted with the last one in full, so a
     // master stuck in a loop cannot fill the card's storage.
     m_log.limited(Log::Level::Info,
-                  "writes of " + entry.spec.name + " by " + addressOf(m_origin->client),
-                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
-                      " " + std::to_string(entry.spec.address) + ": " + before + " -> " +
-                      readableValue(entry.spec, written) + ": " + outcome + "; " + m_fields);
+                  "writes of " + entry.definition.name + " by " + addressOf(m_origin->client),
+                  "write " + quotedValue(entry.definition.name) + " " +
+                      tableName(entry.definition.table) + " " +
+                      std::to_string(entry.definition.address) + ": " + before + " -> " +
+                      readableValue(entry.definition, written) + ": " + outcome + "; " + m_fields);
 }
 
 void RequestHandler::auditRefused(ServedEntry const& entry,
@@ -398,11 +404,11 @@ void RequestHandler::auditRefused(ServedEntry const& entry,
                                   std::string const& why) {
     // Refused writes cost nothing but a line: limited, so a stranger cannot
     // flood the log with them.
-    m_log.limited(Log::Level::Warning, "refused writes",
-                  "write " + quotedValue(entry.spec.name) + " " + tableName(entry.spec.table) +
-                      " " + std::to_string(entry.spec.address) + ": " + currentValue(entry) +
-                      " -> " + readableValue(entry.spec, written) + ": refused (" + why + "); " +
-                      m_fields);
+    m_log.limited(
+        Log::Level::Warning, "refused writes",
+        "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
+            " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
+            readableValue(entry.definition, written) + ": refused (" + why + "); " + m_fields);
 }
 
 }  // namespace tarsel::daemon

@@ -12,8 +12,8 @@ namespace {
 
 constexpr std::uint8_t kIllegalDataAddress = 2;
 
-std::string label(EntrySpec const& spec) {
-    return spec.path + " \"" + spec.name + "\"";
+std::string label(EntryDefinition const& definition) {
+    return definition.path + " \"" + definition.name + "\"";
 }
 
 }  // namespace
@@ -23,8 +23,8 @@ std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size
     return words;
 }
 
-ServedMap::ServedMap(RegisterMapSpec const& spec, Log& log) : m_log(log) {
-    for (auto const& entry : spec.entries) {
+ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log) : m_log(log) {
+    for (auto const& entry : definition.entries) {
         add(entry);
     }
 }
@@ -35,17 +35,17 @@ ServedMap::~ServedMap() {
     }
 }
 
-void ServedMap::add(EntrySpec const& spec) {
-    auto entry = std::make_unique<ServedEntry>(spec);
+void ServedMap::add(EntryDefinition const& definition) {
+    auto entry = std::make_unique<ServedEntry>(definition);
     if (auto failure = tryBuild(*entry)) {
         // A device attribute found by name needs its device when it is built,
         // and the daemon usually starts before the UPS is detected: the entry
         // keeps its addresses and answers as unavailable until it can be built.
-        m_log.warning(label(spec) + " cannot be built yet: " + *failure +
+        m_log.warning(label(definition) + " cannot be built yet: " + *failure +
                       "; served as unavailable, retried every second");
         entry->pendingReason = std::move(*failure);
     }
-    m_index[spec.table][spec.address] = entry.get();
+    m_index[definition.table][definition.address] = entry.get();
     m_entries.push_back(std::move(entry));
 }
 
@@ -54,7 +54,7 @@ void ServedMap::add(EntrySpec const& spec) {
 std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
     std::optional<std::string> failure;
     try {
-        entry.encoder = makeEncoder(entry.spec);
+        entry.encoder = makeEncoder(entry.definition);
         listen(entry);
     } catch (std::exception const& error) {
         failure = error.what();
@@ -95,7 +95,7 @@ std::size_t ServedMap::buildPending() {
             continue;
         }
         entry->pendingReason.clear();
-        m_log.info(label(entry->spec) + " built; served from now on");
+        m_log.info(label(entry->definition) + " built; served from now on");
         ++built;
     }
     return built;
@@ -137,10 +137,10 @@ void ServedMap::seedImage(ServedEntry& entry) {
             auto const bits = encoder.discretes->getData();
             words.assign(bits.begin(), bits.end());
         }
-        entry.image.words = fitToSize(std::move(words), entry.spec.size);
+        entry.image.words = fitToSize(std::move(words), entry.definition.size);
         entry.image.known = true;
     } catch (std::exception const& error) {
-        m_log.warning(label(entry.spec) + ": first read failed: " + error.what());
+        m_log.warning(label(entry.definition) + ": first read failed: " + error.what());
     }
 }
 
@@ -149,21 +149,22 @@ namespace {
 /* Discretes (states, alarms) and strings (identification) change rarely and
  * matter to whoever watches the log; numbers change all the time and are
  * logged only in verbose mode. */
-bool changeIsWorthAnInfoLine(EntrySpec const& spec) {
-    return !isRegisterTable(spec.table) || spec.encoder == EncoderKind::String;
+bool changeIsWorthAnInfoLine(EntryDefinition const& definition) {
+    return !isRegisterTable(definition.table) || definition.encoder == EncoderKind::String;
 }
 
 }  // namespace
 
-std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> const& words) {
-    if (!isRegisterTable(spec.table)) {
+std::string readableValue(EntryDefinition const& definition,
+                          std::vector<std::uint16_t> const& words) {
+    if (!isRegisterTable(definition.table)) {
         std::string bits;
         for (std::uint16_t const bit : words) {
             bits += bit != 0 ? '1' : '0';
         }
         return bits;
     }
-    if (spec.encoder != EncoderKind::String) {
+    if (definition.encoder != EncoderKind::String) {
         return hexWords(words);
     }
     std::string text;
@@ -179,20 +180,21 @@ std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> cons
 }
 
 void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
-    std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.spec.size);
-    if (entry.image.known && fitted != entry.image.words && changeIsWorthAnInfoLine(entry.spec)) {
+    std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.definition.size);
+    if (entry.image.known && fitted != entry.image.words &&
+        changeIsWorthAnInfoLine(entry.definition)) {
         // Clients can change a string or a coil as often as they like.
-        m_log.limited(Log::Level::Info, "changes of " + entry.spec.name,
-                      std::string(tableName(entry.spec.table)) + " " +
-                          std::to_string(entry.spec.address) + " \"" + entry.spec.name +
-                          "\": " + readableValue(entry.spec, entry.image.words) + " -> " +
-                          readableValue(entry.spec, fitted));
+        m_log.limited(Log::Level::Info, "changes of " + entry.definition.name,
+                      std::string(tableName(entry.definition.table)) + " " +
+                          std::to_string(entry.definition.address) + " \"" + entry.definition.name +
+                          "\": " + readableValue(entry.definition, entry.image.words) + " -> " +
+                          readableValue(entry.definition, fitted));
     }
     entry.image.words = std::move(fitted);
     entry.image.known = true;
     ++entry.image.pushes;
-    m_log.debug("push " + std::string(tableName(entry.spec.table)) + " " +
-                std::to_string(entry.spec.address) + " \"" + entry.spec.name + "\" " +
+    m_log.debug("push " + std::string(tableName(entry.definition.table)) + " " +
+                std::to_string(entry.definition.address) + " \"" + entry.definition.name + "\" " +
                 hexWords(entry.image.words) + " (#" + std::to_string(entry.image.pushes) + ")");
 }
 
@@ -217,23 +219,24 @@ Coverage ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quan
     auto it = index.upper_bound(address);
     if (it != index.begin()) {
         ServedEntry const* before = std::prev(it)->second;
-        if (before->spec.address < address && before->spec.end() > address) {
+        if (before->definition.address < address && before->definition.end() > address) {
             result.exception = kIllegalDataAddress;  // starts inside an entry
             return result;
         }
-        if (before->spec.address == address) {
+        if (before->definition.address == address) {
             --it;
         }
     }
     std::uint32_t expected = address;  // where the next entry must start for a write
     bool hole = false;
-    for (; it != index.end() && it->second->spec.address < end; ++it) {
-        hole = hole || it->second->spec.address != expected;
-        expected = it->second->spec.end();
+    for (; it != index.end() && it->second->definition.address < end; ++it) {
+        hole = hole || it->second->definition.address != expected;
+        expected = it->second->definition.end();
         result.entries.push_back(it->second);
     }
     hole = hole || expected != end;
-    bool const endsInside = !result.entries.empty() && result.entries.back()->spec.end() > end;
+    bool const endsInside =
+        !result.entries.empty() && result.entries.back()->definition.end() > end;
     if (result.entries.empty() || endsInside || (write && hole)) {
         result.entries.clear();
         result.exception = kIllegalDataAddress;

@@ -24,13 +24,13 @@ struct PushImage {
 };
 
 struct ServedEntry {
-    explicit ServedEntry(EntrySpec s) : spec(std::move(s)) {}
+    explicit ServedEntry(EntryDefinition s) : definition(std::move(s)) {}
 
     /* False while the entry is pending: its encoder could not be built yet
      * (a device found by name that is not there yet). */
     bool built() const { return encoder.registers || encoder.discretes; }
 
-    EntrySpec const spec;
+    EntryDefinition const definition;
     PushImage image;
     // Why the last attempt to build the encoder failed; empty once built.
     std::string pendingReason;
@@ -52,7 +52,7 @@ class ServedMap {
      * with one read of each available entry. An entry whose encoder cannot
      * be built yet keeps its place as a pending entry, served as unavailable
      * until buildPending() succeeds for it. */
-    ServedMap(RegisterMapSpec const& spec, Log& log);
+    ServedMap(RegisterMapDefinition const& definition, Log& log);
     /* Destroys the encoders, last entry first, and with them every data
      * accessor and its data-store subscriptions. */
     ~ServedMap();
@@ -77,7 +77,7 @@ class ServedMap {
     std::size_t buildPending();
 
   private:
-    void add(EntrySpec const& spec);
+    void add(EntryDefinition const& definition);
     std::optional<std::string> tryBuild(ServedEntry& entry);
     void listen(ServedEntry& entry);
     void seedImage(ServedEntry& entry);
@@ -90,7 +90,8 @@ class ServedMap {
 
 /* A value as people read it: discretes as 0/1 digits, strings as their
  * quoted text up to the first zero byte, anything else in hex. */
-std::string readableValue(EntrySpec const& spec, std::vector<std::uint16_t> const& words);
+std::string readableValue(EntryDefinition const& definition,
+                          std::vector<std::uint16_t> const& words);
 
 /* Pads with zeros or cuts to the entry's size: strings and composites may
  * produce another length than the registers they reserve. */

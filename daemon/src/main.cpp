@@ -30,7 +30,7 @@ std::optional<Scenario> loadScenario(Options const& options) {
                                                       : readTextFile(options.scenarioFile));
 }
 
-RegisterMapSpec loadMap(Options const& options) {
+RegisterMapDefinition loadMap(Options const& options) {
     return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
                                                     : readTextFile(options.mapFile));
 }

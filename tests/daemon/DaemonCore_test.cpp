@@ -24,7 +24,7 @@ char const* const kScenario = R"({"devices": [{"id": 2, "name": "UPS", "channels
 
 ServedEntry const& entryNamed(DaemonCore& core, std::string const& name) {
     for (auto const& entry : core.map().entries()) {
-        if (entry->spec.name == name) {
+        if (entry->definition.name == name) {
             return *entry;
         }
     }

@@ -173,13 +173,13 @@ TEST(NutEndpoint, ParsesUpscStyleNames) {
 }
 
 TEST(NutSourceMaps, AFurtherUpsGetsTheMapMovedOntoItsDevice) {
-    RegisterMapSpec map;
-    EntrySpec entry;
-    SourceSpec onFirst;
+    RegisterMapDefinition map;
+    EntryDefinition entry;
+    SourceDefinition onFirst;
     onFirst.device.id = kFirstUpsDevice;
-    SourceSpec byName;
+    SourceDefinition byName;
     byName.device.name = "Card";
-    SourceSpec elsewhere;
+    SourceDefinition elsewhere;
     elsewhere.device.id = 1;
     entry.sources = {onFirst, byName, elsewhere};
     map.entries.push_back(entry);

@@ -40,7 +40,7 @@ bool contains(std::vector<std::string> const& errors, std::string const& text) {
 }
 
 TEST(RegisterMapTest, ShippedMapIsValidAndUsesEveryEncoder) {
-    RegisterMapSpec const map = parseRegisterMap(embeddedMap());
+    RegisterMapDefinition const map = parseRegisterMap(embeddedMap());
     std::set<EncoderKind> kinds;
     for (auto const& entry : map.entries) {
         kinds.insert(entry.encoder);
@@ -54,7 +54,7 @@ TEST(RegisterMapTest, FloatEntryTakesItsOptions) {
             "multiplier": 2.5, "byteOrder": "word-swapped",
             "source": {"device": 2, "path": [1, 0], "channel": "V", "data": "alarm-hysteresis"}})"));
     ASSERT_EQ(map.entries.size(), 1u);
-    EntrySpec const& entry = map.entries[0];
+    EntryDefinition const& entry = map.entries[0];
     EXPECT_EQ(entry.table, Table::InputRegisters);
     EXPECT_EQ(entry.address, 7);
     EXPECT_EQ(entry.size, 2);
@@ -71,7 +71,7 @@ TEST(RegisterMapTest, Uint16WithMaskUsesTheBitmaskConstructor) {
     auto const map = parseRegisterMap(mapWith(
         R"({"table": "holding-registers", "address": 1, "encoder": "uint16", "bitmask": "xor",
             "mask": 3, "default": 9, "source": {"device": "UPS", "channel": "F"}})"));
-    EntrySpec const& entry = map.entries.at(0);
+    EntryDefinition const& entry = map.entries.at(0);
     EXPECT_TRUE(entry.useBitmask);
     EXPECT_EQ(entry.bitmaskOp, modbus::BitmaskOp::Xor);
     EXPECT_EQ(entry.mask, 3u);
@@ -294,11 +294,11 @@ TEST(RegisterMapTest, UnknownUnavailableModeIsRefused) {
 }
 
 TEST(RegisterMapTest, EntryAllowListsAreParsedAsNetworks) {
-    RegisterMapSpec const map = parseRegisterMap(
+    RegisterMapDefinition const map = parseRegisterMap(
         mapWith(R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
                     "allowRead": ["10.0.0.0/8", "192.168.1.7"], "allowWrite": [],
                     "source": {"device": 2, "channel": "V"}})"));
-    EntrySpec const& entry = map.entries.at(0);
+    EntryDefinition const& entry = map.entries.at(0);
     ASSERT_TRUE(entry.allowRead);
     ASSERT_EQ(entry.allowRead->size(), 2u);
     EXPECT_TRUE(listContains(*entry.allowRead, 0x0A010203));

@@ -48,7 +48,7 @@ void addUps() {
 
 ServedEntry const& entryNamed(DaemonCore& core, std::string const& name) {
     for (auto const& entry : core.map().entries()) {
-        if (entry->spec.name == name) {
+        if (entry->definition.name == name) {
             return *entry;
         }
     }

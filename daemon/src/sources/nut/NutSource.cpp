@@ -9,7 +9,7 @@ constexpr cdshost::Id kFirstPooledId = 1'000'000;
 
 }  // namespace
 
-RegisterMapSpec mapForUps(RegisterMapSpec map, std::size_t index) {
+RegisterMapDefinition mapForUps(RegisterMapDefinition map, std::size_t index) {
     for (auto& entry : map.entries) {
         for (auto& source : entry.sources) {
             if (source.device.id == kFirstUpsDevice) {

@@ -42,7 +42,7 @@ constexpr cdshost::Id kFirstUpsDevice = 2;
 /* The map of the UPS at `index` among those configured, from the map of the
  * first: every source on the first UPS's device goes to that UPS's device
  * (sources found by name stay as they are). */
-RegisterMapSpec mapForUps(RegisterMapSpec map, std::size_t index);
+RegisterMapDefinition mapForUps(RegisterMapDefinition map, std::size_t index);
 
 class Source : public DataSource {
   public:
