@@ -55,6 +55,13 @@ DaemonCore::~DaemonCore() {
     m_source.reset();
 }
 
+void DaemonCore::setAuditTrail(AuditTrail* trail) {
+    m_handler->setAuditTrail(trail);
+    for (auto const& handler : m_unitHandlers) {
+        handler->setAuditTrail(trail);
+    }
+}
+
 bool DaemonCore::hasPendingEntries() const {
     bool pending = m_map->pendingCount() > 0;
     for (auto const& map : m_unitMaps) {

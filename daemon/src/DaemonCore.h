@@ -53,6 +53,9 @@ class DaemonCore {
 
     ServedMap& map() { return *m_map; }
     RequestHandler& handler() { return *m_handler; }
+    /* Every unit's writes also go to this trail (see RequestHandler); it
+     * must outlive the core. */
+    void setAuditTrail(AuditTrail* trail);
     /* The simulated world when a scenario is played; null otherwise. */
     ScenarioPlayer* scenario() { return m_scenario; }
     /* Where the values come from; null when nothing changes the store. */

@@ -162,6 +162,8 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.tls.caFile = value();
         } else if (arg.name == "--tls-role") {
             addRole(options.tls, value());
+        } else if (arg.name == "--audit-log") {
+            options.auditLog = value();
         } else if (arg.name == "--max-clients") {
             options.limits.maxClients =
                 static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
@@ -216,6 +218,9 @@ Options:
   --tls-allow-read [TABLE=]LIST, --tls-allow-write [TABLE=]LIST
                         address rules of the TLS listener, as --allow-read
                         (defaults: any, any)
+  --audit-log FILE      record every write a client attempts (written,
+                        failed or refused) in FILE, one line each,
+                        appended; the log summarises repeated writes
   --max-clients N       clients served at once (default 64); when all are
                         connected, the one quiet the longest (1 s at least)
                         is closed to make room, else the new one is refused

@@ -13,6 +13,7 @@ namespace tarsel::daemon {
 
 struct Options {
     std::string mapFile;       // empty: the built-in UPS map
+    std::string auditLog;      // empty: writes are only in the log
     std::string scenarioFile;  // empty: the built-in scenario; "none": an empty store
     std::string listen = "127.0.0.1";
     int port = 1502;

@@ -388,27 +388,33 @@ std::string RequestHandler::currentValue(ServedEntry const& entry) const {
 
 void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
                            std::vector<std::uint16_t> const& written, std::string const& outcome) {
-    // The audit trail: the first writes of each client to each entry a
-    // minute line by line, the rest counted with the last one in full, so a
-    // master stuck in a loop cannot fill the card's storage.
+    std::string const line =
+        "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
+        " " + std::to_string(entry.definition.address) + ": " + before + " -> " +
+        readableValue(entry.definition, written) + ": " + outcome + "; " + m_fields;
+    if (m_auditTrail != nullptr) {
+        m_auditTrail->record(line);
+    }
+    // In the log, the first writes of each client to each entry a minute
+    // line by line, the rest counted with the last one in full, so a master
+    // stuck in a loop cannot fill the card's storage.
     m_log.limited(Log::Level::Info,
                   "writes of " + entry.definition.name + " by " + addressOf(m_origin->client),
-                  "write " + quotedValue(entry.definition.name) + " " +
-                      tableName(entry.definition.table) + " " +
-                      std::to_string(entry.definition.address) + ": " + before + " -> " +
-                      readableValue(entry.definition, written) + ": " + outcome + "; " + m_fields);
+                  line);
 }
 
 void RequestHandler::auditRefused(ServedEntry const& entry,
                                   std::vector<std::uint16_t> const& written,
                                   std::string const& why) {
-    // Refused writes cost nothing but a line: limited, so a stranger cannot
-    // flood the log with them.
-    m_log.limited(
-        Log::Level::Warning, "refused writes",
+    std::string const line =
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
-            " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
-            readableValue(entry.definition, written) + ": refused (" + why + "); " + m_fields);
+        " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
+        readableValue(entry.definition, written) + ": refused (" + why + "); " + m_fields;
+    if (m_auditTrail != nullptr) {
+        m_auditTrail->record(line);
+    }
+    // In the log, refused writes are limited, so a stranger cannot flood it.
+    m_log.limited(Log::Level::Warning, "refused writes", line);
 }
 
 }  // namespace tarsel::daemon

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "AccessRules.h"
+#include "AuditTrail.h"
 #include "Log.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
@@ -57,6 +58,12 @@ class RequestHandler {
     Answer handle(std::uint8_t const* frame, std::size_t length,
                   RequestOrigin const& origin = RequestOrigin{});
 
+    /* Every write attempted through this handler (written, failed or
+     * refused) also goes to this trail, line by line, unlimited; nothing
+     * (the default): writes are only in the log, where repeated ones are
+     * summarised. The trail must outlive the handler. */
+    void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
+
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
     void routeUnit(std::uint8_t unitId, RequestHandler& handler) { m_units[unitId] = &handler; }
@@ -87,6 +94,7 @@ class RequestHandler {
     std::uint8_t m_unitId;
     std::map<std::uint8_t, RequestHandler*> m_units;
     bool m_writesRefused = false;
+    AuditTrail* m_auditTrail = nullptr;
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;

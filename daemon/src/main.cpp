@@ -3,10 +3,12 @@
 #include <memory>
 #include <optional>
 
+#include "AuditTrail.h"
 #include "DaemonCore.h"
 #include "EmbeddedDefaults.h"
 #include "EventLoop.h"
 #include "Log.h"
+#include "LogText.h"
 #include "MapLoader.h"
 #include "ModbusServer.h"
 #include "Options.h"
@@ -48,8 +50,22 @@ std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
+/* The audit trail of --audit-log; nothing without it. */
+std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
+    if (options.auditLog.empty()) {
+        return nullptr;
+    }
+    auto trail = std::make_unique<AuditTrail>(options.auditLog);
+    log.info("every write is recorded in " + quotedValue(options.auditLog));
+    return trail;
+}
+
 int serve(Options const& options, CoreConfig config, Log& log) {
+    // Opened first, so that it outlives the handlers that write to it.
+    std::unique_ptr<AuditTrail> const audit =
+        options.describe ? nullptr : openAuditTrail(options, log);
     DaemonCore core(std::move(config), log);
+    core.setAuditTrail(audit.get());
     if (options.describe) {
         if (core.scenario() != nullptr) {
             core.scenario()->playFirst(options.describeAt);

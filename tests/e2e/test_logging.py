@@ -49,5 +49,6 @@ class LoggingTest(unittest.TestCase):
         self.assertNotIn('more "changes of ups.location"', log)
 
 
+
 if __name__ == "__main__":
     unittest.main()
