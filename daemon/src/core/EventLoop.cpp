@@ -102,17 +102,18 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     }
     int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
+    // Refilled every pass, kept for their storage.
+    std::vector<pollfd> fds;
+    std::vector<std::size_t> sizes;
     for (;;) {
         auto const next =
             earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core));
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
-        std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
-        std::vector<std::size_t> sizes;
+        fds.assign(1, pollfd{signals.fd(), POLLIN, 0});
+        sizes.clear();
         for (ModbusServer const* server : servers) {
-            auto const served = server->pollSet();
-            sizes.push_back(served.size());
-            fds.insert(fds.end(), served.begin(), served.end());
+            sizes.push_back(server->appendPollSet(fds));
         }
         if (sourceFd >= 0) {
             fds.push_back({sourceFd, POLLIN, 0});

@@ -1,5 +1,7 @@
 #include "RequestHandler.h"
 
+#include <algorithm>
+#include <charconv>
 #include <exception>
 #include <optional>
 
@@ -109,6 +111,37 @@ std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
     return values;
 }
 
+/* Appends the number in decimal, without a temporary string. */
+void appendNumber(std::string& text, unsigned value) {
+    char digits[12];
+    auto const result = std::to_chars(digits, digits + sizeof digits, value);
+    text.append(digits, result.ptr);
+}
+
+/* Gives `buffer` the storage of `spare` when it has none of its own, so an
+ * answer reuses what the previous one was built in. */
+template <typename Vector>
+void reuse(Vector& buffer, Vector& spare) {
+    if (buffer.capacity() == 0) {
+        buffer.swap(spare);
+    }
+}
+
+/* Copies what an encoder returned into the entry's place in the answer,
+ * cut or padded to the entry's size (the answer is zero already). */
+template <typename Words>
+void place(Words const& words, std::size_t size, std::size_t offset, bool registers,
+           Answer& answer) {
+    std::size_t const count = std::min<std::size_t>(words.size(), size);
+    for (std::size_t i = 0; i < count; ++i) {
+        if (registers) {
+            answer.registers[offset + i] = words[i];
+        } else {
+            answer.bits[offset + i] = words[i] != 0 ? 1 : 0;
+        }
+    }
+}
+
 /* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
  * whatever port it connects from. */
 std::string addressOf(std::string const& client) {
@@ -128,16 +161,22 @@ std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uin
 Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
     m_origin = &origin;
-    m_fields = "client=" + origin.client;
+    // Built in place: the string keeps its storage from request to request.
+    m_fields.clear();
+    m_fields.append("client=", 7).append(origin.client);
     if (length > kHeaderLength) {
-        m_fields += " unit=" + std::to_string(frame[6]) + " function=" + std::to_string(frame[7]);
+        m_fields.append(" unit=", 6);
+        appendNumber(m_fields, frame[6]);
+        m_fields.append(" function=", 10);
+        appendNumber(m_fields, frame[7]);
     }
     if (length >= kHeaderLength + 3) {
-        m_fields += " address=" + std::to_string(word(frame + kHeaderLength + 1));
+        m_fields.append(" address=", 9);
+        appendNumber(m_fields, word(frame + kHeaderLength + 1));
     }
     Answer const answer = decide(frame, length);
     m_origin = nullptr;
-    if (answer.exception != 0) {
+    if (answer.exception != 0 && m_log.verbose()) {
         m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
     }
     return answer;
@@ -199,7 +238,8 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     if (std::string const why = readRefusal(table, {}); !why.empty()) {
         return refuseRead(answer, why);
     }
-    Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, false);
+    Coverage& coverage = m_readCoverage;
+    m_map.cover(table, answer.address, answer.quantity, false, coverage);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
     }
@@ -208,8 +248,10 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
+        reuse(answer.registers, m_spareRegisters);
         answer.registers.assign(answer.quantity, 0);
     } else {
+        reuse(answer.bits, m_spareBits);
         answer.bits.assign(answer.quantity, 0);
     }
     for (ServedEntry const* entry : coverage.entries) {
@@ -220,37 +262,41 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     return answer;
 }
 
-/* Copies one entry's value into the answer; returns an exception code or 0. */
+/* Copies one entry's value into the answer; returns an exception code or 0.
+ * What the encoder returns is read where it is, never copied. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
     std::size_t const offset = entry.definition.address - answer.address;
+    std::size_t const size = entry.definition.size;
     bool const registers = isRegisterTable(entry.definition.table);
-    std::vector<std::uint16_t> words;
     try {
         if (!available(entry)) {
             UnavailablePolicy const& policy = entry.definition.unavailable;
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
-            // A discrete has no room for a sentinel: it reads as 0.
-            words.assign(entry.definition.size, registers ? policy.word : 0);
+            // A discrete has no room for a sentinel: it reads as 0, as it is.
+            if (registers) {
+                std::fill_n(answer.registers.begin() + static_cast<std::ptrdiff_t>(offset), size,
+                            policy.word);
+            }
         } else if (entry.encoder.registers) {
-            words = entry.encoder.registers->getData();
+            place(entry.encoder.registers->getData(), size, offset, registers, answer);
         } else {
-            auto const bits = entry.encoder.discretes->getData();
-            words.assign(bits.begin(), bits.end());
+            place(entry.encoder.discretes->getData(), size, offset, registers, answer);
         }
     } catch (std::exception const& error) {
         return failure(entry, "read", error.what());
     }
-    words = fitToSize(std::move(words), entry.definition.size);
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (registers) {
-            answer.registers[offset + i] = words[i];
-        } else {
-            answer.bits[offset + i] = words[i] != 0 ? 1 : 0;
-        }
-    }
     return 0;
+}
+
+void RequestHandler::recycle(Answer&& answer) {
+    if (answer.registers.capacity() > m_spareRegisters.capacity()) {
+        m_spareRegisters.swap(answer.registers);
+    }
+    if (answer.bits.capacity() > m_spareBits.capacity()) {
+        m_spareBits.swap(answer.bits);
+    }
 }
 
 Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t length) {

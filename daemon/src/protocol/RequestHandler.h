@@ -64,6 +64,10 @@ class RequestHandler {
      * summarised. The trail must outlive the handler. */
     void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
 
+    /* Takes back the buffers of an answer that has been sent: the next
+     * answer is built in them instead of in newly allocated ones. */
+    void recycle(Answer&& answer);
+
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
     void routeUnit(std::uint8_t unitId, RequestHandler& handler) { m_units[unitId] = &handler; }
@@ -99,6 +103,10 @@ class RequestHandler {
     // being answered, for every line about it.
     std::string m_fields;
     RequestOrigin const* m_origin = nullptr;  // during handle() only
+    // Kept from one request to the next for their storage alone.
+    Coverage m_readCoverage;
+    std::vector<std::uint16_t> m_spareRegisters;
+    std::vector<std::uint8_t> m_spareBits;
 };
 
 }  // namespace tarsel::daemon

@@ -47,6 +47,10 @@ void ScenarioPlayer::start(Clock::time_point now) {
 }
 
 ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
+    // The loop asks on every pass; only a run changes the answer.
+    if (m_earliestKnown) {
+        return m_earliest < m_pending.size() ? &m_pending[m_earliest] : nullptr;
+    }
     Pending* best = nullptr;
     for (auto& pending : m_pending) {
         bool const live = pending.event.times == 0 || pending.runs < pending.event.times;
@@ -54,6 +58,9 @@ ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
             best = &pending;
         }
     }
+    m_earliest =
+        best != nullptr ? static_cast<std::size_t>(best - m_pending.data()) : m_pending.size();
+    m_earliestKnown = true;
     return best;
 }
 
@@ -94,6 +101,7 @@ void ScenarioPlayer::run(Pending& pending) {
     }
     ++pending.runs;
     ++m_played;
+    m_earliestKnown = false;
     // An event without "every" runs once per its "times" at the same moment.
     pending.next += pending.event.every > 0 ? pending.event.every : 0.0;
 }
