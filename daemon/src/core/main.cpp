@@ -3,6 +3,8 @@
 #include <memory>
 #include <optional>
 
+#include <malloc.h>
+
 #include "AuditTrail.h"
 #include "DaemonCore.h"
 #include "EmbeddedDefaults.h"
@@ -60,6 +62,15 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     return trail;
 }
 
+/* Hands the heap freed by loading (the parsed JSON of the map and the
+ * scenario) back to the system: the allocator would otherwise keep it as
+ * resident memory for the daemon's whole life. */
+void releaseFreedMemory() {
+#ifdef __GLIBC__
+    ::malloc_trim(0);
+#endif
+}
+
 int serve(Options const& options, CoreConfig config, Log& log) {
     // Opened first, so that it outlives the handlers that write to it.
     std::unique_ptr<AuditTrail> const audit =
@@ -89,6 +100,7 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
     }
+    releaseFreedMemory();
     return runEventLoop(core, servers, signals, log, options.runSeconds);
 }
 

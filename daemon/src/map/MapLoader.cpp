@@ -56,6 +56,26 @@ std::set<std::string> encoderFields(EncoderKind kind) {
     return {};
 }
 
+/* Every field an entry of the encoder may have: built once per encoder, not
+ * once per entry (a map has thousands of entries and a handful of encoders). */
+std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
+    static std::map<EncoderKind, std::set<std::string>> const all = [] {
+        std::map<EncoderKind, std::set<std::string>> built;
+        for (int k = 0; k <= static_cast<int>(EncoderKind::CompositeDiscretes); ++k) {
+            auto const each = static_cast<EncoderKind>(k);
+            auto allowed = kCommonFields;
+            auto const own = encoderFields(each);
+            allowed.insert(own.begin(), own.end());
+            built.emplace(each, std::move(allowed));
+        }
+        return built;
+    }();
+    return all.at(kind);
+}
+
+std::set<std::string> const kSourceFields = {"device",    "path",  "channel", "data",
+                                             "attribute", "alarm", "comment"};
+
 std::uint16_t fixedSize(EncoderKind kind) {
     switch (kind) {
         case EncoderKind::Float:
@@ -194,15 +214,8 @@ std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::str
     if (!parseHeader(value, definition)) {
         return std::nullopt;
     }
-    m_check.unknownFields(
-        value, where,
-        [&] {
-            auto allowed = kCommonFields;
-            auto const own = encoderFields(definition.encoder);
-            allowed.insert(own.begin(), own.end());
-            return allowed;
-        }(),
-        " for encoder " + quoted(encoderName(definition.encoder)));
+    m_check.unknownFields(value, where, allowedEntryFields(definition.encoder),
+                          " for encoder " + quoted(encoderName(definition.encoder)));
     if (value.contains("unavailable")) {
         definition.unavailable =
             parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
@@ -408,9 +421,7 @@ std::optional<SourceDefinition> MapParser::parseSource(json const& value,
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
-    m_check.unknownFields(value, where,
-                          {"device", "path", "channel", "data", "attribute", "alarm", "comment"},
-                          " of a source");
+    m_check.unknownFields(value, where, kSourceFields, " of a source");
     SourceDefinition source;
     std::size_t const errorsBefore = m_check.errors().size();
     if (!parseDevice(value, where, source.device)) {

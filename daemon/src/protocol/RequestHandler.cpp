@@ -267,7 +267,9 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
     std::size_t const offset = entry.definition.address - answer.address;
     std::size_t const size = entry.definition.size;
-    bool const registers = isRegisterTable(entry.definition.table);
+    // Every entry of a request is in the table the function reads.
+    bool const registers =
+        answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
     try {
         if (!available(entry)) {
             UnavailablePolicy const& policy = entry.definition.unavailable;

@@ -58,7 +58,8 @@ class ScenarioPlayer {
 
     ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log);
 
-    /* Creates the devices of the scenario's start. */
+    /* Creates the devices of the scenario's start, once: their description
+     * is let go afterwards. */
     void seed();
     /* Counts event times from now. */
     void start(Clock::time_point now);

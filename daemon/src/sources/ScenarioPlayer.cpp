@@ -40,6 +40,9 @@ void ScenarioPlayer::seed() {
     for (auto const& device : m_devices) {
         addDevice(device, 0, false);
     }
+    // The store holds the devices now; their description is not needed again
+    // and, for a large world, is megabytes of parsed JSON.
+    m_devices = nlohmann::json();
 }
 
 void ScenarioPlayer::start(Clock::time_point now) {

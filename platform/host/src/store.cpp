@@ -454,7 +454,9 @@ kq::CValue Store::Impl::readChannelValueLocked(Id id) {
     } else {
         ++callCountById[CallKey{Operation::getChannelCValue, id}];
     }
-    checkFaultsLocked(Operation::getChannelCValue, id);
+    if (!faults.empty()) {
+        checkFaultsLocked(Operation::getChannelCValue, id);
+    }
     if (it == channels.end()) {
         throwNoChannel(id);
     }
