@@ -2,7 +2,10 @@
 // maps answer the next request, a bad configuration changes nothing.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -333,6 +336,51 @@ TEST_F(ReloaderTest, TheUnitIdIsAppliedWithoutARestart) {
     auto const old = readRequest(0, 2, 1);
     EXPECT_EQ(m_daemon.core().handler().handle(old.data(), old.size()).exception,
               exception_code::kGatewayTargetFailed);
+}
+
+/* One request over a real connection to the server, the server's side
+ * pumped in between; the answer's bytes. */
+std::vector<std::uint8_t> exchange(ModbusServer& server, int fd,
+                                   std::vector<std::uint8_t> const& request) {
+    EXPECT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    std::vector<std::uint8_t> answer;
+    for (int i = 0; i < 200 && answer.size() < 9; ++i) {
+        auto fds = server.pollSet();
+        ::poll(fds.data(), fds.size(), 20);
+        server.serve(fds.data(), fds.size(), SteadyClock::now());
+        std::uint8_t buffer[256];
+        ssize_t const got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got > 0) {
+            answer.insert(answer.end(), buffer, buffer + got);
+        }
+    }
+    return answer;
+}
+
+TEST_F(ReloaderTest, NewAccessRulesJudgeTheNextRequestOfAConnectedClient) {
+    Options const running = parseOptions(m_args);
+    ModbusServer server({"127.0.0.1", 0, running.access, nullptr}, running.limits,
+                        m_daemon.core().handler(), m_daemon.log());
+    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(server.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    std::vector<std::uint8_t> const before = exchange(server, fd, readRequest(0, 2));
+    ASSERT_GE(before.size(), 9u);
+    EXPECT_EQ(before[7], 3);  // answered
+    std::vector<std::string> next = m_args;
+    next.insert(next.end(), {"--allow-read", "none"});
+    Reloader reloader([next] { return loadConfiguration(next); }, running, m_daemon.core(),
+                      {&server, nullptr}, &m_metrics, m_daemon.log());
+    ASSERT_TRUE(reloader.reload());
+    std::vector<std::uint8_t> const after = exchange(server, fd, readRequest(0, 2));
+    ASSERT_GE(after.size(), 9u);
+    EXPECT_EQ(after[7], 0x83);  // an exception to function 3
+    EXPECT_EQ(after[8], exception_code::kIllegalFunction);
+    EXPECT_EQ(server.clientCount(), 1u);  // still connected
+    ::close(fd);
 }
 
 TEST(ConfigurationTest, SettingsNeedingARestartAreNamed) {
