@@ -62,16 +62,17 @@ void Poller::run() {
         auto const asked = std::chrono::steady_clock::now();
         Reading reading = m_fetcher->fetch();
         reading.fetched = std::chrono::steady_clock::now();
-        auto const fetched = reading.fetched;
-        Reading::State const state = reading.state;
-        std::string detail = reading.detail;
+        lock.lock();
+        // Counted before it is handed: whoever takes the reading finds the
+        // poll in status() too.
+        ++m_polls;
+        m_latency.observe(std::chrono::duration<double>(reading.fetched - asked).count());
+        m_lastPoll = reading.fetched;
+        m_lastState = reading.state;
+        m_lastDetail = reading.detail;
+        lock.unlock();
         publish(std::move(reading));
         lock.lock();
-        ++m_polls;
-        m_latency.observe(std::chrono::duration<double>(fetched - asked).count());
-        m_lastPoll = fetched;
-        m_lastState = state;
-        m_lastDetail = std::move(detail);
         // Polls keep their rhythm; one that took longer than the interval
         // is followed at once by the next.
         next = std::max(next + m_interval, std::chrono::steady_clock::now());
