@@ -14,6 +14,8 @@ namespace tarsel::daemon {
 namespace {
 
 constexpr int kMaxAcceptsPerPass = 16;
+// What a client may still send after its answer before it is closed anyway.
+constexpr std::size_t kMaxDrainBytes = 64 * 1024;
 
 int listenOn(std::string const& text, int port) {
     sockaddr_in address{};
@@ -52,9 +54,18 @@ struct HttpServer::Client {
     Client(Client const&) = delete;
     Client& operator=(Client const&) = delete;
 
+    enum class Stage {
+        Reading,    // until the request header ends
+        Answering,  // the answer is being sent
+        Draining,   // sent and our side shut: what the client still sends is
+                    // read and dropped until it closes, so that closing with
+                    // unread bytes does not reset the connection and lose the answer
+    };
+
     int fd;
-    Clock::time_point since;  // connected, then answered
-    bool answering = false;   // the request is read; the answer is being sent
+    Clock::time_point since;  // connected, answered, then done sending
+    Stage stage = Stage::Reading;
+    std::size_t drained = 0;
     std::string input;
     std::string output;
     std::size_t sent = 0;
@@ -80,7 +91,8 @@ HttpServer::~HttpServer() {
 std::vector<pollfd> HttpServer::pollSet() const {
     std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
     for (auto const& client : m_clients) {
-        fds.push_back({client->fd, static_cast<short>(client->answering ? POLLOUT : POLLIN), 0});
+        bool const sending = client->stage == Client::Stage::Answering;
+        fds.push_back({client->fd, static_cast<short>(sending ? POLLOUT : POLLIN), 0});
     }
     return fds;
 }
@@ -96,7 +108,18 @@ void HttpServer::serve(pollfd const* ready, std::size_t count, Clock::time_point
             continue;
         }
         Client& client = **found;
-        bool const open = client.answering ? flush(client) : readFrom(client, now);
+        bool open = true;
+        switch (client.stage) {
+            case Client::Stage::Reading:
+                open = readFrom(client, now);
+                break;
+            case Client::Stage::Answering:
+                open = flush(client, now);
+                break;
+            case Client::Stage::Draining:
+                open = drain(client);
+                break;
+        }
         if (!open) {
             m_clients.erase(found);
         }
@@ -162,20 +185,18 @@ bool HttpServer::readFrom(Client& client, Clock::time_point now) {
             answer(client, m_responder(parse.request), parse.request.method == "HEAD", now);
             break;
     }
-    return flush(client);
+    return flush(client, now);
 }
 
 void HttpServer::answer(Client& client, HttpResponse const& response, bool headOnly,
                         Clock::time_point now) {
-    client.answering = true;
+    client.stage = Client::Stage::Answering;
     client.since = now;
     client.output = serializeResponse(response, headOnly);
     client.sent = 0;
-    // Nothing more is read: what else the client sends is not looked at.
-    ::shutdown(client.fd, SHUT_RD);
 }
 
-bool HttpServer::flush(Client& client) {
+bool HttpServer::flush(Client& client, Clock::time_point now) {
     while (client.sent < client.output.size()) {
         ssize_t const sent = ::send(client.fd, client.output.data() + client.sent,
                                     client.output.size() - client.sent, MSG_NOSIGNAL);
@@ -187,18 +208,43 @@ bool HttpServer::flush(Client& client) {
             return false;
         }
     }
-    return false;  // all sent: the connection closes
+    // All sent: our side is done; the client closes its side next.
+    ::shutdown(client.fd, SHUT_WR);
+    client.stage = Client::Stage::Draining;
+    client.since = now;
+    return drain(client);
+}
+
+bool HttpServer::drain(Client& client) {
+    char buffer[1024];
+    for (;;) {
+        ssize_t const got = ::recv(client.fd, buffer, sizeof buffer, 0);
+        if (got > 0) {
+            client.drained += static_cast<std::size_t>(got);
+            if (client.drained > kMaxDrainBytes) {
+                return false;
+            }
+            continue;
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        // Nothing more for now: wait for the client's end of stream.
+        return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    }
 }
 
 void HttpServer::expire(Clock::time_point now) {
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         Client& client = *m_clients[i];
-        if (!client.answering && now - client.since >= m_limits.requestTimeout) {
+        bool const reading = client.stage == Client::Stage::Reading;
+        if (reading && now - client.since >= m_limits.requestTimeout) {
             // A last try to say why; a client that does not read is not waited for.
             answer(client, errorResponse(408, "no whole request in time"), false, now);
-            flush(client);
-            m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(i));
-        } else if (client.answering && now - client.since >= m_limits.responseTimeout) {
+            if (!flush(client, now)) {
+                m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+        } else if (!reading && now - client.since >= m_limits.responseTimeout) {
             m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }

@@ -24,7 +24,8 @@ struct HttpLimits {
     std::size_t maxRequestBytes = 4096;
     // From the connection to the end of its request header.
     std::chrono::milliseconds requestTimeout{5000};
-    // From the end of the request to the last byte of the answer sent.
+    // From the end of the request to the last byte of the answer sent, and
+    // again from then to the client's close.
     std::chrono::milliseconds responseTimeout{5000};
 };
 
@@ -62,7 +63,11 @@ class HttpServer {
     /* False when the client is done (answered or gone). */
     bool readFrom(Client& client, Clock::time_point now);
     void answer(Client& client, HttpResponse const& response, bool headOnly, Clock::time_point now);
-    bool flush(Client& client);
+    /* Sends what the socket takes; false when the client is done. */
+    bool flush(Client& client, Clock::time_point now);
+    /* Reads and drops what the client sends after its answer; false when it
+     * closed or sent too much. */
+    bool drain(Client& client);
 
     HttpLimits m_limits;
     Responder m_responder;
