@@ -125,8 +125,8 @@ void DaemonCore::watchAvailability() {
         m_gate = Gate::Closed;
         m_log.lines(Log::Level::Warning, m_availability->notAvailableMessage());
         m_log.info(
-            "until then every request is answered with exception 0x0A "
-            "(Gateway Path Unavailable)");
+            "until then every well-formed request for served data is answered with exception "
+            "0x0A (Gateway Path Unavailable); Read Device Identification is answered");
     }
 }
 
