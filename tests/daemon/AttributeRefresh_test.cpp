@@ -6,6 +6,9 @@
 #include <chrono>
 
 #include "DaemonTestSupport.h"
+#include "EventLoop.h"
+#include "ModbusServer.h"
+#include "SignalPipe.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -143,6 +146,21 @@ TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
     EXPECT_LE(*daemon.core().attributeRefreshDue(), now);  // the rest on the next pass
     EXPECT_EQ(daemon.core().refreshAttributeEntries(now), 12u - AttributeRefresh::kMaxPerRun);
     EXPECT_EQ(daemon.ask(request(4, 0, 12)).registers, std::vector<std::uint16_t>(12, 0x5254));
+}
+
+TEST(AttributeRefreshTest, TheEventLoopServesAnAttributeChangedByTheScenarioWithinASecond) {
+    std::string scenario = kUps;
+    scenario.replace(scenario.rfind('}'), 1,
+                     R"(, "events": [{"at": 0.1, "do": "set-attribute", "device": 2,
+                        "attribute": "manufacturer", "value": "Later"}]})");
+    TestDaemon daemon(kMap, scenario);
+    SignalPipe signals;
+    ModbusServer server({"127.0.0.1", 0, AccessRules{}, nullptr}, ClientLimits{},
+                        daemon.core().handler(), daemon.log());
+    // The event at 0.1 s, then less than a second of loop.
+    ASSERT_EQ(runEventLoop(daemon.core(), {&server}, signals, daemon.log(), 1.0), 0);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4C61, 0x7465, 0x7200, 0}));
+    EXPECT_EQ(readInputs(daemon, 8, 2), (std::vector<std::uint16_t>{0, 3000}));
 }
 
 }  // namespace
