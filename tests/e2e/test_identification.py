@@ -12,7 +12,7 @@ import unittest
 
 from pymodbus.repl.client.mclient import ModbusTcpClient as ExtendedClient
 
-from harness import Daemon, running_ups, shipped_scenario
+from harness import Daemon, running_ups, shipped_map, shipped_scenario
 
 BASIC, REGULAR, INDIVIDUAL = 0x01, 0x02, 0x04
 REGULAR_CONFORMITY = 0x82
@@ -66,8 +66,8 @@ class IdentificationTest(unittest.TestCase):
         if self.daemon and self.daemon.alive():
             self.daemon.stop()
 
-    def start(self, scenario):
-        self.daemon = Daemon(None, scenario)
+    def start(self, scenario, map_json=None):
+        self.daemon = Daemon(map_json, scenario)
         return self.daemon
 
     def identify(self, read_code, object_id=0):
@@ -110,6 +110,20 @@ class IdentificationTest(unittest.TestCase):
         self.start(running_ups())
         answer = self.identify(REGULAR, 5)
         self.assertEqual(sorted(answer["information"]), [5, 6])
+
+    def test_a_stream_that_does_not_fit_says_more_follows_and_where_to_go_on(self):
+        ups_map = shipped_map()
+        ups_map["identification"]["ProductName"] = {"text": "P" * 200}
+        ups_map["identification"]["ModelName"] = {"text": "M" * 100}
+        self.start(running_ups(), ups_map)
+        first = self.identify(REGULAR)
+        self.assertEqual(first["more follows"], 0xFF)
+        self.assertEqual(first["next object id"], 5)
+        self.assertEqual(sorted(first["information"]), [0, 1, 2, 4])
+        self.assertEqual(first["information"][4], b"P" * 200)
+        rest = self.identify(REGULAR, first["next object id"])
+        self.assertEqual(rest["more follows"], 0)
+        self.assertEqual(rest["information"], {5: b"M" * 100, 6: b"ups-map"})
 
     def test_identification_is_answered_while_the_map_is_not_available(self):
         self.start(not_available_ups())
