@@ -176,6 +176,7 @@ TEST(StatusPagesTest, MetricsShowTheCountsAndTheState) {
              "tarsel_modbusd_requests_total{function=\"3\"} 2\n",
              "tarsel_modbusd_requests_total{function=\"16\"} 1\n",
              "tarsel_modbusd_requests_total{function=\"1\"} 0\n",
+             "tarsel_modbusd_requests_total{function=\"43\"} 0\n",
              "tarsel_modbusd_exceptions_total{function=\"3\",code=\"2\"} 1\n",
              "tarsel_modbusd_writes_total{outcome=\"written\"} 1\n",
              "tarsel_modbusd_reloads_total{outcome=\"refused\"} 1\n",

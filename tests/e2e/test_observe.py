@@ -118,6 +118,7 @@ class ObserveTest(unittest.TestCase):
             'tarsel_modbusd_requests_total{function="6"}': 0,
             'tarsel_modbusd_requests_total{function="15"}': 0,
             'tarsel_modbusd_requests_total{function="16"}': 1,
+            'tarsel_modbusd_requests_total{function="43"}': 0,
         })
         exceptions = {k: v for k, v in values.items()
                       if k.startswith("tarsel_modbusd_exceptions_total")}

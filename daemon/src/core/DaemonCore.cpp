@@ -43,6 +43,10 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
+    served->refresh.push_back(std::make_unique<AttributeRefresh>(*served->map));
+    for (auto const& map : served->unitMaps) {
+        served->refresh.push_back(std::make_unique<AttributeRefresh>(*map));
+    }
     if (config.readOnly) {
         served->handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
@@ -116,6 +120,25 @@ std::size_t DaemonCore::buildPendingEntries() {
     return built;
 }
 
+std::size_t DaemonCore::refreshAttributeEntries(AttributeRefresh::Clock::time_point now) {
+    std::size_t rebuilt = 0;
+    for (auto const& refresh : m_served->refresh) {
+        rebuilt += refresh->run(now);
+    }
+    return rebuilt;
+}
+
+std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDue() const {
+    std::optional<AttributeRefresh::Clock::time_point> due;
+    for (auto const& refresh : m_served->refresh) {
+        auto const next = refresh->due();
+        if (next && (!due || *next < *due)) {
+            due = next;
+        }
+    }
+    return due;
+}
+
 void DaemonCore::logFloatLayout() {
     m_log.info("libmodbus " + m_floatLayout.libmodbusVersion + " float layout:");
     for (auto const& layout : m_floatLayout.layouts) {
@@ -139,8 +162,8 @@ void DaemonCore::watchAvailability() {
         m_gate = Gate::Closed;
         m_log.lines(Log::Level::Warning, m_availability->notAvailableMessage());
         m_log.info(
-            "until then every request is answered with exception 0x0A "
-            "(Gateway Path Unavailable)");
+            "until then every well-formed request for served data is answered with exception "
+            "0x0A (Gateway Path Unavailable); Read Device Identification is answered");
     }
 }
 

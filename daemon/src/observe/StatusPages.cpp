@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kPrefix[] = "tarsel_modbusd_";
 // Shown even while 0, so a dashboard has every series from the start.
-constexpr std::uint8_t kServedFunctions[] = {1, 2, 3, 4, 5, 6, 15, 16};
+constexpr std::uint8_t kServedFunctions[] = {1, 2, 3, 4, 5, 6, 15, 16, 43};
 
 std::string metric(char const* name) {
     return std::string(kPrefix) + name;
