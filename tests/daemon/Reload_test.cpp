@@ -172,6 +172,25 @@ TEST(ReloadTest, TheNewFrontHandlerCountsRequestsInTheSameMetrics) {
     EXPECT_EQ(metrics.requests(3), 2u);
 }
 
+TEST(ReloadAttributeTest, TheNewMapsAttributeEntriesAreKeptServedAfterADeviceChange) {
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS",
+      "attributes": {"manufacturer": "Maker"},
+      "channels": {"PowerDistribution.Status.OperatingStatus": {"uint32": 16}}}]})";
+    auto makerAt = [](int address) {
+        return R"({"entries": [{"name": "maker", "table": "holding-registers", "address": )" +
+               std::to_string(address) + R"(, "encoder": "string", "size": 2,
+               "source": {"device": 2, "attribute": "manufacturer"}}]})";
+    };
+    TestDaemon daemon(makerAt(0), ups);
+    ServedConfig next;
+    next.map = parseRegisterMap(makerAt(20));
+    daemon.core().replaceMaps(next);
+    cdshost::Store::instance().setDeviceAttribute(2, cdsapi::AttributeManufacturer, "New");
+    // Only the new map's entry is watched and rebuilt: the old one is gone.
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(std::chrono::steady_clock::now()), 1u);
+    EXPECT_EQ(readHolding(daemon.core(), 20, 2), (std::vector<std::uint16_t>{0x4E65, 0x7700}));
+}
+
 /* A NUT source over a fake upsd that always answers one fresh UPS. */
 class FixedFetcher : public nut::Fetcher {
   public:
