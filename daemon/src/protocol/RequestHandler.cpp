@@ -97,6 +97,9 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
     if (answer.exception != 0) {
         m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
     }
+    if (m_metrics != nullptr) {
+        m_metrics->countRequest(answer.function, answer.exception);
+    }
     return answer;
 }
 

@@ -11,6 +11,7 @@
 #include "AccessRules.h"
 #include "AuditTrail.h"
 #include "Log.h"
+#include "Metrics.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
 
@@ -66,6 +67,10 @@ class RequestHandler {
      * (the default): writes are only in the log, where repeated ones are
      * summarised. The trail must outlive the handler. */
     void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
+    /* Every request handed to this handler is counted there by function and
+     * exception; nothing (the default): not counted. Give it only to the
+     * handler the listeners call: a routed request is counted by it. */
+    void setMetrics(Metrics* metrics) { m_metrics = metrics; }
 
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
@@ -100,6 +105,7 @@ class RequestHandler {
     std::map<std::uint8_t, RequestHandler*> m_units;
     bool m_writesRefused = false;
     AuditTrail* m_auditTrail = nullptr;
+    Metrics* m_metrics = nullptr;
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;
