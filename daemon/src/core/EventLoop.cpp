@@ -40,10 +40,16 @@ std::optional<Clock::time_point> earlier(std::optional<Clock::time_point> a,
 }
 
 /* True when the loop is to stop. */
-bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
+bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log, LoopExtras const& extras) {
     bool stop = false;
     while (auto const signal = signals.take()) {
-        if (*signal == SIGUSR1) {
+        if (*signal == SIGHUP) {
+            if (extras.reload) {
+                extras.reload();
+            } else {
+                log.info("received SIGHUP; nothing to reload");
+            }
+        } else if (*signal == SIGUSR1) {
             log.lines(Log::Level::Info,
                       "register map:\n" + core.describe(DescribeFormat::Markdown));
         } else {
@@ -89,7 +95,7 @@ bool updateSource(DataSource* source, Clock::time_point now) {
 }  // namespace
 
 int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, SignalPipe& signals,
-                 Log& log, double runSeconds) {
+                 Log& log, double runSeconds, LoopExtras const& extras) {
     Clock::time_point const start = Clock::now();
     std::optional<Clock::time_point> deadline;
     if (runSeconds > 0) {
@@ -106,14 +112,22 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     std::vector<pollfd> fds;
     std::vector<std::size_t> sizes;
     for (;;) {
-        auto const next =
-            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core));
+        auto const next = earlier(
+            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core)),
+            core.attributeRefreshDue());
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
         fds.assign(1, pollfd{signals.fd(), POLLIN, 0});
         sizes.clear();
         for (ModbusServer const* server : servers) {
             sizes.push_back(server->appendPollSet(fds));
+        }
+        std::size_t const httpFirst = fds.size();
+        std::size_t httpCount = 0;
+        if (extras.http != nullptr) {
+            auto const http = extras.http->pollSet();
+            httpCount = http.size();
+            fds.insert(fds.end(), http.begin(), http.end());
         }
         if (sourceFd >= 0) {
             fds.push_back({sourceFd, POLLIN, 0});
@@ -126,7 +140,7 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             log.error(std::string("poll failed: ") + std::strerror(errno));
             return 1;
         }
-        if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log)) {
+        if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log, extras)) {
             return 0;
         }
         std::size_t first = 1;
@@ -137,8 +151,17 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             servers[i]->expire(Clock::now());
             first += sizes[i];
         }
+        if (extras.http != nullptr) {
+            if (ready > 0) {
+                extras.http->serve(fds.data() + httpFirst, httpCount, Clock::now());
+            }
+            extras.http->expire(Clock::now());
+        }
         bool const played = updateSource(source, Clock::now());
         retry.run(core, Clock::now(), played);
+        // After the requests and the source: what they changed is served
+        // again within this pass when the entry is due.
+        core.refreshAttributeEntries(Clock::now());
         core.watchAvailability();
         log.summarise();
         if (deadline && Clock::now() >= *deadline) {

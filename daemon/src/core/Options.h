@@ -35,6 +35,10 @@ struct Options {
     // "ups[@host[:port]]"; the first is the UPS the map's device 2 stands for.
     std::vector<std::string> nutUpses;
     double nutInterval = 1.0;  // seconds between two polls of a UPS
+    // The health and metrics endpoint, off unless an address is given.
+    std::optional<std::string> httpAddress;
+    int httpPort = 9502;
+    bool httpAllowRemote = false;  // an address outside 127.0.0.0/8 is refused without it
 };
 
 /* Parses argv; throws std::invalid_argument with a message for the user. */

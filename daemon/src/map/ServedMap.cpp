@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "DeviceLookup.h"
 #include "LogText.h"
 #include "modbus/CdsStringAccessor.h"
 
@@ -28,7 +29,8 @@ void fitInPlace(std::vector<std::uint16_t>& words, std::size_t size) {
     words.resize(size, 0);
 }
 
-ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log) : m_log(log) {
+ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log)
+    : m_log(log), m_identification(definition.identification) {
     for (auto const& entry : definition.entries) {
         add(entry);
     }
@@ -113,6 +115,35 @@ std::size_t ServedMap::buildPending() {
         ++built;
     }
     return built;
+}
+
+void ServedMap::rebuild(ServedEntry& entry) {
+    // The old data accessors leave the data store before the new ones join.
+    bool const wasBuilt = entry.built();
+    entry.encoder = BuiltEncoder{};
+    if (auto failure = tryBuild(entry)) {
+        m_log.warning(label(entry.definition) + " cannot be built again: " + *failure +
+                      "; served as unavailable, retried every second");
+        entry.pendingReason = std::move(*failure);
+        m_pending += wasBuilt ? 1 : 0;
+        return;
+    }
+    m_pending -= wasBuilt ? 0 : 1;
+    m_log.limited(Log::Level::Info, "rebuilds of " + entry.definition.name,
+                  label(entry.definition) + " rebuilt after a change of its device; " +
+                      readableValue(entry.definition, entry.image.words));
+}
+
+IdentificationTexts ServedMap::identification() const {
+    IdentificationTexts texts;
+    for (auto const& object : m_identification) {
+        std::optional<std::string> read;
+        if (object.source) {
+            read = readSourceText(*object.source);
+        }
+        texts[object.id] = read && !read->empty() ? *read : object.text;
+    }
+    return texts;
 }
 
 void ServedMap::listen(ServedEntry& entry) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "DeviceIdentification.h"
 #include "EncoderFactory.h"
 #include "Log.h"
 #include "MapModel.h"
@@ -81,6 +82,16 @@ class ServedMap {
      * data-store subscriptions and listeners. */
     std::size_t buildPending();
 
+    /* The texts Read Device Identification answers now: each object's
+     * source as read from the data store, or its text when the source
+     * cannot be read or reads empty. Empty without an identification
+     * section. */
+    IdentificationTexts identification() const;
+
+    /* Destroys the entry's encoder and builds it again, as at start-up; on
+     * failure the entry is pending. Never from a callback of that encoder. */
+    void rebuild(ServedEntry& entry);
+
   private:
     void add(EntryDefinition const& definition);
     void index(ServedEntry& entry);
@@ -94,8 +105,9 @@ class ServedMap {
     // Per table, the entries in address order: a request range is one binary
     // search and a walk over neighbours in memory.
     std::array<std::vector<ServedEntry*>, 4> m_index;
-    // Entries without an encoder; add() and buildPending() keep it.
+    // Entries without an encoder; add(), buildPending() and rebuild() keep it.
     std::size_t m_pending = 0;
+    std::vector<IdentificationObjectDefinition> m_identification;
 };
 
 /* A value as people read it: discretes as 0/1 digits, strings as their

@@ -75,7 +75,7 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
     : m_limits(limits),
       m_access(config.access),
       m_tls(config.tls),
-      m_handler(handler),
+      m_handler(&handler),
       m_log(log),
       m_listener(listenOn(config)) {
     sockaddr_in bound{};
@@ -87,6 +87,13 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
 ModbusServer::~ModbusServer() {
     m_clients.clear();
     ::close(m_listener);
+}
+
+bool ModbusServer::listening() const {
+    int accepting = 0;
+    socklen_t length = sizeof accepting;
+    return ::getsockopt(m_listener, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) == 0 &&
+           accepting != 0;
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
@@ -189,7 +196,7 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer answer = m_handler.handle(frame.data(), frame.size(), origin);
+        Answer answer = m_handler->handle(frame.data(), frame.size(), origin);
         if (answer.closeConnection) {
             why = {"function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
@@ -197,7 +204,7 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             return false;
         }
         encodeResponse(frame.data(), frame.size(), answer, m_reply);
-        m_handler.recycle(std::move(answer));
+        m_handler->recycle(std::move(answer));
         switch (client.queue(m_reply)) {
             case ClientConnection::QueueStatus::Queued:
                 break;

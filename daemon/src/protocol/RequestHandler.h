@@ -11,6 +11,7 @@
 #include "AccessRules.h"
 #include "AuditTrail.h"
 #include "Log.h"
+#include "Metrics.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
 
@@ -35,6 +36,9 @@ struct Answer {
     std::uint16_t quantity = 0;
     std::vector<std::uint16_t> registers;  // reads of registers
     std::vector<std::uint8_t> bits;        // reads of coils and discrete inputs
+    // The PDU after the function code, for answers that carry no table data
+    // (Read Device Identification).
+    std::vector<std::uint8_t> body;
     // No Modbus answer exists (a function code of 0x80 or above, the range
     // that marks exception answers): the connection is closed instead.
     bool closeConnection = false;
@@ -63,6 +67,10 @@ class RequestHandler {
      * (the default): writes are only in the log, where repeated ones are
      * summarised. The trail must outlive the handler. */
     void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
+    /* Every request handed to this handler is counted there by function and
+     * exception; nothing (the default): not counted. Give it only to the
+     * handler the listeners call: a routed request is counted by it. */
+    void setMetrics(Metrics* metrics) { m_metrics = metrics; }
 
     /* Takes back the buffers of an answer that has been sent: the next
      * answer is built in them instead of in newly allocated ones. */
@@ -78,6 +86,8 @@ class RequestHandler {
   private:
     Answer decide(std::uint8_t const* frame, std::size_t length);
     Answer read(Answer answer, std::size_t length);
+    Answer refuseUnavailable(Answer answer);
+    Answer identify(Answer answer, std::uint8_t const* pdu, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
     std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
@@ -99,6 +109,7 @@ class RequestHandler {
     std::map<std::uint8_t, RequestHandler*> m_units;
     bool m_writesRefused = false;
     AuditTrail* m_auditTrail = nullptr;
+    Metrics* m_metrics = nullptr;
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;

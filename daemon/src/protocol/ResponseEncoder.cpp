@@ -49,6 +49,10 @@ void putBody(std::vector<std::uint8_t>& out, std::uint8_t const* requestPdu, Ans
             // The answer to a single write is the request itself.
             out.insert(out.end(), requestPdu + 1, requestPdu + 5);
             break;
+        case 0x2B:
+            // Read Device Identification: built whole by its own encoder.
+            out.insert(out.end(), answer.body.begin(), answer.body.end());
+            break;
         default:  // 15, 16: the range written
             putWord(out, answer.address);
             putWord(out, answer.quantity);

@@ -6,6 +6,22 @@ namespace {
 
 // Ids of outlets and channels start here, above any UPS device id.
 constexpr cdshost::Id kFirstPooledId = 1'000'000;
+// A poll ends within the connect and answer bounds (2 s + 5 s); a last poll
+// older than three intervals and this margin means the poller is stuck.
+constexpr std::chrono::seconds kPollMargin{10};
+
+/* Adds the counts of `more` to `total`; both use pollLatencyBounds(). */
+void addLatencies(HistogramSnapshot& total, HistogramSnapshot const& more) {
+    if (total.bounds.empty()) {
+        total = more;
+        return;
+    }
+    for (std::size_t i = 0; i < total.counts.size() && i < more.counts.size(); ++i) {
+        total.counts[i] += more.counts[i];
+    }
+    total.count += more.count;
+    total.sum += more.sum;
+}
 
 }  // namespace
 
@@ -75,6 +91,41 @@ bool Source::update(Clock::time_point) {
         }
     }
     return changed;
+}
+
+SourceStatus Source::status(Clock::time_point now) const {
+    SourceStatus status;
+    status.pollLatency = Histogram(pollLatencyBounds()).snapshot();
+    for (auto const& ups : m_upses) {
+        if (!ups.poller) {
+            if (status.fresh) {
+                status.fresh = false;
+                status.detail = ups.endpoint.text() + ": not polled yet";
+            }
+            continue;
+        }
+        PollerStatus const polled = ups.poller->status();
+        status.polls += polled.polls;
+        addLatencies(status.pollLatency, polled.latency);
+        std::string why;
+        if (!polled.lastState) {
+            why = "no poll has ended yet";
+        } else if (*polled.lastState != Reading::State::Fresh) {
+            why = std::string(stateName(*polled.lastState)) +
+                  (polled.lastDetail.empty() ? "" : ": " + polled.lastDetail);
+        } else if (now - polled.lastPoll > 3 * m_config.interval + kPollMargin) {
+            why = "no poll has ended for " +
+                  std::to_string(
+                      std::chrono::duration_cast<std::chrono::seconds>(now - polled.lastPoll)
+                          .count()) +
+                  " s";
+        }
+        if (!why.empty() && status.fresh) {
+            status.fresh = false;
+            status.detail = ups.endpoint.text() + ": " + why;
+        }
+    }
+    return status;
 }
 
 bool Source::apply(Ups& ups, Reading const& reading) {

@@ -57,6 +57,9 @@ class Source : public DataSource {
     int wakeDescriptor() const override { return m_wake.fd(); }
     std::optional<Clock::time_point> nextDue() const override { return std::nullopt; }
     bool update(Clock::time_point now) override;
+    /* Fresh while the last poll of every UPS found fresh data and ended
+     * recently enough (a poller thread that stopped polling is stale too). */
+    SourceStatus status(Clock::time_point now) const override;
 
     UpsMirror const& mirror(std::size_t index) const { return *m_upses.at(index).mirror; }
 

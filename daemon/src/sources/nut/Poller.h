@@ -11,6 +11,7 @@
 #include <optional>
 #include <thread>
 
+#include "Histogram.h"
 #include "NutEndpoint.h"
 #include "Reading.h"
 
@@ -21,6 +22,15 @@ class Fetcher {
   public:
     virtual ~Fetcher() = default;
     virtual Reading fetch() = 0;
+};
+
+/* What the polls of one UPS came to so far. */
+struct PollerStatus {
+    std::size_t polls = 0;
+    HistogramSnapshot latency;  // seconds per round trip
+    std::optional<Reading::State> lastState;
+    std::string lastDetail;
+    std::chrono::steady_clock::time_point lastPoll{};  // when the last one ended
 };
 
 class Poller {
@@ -44,6 +54,8 @@ class Poller {
     std::optional<Reading> take();
     /* Polls made so far. */
     std::size_t polls() const;
+    /* Counts, latencies and the state of the last poll. Any thread. */
+    PollerStatus status() const;
 
   private:
     void run();
@@ -58,6 +70,10 @@ class Poller {
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
     std::size_t m_polls = 0;
+    Histogram m_latency{pollLatencyBounds()};
+    std::optional<Reading::State> m_lastState;
+    std::string m_lastDetail;
+    std::chrono::steady_clock::time_point m_lastPoll{};
     std::thread m_thread;  // last: started when everything else is ready
 };
 
