@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <exception>
 #include <optional>
 
@@ -68,11 +69,26 @@ bool available(ServedEntry const& entry) {
                              : encoder.discretes->isDataAvailable();
 }
 
-/* Appends the number in decimal, without a temporary string. */
-void appendNumber(std::string& text, unsigned value) {
-    char digits[12];
-    auto const result = std::to_chars(digits, digits + sizeof digits, value);
-    text.append(digits, result.ptr);
+/* " unit=1 function=3 address=20" of a frame, written into `out` (room for
+ * 48 characters); returns where it ends. No string is built on the way. */
+char* writeFrameFields(char* out, std::uint8_t const* frame, std::size_t length) {
+    char* const end = out + 48;
+    auto put = [&out](char const* text, std::size_t size) {
+        std::memcpy(out, text, size);
+        out += size;
+    };
+    auto number = [&out, end](unsigned value) { out = std::to_chars(out, end, value).ptr; };
+    if (length > kHeaderLength) {
+        put(" unit=", 6);
+        number(frame[6]);
+        put(" function=", 10);
+        number(frame[7]);
+    }
+    if (length >= kHeaderLength + 3) {
+        put(" address=", 9);
+        number(word(frame + kHeaderLength + 1));
+    }
+    return out;
 }
 
 /* Gives `buffer` the storage of `spare` when it has none of its own, so an
@@ -119,18 +135,12 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
     m_origin = &origin;
     // Built in place: the string keeps its storage from request to request.
+    char fields[48];
+    char const* const fieldsEnd = writeFrameFields(fields, frame, length);
     m_fields.clear();
-    m_fields.append("client=", 7).append(origin.client);
-    if (length > kHeaderLength) {
-        m_fields.append(" unit=", 6);
-        appendNumber(m_fields, frame[6]);
-        m_fields.append(" function=", 10);
-        appendNumber(m_fields, frame[7]);
-    }
-    if (length >= kHeaderLength + 3) {
-        m_fields.append(" address=", 9);
-        appendNumber(m_fields, word(frame + kHeaderLength + 1));
-    }
+    m_fields.append("client=", 7)
+        .append(origin.client)
+        .append(fields, static_cast<std::size_t>(fieldsEnd - fields));
     Answer const answer = decide(frame, length);
     m_origin = nullptr;
     if (answer.exception != 0 && m_log.verbose()) {
