@@ -145,7 +145,12 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
                      : std::string("scenario: none"));
         return 0;
     }
-    config.scenario = configuration.scenario;
+    config.scenario = std::move(configuration.scenario);
+    // What serving needs is in `config` now; the loaded files are not kept
+    // for the daemon's whole life (a reload reads them anew), and with
+    // thousands of entries they are megabytes.
+    configuration.map = RegisterMapDefinition{};
+    configuration.scenario.reset();
     config.source = makeNutSource(options, log);
     int const status = serve(configuration, args, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
