@@ -33,12 +33,20 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         if (config.readOnly) {
             m_unitHandlers.back()->refuseWrites();
         }
+        if (config.remoteWrites != nullptr) {
+            m_unitHandlers.back()->setRemoteWrites(config.remoteWrites, &m_replies);
+        }
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
     if (config.readOnly) {
         m_handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
+    }
+    if (config.remoteWrites != nullptr) {
+        m_handler->setRemoteWrites(config.remoteWrites, &m_replies);
+        m_log.info("writes go back to the UPS; each answer waits for its outcome, " +
+                   std::to_string(m_replies.bound().count()) + " ms at most");
     }
     watchAvailability();
 }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "DeferredReplies.h"
 #include "Describe.h"
 #include "FloatProbe.h"
 #include "Log.h"
@@ -37,6 +38,10 @@ struct CoreConfig {
     std::vector<UnitConfig> moreUnits;
     // Every write refused (Illegal Function): the data cannot be written back.
     bool readOnly = false;
+    // Writes to the entries it owns go there instead of to the store (the
+    // source, which owns it, writing back to a UPS); their answers are
+    // deferred until it reports the outcome.
+    RemoteWrites* remoteWrites = nullptr;
 };
 
 class DaemonCore {
@@ -87,6 +92,8 @@ class DaemonCore {
     std::unique_ptr<DataSource> m_source;
     ScenarioPlayer* m_scenario = nullptr;  // within m_source
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
+    // Before the handlers, which note time-outs in it: it goes after them.
+    DeferredReplies m_replies;
     std::unique_ptr<ServedMap> m_map;
     std::unique_ptr<RequestHandler> m_handler;
     // The further units: their maps and handlers, in the order configured.

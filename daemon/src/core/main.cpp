@@ -37,8 +37,9 @@ RegisterMapDefinition loadMap(Options const& options) {
                                                     : readTextFile(options.mapFile));
 }
 
-/* The NUT source of --nut; nothing without it. */
-std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
+/* The NUT source of --nut; nothing without it. Reads the credentials of
+ * --nut-writes (throws std::runtime_error when they cannot be used). */
+std::unique_ptr<nut::Source> makeNutSource(Options const& options, Log& log) {
     if (options.nutUpses.empty()) {
         return nullptr;
     }
@@ -47,7 +48,31 @@ std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
         config.upses.push_back(nut::parseEndpoint(ups));
     }
     config.interval = std::chrono::milliseconds(static_cast<long>(options.nutInterval * 1000));
+    if (options.nutWrites) {
+        config.credentials = nut::readCredentials(options.nutCredentials);
+        log.info("NUT: writes go back to upsd as user " +
+                 quotedValue(config.credentials->username));
+    }
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
+}
+
+/* The map of the UPS at `index` of --nut: its own --nut-map, or the shared
+ * one; either is written for device 2 and moved onto the UPS's device. */
+RegisterMapDefinition mapOfUps(Options const& options, RegisterMapDefinition const& shared,
+                               std::size_t index) {
+    std::string const& file = options.nutMaps.at(index);
+    if (file.empty()) {
+        return nut::mapForUps(shared, index);
+    }
+    try {
+        return nut::mapForUps(parseRegisterMap(readTextFile(file)), index);
+    } catch (MapError const& error) {
+        std::vector<std::string> lines;
+        for (auto const& line : error.errors()) {
+            lines.push_back(file + ": " + line);
+        }
+        throw MapError(lines);
+    }
 }
 
 /* The audit trail of --audit-log; nothing without it. */
@@ -94,9 +119,13 @@ int serve(Options const& options, CoreConfig config, Log& log) {
 
 int run(Options const& options, Log& log) {
     CoreConfig config;
+    std::vector<RegisterMapDefinition> upsMaps;  // one per --nut
     try {
         config.map = loadMap(options);
         config.scenario = loadScenario(options);
+        for (std::size_t k = 0; k < options.nutUpses.size(); ++k) {
+            upsMaps.push_back(mapOfUps(options, config.map, k));
+        }
     } catch (MapError const& error) {
         log.error("the register map cannot be served:");
         for (auto const& line : error.errors()) {
@@ -118,21 +147,34 @@ int run(Options const& options, Log& log) {
         return 0;
     }
     config.unitId = static_cast<std::uint8_t>(options.unitId);
-    config.source = makeNutSource(options, log);
-    // Writes back to a UPS (SET VAR, INSTCMD) are not served: a write would
-    // only change the daemon's copy of a value upsd owns.
-    config.readOnly = !options.nutUpses.empty();
-    // Each further UPS is served under the next unit id, with the map
-    // moved onto its device.
-    for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
+    try {
+        std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
+        if (nutSource && nutSource->writable()) {
+            config.remoteWrites = nutSource.get();
+        }
+        config.source = std::move(nutSource);
+    } catch (std::runtime_error const& error) {
+        log.error(std::string("--nut-credentials: ") + error.what());
+        return kExitBadInput;
+    }
+    // Without --nut-writes nothing is written back: a write would only change
+    // the daemon's copy of a value upsd owns.
+    config.readOnly = !options.nutUpses.empty() && !options.nutWrites;
+    // Each further UPS is served under the next unit id, with its own map or
+    // the shared one moved onto its device.
+    for (std::size_t k = 0; k < options.nutUpses.size(); ++k) {
         std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
         if (unit > 247) {
             log.error("--nut: UPS " + options.nutUpses[k] + " would be unit id " +
                       std::to_string(unit) + ", above 247");
             return kExitBadInput;
         }
-        config.moreUnits.push_back(
-            {static_cast<std::uint8_t>(unit), nut::mapForUps(config.map, k)});
+        if (k > 0) {
+            config.moreUnits.push_back({static_cast<std::uint8_t>(unit), std::move(upsMaps[k])});
+        }
+    }
+    if (!upsMaps.empty()) {
+        config.map = std::move(upsMaps.front());
     }
     int const status = serve(options, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.

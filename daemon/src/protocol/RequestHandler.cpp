@@ -150,7 +150,8 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     }
     std::uint8_t const unit = frame[6];
     if (auto const routed = m_units.find(unit); routed != m_units.end()) {
-        return routed->second->handle(frame, length);
+        // The origin goes along: the unit's access rules are the listener's.
+        return routed->second->handle(frame, length, *m_origin);
     }
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
@@ -292,6 +293,22 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
                                       : ec::kServerDeviceFailure);
         }
     }
+    if (m_remote != nullptr && m_replies != nullptr) {
+        // The values live elsewhere: nothing is written to the store. One
+        // entry per request, so that a client never gets an answer for a
+        // write that was carried out in part.
+        ServedEntry const& entry = *coverage.entries.front();
+        std::string const why = coverage.entries.size() > 1 ? "a write to a UPS covers one entry"
+                                : !m_remote->owns(entry)    ? "not a variable or command of the UPS"
+                                                            : "";
+        if (!why.empty()) {
+            for (ServedEntry const* covered : coverage.entries) {
+                auditRefused(*covered, partOf(*covered, *values, answer.address), why);
+            }
+            return refuse(answer, ec::kIllegalFunction);
+        }
+        return writeRemote(answer, entry, partOf(entry, *values, answer.address));
+    }
     for (ServedEntry* entry : coverage.entries) {
         std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
         std::string const before = currentValue(*entry);
@@ -302,6 +319,49 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         audit(*entry, before, part, "written");
     }
     return answer;
+}
+
+/* Hands the write over and defers the answer until its outcome is known
+ * (or the replies' bound passes); every outcome is audited, a late one too. */
+Answer RequestHandler::writeRemote(Answer answer, ServedEntry const& entry,
+                                   std::vector<std::uint16_t> const& part) {
+    EntryDefinition const& definition = entry.definition;
+    std::string const head = "write " + quotedValue(definition.name) + " " +
+                             tableName(definition.table) + " " +
+                             std::to_string(definition.address) + ": " + currentValue(entry) +
+                             " -> " + readableValue(definition, part) + ": ";
+    std::string const tail = "; " + m_fields;
+    std::string const key = "writes of " + definition.name + " by " + addressOf(m_origin->client);
+    std::string const bound = std::to_string(m_replies->bound().count()) + " ms";
+    DeferredReplies::Token const token =
+        m_replies->open(DeferredReplies::Clock::now(), [this, head, tail, key, bound] {
+            auditLine(key, head + "no outcome within " + bound + ": answered 0x0B" + tail,
+                      Log::Level::Warning);
+        });
+    auto done = [this, token, head, tail, key](WriteOutcome const& outcome) {
+        bool const answered = m_replies->settle(token, outcome.exception);
+        auditLine(
+            key,
+            head + outcome.text + (answered ? "" : " (too late for the client's answer)") + tail,
+            outcome.exception == 0 ? Log::Level::Info : Log::Level::Warning);
+    };
+    std::optional<WriteOutcome> const known =
+        m_remote->start(entry, part, m_origin->client, std::move(done));
+    if (known) {
+        m_replies->discard(token);
+        auditLine(key, head + known->text + tail,
+                  known->exception == 0 ? Log::Level::Info : Log::Level::Warning);
+        return known->exception == 0 ? answer : refuse(answer, known->exception);
+    }
+    answer.deferred = token;
+    return answer;
+}
+
+void RequestHandler::auditLine(std::string const& key, std::string const& line, Log::Level level) {
+    if (m_auditTrail != nullptr) {
+        m_auditTrail->record(line);
+    }
+    m_log.limited(level, key, line);
 }
 
 std::uint8_t RequestHandler::writeEntry(ServedEntry& entry,

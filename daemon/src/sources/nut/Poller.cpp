@@ -49,20 +49,43 @@ std::size_t Poller::polls() const {
     return m_polls;
 }
 
+bool Poller::submit(Job job, std::size_t limit) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_jobs.size() >= limit) {
+            return false;
+        }
+        m_jobs.push_back(std::move(job));
+    }
+    m_stopped.notify_all();
+    return true;
+}
+
 void Poller::run() {
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        lock.unlock();
-        Reading reading = m_fetcher->fetch();
-        reading.fetched = std::chrono::steady_clock::now();
-        publish(std::move(reading));
-        lock.lock();
-        ++m_polls;
-        // Polls keep their rhythm; one that took longer than the interval
-        // is followed at once by the next.
-        next = std::max(next + m_interval, std::chrono::steady_clock::now());
-        m_stopped.wait_until(lock, next, [this] { return m_stop; });
+        if (!m_jobs.empty()) {
+            Job const job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+            next = std::chrono::steady_clock::now();
+            continue;
+        }
+        if (std::chrono::steady_clock::now() >= next) {
+            lock.unlock();
+            Reading reading = m_fetcher->fetch();
+            reading.fetched = std::chrono::steady_clock::now();
+            publish(std::move(reading));
+            lock.lock();
+            ++m_polls;
+            // Polls keep their rhythm; one that took longer than the
+            // interval is followed at once by the next.
+            next = std::max(next + m_interval, std::chrono::steady_clock::now());
+        }
+        m_stopped.wait_until(lock, next, [this] { return m_stop || !m_jobs.empty(); });
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -45,6 +46,13 @@ class Poller {
     /* Polls made so far. */
     std::size_t polls() const;
 
+    using Job = std::function<void()>;
+    /* Runs `job` on the poller's thread before its next poll, after the jobs
+     * given before it; the poll follows at once, so what the job changed at
+     * upsd is seen without waiting for the interval. False (and nothing
+     * queued) when `limit` jobs already wait. Any thread. */
+    bool submit(Job job, std::size_t limit);
+
   private:
     void run();
     void publish(Reading reading);
@@ -58,6 +66,7 @@ class Poller {
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
     std::size_t m_polls = 0;
+    std::deque<Job> m_jobs;
     std::thread m_thread;  // last: started when everything else is ready
 };
 
