@@ -43,14 +43,18 @@ constexpr ErrorCode kErrors[] = {
     {"UNKNOWN-UPS", kGatewayTargetFailed},
 };
 
-/* The shortest %g text of `value` that reads back as exactly `value`. */
+/* The shortest text of `value` that reads back as exactly `value`: plain
+ * decimals (upsd's drivers read "20", not "2e+01") unless the number is
+ * very small or very large. */
 template <typename Real>
 std::string shortestText(Real value, int maxDigits) {
+    double const magnitude = std::fabs(static_cast<double>(value));
+    bool const plain = magnitude == 0.0 || (magnitude >= 1e-4 && magnitude < 1e15);
     char text[64];
-    for (int digits = 1; digits <= maxDigits; ++digits) {
-        std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(value));
-        Real const back = static_cast<Real>(std::strtod(text, nullptr));
-        if (back == value) {
+    for (int digits = plain ? 0 : 1; digits <= maxDigits + 4; ++digits) {
+        std::snprintf(text, sizeof text, plain ? "%.*f" : "%.*g", digits,
+                      static_cast<double>(value));
+        if (static_cast<Real>(std::strtod(text, nullptr)) == value) {
             break;
         }
     }
