@@ -71,14 +71,14 @@ class Session {
     }
 
   private:
-    /* The library waits in whole seconds: at least one while time is left. */
+    /* The library waits in whole seconds: what is left, rounded up, so a
+     * silent upsd costs the whole bound (and less than a second more). */
     time_t secondsLeft() const {
         auto const left = m_deadline - Clock::now();
         if (left <= Clock::duration::zero()) {
             return 0;
         }
-        return std::max<time_t>(
-            1, static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(left).count()));
+        return static_cast<time_t>(std::chrono::ceil<std::chrono::seconds>(left).count());
     }
 
     Clock::time_point const m_deadline;

@@ -43,10 +43,11 @@ struct SourceConfig {
     // With credentials, writes go back to upsd (SET VAR, INSTCMD); without,
     // the source takes none.
     std::optional<Credentials> credentials;
-    // A write's whole exchange with upsd, tracking included; within the
-    // bound of the deferred answer (5 s), so its outcome is what the client
-    // hears.
-    std::chrono::milliseconds writeBound{4000};
+    // A write's whole exchange with upsd, tracking included. NUT's library
+    // waits in whole seconds, so this ends within a second after: still
+    // within the bound of the deferred answer (5 s), so the client hears
+    // the outcome the write found.
+    std::chrono::milliseconds writeBound{3500};
 };
 
 /* The first UPS's device id: the one the availability check reads. Further
