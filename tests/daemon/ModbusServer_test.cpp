@@ -46,8 +46,10 @@ class ModbusServerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         m_daemon.core().handler().setRemoteWrites(&m_writes, &m_replies);
-        m_server = std::make_unique<ModbusServer>(ListenConfig{}, ClientLimits{},
-                                                  m_daemon.core().handler(), m_daemon.log());
+        ListenConfig config;
+        config.port = 0;  // a free one: tests run side by side
+        m_server = std::make_unique<ModbusServer>(config, ClientLimits{}, m_daemon.core().handler(),
+                                                  m_daemon.log());
     }
     void TearDown() override {
         for (int const fd : m_clients) {
@@ -63,18 +65,33 @@ class ModbusServerTest : public ::testing::Test {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         m_clients.push_back(fd);
-        pump();
+        std::size_t const before = m_server->clientCount();
+        pumpUntil([&] { return m_server->clientCount() > before; });
         return fd;
     }
 
-    /* A few passes of the loop's server side. */
-    void pump(int passes = 5) {
-        for (int i = 0; i < passes; ++i) {
+    /* Passes of the loop's server side, until the condition holds (a few
+     * hundred at most) or, without one, a few. */
+    template <typename Condition>
+    bool pumpUntil(Condition condition, int passes = 300) {
+        for (int i = 0; i < passes && !condition(); ++i) {
             auto fds = m_server->pollSet();
             ::poll(fds.data(), fds.size(), 10);
             m_server->serve(fds.data(), fds.size(), SteadyClock::now());
             m_server->expire(SteadyClock::now());
         }
+        return condition();
+    }
+    void pump() {
+        pumpUntil([] { return false; }, 5);
+    }
+
+    /* Waits until the client's socket has something to read. */
+    bool readable(int fd) {
+        return pumpUntil([fd] {
+            pollfd ready{fd, POLLIN, 0};
+            return ::poll(&ready, 1, 0) == 1;
+        });
     }
 
     static void send(int fd, Bytes const& bytes) {
@@ -106,20 +123,20 @@ TEST_F(ModbusServerTest, APipelinedReadIsAnsweredAfterTheWriteBeforeIt) {
     Bytes const read = withTransaction(testing::request(3, 2, 1), 2);
     both.insert(both.end(), read.begin(), read.end());
     send(client, both);
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
     pump();
-    ASSERT_EQ(m_writes.pending.size(), 1u);
     EXPECT_TRUE(answers(client).empty()) << "the read overtook the write";
     m_writes.pending.front()(WriteOutcome{0, "done"});
-    pump();
+    ASSERT_TRUE(readable(client));
     EXPECT_EQ(answers(client), (std::vector<int>{1, 2}));
 }
 
 TEST_F(ModbusServerTest, AWriteRefusedLaterGetsItsExceptionInItsPlace) {
     int const client = connectClient();
     send(client, withTransaction(testing::request(6, 2, 42), 9));
-    pump();
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
     m_writes.pending.front()(WriteOutcome{0x02, "refused"});
-    pump();
+    ASSERT_TRUE(readable(client));
     Bytes bytes(64);
     ASSERT_EQ(::recv(client, bytes.data(), bytes.size(), MSG_DONTWAIT), 9);
     EXPECT_EQ(bytes[1], 9);
@@ -131,9 +148,9 @@ TEST_F(ModbusServerTest, OtherClientsAreServedWhileAWriteWaits) {
     int const writer = connectClient();
     int const reader = connectClient();
     send(writer, withTransaction(testing::request(6, 2, 42), 1));
-    pump();
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
     send(reader, withTransaction(testing::request(3, 2, 1), 5));
-    pump();
+    ASSERT_TRUE(readable(reader));
     EXPECT_EQ(answers(reader), std::vector<int>{5});
     EXPECT_TRUE(answers(writer).empty());
 }
@@ -141,11 +158,10 @@ TEST_F(ModbusServerTest, OtherClientsAreServedWhileAWriteWaits) {
 TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     int const client = connectClient();
     send(client, withTransaction(testing::request(6, 2, 42), 1));
-    pump();
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
     ::close(client);
     m_clients.clear();
-    pump();
-    EXPECT_EQ(m_server->clientCount(), 0u);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
     m_writes.pending.front()(WriteOutcome{0, "done"});
     pump();
     EXPECT_EQ(m_replies.size(), 0u);
@@ -153,7 +169,7 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
         << m_daemon.logText();
     int const next = connectClient();
     send(next, withTransaction(testing::request(3, 2, 1), 3));
-    pump();
+    ASSERT_TRUE(readable(next));
     EXPECT_EQ(answers(next), std::vector<int>{3});
 }
 

@@ -68,7 +68,7 @@ class NutFetcher : public Fetcher {
         }
         // Commands change only with the driver: listed once per connection
         // and again after any fault.
-        if (!m_commands && !listCommands()) {
+        if (!m_commands && !listCommands() && !commandsRefused()) {
             return failure();
         }
         reading.commands = *m_commands;
@@ -97,6 +97,22 @@ class NutFetcher : public Fetcher {
         }
         m_commands = std::move(commands);
         return true;
+    }
+
+    /* upsd answered LIST CMD with an error that concerns the list only (a
+     * upsd that keeps commands to itself): the UPS simply offers none. */
+    bool commandsRefused() {
+        switch (upscli_upserror(&m_connection)) {
+            case UPSCLI_ERR_ACCESSDENIED:
+            case UPSCLI_ERR_INVLISTTYPE:
+            case UPSCLI_ERR_UNKCOMMAND:
+            case UPSCLI_ERR_INVALIDARG:
+            case UPSCLI_ERR_CMDNOTSUPP:
+                m_commands.emplace();
+                return true;
+            default:
+                return false;
+        }
     }
 
     bool connect(Reading& reading) {
