@@ -148,7 +148,7 @@ bool ModbusServer::hasBacklog() const {
 
 bool ModbusServer::hasSettled(ClientConnection const& client) const {
     DeferredReplies const* replies = m_handler.deferredReplies();
-    if (replies == nullptr) {
+    if (replies == nullptr || m_deferred.empty()) {
         return false;
     }
     auto const tokens = client.deferredTokens();
