@@ -59,6 +59,8 @@ class DaemonCore {
 
     ServedMap& map() { return *m_map; }
     RequestHandler& handler() { return *m_handler; }
+    /* Where answers that wait for a remote write's outcome are kept. */
+    DeferredReplies const& deferredReplies() const { return m_replies; }
     /* Every unit's writes also go to this trail (see RequestHandler); it
      * must outlive the core. */
     void setAuditTrail(AuditTrail* trail);
