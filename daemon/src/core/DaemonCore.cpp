@@ -1,5 +1,6 @@
 #include "DaemonCore.h"
 
+#include "MapWarnings.h"
 #include "modbus/PowerDistributionAvailableAccessor.h"
 #include "sources/ScenarioSource.h"
 
@@ -21,6 +22,9 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
     m_map = std::make_unique<ServedMap>(config.map, log);
+    for (auto const& line : mapWarnings(config.map, m_floatLayout)) {
+        m_log.warning("map: " + line);
+    }
     m_handler = std::make_unique<RequestHandler>(*m_map, *m_availability, log, config.unitId);
     std::size_t const pending = m_map->pendingCount();
     m_log.info("register map: " + std::to_string(m_map->entries().size()) + " entries" +
@@ -36,6 +40,7 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
+    m_readOnly = config.readOnly;
     if (config.readOnly) {
         m_handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
@@ -112,7 +117,7 @@ std::string DaemonCore::describe(DescribeFormat format) {
     buildPendingEntries();
     bool const available = m_availability->isAvailable();
     DescribeContext const context{*m_map, m_floatLayout, available,
-                                  m_availability->notAvailableMessage()};
+                                  m_availability->notAvailableMessage(), m_readOnly};
     return describeMap(context, format);
 }
 

@@ -93,6 +93,7 @@ class DaemonCore {
     std::vector<std::unique_ptr<ServedMap>> m_unitMaps;
     std::vector<std::unique_ptr<RequestHandler>> m_unitHandlers;
     Gate m_gate = Gate::Unknown;
+    bool m_readOnly = false;  // every write refused: the description says R
 };
 
 }  // namespace tarsel::daemon

@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "LogText.h"
 #include "MapLoader.h"
+#include "MapWarnings.h"
 #include "ModbusServer.h"
 #include "Options.h"
 #include "Scenario.h"
@@ -112,6 +113,9 @@ int run(Options const& options, Log& log) {
     }
     if (options.check) {
         log.info("map: " + std::to_string(config.map.entries.size()) + " entries, valid");
+        for (auto const& line : mapWarnings(config.map, probeFloatLayout())) {
+            log.warning("map: " + line);
+        }
         log.info(config.scenario ? "scenario: " + std::to_string(config.scenario->events.size()) +
                                        " events, valid"
                                  : std::string("scenario: none"));

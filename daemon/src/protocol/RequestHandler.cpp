@@ -3,6 +3,7 @@
 #include <exception>
 #include <optional>
 
+#include "EntryWire.h"
 #include "LogText.h"
 
 namespace tarsel::daemon {
@@ -231,8 +232,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
-            // A discrete has no room for a sentinel: it reads as 0.
-            words.assign(entry.definition.size, registers ? policy.word : 0);
+            words = unavailableWords(entry.definition);
         } else if (entry.encoder.registers) {
             words = entry.encoder.registers->getData();
         } else {
