@@ -227,5 +227,17 @@ TEST(MapWarningsTest, NothingIsSaidWhenEveryFloatRoundTripsOrNoneUsesTheLibrary)
     EXPECT_TRUE(mapWarnings(noLibraryFloat, report).empty());
 }
 
+TEST(MapWarningsTest, StartUpLogsTheSameWarningAsCheck) {
+    TestDaemon daemon(kNotImplementedMap, kRunningUps);
+    auto const expected =
+        mapWarnings(parseRegisterMap(kNotImplementedMap), daemon.core().floatLayout());
+    for (auto const& line : expected) {
+        EXPECT_NE(daemon.logText().find("warning: map: " + line), std::string::npos) << line;
+    }
+    bool const anyBroken = !daemon.core().floatLayout().layouts.at(0).roundTrips() ||
+                           !daemon.core().floatLayout().layouts.at(1).roundTrips();
+    EXPECT_EQ(expected.empty(), !anyBroken);  // the map uses both byte orders
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
