@@ -14,7 +14,7 @@ char const* const kMap = R"({"entries": [
   {"name": "word", "table": "input-registers", "address": 0, "encoder": "composite-registers",
    "function": "status-word", "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "B"}]},
   {"name": "temperature, \"ambient\"", "table": "input-registers", "address": 1,
-   "encoder": "float16", "multiplier": 10, "offset": 400, "unit": "°C",
+   "encoder": "float16", "multiplier": 10, "offset": 400, "unit": "degC",
    "unavailable": {"mode": "not-implemented"}, "source": {"device": 2, "channel": "T"}},
   {"name": "setpoint", "table": "holding-registers", "address": 10, "encoder": "float32",
    "unit": "V", "unavailable": {"mode": "not-implemented"},
@@ -47,7 +47,7 @@ TEST(DescribeTest, JsonGivesTheReferenceOfEachEntry) {
     auto const root = nlohmann::json::parse(daemon.core().describe(DescribeFormat::Json));
     auto const& temperature = root["entries"][2];
     EXPECT_EQ(temperature["wire"], "uint16");
-    EXPECT_EQ(temperature["unit"], "°C");
+    EXPECT_EQ(temperature["unit"], "degC");
     EXPECT_DOUBLE_EQ(temperature["scale"].get<double>(), 0.1);
     EXPECT_DOUBLE_EQ(temperature["offset"].get<double>(), -40.0);
     EXPECT_EQ(temperature["access"], "R");
@@ -92,7 +92,7 @@ TEST(DescribeTest, CsvHasAHeaderAndOneCrlfRecordPerEntry) {
 TEST(DescribeTest, CsvQuotesFieldsWithCommasQuotesAndLineBreaks) {
     testing::TestDaemon daemon(kMap, kScenario);
     std::string const text = daemon.core().describe(DescribeFormat::Csv);
-    EXPECT_NE(text.find("input-registers,1,1,\"temperature, \"\"ambient\"\"\",uint16,°C,0.1,-40,R,"
+    EXPECT_NE(text.find("input-registers,1,1,\"temperature, \"\"ambient\"\"\",uint16,degC,0.1,-40,R,"
                         "0xFFFF,Int16,655,\"device 2 channel \"\"T\"\"\""),
               std::string::npos)
         << text;
