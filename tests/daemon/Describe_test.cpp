@@ -92,9 +92,10 @@ TEST(DescribeTest, CsvHasAHeaderAndOneCrlfRecordPerEntry) {
 TEST(DescribeTest, CsvQuotesFieldsWithCommasQuotesAndLineBreaks) {
     testing::TestDaemon daemon(kMap, kScenario);
     std::string const text = daemon.core().describe(DescribeFormat::Csv);
-    EXPECT_NE(text.find("input-registers,1,1,\"temperature, \"\"ambient\"\"\",uint16,degC,0.1,-40,R,"
-                        "0xFFFF,Int16,655,\"device 2 channel \"\"T\"\"\""),
-              std::string::npos)
+    EXPECT_NE(
+        text.find("input-registers,1,1,\"temperature, \"\"ambient\"\"\",uint16,degC,0.1,-40,R,"
+                  "0xFFFF,Int16,655,\"device 2 channel \"\"T\"\"\""),
+        std::string::npos)
         << text;
     EXPECT_EQ(csvField("plain"), "plain");
     EXPECT_EQ(csvField("a,b"), "\"a,b\"");

@@ -75,9 +75,10 @@ std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceDefinition> const
     return raw;
 }
 
-Registers makeCompositeRegisters(EntryDefinition const& e) {
+Registers makeCompositeRegisters(EntryDefinition const& e, BuiltEncoder& built) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
+    built.sources.assign(raw.begin(), raw.end());
     auto conversions = makeRegisterConversions(e.function, e.sources.size());
     auto encoder = std::make_unique<modbus::CdsDataToRegistersAccessor>(
         e.size, raw, std::move(conversions.dataToRegisters), std::move(conversions.registersToData),
@@ -88,9 +89,10 @@ Registers makeCompositeRegisters(EntryDefinition const& e) {
     return encoder;
 }
 
-Discretes makeCompositeDiscretes(EntryDefinition const& e) {
+Discretes makeCompositeDiscretes(EntryDefinition const& e, BuiltEncoder& built) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
+    built.sources.assign(raw.begin(), raw.end());
     auto conversions = makeDiscreteConversions(e.function, e.sources.size());
     auto encoder = std::make_unique<modbus::CdsDataToDiscretesAccessor>(
         e.size, raw, std::move(conversions.dataToDiscretes),
@@ -136,7 +138,7 @@ Registers makeSingleRegisters(EntryDefinition const& e, CdsDataAccessor* source)
 
 /* The daemon's encoder of an entry with an explicit layout; null for the
  * library's encoders. */
-Registers makeLayoutEncoder(EntryDefinition const& e) {
+Registers makeLayoutEncoder(EntryDefinition const& e, BuiltEncoder& built) {
     if (!e.layout) {
         return nullptr;
     }
@@ -146,8 +148,9 @@ Registers makeLayoutEncoder(EntryDefinition const& e) {
     } else if (e.encoder == EncoderKind::Uint32) {
         type = Wire32Type::Uint32;
     }
-    return std::make_unique<Wire32Encoder>(makeDataAccessor(e.sources.at(0)), type, *e.layout,
-                                           e.multiplier);
+    auto source = makeDataAccessor(e.sources.at(0));
+    built.sources = {source.get()};  // owned by the encoder from here on
+    return std::make_unique<Wire32Encoder>(std::move(source), type, *e.layout, e.multiplier);
 }
 
 }  // namespace
@@ -167,21 +170,24 @@ std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceDefinition const& source
 BuiltEncoder makeEncoder(EntryDefinition const& entry) {
     BuiltEncoder built;
     if (entry.encoder == EncoderKind::CompositeRegisters) {
-        built.registers = makeCompositeRegisters(entry);
+        built.registers = makeCompositeRegisters(entry, built);
     } else if (entry.encoder == EncoderKind::CompositeDiscretes) {
-        built.discretes = makeCompositeDiscretes(entry);
-    } else if (auto layoutEncoder = makeLayoutEncoder(entry)) {
+        built.discretes = makeCompositeDiscretes(entry, built);
+    } else if (auto layoutEncoder = makeLayoutEncoder(entry, built)) {
         built.registers = std::move(layoutEncoder);
     } else if (entry.encoder == EncoderKind::Boolean) {
         auto modifier =
             entry.invert ? modbus::DiscreteModifier::Invert : modbus::DiscreteModifier::None;
-        built.discretes = std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(
-            makeDataAccessor(entry.sources.at(0)).release(), modifier);
+        auto source = makeDataAccessor(entry.sources.at(0));
+        built.sources = {source.get()};
+        built.discretes =
+            std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(source.release(), modifier);
     } else {
         // The raw-pointer constructors take ownership (and delete the accessor
         // themselves if they fail), so it is released straight into them.
         auto source = makeDataAccessor(entry.sources.at(0));
         CdsDataAccessor* raw = source.get();
+        built.sources = {raw};
         built.registers = makeSingleRegisters(entry, source.release());
         if (entry.encoder == EncoderKind::String) {
             built.unwiredSource = raw;
