@@ -1,5 +1,6 @@
 #include "DaemonCore.h"
 
+#include "MapWarnings.h"
 #include "modbus/PowerDistributionAvailableAccessor.h"
 #include "sources/ScenarioSource.h"
 
@@ -27,6 +28,9 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
 std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& config) {
     auto served = std::make_unique<Served>();
     served->map = std::make_unique<ServedMap>(config.map, m_log);
+    for (auto const& line : mapWarnings(config.map, m_floatLayout)) {
+        m_log.warning("map: " + line);
+    }
     served->handler =
         std::make_unique<RequestHandler>(*served->map, *m_availability, m_log, config.unitId);
     std::size_t const pending = served->map->pendingCount();
@@ -47,6 +51,7 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
     for (auto const& map : served->unitMaps) {
         served->refresh.push_back(std::make_unique<AttributeRefresh>(*map));
     }
+    m_readOnly = config.readOnly;
     if (config.readOnly) {
         served->handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
@@ -173,7 +178,7 @@ std::string DaemonCore::describe(DescribeFormat format) {
     buildPendingEntries();
     bool const available = m_availability->isAvailable();
     DescribeContext const context{*m_served->map, m_floatLayout, available,
-                                  m_availability->notAvailableMessage()};
+                                  m_availability->notAvailableMessage(), m_readOnly};
     return describeMap(context, format);
 }
 

@@ -134,6 +134,7 @@ class DaemonCore {
     AuditTrail* m_auditTrail = nullptr;
     Metrics* m_metrics = nullptr;
     Gate m_gate = Gate::Unknown;
+    bool m_readOnly = false;  // every write refused: the description says R
 };
 
 }  // namespace tarsel::daemon

@@ -12,6 +12,7 @@
 #include "Log.h"
 #include "LogText.h"
 #include "MapLoader.h"
+#include "MapWarnings.h"
 #include "ModbusServer.h"
 #include "Options.h"
 #include "Reloader.h"
@@ -127,6 +128,9 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     }
     if (options.check) {
         log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
+        for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
+            log.warning("map: " + line);
+        }
         log.info(configuration.scenario
                      ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
                            " events, valid"

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "DeviceIdentification.h"
+#include "EntryWire.h"
 #include "LogText.h"
 #include "RequestValidation.h"
 
@@ -211,8 +212,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
-            // A discrete has no room for a sentinel: it reads as 0.
-            words.assign(entry.definition.size, registers ? policy.word : 0);
+            words = unavailableWords(entry.definition);
         } else if (entry.encoder.registers) {
             words = entry.encoder.registers->getData();
         } else {
