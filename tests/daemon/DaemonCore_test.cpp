@@ -167,5 +167,41 @@ TEST(DaemonCoreTest, FurtherUnitsKeepTheClientsOriginAndItsAccessRules) {
         << logText.str();
 }
 
+/* Takes every write and keeps how to tell its outcome. */
+class HeldWrites : public RemoteWrites {
+  public:
+    bool owns(ServedEntry const&) const override { return true; }
+    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
+                                       std::string const&, Done done) override {
+        pending.push_back(std::move(done));
+        return std::nullopt;
+    }
+    std::vector<Done> pending;
+};
+
+TEST(DaemonCoreTest, AWriteWaitingForItsOutcomeOutlivesAReloadOfTheMaps) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    HeldWrites writes;
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})");
+    config.remoteWrites = &writes;
+    ServedConfig const served = config;
+    DaemonCore core(std::move(config), log);
+    auto const write = testing::writeRegisters(0, {0, 9});
+    Answer const answer = core.handler().handle(write.data(), write.size());
+    ASSERT_TRUE(answer.deferred);
+    core.replaceMaps(served);
+    ASSERT_EQ(writes.pending.size(), 1u);
+    writes.pending.front()(RemoteOutcome{0, "done"});
+    EXPECT_TRUE(core.deferredReplies().settled(*answer.deferred));
+    EXPECT_NE(logText.str().find(": done; client=local"), std::string::npos) << logText.str();
+    // The new maps hand writes over too.
+    EXPECT_TRUE(core.handler().handle(write.data(), write.size()).deferred);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

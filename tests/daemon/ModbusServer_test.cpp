@@ -29,8 +29,8 @@ char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channe
 class HeldWrites : public RemoteWrites {
   public:
     bool owns(ServedEntry const&) const override { return true; }
-    std::optional<WriteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
-                                      std::string const&, Done done) override {
+    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
+                                       std::string const&, Done done) override {
         pending.push_back(std::move(done));
         return std::nullopt;
     }
@@ -126,7 +126,7 @@ TEST_F(ModbusServerTest, APipelinedReadIsAnsweredAfterTheWriteBeforeIt) {
     ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
     pump();
     EXPECT_TRUE(answers(client).empty()) << "the read overtook the write";
-    m_writes.pending.front()(WriteOutcome{0, "done"});
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
     ASSERT_TRUE(readable(client));
     EXPECT_EQ(answers(client), (std::vector<int>{1, 2}));
 }
@@ -135,7 +135,7 @@ TEST_F(ModbusServerTest, AWriteRefusedLaterGetsItsExceptionInItsPlace) {
     int const client = connectClient();
     send(client, withTransaction(testing::request(6, 2, 42), 9));
     ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
-    m_writes.pending.front()(WriteOutcome{0x02, "refused"});
+    m_writes.pending.front()(RemoteOutcome{0x02, "refused"});
     ASSERT_TRUE(readable(client));
     Bytes bytes(64);
     ASSERT_EQ(::recv(client, bytes.data(), bytes.size(), MSG_DONTWAIT), 9);
@@ -162,7 +162,7 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     ::close(client);
     m_clients.clear();
     ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
-    m_writes.pending.front()(WriteOutcome{0, "done"});
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
     pump();
     EXPECT_EQ(m_replies.size(), 0u);
     EXPECT_NE(m_daemon.logText().find("done (too late for the client's answer)"), std::string::npos)

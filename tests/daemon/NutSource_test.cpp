@@ -239,11 +239,11 @@ class NutWritesSourceTest : public NutSourceTest {
     }
 
     /* Starts a write and runs the loop until its outcome comes back. */
-    std::optional<WriteOutcome> write(ServedEntry const& entry,
-                                      std::vector<std::uint16_t> const& words) {
-        std::optional<WriteOutcome> outcome;
+    std::optional<RemoteOutcome> write(ServedEntry const& entry,
+                                       std::vector<std::uint16_t> const& words) {
+        std::optional<RemoteOutcome> outcome;
         auto const known = m_source->start(entry, words, "127.0.0.1:5020",
-                                           [&](WriteOutcome const& done) { outcome = done; });
+                                           [&](RemoteOutcome const& done) { outcome = done; });
         if (known) {
             return known;
         }

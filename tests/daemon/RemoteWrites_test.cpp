@@ -28,12 +28,12 @@ char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channe
 class FakeRemote : public RemoteWrites {
   public:
     bool owns(ServedEntry const& entry) const override { return entry.definition.name != "local"; }
-    std::optional<WriteOutcome> start(ServedEntry const& entry,
-                                      std::vector<std::uint16_t> const& words,
-                                      std::string const& client, Done done) override {
+    std::optional<RemoteOutcome> start(ServedEntry const& entry,
+                                       std::vector<std::uint16_t> const& words,
+                                       std::string const& client, Done done) override {
         started.push_back(entry.definition.name + " " + client + " " + std::to_string(words[0]));
         if (refuseWith) {
-            return WriteOutcome{*refuseWith, "refused at once"};
+            return RemoteOutcome{*refuseWith, "refused at once"};
         }
         pending.push_back(std::move(done));
         return std::nullopt;
@@ -68,7 +68,7 @@ TEST_F(RemoteWritesTest, AWriteIsHandedOverAndDeferredAndTheStoreIsNotWritten) {
 TEST_F(RemoteWritesTest, TheOutcomeSettlesTheAnswerAndIsAuditedWithTheClient) {
     Answer const answer = m_daemon.ask(request(6, 2, 42));
     ASSERT_EQ(m_remote.pending.size(), 1u);
-    m_remote.pending.front()(WriteOutcome{0x02, "refused by upsd (ERR READONLY)"});
+    m_remote.pending.front()(RemoteOutcome{0x02, "refused by upsd (ERR READONLY)"});
     EXPECT_EQ(m_replies.take(*answer.deferred), 0x02);
     EXPECT_TRUE(
         logged("write \"t\" holding-registers 2: [0xFFFD] -> [0x002A]: refused by upsd "
@@ -104,7 +104,7 @@ TEST_F(RemoteWritesTest, AnOutcomePastTheBoundIsAnswered0x0BAndAuditedWhenItCome
     m_replies.expire(DeferredReplies::Clock::now() + 6s);
     EXPECT_EQ(m_replies.take(*answer.deferred), 0x0B);
     EXPECT_TRUE(logged("no outcome within 5000 ms: answered 0x0B")) << m_daemon.logText();
-    m_remote.pending.front()(WriteOutcome{0, "done"});
+    m_remote.pending.front()(RemoteOutcome{0, "done"});
     EXPECT_TRUE(logged(": done (too late for the client's answer); client=local"))
         << m_daemon.logText();
 }

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "HttpServer.h"
 #include "sources/nut/NutEndpoint.h"
 
 namespace tarsel::daemon {
@@ -84,6 +85,28 @@ void checkTls(Options const& options) {
     if (tls.roles.empty()) {
         throw std::invalid_argument(
             "--tls-port needs at least one --tls-role: without one no client could do anything");
+    }
+}
+
+/* "ADDR:PORT" of --http-listen. */
+void setHttpListen(Options& options, std::string const& text) {
+    std::size_t const colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        throw std::invalid_argument("--http-listen expects ADDR:PORT, got \"" + text + "\"");
+    }
+    options.httpAddress = text.substr(0, colon);
+    options.httpPort =
+        static_cast<int>(integerArgument("--http-listen", text.substr(colon + 1), 0, 65535));
+}
+
+void checkHttp(Options const& options) {
+    // The endpoint has no authentication: it tells the world how the UPS
+    // and the daemon are doing, so it stays on this host unless asked.
+    if (options.httpAddress && !options.httpAllowRemote &&
+        !isLoopbackAddress(*options.httpAddress)) {
+        throw std::invalid_argument("--http-listen " + *options.httpAddress +
+                                    ": not a loopback address (127.0.0.0/8); add "
+                                    "--http-allow-remote to serve health and metrics there");
     }
 }
 
@@ -187,6 +210,10 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.limits.idleTimeout = millisecondsArgument(arg.name, value());
         } else if (arg.name == "--frame-timeout") {
             options.limits.partialFrameTimeout = millisecondsArgument(arg.name, value());
+        } else if (arg.name == "--http-listen") {
+            setHttpListen(options, value());
+        } else if (arg.name == "--http-allow-remote") {
+            options.httpAllowRemote = true;
         } else if (arg.name == "--run-seconds") {
             options.runSeconds = secondsArgument(arg.name, value());
         } else {
@@ -194,6 +221,7 @@ Options parseOptions(std::vector<std::string> const& args) {
         }
     }
     checkTls(options);
+    checkHttp(options);
     if (options.nutWrites && (options.nutUpses.empty() || options.nutCredentials.empty())) {
         throw std::invalid_argument("--nut-writes needs --nut and --nut-credentials FILE");
     }
@@ -256,6 +284,12 @@ Options:
                         (default 600; 0: never)
   --frame-timeout N     close a client that started a frame and did not end
                         it within N seconds (default 10; 0: never)
+  --http-listen ADDR:PORT
+                        serve /healthz and /metrics (Prometheus) over HTTP
+                        there (off by default; 9502 by convention, 0 picks a
+                        free port, logged); loopback addresses only unless
+                        --http-allow-remote
+  --http-allow-remote   let --http-listen take a non-loopback address
   --run-seconds N       stop by itself after N seconds (default: run until
                         SIGINT or SIGTERM)
   --verbose, -v         log pushes, writes, exceptions and scenario steps
@@ -266,8 +300,9 @@ Options:
   --check               check the map and the scenario, list every error, exit
   --help, -h            this text
 
-Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGUSR1 logs the
-register-map description.
+Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGHUP reloads the
+options and the map (a bad map is refused and the running one kept);
+SIGUSR1 logs the register-map description.
 
 Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad
 command line, map or scenario.

@@ -42,6 +42,10 @@ struct Options {
     // credentials file; off: every write is refused with 0x01.
     bool nutWrites = false;
     std::string nutCredentials;
+    // The health and metrics endpoint, off unless an address is given.
+    std::optional<std::string> httpAddress;
+    int httpPort = 9502;
+    bool httpAllowRemote = false;  // an address outside 127.0.0.0/8 is refused without it
 };
 
 /* Parses argv; throws std::invalid_argument with a message for the user. */

@@ -4,16 +4,21 @@
 #include <optional>
 
 #include "AuditTrail.h"
+#include "Configuration.h"
 #include "DaemonCore.h"
 #include "EmbeddedDefaults.h"
 #include "EventLoop.h"
+#include "HttpServer.h"
 #include "Log.h"
 #include "LogText.h"
 #include "MapLoader.h"
+#include "MapWarnings.h"
 #include "ModbusServer.h"
 #include "Options.h"
+#include "Reloader.h"
 #include "Scenario.h"
 #include "SignalPipe.h"
+#include "StatusReport.h"
 #include "TlsContext.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
@@ -23,19 +28,6 @@ namespace {
 using namespace tarsel::daemon;
 
 constexpr int kExitBadInput = 2;
-
-std::optional<Scenario> loadScenario(Options const& options) {
-    if (options.scenarioFile == "none" || !options.nutUpses.empty()) {
-        return std::nullopt;
-    }
-    return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
-                                                      : readTextFile(options.scenarioFile));
-}
-
-RegisterMapDefinition loadMap(Options const& options) {
-    return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
-                                                    : readTextFile(options.mapFile));
-}
 
 /* The NUT source of --nut; nothing without it. Reads the credentials of
  * --nut-writes (throws std::runtime_error when they cannot be used). */
@@ -56,25 +48,6 @@ std::unique_ptr<nut::Source> makeNutSource(Options const& options, Log& log) {
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
-/* The map of the UPS at `index` of --nut: its own --nut-map, or the shared
- * one; either is written for device 2 and moved onto the UPS's device. */
-RegisterMapDefinition mapOfUps(Options const& options, RegisterMapDefinition const& shared,
-                               std::size_t index) {
-    std::string const& file = options.nutMaps.at(index);
-    if (file.empty()) {
-        return nut::mapForUps(shared, index);
-    }
-    try {
-        return nut::mapForUps(parseRegisterMap(readTextFile(file)), index);
-    } catch (MapError const& error) {
-        std::vector<std::string> lines;
-        for (auto const& line : error.errors()) {
-            lines.push_back(file + ": " + line);
-        }
-        throw MapError(lines);
-    }
-}
-
 /* The audit trail of --audit-log; nothing without it. */
 std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     if (options.auditLog.empty()) {
@@ -85,12 +58,34 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     return trail;
 }
 
-int serve(Options const& options, CoreConfig config, Log& log) {
+/* The health and metrics endpoint of --http-listen; nothing without it. */
+std::unique_ptr<HttpServer> openHttp(Options const& options, DaemonCore& core,
+                                     std::vector<ModbusServer*> const& servers,
+                                     Metrics const& metrics, Log& log) {
+    if (!options.httpAddress) {
+        return nullptr;
+    }
+    auto responder = [&core, servers, &metrics](HttpRequest const& request) {
+        return statusPage(gatherStatus(core, servers, metrics, std::chrono::steady_clock::now()),
+                          request);
+    };
+    auto http = std::make_unique<HttpServer>(*options.httpAddress, options.httpPort, HttpLimits{},
+                                             std::move(responder), log);
+    log.info("health and metrics on http://" + *options.httpAddress + ":" +
+             std::to_string(http->port()) + "/ (/healthz, /metrics)");
+    return http;
+}
+
+int serve(Configuration const& configuration, std::vector<std::string> const& args,
+          CoreConfig config, Log& log) {
+    Options const& options = configuration.options;
     // Opened first, so that it outlives the handlers that write to it.
     std::unique_ptr<AuditTrail> const audit =
         options.describe ? nullptr : openAuditTrail(options, log);
+    Metrics metrics;
     DaemonCore core(std::move(config), log);
     core.setAuditTrail(audit.get());
+    core.setMetrics(&metrics);
     if (options.describe) {
         if (core.scenario() != nullptr) {
             core.scenario()->playFirst(options.describeAt);
@@ -114,39 +109,41 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
     }
-    return runEventLoop(core, servers, signals, log, options.runSeconds);
+    std::unique_ptr<HttpServer> const http = openHttp(options, core, servers, metrics, log);
+    // The same call that built this configuration builds the next one.
+    Reloader reloader([&args] { return loadConfiguration(args); }, options, core,
+                      {&server, secure.get()}, &metrics, log);
+    LoopExtras extras;
+    extras.reload = [&reloader] { reloader.reload(); };
+    extras.http = http.get();
+    return runEventLoop(core, servers, signals, log, options.runSeconds, extras);
 }
 
-int run(Options const& options, Log& log) {
+int run(std::vector<std::string> const& args, Options const& options, Log& log) {
+    Configuration configuration;
     CoreConfig config;
-    std::vector<RegisterMapDefinition> upsMaps;  // one per --nut
     try {
-        config.map = loadMap(options);
-        config.scenario = loadScenario(options);
-        for (std::size_t k = 0; k < options.nutUpses.size(); ++k) {
-            upsMaps.push_back(mapOfUps(options, config.map, k));
-        }
-    } catch (MapError const& error) {
-        log.error("the register map cannot be served:");
-        for (auto const& line : error.errors()) {
-            log.error("  " + line);
-        }
-        return kExitBadInput;
-    } catch (ScenarioError const& error) {
-        log.error("the scenario cannot be played:");
+        configuration = loadFiles(options);
+        static_cast<ServedConfig&>(config) = servedConfig(configuration);
+    } catch (ConfigurationError const& error) {
+        log.error(error.what());
         for (auto const& line : error.errors()) {
             log.error("  " + line);
         }
         return kExitBadInput;
     }
     if (options.check) {
-        log.info("map: " + std::to_string(config.map.entries.size()) + " entries, valid");
-        log.info(config.scenario ? "scenario: " + std::to_string(config.scenario->events.size()) +
-                                       " events, valid"
-                                 : std::string("scenario: none"));
+        log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
+        for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
+            log.warning("map: " + line);
+        }
+        log.info(configuration.scenario
+                     ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
+                           " events, valid"
+                     : std::string("scenario: none"));
         return 0;
     }
-    config.unitId = static_cast<std::uint8_t>(options.unitId);
+    config.scenario = configuration.scenario;
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {
@@ -157,26 +154,7 @@ int run(Options const& options, Log& log) {
         log.error(std::string("--nut-credentials: ") + error.what());
         return kExitBadInput;
     }
-    // Without --nut-writes nothing is written back: a write would only change
-    // the daemon's copy of a value upsd owns.
-    config.readOnly = !options.nutUpses.empty() && !options.nutWrites;
-    // Each further UPS is served under the next unit id, with its own map or
-    // the shared one moved onto its device.
-    for (std::size_t k = 0; k < options.nutUpses.size(); ++k) {
-        std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
-        if (unit > 247) {
-            log.error("--nut: UPS " + options.nutUpses[k] + " would be unit id " +
-                      std::to_string(unit) + ", above 247");
-            return kExitBadInput;
-        }
-        if (k > 0) {
-            config.moreUnits.push_back({static_cast<std::uint8_t>(unit), std::move(upsMaps[k])});
-        }
-    }
-    if (!upsMaps.empty()) {
-        config.map = std::move(upsMaps.front());
-    }
-    int const status = serve(options, std::move(config), log);
+    int const status = serve(configuration, args, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
              std::to_string(cdshost::Store::instance().subscriptionCount()));
@@ -186,9 +164,10 @@ int run(Options const& options, Log& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::vector<std::string> const args(argv + 1, argv + argc);
     Options options;
     try {
-        options = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
+        options = parseOptions(args);
     } catch (std::invalid_argument const& error) {
         std::cerr << "tarsel-modbusd: " << error.what() << "\n";
         return kExitBadInput;
@@ -199,7 +178,7 @@ int main(int argc, char** argv) {
     }
     Log log(std::cerr, options.verbose);
     try {
-        return run(options, log);
+        return run(args, options, log);
     } catch (std::exception const& error) {
         log.error(error.what());
         return 1;

@@ -75,7 +75,7 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
     : m_limits(limits),
       m_access(config.access),
       m_tls(config.tls),
-      m_handler(handler),
+      m_handler(&handler),
       m_log(log),
       m_listener(listenOn(config)) {
     sockaddr_in bound{};
@@ -87,6 +87,13 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
 ModbusServer::~ModbusServer() {
     m_clients.clear();
     ::close(m_listener);
+}
+
+bool ModbusServer::listening() const {
+    int accepting = 0;
+    socklen_t length = sizeof accepting;
+    return ::getsockopt(m_listener, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) == 0 &&
+           accepting != 0;
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
@@ -147,7 +154,7 @@ bool ModbusServer::hasBacklog() const {
 }
 
 bool ModbusServer::hasSettled(ClientConnection const& client) const {
-    DeferredReplies const* replies = m_handler.deferredReplies();
+    DeferredReplies const* replies = m_handler->deferredReplies();
     if (replies == nullptr || m_deferred.empty()) {
         return false;
     }
@@ -157,7 +164,7 @@ bool ModbusServer::hasSettled(ClientConnection const& client) const {
 }
 
 void ModbusServer::deliverSettled() {
-    DeferredReplies* replies = m_handler.deferredReplies();
+    DeferredReplies* replies = m_handler->deferredReplies();
     if (replies == nullptr || m_deferred.empty()) {
         return;
     }
@@ -173,6 +180,7 @@ void ModbusServer::deliverSettled() {
             Answer answer = found->second.answer;
             answer.deferred.reset();
             answer.exception = *exception;
+            m_handler->countAnswer(answer.function, answer.exception);
             std::vector<std::uint8_t> const bytes =
                 encodeResponse(found->second.frame.data(), found->second.frame.size(), answer);
             m_deferred.erase(found);
@@ -215,14 +223,14 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer const answer = m_handler.handle(
+        Answer const answer = m_handler->handle(
             frame.data(), frame.size(),
             {client.peer().text, client.peer().ipv4, &m_access, client.roleMayWrite()});
         if (answer.deferred) {
             if (client.queueDeferred(*answer.deferred) != ClientConnection::QueueStatus::Queued) {
                 // Its place counts against the output limit: see below.
-                if (m_handler.deferredReplies() != nullptr) {
-                    m_handler.deferredReplies()->discard(*answer.deferred);
+                if (m_handler->deferredReplies() != nullptr) {
+                    m_handler->deferredReplies()->discard(*answer.deferred);
                 }
                 why = {"clients not reading", "does not read its answers (" +
                                                   std::to_string(client.pendingOutput()) +
@@ -344,7 +352,7 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
-    if (DeferredReplies* replies = m_handler.deferredReplies()) {
+    if (DeferredReplies* replies = m_handler->deferredReplies()) {
         replies->expire(now);
     }
     for (std::size_t i = m_clients.size(); i-- > 0;) {
@@ -368,8 +376,8 @@ void ModbusServer::drop(std::size_t index, Closing const& why) {
     // Answers still to come for it reach no one: their outcome is only
     // audited.
     for (DeferredReplies::Token const token : m_clients[index]->deferredTokens()) {
-        if (m_handler.deferredReplies() != nullptr) {
-            m_handler.deferredReplies()->discard(token);
+        if (m_handler->deferredReplies() != nullptr) {
+            m_handler->deferredReplies()->discard(token);
         }
         m_deferred.erase(token);
     }

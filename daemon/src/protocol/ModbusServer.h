@@ -53,6 +53,14 @@ class ModbusServer {
 
     int port() const { return m_port; }
     std::size_t clientCount() const { return m_clients.size(); }
+    /* True while the listening socket accepts connections. */
+    bool listening() const;
+
+    /* Hands the following requests to another handler and judges them by
+     * other rules (a reload). Between two requests only: the loop's
+     * thread, outside serve(). */
+    void setHandler(RequestHandler& handler) { m_handler = &handler; }
+    void setAccess(AccessRules const& access) { m_access = access; }
 
     /* The descriptors to poll: the listener first, then every client. */
     std::vector<pollfd> pollSet() const;
@@ -99,7 +107,7 @@ class ModbusServer {
     ClientLimits m_limits;
     AccessRules m_access;
     std::shared_ptr<TlsContext const> m_tls;
-    RequestHandler& m_handler;
+    RequestHandler* m_handler;
     Log& m_log;
     int m_listener = -1;
     int m_port = 0;

@@ -15,7 +15,7 @@ namespace tarsel::daemon {
 
 /* How a write handed over ended: the exception code the client gets (0:
  * done) and a short text for the log and the audit trail. */
-struct WriteOutcome {
+struct RemoteOutcome {
     std::uint8_t exception = 0;
     std::string text;
 };
@@ -23,7 +23,7 @@ struct WriteOutcome {
 class RemoteWrites {
   public:
     /* Runs on the loop's thread, once per write started. */
-    using Done = std::function<void(WriteOutcome const&)>;
+    using Done = std::function<void(RemoteOutcome const&)>;
 
     virtual ~RemoteWrites() = default;
 
@@ -33,9 +33,9 @@ class RemoteWrites {
      * An outcome known at once (the write is refused before anything is
      * sent) is returned and `done` is not called; otherwise nothing is
      * returned and `done` is called later, on the loop's thread. */
-    virtual std::optional<WriteOutcome> start(ServedEntry const& entry,
-                                              std::vector<std::uint16_t> const& words,
-                                              std::string const& client, Done done) = 0;
+    virtual std::optional<RemoteOutcome> start(ServedEntry const& entry,
+                                               std::vector<std::uint16_t> const& words,
+                                               std::string const& client, Done done) = 0;
 
   protected:
     RemoteWrites() = default;

@@ -13,6 +13,7 @@
 #include "AuditTrail.h"
 #include "DeferredReplies.h"
 #include "Log.h"
+#include "Metrics.h"
 #include "RemoteWrites.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
@@ -73,6 +74,10 @@ class RequestHandler {
      * (the default): writes are only in the log, where repeated ones are
      * summarised. The trail must outlive the handler. */
     void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
+    /* Every request handed to this handler is counted there by function and
+     * exception; nothing (the default): not counted. Give it only to the
+     * handler the listeners call: a routed request is counted by it. */
+    void setMetrics(Metrics* metrics) { m_metrics = metrics; }
 
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
@@ -86,6 +91,9 @@ class RequestHandler {
         m_remote = remote;
         m_replies = replies;
     }
+    /* Counts an answer in the metrics; a deferred one is counted by whoever
+     * sends it, with its outcome, once it is known. */
+    void countAnswer(std::uint8_t function, std::uint8_t exception);
     /* Where deferred answers wait; null when none are handed over. */
     DeferredReplies* deferredReplies() const { return m_replies; }
 
@@ -107,7 +115,6 @@ class RequestHandler {
     std::string writeRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
     void audit(ServedEntry const& entry, std::string const& before,
                std::vector<std::uint16_t> const& written, std::string const& outcome);
-    void auditLine(std::string const& key, std::string const& line, Log::Level level);
     void auditRefused(ServedEntry const& entry, std::vector<std::uint16_t> const& written,
                       std::string const& why);
 
@@ -120,6 +127,7 @@ class RequestHandler {
     AuditTrail* m_auditTrail = nullptr;
     RemoteWrites* m_remote = nullptr;
     DeferredReplies* m_replies = nullptr;
+    Metrics* m_metrics = nullptr;
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;

@@ -25,6 +25,23 @@ Variables withCommands(Reading const& reading) {
     return variables;
 }
 
+// A poll ends within the connect and answer bounds (2 s + 5 s); a last poll
+// older than three intervals and this margin means the poller is stuck.
+constexpr std::chrono::seconds kPollMargin{10};
+
+/* Adds the counts of `more` to `total`; both use pollLatencyBounds(). */
+void addLatencies(HistogramSnapshot& total, HistogramSnapshot const& more) {
+    if (total.bounds.empty()) {
+        total = more;
+        return;
+    }
+    for (std::size_t i = 0; i < total.counts.size() && i < more.counts.size(); ++i) {
+        total.counts[i] += more.counts[i];
+    }
+    total.count += more.count;
+    total.sum += more.sum;
+}
+
 }  // namespace
 
 RegisterMapDefinition mapForUps(RegisterMapDefinition map, std::size_t index) {
@@ -107,6 +124,41 @@ bool Source::update(Clock::time_point) {
         }
     }
     return changed;
+}
+
+SourceStatus Source::status(Clock::time_point now) const {
+    SourceStatus status;
+    status.pollLatency = Histogram(pollLatencyBounds()).snapshot();
+    for (auto const& ups : m_upses) {
+        if (!ups.poller) {
+            if (status.fresh) {
+                status.fresh = false;
+                status.detail = ups.endpoint.text() + ": not polled yet";
+            }
+            continue;
+        }
+        PollerStatus const polled = ups.poller->status();
+        status.polls += polled.polls;
+        addLatencies(status.pollLatency, polled.latency);
+        std::string why;
+        if (!polled.lastState) {
+            why = "no poll has ended yet";
+        } else if (*polled.lastState != Reading::State::Fresh) {
+            why = std::string(stateName(*polled.lastState)) +
+                  (polled.lastDetail.empty() ? "" : ": " + polled.lastDetail);
+        } else if (now - polled.lastPoll > 3 * m_config.interval + kPollMargin) {
+            why = "no poll has ended for " +
+                  std::to_string(
+                      std::chrono::duration_cast<std::chrono::seconds>(now - polled.lastPoll)
+                          .count()) +
+                  " s";
+        }
+        if (!why.empty() && status.fresh) {
+            status.fresh = false;
+            status.detail = ups.endpoint.text() + ": " + why;
+        }
+    }
+    return status;
 }
 
 bool Source::apply(Ups& ups, Reading const& reading) {
@@ -224,7 +276,7 @@ bool Source::owns(ServedEntry const& entry) const {
 
 std::optional<Command> Source::commandFor(Target const& target, EntryDefinition const& entry,
                                           std::vector<std::uint16_t> const& words,
-                                          WriteOutcome& refusal) {
+                                          RemoteOutcome& refusal) {
     Ups const& ups = m_upses[target.ups];
     Variables const& now = ups.mirror->variables();
     auto const found = now.find(target.name);
@@ -259,18 +311,18 @@ std::optional<Command> Source::commandFor(Target const& target, EntryDefinition 
     return command;
 }
 
-std::optional<WriteOutcome> Source::start(ServedEntry const& entry,
-                                          std::vector<std::uint16_t> const& words,
-                                          std::string const& client, Done done) {
+std::optional<RemoteOutcome> Source::start(ServedEntry const& entry,
+                                           std::vector<std::uint16_t> const& words,
+                                           std::string const& client, Done done) {
     auto const target = targetOf(entry.definition);
     if (!writable() || !target) {
-        return WriteOutcome{kIllegalFunction, "not a variable or command of the UPS"};
+        return RemoteOutcome{kIllegalFunction, "not a variable or command of the UPS"};
     }
     Ups& ups = m_upses[target->ups];
     if (!ups.poller || !ups.commander) {
-        return WriteOutcome{kGatewayTargetFailed, "the UPS is not polled"};
+        return RemoteOutcome{kGatewayTargetFailed, "the UPS is not polled"};
     }
-    WriteOutcome refusal;
+    RemoteOutcome refusal;
     std::optional<Command> const command = commandFor(*target, entry.definition, words, refusal);
     if (!command) {
         return refusal;
@@ -285,20 +337,20 @@ std::optional<WriteOutcome> Source::start(ServedEntry const& entry,
             Outcome const outcome = outcomeOf(command, commander->run(command));
             {
                 std::lock_guard<std::mutex> lock(m_doneMutex);
-                m_done.emplace_back(done, WriteOutcome{outcome.exception, outcome.text});
+                m_done.emplace_back(done, RemoteOutcome{outcome.exception, outcome.text});
             }
             m_wake.wake();
         },
         kMaxWaitingWrites);
     if (!queued) {
-        return WriteOutcome{kServerDeviceBusy, "too many writes wait for this UPS"};
+        return RemoteOutcome{kServerDeviceBusy, "too many writes wait for this UPS"};
     }
     return std::nullopt;
 }
 
 /* Tells the writers how their writes ended, on the loop's thread. */
 void Source::finishWrites() {
-    std::vector<std::pair<Done, WriteOutcome>> done;
+    std::vector<std::pair<Done, RemoteOutcome>> done;
     {
         std::lock_guard<std::mutex> lock(m_doneMutex);
         done.swap(m_done);

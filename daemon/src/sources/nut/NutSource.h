@@ -79,15 +79,18 @@ class Source : public DataSource, public RemoteWrites {
     int wakeDescriptor() const override { return m_wake.fd(); }
     std::optional<Clock::time_point> nextDue() const override { return std::nullopt; }
     bool update(Clock::time_point now) override;
+    /* Fresh while the last poll of every UPS found fresh data and ended
+     * recently enough (a poller thread that stopped polling is stale too). */
+    SourceStatus status(Clock::time_point now) const override;
 
     UpsMirror const& mirror(std::size_t index) const { return *m_upses.at(index).mirror; }
 
     /* True when credentials were given: writes are taken. */
     bool writable() const { return static_cast<bool>(m_commanders); }
     bool owns(ServedEntry const& entry) const override;
-    std::optional<WriteOutcome> start(ServedEntry const& entry,
-                                      std::vector<std::uint16_t> const& words,
-                                      std::string const& client, Done done) override;
+    std::optional<RemoteOutcome> start(ServedEntry const& entry,
+                                       std::vector<std::uint16_t> const& words,
+                                       std::string const& client, Done done) override;
 
   private:
     struct Ups {
@@ -109,7 +112,7 @@ class Source : public DataSource, public RemoteWrites {
     std::optional<std::size_t> upsOf(DeviceRef const& device) const;
     std::optional<Command> commandFor(Target const& target, EntryDefinition const& entry,
                                       std::vector<std::uint16_t> const& words,
-                                      WriteOutcome& refusal);
+                                      RemoteOutcome& refusal);
     void finishWrites();
 
     bool apply(Ups& ups, Reading const& reading);
@@ -126,7 +129,7 @@ class Source : public DataSource, public RemoteWrites {
     std::vector<Ups> m_upses;
     // Outcomes of writes, from the poller threads to the loop's.
     std::mutex m_doneMutex;
-    std::vector<std::pair<Done, WriteOutcome>> m_done;
+    std::vector<std::pair<Done, RemoteOutcome>> m_done;
 };
 
 }  // namespace tarsel::daemon::nut

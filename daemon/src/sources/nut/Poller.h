@@ -12,6 +12,7 @@
 #include <optional>
 #include <thread>
 
+#include "Histogram.h"
 #include "NutEndpoint.h"
 #include "Reading.h"
 
@@ -22,6 +23,15 @@ class Fetcher {
   public:
     virtual ~Fetcher() = default;
     virtual Reading fetch() = 0;
+};
+
+/* What the polls of one UPS came to so far. */
+struct PollerStatus {
+    std::size_t polls = 0;
+    HistogramSnapshot latency;  // seconds per round trip
+    std::optional<Reading::State> lastState;
+    std::string lastDetail;
+    std::chrono::steady_clock::time_point lastPoll{};  // when the last one ended
 };
 
 class Poller {
@@ -45,6 +55,8 @@ class Poller {
     std::optional<Reading> take();
     /* Polls made so far. */
     std::size_t polls() const;
+    /* Counts, latencies and the state of the last poll. Any thread. */
+    PollerStatus status() const;
 
     using Job = std::function<void()>;
     /* Runs `job` on the poller's thread before its next poll, after the jobs
@@ -66,6 +78,10 @@ class Poller {
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
     std::size_t m_polls = 0;
+    Histogram m_latency{pollLatencyBounds()};
+    std::optional<Reading::State> m_lastState;
+    std::string m_lastDetail;
+    std::chrono::steady_clock::time_point m_lastPoll{};
     std::deque<Job> m_jobs;
     std::thread m_thread;  // last: started when everything else is ready
 };
