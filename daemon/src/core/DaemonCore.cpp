@@ -1,5 +1,6 @@
 #include "DaemonCore.h"
 
+#include "MapWarnings.h"
 #include "modbus/PowerDistributionAvailableAccessor.h"
 #include "sources/ScenarioSource.h"
 
@@ -20,13 +21,21 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_source->seed();
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
+    m_remoteWrites = config.remoteWrites;
     m_served = buildServed(config);
+    if (m_remoteWrites != nullptr) {
+        m_log.info("writes go back to the UPS; each answer waits for its outcome, " +
+                   std::to_string(m_replies.bound().count()) + " ms at most");
+    }
     watchAvailability();
 }
 
 std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& config) {
     auto served = std::make_unique<Served>();
     served->map = std::make_unique<ServedMap>(config.map, m_log);
+    for (auto const& line : mapWarnings(config.map, m_floatLayout)) {
+        m_log.warning("map: " + line);
+    }
     served->handler =
         std::make_unique<RequestHandler>(*served->map, *m_availability, m_log, config.unitId);
     std::size_t const pending = served->map->pendingCount();
@@ -40,6 +49,9 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
         if (config.readOnly) {
             served->unitHandlers.back()->refuseWrites();
         }
+        if (m_remoteWrites != nullptr) {
+            served->unitHandlers.back()->setRemoteWrites(m_remoteWrites, &m_replies);
+        }
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
@@ -47,9 +59,13 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
     for (auto const& map : served->unitMaps) {
         served->refresh.push_back(std::make_unique<AttributeRefresh>(*map));
     }
+    m_readOnly = config.readOnly;
     if (config.readOnly) {
         served->handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
+    }
+    if (m_remoteWrites != nullptr) {
+        served->handler->setRemoteWrites(m_remoteWrites, &m_replies);
     }
     served->handler->setAuditTrail(m_auditTrail);
     served->handler->setMetrics(m_metrics);
@@ -173,7 +189,7 @@ std::string DaemonCore::describe(DescribeFormat format) {
     buildPendingEntries();
     bool const available = m_availability->isAvailable();
     DescribeContext const context{*m_served->map, m_floatLayout, available,
-                                  m_availability->notAvailableMessage()};
+                                  m_availability->notAvailableMessage(), m_readOnly};
     return describeMap(context, format);
 }
 

@@ -14,6 +14,7 @@
 #include "Log.h"
 #include "LogText.h"
 #include "MapLoader.h"
+#include "MapWarnings.h"
 #include "ModbusServer.h"
 #include "Options.h"
 #include "Reloader.h"
@@ -30,8 +31,9 @@ using namespace tarsel::daemon;
 
 constexpr int kExitBadInput = 2;
 
-/* The NUT source of --nut; nothing without it. */
-std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
+/* The NUT source of --nut; nothing without it. Reads the credentials of
+ * --nut-writes (throws std::runtime_error when they cannot be used). */
+std::unique_ptr<nut::Source> makeNutSource(Options const& options, Log& log) {
     if (options.nutUpses.empty()) {
         return nullptr;
     }
@@ -40,6 +42,11 @@ std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
         config.upses.push_back(nut::parseEndpoint(ups));
     }
     config.interval = std::chrono::milliseconds(static_cast<long>(options.nutInterval * 1000));
+    if (options.nutWrites) {
+        config.credentials = nut::readCredentials(options.nutCredentials);
+        log.info("NUT: writes go back to upsd as user " +
+                 quotedValue(config.credentials->username));
+    }
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
@@ -139,6 +146,9 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     }
     if (options.check) {
         log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
+        for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
+            log.warning("map: " + line);
+        }
         log.info(configuration.scenario
                      ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
                            " events, valid"
@@ -150,8 +160,18 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     // for the daemon's whole life (a reload reads them anew), and with
     // thousands of entries they are megabytes.
     configuration.map = RegisterMapDefinition{};
+    configuration.upsMaps.clear();
     configuration.scenario.reset();
-    config.source = makeNutSource(options, log);
+    try {
+        std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
+        if (nutSource && nutSource->writable()) {
+            config.remoteWrites = nutSource.get();
+        }
+        config.source = std::move(nutSource);
+    } catch (std::runtime_error const& error) {
+        log.error(std::string("--nut-credentials: ") + error.what());
+        return kExitBadInput;
+    }
     int const status = serve(configuration, args, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
