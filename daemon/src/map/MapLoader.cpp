@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 #include <sstream>
 
@@ -63,18 +64,19 @@ std::set<std::string> encoderFields(EncoderKind kind) {
 /* Every field an entry of the encoder may have: built once per encoder, not
  * once per entry (a map has thousands of entries and a handful of encoders). */
 std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
-    static std::map<EncoderKind, std::set<std::string>> const all = [] {
-        std::map<EncoderKind, std::set<std::string>> built;
-        for (int k = 0; k <= static_cast<int>(EncoderKind::CompositeDiscretes); ++k) {
-            auto const each = static_cast<EncoderKind>(k);
-            auto allowed = kCommonFields;
-            auto const own = encoderFields(each);
-            allowed.insert(own.begin(), own.end());
-            built.emplace(each, std::move(allowed));
-        }
-        return built;
-    }();
-    return all.at(kind);
+    // Maps are loaded on more than one thread (a reload, a UPS's own map).
+    static std::mutex guard;
+    static std::map<EncoderKind, std::set<std::string>> built;
+    std::lock_guard<std::mutex> lock(guard);
+    auto found = built.find(kind);
+    if (found == built.end()) {
+        auto allowed = kCommonFields;
+        auto const own = encoderFields(kind);
+        allowed.insert(own.begin(), own.end());
+        found = built.emplace(kind, std::move(allowed)).first;
+    }
+    // A node of a std::map stays where it is: the reference outlives the lock.
+    return found->second;
 }
 
 std::set<std::string> const kSourceFields = {"device",    "path",  "channel", "data",
