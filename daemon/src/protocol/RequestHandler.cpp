@@ -111,7 +111,8 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     }
     std::uint8_t const unit = frame[6];
     if (auto const routed = m_units.find(unit); routed != m_units.end()) {
-        return routed->second->handle(frame, length);
+        // The same client asks: the listener's rules and its role go along.
+        return routed->second->handle(frame, length, *m_origin);
     }
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
