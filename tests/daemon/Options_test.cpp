@@ -58,6 +58,25 @@ TEST(OptionsTest, NutUpsesAreCollectedInOrderWithTheirPollInterval) {
     EXPECT_THROW(parseOptions({"--nut-interval", "0.01"}), std::invalid_argument);
 }
 
+TEST(OptionsTest, NutMapBelongsToTheNutBeforeIt) {
+    Options const options = parseOptions(
+        {"--nut", "first", "--nut", "second", "--nut-map", "second.json", "--nut", "third"});
+    EXPECT_EQ(options.nutMaps, (std::vector<std::string>{"", "second.json", ""}));
+    EXPECT_THROW(parseOptions({"--nut-map", "a.json", "--nut", "first"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--nut", "first", "--nut-map", "a.json", "--nut-map", "b.json"}),
+                 std::invalid_argument);
+}
+
+TEST(OptionsTest, NutWritesAreOffByDefaultAndNeedACredentialsFile) {
+    EXPECT_FALSE(parseOptions({"--nut", "ups"}).nutWrites);
+    EXPECT_THROW(parseOptions({"--nut", "ups", "--nut-writes"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--nut-writes", "--nut-credentials", "f"}), std::invalid_argument);
+    Options const options =
+        parseOptions({"--nut", "ups", "--nut-writes", "--nut-credentials", "/etc/x"});
+    EXPECT_TRUE(options.nutWrites);
+    EXPECT_EQ(options.nutCredentials, "/etc/x");
+}
+
 TEST(OptionsTest, ClientLimitsDefaultToSixtyFourClientsTenMinutesIdleAndTenSecondsPerFrame) {
     ClientLimits const limits = parseOptions({}).limits;
     EXPECT_EQ(limits.maxClients, 64u);

@@ -43,6 +43,15 @@ Configuration loadFiles(Options options) {
     } catch (MapError const& error) {
         throw ConfigurationError("the register map cannot be served:", error.errors());
     }
+    for (std::string const& file : options.nutMaps) {
+        try {
+            configuration.upsMaps.push_back(
+                file.empty() ? std::nullopt : std::optional(parseRegisterMap(readTextFile(file))));
+        } catch (MapError const& error) {
+            throw ConfigurationError("the register map \"" + file + "\" cannot be served:",
+                                     error.errors());
+        }
+    }
     try {
         configuration.scenario = loadScenario(options);
     } catch (ScenarioError const& error) {
@@ -62,16 +71,28 @@ Configuration loadConfiguration(std::vector<std::string> const& args) {
     return loadFiles(std::move(options));
 }
 
+namespace {
+
+/* The map of the UPS at `index` of --nut: its own, or the shared one;
+ * either is written for device 2 and moved onto the UPS's device. */
+RegisterMapDefinition mapOfUps(Configuration const& configuration, std::size_t index) {
+    auto const& own =
+        index < configuration.upsMaps.size() ? configuration.upsMaps[index] : std::nullopt;
+    return nut::mapForUps(own ? *own : configuration.map, index);
+}
+
+}  // namespace
+
 ServedConfig servedConfig(Configuration const& configuration) {
     Options const& options = configuration.options;
     ServedConfig served;
-    served.map = configuration.map;
+    served.map = options.nutUpses.empty() ? configuration.map : mapOfUps(configuration, 0);
     served.unitId = static_cast<std::uint8_t>(options.unitId);
-    // Writes back to a UPS (SET VAR, INSTCMD) are not served: a write would
+    // Without --nut-writes nothing is written back to a UPS: a write would
     // only change the daemon's copy of a value upsd owns.
-    served.readOnly = !options.nutUpses.empty();
-    // Each further UPS is served under the next unit id, with the map
-    // moved onto its device.
+    served.readOnly = !options.nutUpses.empty() && !options.nutWrites;
+    // Each further UPS is served under the next unit id, with its own map
+    // or the shared one moved onto its device.
     for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
         std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
         if (unit > kLastUnitId) {
@@ -79,8 +100,7 @@ ServedConfig servedConfig(Configuration const& configuration) {
                                      {"--nut: UPS " + options.nutUpses[k] + " would be unit id " +
                                       std::to_string(unit) + ", above 247"});
         }
-        served.moreUnits.push_back(
-            {static_cast<std::uint8_t>(unit), nut::mapForUps(configuration.map, k)});
+        served.moreUnits.push_back({static_cast<std::uint8_t>(unit), mapOfUps(configuration, k)});
     }
     return served;
 }
@@ -101,6 +121,8 @@ std::vector<std::string> settingsNeedingRestart(Options const& running, Options 
     check(running.scenarioFile == next.scenarioFile, "--scenario");
     check(running.nutUpses == next.nutUpses, "--nut");
     check(running.nutInterval == next.nutInterval, "--nut-interval");
+    check(running.nutWrites == next.nutWrites && running.nutCredentials == next.nutCredentials,
+          "--nut-writes/--nut-credentials");
     check(running.auditLog == next.auditLog, "--audit-log");
     check(running.verbose == next.verbose, "--verbose");
     check(running.httpAddress == next.httpAddress && running.httpPort == next.httpPort &&

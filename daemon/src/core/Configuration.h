@@ -18,6 +18,9 @@ namespace tarsel::daemon {
 struct Configuration {
     Options options;
     RegisterMapDefinition map;
+    // The maps of --nut-map, one per --nut (nothing: the UPS is served
+    // with `map`).
+    std::vector<std::optional<RegisterMapDefinition>> upsMaps;
     std::optional<Scenario> scenario;  // nothing: no scenario (none, or NUT)
 };
 
@@ -32,7 +35,7 @@ class ConfigurationError : public std::runtime_error {
     std::vector<std::string> m_errors;
 };
 
-/* Reads and checks the map and the scenario the options name. Throws
+/* Reads and checks the maps and the scenario the options name. Throws
  * ConfigurationError listing every error of the file at fault, and
  * std::runtime_error for a file that cannot be read. */
 Configuration loadFiles(Options options);
@@ -41,8 +44,9 @@ Configuration loadFiles(Options options);
 Configuration loadConfiguration(std::vector<std::string> const& args);
 
 /* The maps to serve and their unit ids: the map under --unit-id and, with
- * several --nut UPSes, the map moved onto each further UPS under the
- * following unit ids. Throws ConfigurationError past unit id 247. */
+ * several --nut UPSes, each further UPS under the following unit ids with
+ * its own map (--nut-map) or the shared one, moved onto its device. Throws
+ * ConfigurationError past unit id 247. */
 ServedConfig servedConfig(Configuration const& configuration);
 
 /* The settings that differ between two option sets and cannot change while

@@ -21,7 +21,12 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_source->seed();
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
+    m_remoteWrites = config.remoteWrites;
     m_served = buildServed(config);
+    if (m_remoteWrites != nullptr) {
+        m_log.info("writes go back to the UPS; each answer waits for its outcome, " +
+                   std::to_string(m_replies.bound().count()) + " ms at most");
+    }
     watchAvailability();
 }
 
@@ -44,6 +49,9 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
         if (config.readOnly) {
             served->unitHandlers.back()->refuseWrites();
         }
+        if (m_remoteWrites != nullptr) {
+            served->unitHandlers.back()->setRemoteWrites(m_remoteWrites, &m_replies);
+        }
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
@@ -55,6 +63,9 @@ std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& 
     if (config.readOnly) {
         served->handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
+    }
+    if (m_remoteWrites != nullptr) {
+        served->handler->setRemoteWrites(m_remoteWrites, &m_replies);
     }
     served->handler->setAuditTrail(m_auditTrail);
     served->handler->setMetrics(m_metrics);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AttributeRefresh.h"
+#include "DeferredReplies.h"
 #include "Describe.h"
 #include "FloatProbe.h"
 #include "Log.h"
@@ -43,6 +44,10 @@ struct CoreConfig : ServedConfig {
     // (given the scenario is empty); neither leaves the store as it is.
     std::optional<Scenario> scenario;
     std::unique_ptr<DataSource> source;
+    // Writes to the entries it owns go there instead of to the store (the
+    // source, which owns it, writing back to a UPS); their answers are
+    // deferred until it reports the outcome. Kept across reloads.
+    RemoteWrites* remoteWrites = nullptr;
 };
 
 class DaemonCore {
@@ -61,6 +66,8 @@ class DaemonCore {
     /* The handler the listeners hand every request to. A reload replaces
      * it: ask again after replaceMaps(). */
     RequestHandler& handler() { return *m_served->handler; }
+    /* Where answers that wait for a remote write's outcome are kept. */
+    DeferredReplies const& deferredReplies() const { return m_replies; }
     /* Every unit's writes also go to this trail (see RequestHandler); it
      * must outlive the core. */
     void setAuditTrail(AuditTrail* trail);
@@ -130,6 +137,11 @@ class DaemonCore {
     std::unique_ptr<DataSource> m_source;
     ScenarioPlayer* m_scenario = nullptr;  // within m_source
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
+    // Before the maps' handlers, which note time-outs in it: it goes after
+    // them, and it stays across reloads.
+    DeferredReplies m_replies;
+    // Owned by the source: writes to its entries go there (see CoreConfig).
+    RemoteWrites* m_remoteWrites = nullptr;
     std::unique_ptr<Served> m_served;
     AuditTrail* m_auditTrail = nullptr;
     Metrics* m_metrics = nullptr;

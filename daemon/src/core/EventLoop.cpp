@@ -109,9 +109,13 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
     for (;;) {
-        auto const next = earlier(
-            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core)),
-            core.attributeRefreshDue());
+        // A deferred answer's bound is a time to wake up too: its 0x0B goes
+        // out when the bound passes, not at the next wake-up after it.
+        auto const next =
+            earlier(earlier(earlier(earlier(deadline, source ? source->nextDue() : std::nullopt),
+                                    retry.due(core)),
+                            core.attributeRefreshDue()),
+                    core.deferredReplies().nextDeadline());
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};

@@ -153,7 +153,23 @@ Options parseOptions(std::vector<std::string> const& args) {
             options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
         } else if (arg.name == "--nut") {
             options.nutUpses.push_back(value());
+            options.nutMaps.emplace_back();
             nut::parseEndpoint(options.nutUpses.back());  // throws for a bad one
+        } else if (arg.name == "--nut-map") {
+            std::string const file = value();
+            if (options.nutMaps.empty()) {
+                throw std::invalid_argument("--nut-map " + file +
+                                            ": give it after the --nut of its UPS");
+            }
+            if (!options.nutMaps.back().empty()) {
+                throw std::invalid_argument("--nut-map " + file + ": UPS " +
+                                            options.nutUpses.back() + " has a map already");
+            }
+            options.nutMaps.back() = file;
+        } else if (arg.name == "--nut-writes") {
+            options.nutWrites = true;
+        } else if (arg.name == "--nut-credentials") {
+            options.nutCredentials = value();
         } else if (arg.name == "--nut-interval") {
             options.nutInterval = secondsArgument(arg.name, value());
             if (options.nutInterval < 0.05) {
@@ -206,6 +222,9 @@ Options parseOptions(std::vector<std::string> const& args) {
     }
     checkTls(options);
     checkHttp(options);
+    if (options.nutWrites && (options.nutUpses.empty() || options.nutCredentials.empty())) {
+        throw std::invalid_argument("--nut-writes needs --nut and --nut-credentials FILE");
+    }
     return options;
 }
 
@@ -227,6 +246,15 @@ Options:
                         serve a UPS of Network UPS Tools (upsd, port 3493
                         by default) instead of a scenario; see README
   --nut-interval N      seconds between two polls of upsd (default 1)
+  --nut-map FILE        the register map of the UPS of the --nut before it
+                        (default: --map's, moved onto that UPS's device)
+  --nut-writes          write back to upsd: SET VAR for entries over a NUT
+                        variable, INSTCMD for coils over "instcmd.<command>"
+                        (default: every write refused with exception 0x01)
+  --nut-credentials FILE
+                        upsd user for --nut-writes: "username = NAME" and
+                        "password = SECRET" lines; the file must not be
+                        readable by group or others
   --allow-read [TABLE=]LIST
                         who may read (TABLE: that table only); LIST is
                         "any", "none" or networks such as 10.0.0.0/8,

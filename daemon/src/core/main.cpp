@@ -29,8 +29,9 @@ using namespace tarsel::daemon;
 
 constexpr int kExitBadInput = 2;
 
-/* The NUT source of --nut; nothing without it. */
-std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
+/* The NUT source of --nut; nothing without it. Reads the credentials of
+ * --nut-writes (throws std::runtime_error when they cannot be used). */
+std::unique_ptr<nut::Source> makeNutSource(Options const& options, Log& log) {
     if (options.nutUpses.empty()) {
         return nullptr;
     }
@@ -39,6 +40,11 @@ std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
         config.upses.push_back(nut::parseEndpoint(ups));
     }
     config.interval = std::chrono::milliseconds(static_cast<long>(options.nutInterval * 1000));
+    if (options.nutWrites) {
+        config.credentials = nut::readCredentials(options.nutCredentials);
+        log.info("NUT: writes go back to upsd as user " +
+                 quotedValue(config.credentials->username));
+    }
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
@@ -138,7 +144,16 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         return 0;
     }
     config.scenario = configuration.scenario;
-    config.source = makeNutSource(options, log);
+    try {
+        std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
+        if (nutSource && nutSource->writable()) {
+            config.remoteWrites = nutSource.get();
+        }
+        config.source = std::move(nutSource);
+    } catch (std::runtime_error const& error) {
+        log.error(std::string("--nut-credentials: ") + error.what());
+        return kExitBadInput;
+    }
     int const status = serve(configuration, args, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +

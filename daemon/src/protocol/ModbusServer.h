@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -92,6 +93,16 @@ class ModbusServer {
      * certificate has no role the configuration names. */
     bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);
     void drop(std::size_t index, Closing const& why);
+    /* Sends the deferred answers settled since the last pass, each in its
+     * client's order. */
+    void deliverSettled();
+    bool hasSettled(ClientConnection const& client) const;
+
+    /* A request whose answer is deferred: what its answer is built from. */
+    struct Deferred {
+        std::vector<std::uint8_t> frame;
+        Answer answer;
+    };
 
     ClientLimits m_limits;
     AccessRules m_access;
@@ -101,6 +112,7 @@ class ModbusServer {
     int m_listener = -1;
     int m_port = 0;
     std::vector<Client> m_clients;
+    std::map<DeferredReplies::Token, Deferred> m_deferred;
 };
 
 }  // namespace tarsel::daemon

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -57,6 +58,13 @@ class Poller {
     /* Counts, latencies and the state of the last poll. Any thread. */
     PollerStatus status() const;
 
+    using Job = std::function<void()>;
+    /* Runs `job` on the poller's thread before its next poll, after the jobs
+     * given before it; the poll follows at once, so what the job changed at
+     * upsd is seen without waiting for the interval. False (and nothing
+     * queued) when `limit` jobs already wait. Any thread. */
+    bool submit(Job job, std::size_t limit);
+
   private:
     void run();
     void publish(Reading reading);
@@ -74,6 +82,7 @@ class Poller {
     std::optional<Reading::State> m_lastState;
     std::string m_lastDetail;
     std::chrono::steady_clock::time_point m_lastPoll{};
+    std::deque<Job> m_jobs;
     std::thread m_thread;  // last: started when everything else is ready
 };
 
