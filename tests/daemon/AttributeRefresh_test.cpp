@@ -79,6 +79,35 @@ TEST(AttributeRefreshTest, AWriteOfAnAttributeByAClientIsServedAgainAfterTheRefr
               (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0}));
 }
 
+TEST(AttributeRefreshTest, OneWriteOfTwoAttributesOfADeviceStoresBoth) {
+    std::string map = kMap;
+    std::string const last = R"(  {"name": "t", "table")";
+    map.insert(map.find(last),
+               R"(  {"name": "contact", "table": "holding-registers", "address": 4,
+   "encoder": "string", "size": 4, "source": {"device": 2, "attribute": "contact"}},
+)");
+    TestDaemon daemon(map, kUps);
+    // "Hall" then "Ann": the first attribute written changes the device,
+    // which the second entry's data accessor sees before its own part.
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}))
+                  .exception,
+              0);
+    auto& store = cdshost::Store::instance();
+    EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+    EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeContact), "Ann");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.ask(request(3, 0, 8)).registers,
+              (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}));
+}
+
+TEST(AttributeRefreshTest, AnAttributeWrittenRightAfterAnotherOfItsDeviceIsStored) {
+    TestDaemon daemon(kMap, kUps);
+    setAttribute(cdsapi::AttributeManufacturer, "New");
+    // Before the loop's next refresh: the write is not refused as unavailable.
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0})).exception, 0);
+    EXPECT_EQ(cdshost::Store::instance().deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+}
+
 TEST(AttributeRefreshTest, AnEntryThatCannotBeRebuiltCountsAsPendingUntilItIsBuilt) {
     // One attribute entry: rebuilding it closes the device's subscriptions
     // and opens them again, which is where the fault below strikes.
@@ -98,121 +127,91 @@ TEST(AttributeRefreshTest, AnEntryThatCannotBeRebuiltCountsAsPendingUntilItIsBui
     EXPECT_EQ(daemon.core().map().pendingCount(), 0u);
     EXPECT_FALSE(daemon.core().hasPendingEntries());
     EXPECT_EQ(readInputs(daemon, 0, 4), kMaker);
+}
 
-    TEST(AttributeRefreshTest, OneWriteOfTwoAttributesOfADeviceStoresBoth) {
-        std::string map = kMap;
-        std::string const last = R"(  {"name": "t", "table")";
-        map.insert(map.find(last),
-                   R"(  {"name": "contact", "table": "holding-registers", "address": 4,
-   "encoder": "string", "size": 4, "source": {"device": 2, "attribute": "contact"}},
-)");
-        TestDaemon daemon(map, kUps);
-        // "Hall" then "Ann": the first attribute written changes the device,
-        // which the second entry's data accessor sees before its own part.
-        ASSERT_EQ(
-            daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}))
-                .exception,
-            0);
-        auto& store = cdshost::Store::instance();
-        EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
-        EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeContact), "Ann");
-        daemon.core().refreshAttributeEntries(Clock::now());
-        EXPECT_EQ(daemon.ask(request(3, 0, 8)).registers,
-                  (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}));
+TEST(AttributeRefreshTest, RebuildingLeavesNoSubscriptionBehind) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    std::size_t const before = store.subscriptionCount();
+    auto now = Clock::now();
+    for (int i = 0; i < 5; ++i) {
+        setAttribute(cdsapi::AttributeLocation, "L" + std::to_string(i));
+        now += std::chrono::seconds(1);
+        ASSERT_EQ(daemon.core().refreshAttributeEntries(now), 4u);
     }
+    EXPECT_EQ(store.subscriptionCount(), before);
+    daemon.stop();
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
 
-    TEST(AttributeRefreshTest, AnAttributeWrittenRightAfterAnotherOfItsDeviceIsStored) {
-        TestDaemon daemon(kMap, kUps);
-        setAttribute(cdsapi::AttributeManufacturer, "New");
-        // Before the loop's next refresh: the write is not refused as unavailable.
-        ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0})).exception, 0);
-        EXPECT_EQ(cdshost::Store::instance().deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+TEST(AttributeRefreshTest, AnEntryIsRebuiltAtMostOncePerIntervalAndTheLoopIsToldWhen) {
+    TestDaemon daemon(kMap, kUps);
+    DaemonCore& core = daemon.core();
+    EXPECT_FALSE(core.attributeRefreshDue());  // nothing stale
+    Clock::time_point const start = Clock::now();
+    setAttribute(cdsapi::AttributeManufacturer, "A");
+    ASSERT_TRUE(core.attributeRefreshDue());
+    EXPECT_LE(*core.attributeRefreshDue(), start);  // due at once
+    ASSERT_EQ(core.refreshAttributeEntries(start), 4u);
+    setAttribute(cdsapi::AttributeManufacturer, "B");
+    EXPECT_EQ(core.refreshAttributeEntries(start + std::chrono::milliseconds(100)), 0u);
+    EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+    ASSERT_TRUE(core.attributeRefreshDue());
+    EXPECT_EQ(*core.attributeRefreshDue(), start + AttributeRefresh::kMinInterval);
+    EXPECT_EQ(core.refreshAttributeEntries(start + AttributeRefresh::kMinInterval), 4u);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4200, 0, 0, 0}));
+    EXPECT_FALSE(core.attributeRefreshDue());
+}
+
+TEST(AttributeRefreshTest, AnEntryWhoseDeviceIsGoneIsNotRebuilt) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    store.removeDevice(2);
+    std::size_t const subscriptions = store.subscriptionCount();
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(Clock::now()), 0u);
+    EXPECT_EQ(store.subscriptionCount(), subscriptions);
+    EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+}
+
+TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
+    TestDaemon daemon(kMap, kUps);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.logText().find("\"t\" rebuilt"), std::string::npos);
+    EXPECT_EQ(daemon.ask(request(3, 10, 1)).registers, (std::vector<std::uint16_t>{5}));
+}
+
+TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
+    std::string entries;
+    for (int i = 0; i < 12; ++i) {
+        entries +=
+            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
+            std::to_string(i) +
+            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
     }
+    TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    Clock::time_point const now = Clock::now();
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(now), AttributeRefresh::kMaxPerRun);
+    EXPECT_LE(*daemon.core().attributeRefreshDue(), now);  // the rest on the next pass
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(now), 12u - AttributeRefresh::kMaxPerRun);
+    EXPECT_EQ(daemon.ask(request(4, 0, 12)).registers, std::vector<std::uint16_t>(12, 0x5254));
+}
 
-    TEST(AttributeRefreshTest, RebuildingLeavesNoSubscriptionBehind) {
-        TestDaemon daemon(kMap, kUps);
-        auto& store = cdshost::Store::instance();
-        std::size_t const before = store.subscriptionCount();
-        auto now = Clock::now();
-        for (int i = 0; i < 5; ++i) {
-            setAttribute(cdsapi::AttributeLocation, "L" + std::to_string(i));
-            now += std::chrono::seconds(1);
-            ASSERT_EQ(daemon.core().refreshAttributeEntries(now), 4u);
-        }
-        EXPECT_EQ(store.subscriptionCount(), before);
-        daemon.stop();
-        EXPECT_EQ(store.subscriptionCount(), 0u);
-    }
-
-    TEST(AttributeRefreshTest, AnEntryIsRebuiltAtMostOncePerIntervalAndTheLoopIsToldWhen) {
-        TestDaemon daemon(kMap, kUps);
-        DaemonCore& core = daemon.core();
-        EXPECT_FALSE(core.attributeRefreshDue());  // nothing stale
-        Clock::time_point const start = Clock::now();
-        setAttribute(cdsapi::AttributeManufacturer, "A");
-        ASSERT_TRUE(core.attributeRefreshDue());
-        EXPECT_LE(*core.attributeRefreshDue(), start);  // due at once
-        ASSERT_EQ(core.refreshAttributeEntries(start), 4u);
-        setAttribute(cdsapi::AttributeManufacturer, "B");
-        EXPECT_EQ(core.refreshAttributeEntries(start + std::chrono::milliseconds(100)), 0u);
-        EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
-        ASSERT_TRUE(core.attributeRefreshDue());
-        EXPECT_EQ(*core.attributeRefreshDue(), start + AttributeRefresh::kMinInterval);
-        EXPECT_EQ(core.refreshAttributeEntries(start + AttributeRefresh::kMinInterval), 4u);
-        EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4200, 0, 0, 0}));
-        EXPECT_FALSE(core.attributeRefreshDue());
-    }
-
-    TEST(AttributeRefreshTest, AnEntryWhoseDeviceIsGoneIsNotRebuilt) {
-        TestDaemon daemon(kMap, kUps);
-        auto& store = cdshost::Store::instance();
-        store.removeDevice(2);
-        std::size_t const subscriptions = store.subscriptionCount();
-        EXPECT_EQ(daemon.core().refreshAttributeEntries(Clock::now()), 0u);
-        EXPECT_EQ(store.subscriptionCount(), subscriptions);
-        EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
-    }
-
-    TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
-        TestDaemon daemon(kMap, kUps);
-        setAttribute(cdsapi::AttributeLocation, "Hall");
-        daemon.core().refreshAttributeEntries(Clock::now());
-        EXPECT_EQ(daemon.logText().find("\"t\" rebuilt"), std::string::npos);
-        EXPECT_EQ(daemon.ask(request(3, 10, 1)).registers, (std::vector<std::uint16_t>{5}));
-    }
-
-    TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
-        std::string entries;
-        for (int i = 0; i < 12; ++i) {
-            entries +=
-                std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
-                std::to_string(i) +
-                R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
-        }
-        TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
-        setAttribute(cdsapi::AttributeLocation, "Hall");
-        Clock::time_point const now = Clock::now();
-        EXPECT_EQ(daemon.core().refreshAttributeEntries(now), AttributeRefresh::kMaxPerRun);
-        EXPECT_LE(*daemon.core().attributeRefreshDue(), now);  // the rest on the next pass
-        EXPECT_EQ(daemon.core().refreshAttributeEntries(now), 12u - AttributeRefresh::kMaxPerRun);
-        EXPECT_EQ(daemon.ask(request(4, 0, 12)).registers, std::vector<std::uint16_t>(12, 0x5254));
-    }
-
-    TEST(AttributeRefreshTest, TheEventLoopServesAnAttributeChangedByTheScenarioWithinASecond) {
-        std::string scenario = kUps;
-        scenario.replace(scenario.rfind('}'), 1,
-                         R"(, "events": [{"at": 0.1, "do": "set-attribute", "device": 2,
+TEST(AttributeRefreshTest, TheEventLoopServesAnAttributeChangedByTheScenarioWithinASecond) {
+    std::string scenario = kUps;
+    scenario.replace(scenario.rfind('}'), 1,
+                     R"(, "events": [{"at": 0.1, "do": "set-attribute", "device": 2,
                         "attribute": "manufacturer", "value": "Later"}]})");
-        TestDaemon daemon(kMap, scenario);
-        SignalPipe signals;
-        ModbusServer server({"127.0.0.1", 0, AccessRules{}, nullptr}, ClientLimits{},
-                            daemon.core().handler(), daemon.log());
-        // The event at 0.1 s, then less than a second of loop.
-        ASSERT_EQ(runEventLoop(daemon.core(), {&server}, signals, daemon.log(), 1.0), 0);
-        EXPECT_EQ(readInputs(daemon, 0, 4),
-                  (std::vector<std::uint16_t>{0x4C61, 0x7465, 0x7200, 0}));
-        EXPECT_EQ(readInputs(daemon, 8, 2), (std::vector<std::uint16_t>{0, 3000}));
-    }
+    TestDaemon daemon(kMap, scenario);
+    SignalPipe signals;
+    ModbusServer server({"127.0.0.1", 0, AccessRules{}, nullptr}, ClientLimits{},
+                        daemon.core().handler(), daemon.log());
+    // The event at 0.1 s, then less than a second of loop.
+    ASSERT_EQ(runEventLoop(daemon.core(), {&server}, signals, daemon.log(), 1.0), 0);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4C61, 0x7465, 0x7200, 0}));
+    EXPECT_EQ(readInputs(daemon, 8, 2), (std::vector<std::uint16_t>{0, 3000}));
+}
 
 }  // namespace
 }  // namespace tarsel::daemon
