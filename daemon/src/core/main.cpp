@@ -1,4 +1,7 @@
 // tarsel-modbusd: serves a UPS register map over Modbus TCP.
+#include <unistd.h>
+
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -13,6 +16,7 @@
 #include "ModbusServer.h"
 #include "Options.h"
 #include "Scenario.h"
+#include "ServiceNotify.h"
 #include "SignalPipe.h"
 #include "TlsContext.h"
 #include "cdshost/store.h"
@@ -60,6 +64,20 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     return trail;
 }
 
+/* The log format of --log-format; auto: the journal's when stderr is it. */
+Log::Format logFormat(LogFormat format) {
+    switch (format) {
+        case LogFormat::Plain:
+            return Log::Format::Plain;
+        case LogFormat::Journal:
+            return Log::Format::Journal;
+        case LogFormat::Auto:
+            break;
+    }
+    return isJournalStream(std::getenv("JOURNAL_STREAM"), STDERR_FILENO) ? Log::Format::Journal
+                                                                         : Log::Format::Plain;
+}
+
 int serve(Options const& options, CoreConfig config, Log& log) {
     // Opened first, so that it outlives the handlers that write to it.
     std::unique_ptr<AuditTrail> const audit =
@@ -89,7 +107,11 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
     }
-    return runEventLoop(core, servers, signals, log, options.runSeconds);
+    notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
+                ":" + std::to_string(server.port()));
+    int const status = runEventLoop(core, servers, signals, log, options.runSeconds);
+    notifyStopping();
+    return status;
 }
 
 int run(Options const& options, Log& log) {
@@ -144,18 +166,20 @@ int run(Options const& options, Log& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    try {
-        options = parseOptions(std::vector<std::string>(argv + 1, argv + argc));
-    } catch (std::invalid_argument const& error) {
-        std::cerr << "tarsel-modbusd: " << error.what() << "\n";
+    LoadedOptions loaded = loadOptions(std::vector<std::string>(argv + 1, argv + argc));
+    if (!loaded.errors.empty()) {
+        for (auto const& error : loaded.errors) {
+            std::cerr << "tarsel-modbusd: " << error << "\n";
+        }
         return kExitBadInput;
     }
+    Options const& options = loaded.options;
     if (options.help) {
         std::cout << usage();
         return 0;
     }
     Log log(std::cerr, options.verbose);
+    log.setFormat(logFormat(options.logFormat));
     try {
         return run(options, log);
     } catch (std::exception const& error) {
