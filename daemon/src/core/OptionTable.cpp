@@ -79,85 +79,85 @@ void addRule(AccessRules& rules, bool write, std::string const& rule) {
 
 // Makers of the table's rows, one per kind of value.
 
-OptionSpec text(std::string name, std::string valueName, std::string help,
-                std::function<void(Options&, std::string const&)> set) {
-    OptionSpec spec;
-    spec.name = std::move(name);
-    spec.valueName = std::move(valueName);
-    spec.help = std::move(help);
-    spec.kind = OptionKind::Text;
-    spec.apply = std::move(set);
-    return spec;
+OptionRow text(std::string name, std::string valueName, std::string help,
+               std::function<void(Options&, std::string const&)> set) {
+    OptionRow row;
+    row.name = std::move(name);
+    row.valueName = std::move(valueName);
+    row.help = std::move(help);
+    row.kind = OptionKind::Text;
+    row.apply = std::move(set);
+    return row;
 }
 
-OptionSpec text(std::string name, std::string valueName, std::string help,
-                std::string Options::*member) {
+OptionRow text(std::string name, std::string valueName, std::string help,
+               std::string Options::*member) {
     return text(std::move(name), std::move(valueName), std::move(help),
                 [member](Options& options, std::string const& value) { options.*member = value; });
 }
 
-OptionSpec list(std::string name, std::string valueName, std::string help,
-                std::function<void(Options&, std::string const&)> add) {
-    OptionSpec spec = text(std::move(name), std::move(valueName), std::move(help), std::move(add));
-    spec.kind = OptionKind::List;
-    return spec;
+OptionRow list(std::string name, std::string valueName, std::string help,
+               std::function<void(Options&, std::string const&)> add) {
+    OptionRow row = text(std::move(name), std::move(valueName), std::move(help), std::move(add));
+    row.kind = OptionKind::List;
+    return row;
 }
 
-OptionSpec integer(std::string name, std::string help, long long min, long long max,
-                   std::function<void(Options&, long long)> set) {
-    OptionSpec spec = text(std::move(name), "N", std::move(help),
-                           [min, max, set](Options& options, std::string const& value) {
-                               set(options, integerValue(value, min, max));
-                           });
-    spec.kind = OptionKind::Integer;
-    spec.min = min;
-    spec.max = max;
-    return spec;
+OptionRow integer(std::string name, std::string help, long long min, long long max,
+                  std::function<void(Options&, long long)> set) {
+    OptionRow row = text(std::move(name), "N", std::move(help),
+                         [min, max, set](Options& options, std::string const& value) {
+                             set(options, integerValue(value, min, max));
+                         });
+    row.kind = OptionKind::Integer;
+    row.min = min;
+    row.max = max;
+    return row;
 }
 
-OptionSpec seconds(std::string name, std::string help, std::function<void(Options&, double)> set) {
-    OptionSpec spec = text(
+OptionRow seconds(std::string name, std::string help, std::function<void(Options&, double)> set) {
+    OptionRow row = text(
         std::move(name), "N", std::move(help),
         [set](Options& options, std::string const& value) { set(options, secondsValue(value)); });
-    spec.kind = OptionKind::Seconds;
-    return spec;
+    row.kind = OptionKind::Seconds;
+    return row;
 }
 
-OptionSpec timeout(std::string name, std::string help,
-                   std::chrono::milliseconds ClientLimits::*member) {
-    OptionSpec spec = text(std::move(name), "N", std::move(help),
-                           [member](Options& options, std::string const& value) {
-                               options.limits.*member = millisecondsValue(value);
-                           });
-    spec.kind = OptionKind::Seconds;
-    return spec;
+OptionRow timeout(std::string name, std::string help,
+                  std::chrono::milliseconds ClientLimits::*member) {
+    OptionRow row = text(std::move(name), "N", std::move(help),
+                         [member](Options& options, std::string const& value) {
+                             options.limits.*member = millisecondsValue(value);
+                         });
+    row.kind = OptionKind::Seconds;
+    return row;
 }
 
-OptionSpec flag(std::string name, std::string shortName, std::string help, bool Options::*member) {
-    OptionSpec spec = text(std::move(name), "", std::move(help),
-                           [member](Options& options, std::string const& value) {
-                               options.*member = flagValue(value);
-                           });
-    spec.shortName = std::move(shortName);
-    spec.kind = OptionKind::Flag;
-    return spec;
+OptionRow flag(std::string name, std::string shortName, std::string help, bool Options::*member) {
+    OptionRow row = text(std::move(name), "", std::move(help),
+                         [member](Options& options, std::string const& value) {
+                             options.*member = flagValue(value);
+                         });
+    row.shortName = std::move(shortName);
+    row.kind = OptionKind::Flag;
+    return row;
 }
 
 /* "--name" alone or "--name=VALUE"; alone, the value reads "true". */
-OptionSpec optionalValue(std::string name, std::string valueName, std::string help,
-                         std::function<void(Options&, std::string const&)> set) {
-    OptionSpec spec = text(std::move(name), std::move(valueName), std::move(help), std::move(set));
-    spec.kind = OptionKind::Optional;
-    spec.inSettingsFile = false;
-    return spec;
+OptionRow optionalValue(std::string name, std::string valueName, std::string help,
+                        std::function<void(Options&, std::string const&)> set) {
+    OptionRow row = text(std::move(name), std::move(valueName), std::move(help), std::move(set));
+    row.kind = OptionKind::Optional;
+    row.inSettingsFile = false;
+    return row;
 }
 
-OptionSpec commandLineOnly(OptionSpec spec) {
-    spec.inSettingsFile = false;
-    return spec;
+OptionRow commandLineOnly(OptionRow row) {
+    row.inSettingsFile = false;
+    return row;
 }
 
-std::vector<OptionSpec> makeTable() {
+std::vector<OptionRow> makeTable() {
     return {
         commandLineOnly(text("config", "FILE",
                              "settings file (JSON): keys are these options' long names;\n"
@@ -308,15 +308,15 @@ std::vector<OptionSpec> makeTable() {
 
 }  // namespace
 
-std::vector<OptionSpec> const& optionTable() {
-    static std::vector<OptionSpec> const table = makeTable();
+std::vector<OptionRow> const& optionTable() {
+    static std::vector<OptionRow> const table = makeTable();
     return table;
 }
 
-OptionSpec const* findOption(std::string const& name) {
-    for (OptionSpec const& spec : optionTable()) {
-        if (spec.name == name) {
-            return &spec;
+OptionRow const* findOption(std::string const& name) {
+    for (OptionRow const& row : optionTable()) {
+        if (row.name == name) {
+            return &row;
         }
     }
     return nullptr;

@@ -26,7 +26,7 @@ enum class OptionKind {
  * line or a settings file says, before anything is checked. */
 using OptionValues = std::map<std::string, std::vector<std::string>>;
 
-struct OptionSpec {
+struct OptionRow {
     std::string name;       // long name without "--": also the settings key
     std::string shortName;  // "v" for -v; empty: none
     std::string valueName;  // "FILE", shown in --help
@@ -42,9 +42,9 @@ struct OptionSpec {
 };
 
 /* Every option, in the order --help lists them. */
-std::vector<OptionSpec> const& optionTable();
+std::vector<OptionRow> const& optionTable();
 
 /* The option of the table with this long name; nullptr for none. */
-OptionSpec const* findOption(std::string const& name);
+OptionRow const* findOption(std::string const& name);
 
 }  // namespace tarsel::daemon

@@ -31,21 +31,21 @@ std::unique_ptr<CLI::App> makeParser() {
     app->footer(kFooter);
     // Left over for readCommandLine() to name each one.
     app->allow_extras();
-    for (OptionSpec const& spec : optionTable()) {
-        std::string names = "--" + spec.name;
-        if (!spec.shortName.empty()) {
-            names = "-" + spec.shortName + "," + names;
+    for (OptionRow const& row : optionTable()) {
+        std::string names = "--" + row.name;
+        if (!row.shortName.empty()) {
+            names = "-" + row.shortName + "," + names;
         }
         CLI::Option* option = nullptr;
-        switch (spec.kind) {
+        switch (row.kind) {
             case OptionKind::Flag:
             case OptionKind::Optional:
                 // A flag takes a value only after "=": "--describe csv" is
                 // two arguments, the second one unexpected.
-                option = app->add_flag(names, spec.help);
+                option = app->add_flag(names, row.help);
                 break;
             case OptionKind::List:
-                option = app->add_option(names, spec.help)
+                option = app->add_option(names, row.help)
                              ->allow_extra_args(false)
                              ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
                 break;
@@ -53,11 +53,11 @@ std::unique_ptr<CLI::App> makeParser() {
             case OptionKind::Integer:
             case OptionKind::Seconds:
                 // Given twice, the last one counts, as it always has.
-                option = app->add_option(names, spec.help)
+                option = app->add_option(names, row.help)
                              ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
                 break;
         }
-        option->type_name(spec.valueName);
+        option->type_name(row.valueName);
     }
     return app;
 }
@@ -88,10 +88,10 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
         line.errors.push_back((option ? "unknown option \"" : "unexpected argument \"") + extra +
                               "\" (see --help)");
     }
-    for (OptionSpec const& spec : optionTable()) {
-        CLI::Option const* option = app->get_option("--" + spec.name);
+    for (OptionRow const& row : optionTable()) {
+        CLI::Option const* option = app->get_option("--" + row.name);
         if (option->count() > 0) {
-            line.values[spec.name] = option->results();
+            line.values[row.name] = option->results();
         }
     }
     return line;
@@ -185,20 +185,19 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
     Origins origins;
     OptionValues const values = mergeFiles(line.values, origins, loaded.errors);
     // In the table's order, whatever order they were given in.
-    for (OptionSpec const& spec : optionTable()) {
-        auto const found = values.find(spec.name);
+    for (OptionRow const& row : optionTable()) {
+        auto const found = values.find(row.name);
         if (found == values.end()) {
             continue;
         }
         for (std::string const& value : found->second) {
             try {
-                spec.apply(options, value);
+                row.apply(options, value);
             } catch (std::invalid_argument const& error) {
-                auto const origin = origins.find(spec.name);
-                loaded.errors.push_back((origin == origins.end()
-                                             ? "--" + spec.name
-                                             : origin->second + ": " + spec.name) +
-                                        " " + error.what());
+                auto const origin = origins.find(row.name);
+                loaded.errors.push_back(
+                    (origin == origins.end() ? "--" + row.name : origin->second + ": " + row.name) +
+                    " " + error.what());
             }
         }
     }

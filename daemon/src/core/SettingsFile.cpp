@@ -10,22 +10,22 @@ using json = nlohmann::json;
 
 /* One key's value as the texts the option takes, or nothing (reported). */
 std::optional<std::vector<std::string>> valueTexts(JsonChecker& checker, json const& object,
-                                                   OptionSpec const& spec) {
-    char const* key = spec.name.c_str();
-    switch (spec.kind) {
+                                                   OptionRow const& row) {
+    char const* key = row.name.c_str();
+    switch (row.kind) {
         case OptionKind::Flag:
             if (auto const value = checker.boolean(object, key, "", false)) {
                 return std::vector<std::string>{*value ? "true" : "false"};
             }
             break;
         case OptionKind::Integer:
-            if (auto const value = checker.integer(object, key, "", spec.min, spec.max, false)) {
+            if (auto const value = checker.integer(object, key, "", row.min, row.max, false)) {
                 return std::vector<std::string>{std::to_string(*value)};
             }
             break;
         case OptionKind::Seconds:
             if (checker.number(object, key, "", false)) {
-                return std::vector<std::string>{object.at(spec.name).dump()};
+                return std::vector<std::string>{object.at(row.name).dump()};
             }
             break;
         case OptionKind::Text:
@@ -36,7 +36,7 @@ std::optional<std::vector<std::string>> valueTexts(JsonChecker& checker, json co
             break;
         case OptionKind::List: {
             // One text or an array of texts: "allow-read": "any" reads as ["any"].
-            json const& value = object.at(spec.name);
+            json const& value = object.at(row.name);
             if (value.is_string()) {
                 return std::vector<std::string>{value.get<std::string>()};
             }
@@ -46,8 +46,8 @@ std::optional<std::vector<std::string>> valueTexts(JsonChecker& checker, json co
             if (texts) {
                 return value.get<std::vector<std::string>>();
             }
-            checker.error(spec.name, "expected a text or an array of texts, got " +
-                                         JsonChecker::shortDump(value));
+            checker.error(row.name, "expected a text or an array of texts, got " +
+                                        JsonChecker::shortDump(value));
             break;
         }
     }
@@ -70,17 +70,17 @@ SettingsFile parseSettingsFile(std::string const& text, std::string const& label
     if (checker.expectObject(root, "settings")) {
         for (auto const& item : root.items()) {
             std::string const& key = item.key();
-            OptionSpec const* spec = findOption(key);
+            OptionRow const* row = findOption(key);
             if (key == "comment") {
                 continue;
             }
-            if (spec == nullptr) {
+            if (row == nullptr) {
                 checker.error(key, "unknown setting");
-            } else if (!spec->inSettingsFile) {
+            } else if (!row->inSettingsFile) {
                 checker.error(key, "a command-line option, not a setting");
             } else if (refused.count(key) != 0) {
                 checker.error(key, "not allowed in this file");
-            } else if (auto texts = valueTexts(checker, root, *spec)) {
+            } else if (auto texts = valueTexts(checker, root, *row)) {
                 settings.values[key] = std::move(*texts);
             }
         }
