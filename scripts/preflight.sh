@@ -104,6 +104,8 @@ test_checks() {
     need_python_module pymodbus.client
     need_python_module pymodbus.payload
     need_python_module pymodbus.constants
+    # read_device_information lives in pymodbus's extended (repl) client.
+    need_python_module pymodbus.repl.client.mclient
     need_python_module cryptography.x509
 }
 

@@ -72,14 +72,61 @@ TEST(RequestHandlerTest, ReadsOfDiscretesAndInputRegistersComeFromTheirTables) {
     EXPECT_EQ(daemon.ask(request(4, 0, 1)).registers, (std::vector<uint16_t>{70000 & 0xFFFF}));
 }
 
-TEST(RequestHandlerTest, EveryRequestIsRefusedWithGatewayPathUnavailableUntilTheUpsRuns) {
+TEST(RequestHandlerTest, WellFormedRequestsForServedDataAreGatewayPathUnavailableUntilTheUpsRuns) {
     TestDaemon daemon(kMap, kStartingUps);
     EXPECT_EQ(daemon.ask(request(3, 0, 2)).exception, 0x0A);
-    EXPECT_EQ(daemon.ask(request(0x2B, 0, 0)).exception, 0x0A);
+    EXPECT_EQ(daemon.ask(request(4, 0, 1)).exception, 0x0A);
+    EXPECT_EQ(daemon.ask(request(1, 0, 2)).exception, 0x0A);
     daemon.core().scenario()->playFirst(1.0);
     Answer const answer = daemon.ask(request(3, 0, 2));
     EXPECT_EQ(answer.exception, 0);
     EXPECT_EQ(answer.registers, floatWords(1.0f));
+}
+
+TEST(RequestHandlerTest, IllegalFunctionIsIllegalFunctionEvenWhileTheMapIsNotAvailable) {
+    TestDaemon daemon(kMap, kStartingUps);
+    ASSERT_FALSE(daemon.core().availability().isAvailable());
+    EXPECT_EQ(daemon.ask(request(0x17, 0, 1)).exception, 0x01);
+    EXPECT_EQ(daemon.ask(request(0x08, 0, 0)).exception, 0x01);
+    EXPECT_EQ(daemon.ask(request(0x00, 0, 1)).exception, 0x01);
+    // Read Device Identification with an MEI type other than 0x0E.
+    EXPECT_EQ(daemon.ask(testing::frame({0x2B, 0x0D, 0x01, 0x00})).exception, 0x01);
+}
+
+TEST(RequestHandlerTest, MalformedRequestIsIllegalDataValueEvenWhileTheMapIsNotAvailable) {
+    TestDaemon daemon(kMap, kStartingUps);
+    EXPECT_EQ(daemon.ask(request(3, 0, 0)).exception, 0x03);                    // quantity 0
+    EXPECT_EQ(daemon.ask(request(3, 0, 126)).exception, 0x03);                  // beyond 125
+    EXPECT_EQ(daemon.ask(testing::frame({3, 0, 0})).exception, 0x03);           // truncated
+    EXPECT_EQ(daemon.ask(testing::frame({3, 0, 0, 0, 2, 0})).exception, 0x03);  // overlong
+    EXPECT_EQ(daemon.ask(request(5, 0, 0x1234)).exception, 0x03);               // coil value
+    auto wrongCount = testing::writeRegisters(0, {1, 2});
+    wrongCount[12] = 3;  // byte count 3 for two registers
+    EXPECT_EQ(daemon.ask(wrongCount).exception, 0x03);
+    EXPECT_EQ(TestDaemon::channel(2, "V"), kq::CValue(1.0f));
+}
+
+TEST(RequestHandlerTest, UnmappedRangeIsIllegalDataAddressEvenWhileTheMapIsNotAvailable) {
+    TestDaemon daemon(kMap, kStartingUps);
+    EXPECT_EQ(daemon.ask(request(3, 100, 2)).exception, 0x02);    // touches no entry
+    EXPECT_EQ(daemon.ask(request(3, 1, 2)).exception, 0x02);      // starts inside one
+    EXPECT_EQ(daemon.ask(request(3, 65535, 2)).exception, 0x02);  // past 65535
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(6, {0, 0, 0, 0, 0, 0})).exception, 0x02);
+    EXPECT_EQ(daemon.ask(request(6, 2, 7)).exception, 0x0A);  // mapped: not ready
+}
+
+TEST(RequestHandlerTest, AClientNotAllowedLearnsNothingOfTheMapWhileItIsNotAvailable) {
+    TestDaemon daemon(kMap, kStartingUps);
+    AccessRules rules;
+    applyAllowOption(rules, false, "127.0.0.1");
+    applyAllowOption(rules, true, "127.0.0.1");
+    RequestOrigin const outsider{"127.0.0.2:5020", 0x7F000002, &rules, true};
+    auto const ask = [&](std::vector<std::uint8_t> const& bytes) {
+        return daemon.core().handler().handle(bytes.data(), bytes.size(), outsider).exception;
+    };
+    EXPECT_EQ(ask(request(3, 100, 2)), 0x01);  // not 0x02: the map stays hidden
+    EXPECT_EQ(ask(request(3, 0, 2)), 0x01);
+    EXPECT_EQ(ask(request(6, 2, 7)), 0x01);
 }
 
 TEST(RequestHandlerTest, RangeThatTouchesNoEntryIsIllegalDataAddress) {

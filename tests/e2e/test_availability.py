@@ -213,10 +213,13 @@ class AvailabilityTest(unittest.TestCase):
     def test_every_function_code_gets_a_well_formed_exception_or_a_closed_connection(self):
         daemon = self.start()
         sock = self.connect()
-        for function in (0x00, 0x07, 0x2B, 0x7F):
+        for function in (0x00, 0x07, 0x7F):
             sock.sendall(struct.pack(">HHHBB", function, 0, 2, 1, function))
             self.assertEqual(read_frame(sock),
                              struct.pack(">HHHBBB", function, 0, 3, 1, function | 0x80, 0x01))
+        # Read Device Identification is served; without its MEI type it is malformed.
+        sock.sendall(struct.pack(">HHHBB", 0x2B, 0, 2, 1, 0x2B))
+        self.assertEqual(read_frame(sock), struct.pack(">HHHBBB", 0x2B, 0, 3, 1, 0xAB, 0x03))
         for function in (0x80, 0x81, 0xFF):
             sock = self.connect()
             sock.sendall(bytes.fromhex("000100000006") + bytes([1, function]) + b"\0\0\0\0")

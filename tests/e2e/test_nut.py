@@ -12,6 +12,8 @@ import subprocess
 import time
 import unittest
 
+from pymodbus.repl.client.mclient import ModbusTcpClient as ExtendedClient
+
 from harness import DAEMON, Daemon
 from nut_harness import NUT_MAP, Upsd, demo_dev
 
@@ -25,7 +27,7 @@ SENTINEL = 0xFFFF
 UNIT = 1  # the daemon's default; a test with --unit-id names its units
 
 # Input registers and discrete inputs of the shipped NUT map.
-NAME, SERIAL, FIRMWARE = 0, 24, 32
+NAME, MODEL, SERIAL, FIRMWARE, MFR, POWER_NOMINAL = 0, 8, 24, 32, 36, 48
 INPUT_VOLTAGE, INPUT_FREQUENCY = 50, 52
 OUTPUT_VOLTAGE = 53
 LOAD, REALPOWER, CHARGE, RUNTIME = 57, 58, 60, 61
@@ -147,6 +149,36 @@ class NutTest(unittest.TestCase):
             time.sleep(0.05)
         self.assertGreaterEqual(len(seen), 3, seen)
         self.assertGreater(len({v for v, _ in seen}), 1, seen)
+
+    def test_identity_stays_served_after_the_ups_changes_an_attribute(self):
+        sequence = dev_without(["device.mfr:"]) + "device.mfr: Maker A\nTIMER 3\n" + \
+            "device.mfr: Maker B\nTIMER 3\n"
+        self.start({"seq": ("seq.seq", sequence)})
+        # dummy-ups reports a model of its own before the file's: what upsd
+        # says now is what must be served.
+        identity = {SERIAL: (8, lambda: "DUMMY-0042"), FIRMWARE: (4, lambda: "3.1.4"),
+                    MODEL: (16, lambda: self.upsd.upsc("seq", "device.model"))}
+        for maker in ("Maker A", "Maker B"):
+            self.wait_until(lambda: self.registers(MFR, 12) is not None
+                            and text(self.registers(MFR, 12)) == maker, 8.0, maker + " not served")
+            for address, (size, expected) in identity.items():
+                self.wait_until(lambda: self.registers(address, size) is not None
+                                and text(self.registers(address, size)) == expected(), 1.0,
+                                "identity at %d not served again" % address)
+            self.wait_until(lambda: self.registers(POWER_NOMINAL, 1) == [1500], 1.0,
+                            "nominal power not served again")
+
+    def test_device_identification_names_the_gateway_and_the_ups_model(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        client = ExtendedClient(host="127.0.0.1", port=self.daemon.port, timeout=3)
+        self.assertTrue(client.connect())
+        try:
+            answer = client.read_device_information(read_code=0x02, object_id=0)
+        finally:
+            client.close()
+        self.assertEqual(answer["information"][0], b"Tarsel")
+        self.assertEqual(answer["information"][5], self.upsd.upsc("bench", "device.model").encode())
+        self.assertEqual(answer["information"][6], b"nut-ups-map")
 
     def test_an_outlet_appears_and_disappears(self):
         self.start({"bench": ("bench.dev", dev_without(["outlet.2."]))})

@@ -36,6 +36,10 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
+    m_refresh.push_back(std::make_unique<AttributeRefresh>(*m_map));
+    for (auto const& map : m_unitMaps) {
+        m_refresh.push_back(std::make_unique<AttributeRefresh>(*map));
+    }
     if (config.readOnly) {
         m_handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
@@ -46,6 +50,7 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
 DaemonCore::~DaemonCore() {
     // The order matters: encoders leave the data store before anything else
     // goes, and the library's shared connection outlives them all.
+    m_refresh.clear();
     m_unitHandlers.clear();
     m_unitMaps.clear();
     m_handler.reset();
@@ -78,6 +83,25 @@ std::size_t DaemonCore::buildPendingEntries() {
     return built;
 }
 
+std::size_t DaemonCore::refreshAttributeEntries(AttributeRefresh::Clock::time_point now) {
+    std::size_t rebuilt = 0;
+    for (auto const& refresh : m_refresh) {
+        rebuilt += refresh->run(now);
+    }
+    return rebuilt;
+}
+
+std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDue() const {
+    std::optional<AttributeRefresh::Clock::time_point> due;
+    for (auto const& refresh : m_refresh) {
+        auto const next = refresh->due();
+        if (next && (!due || *next < *due)) {
+            due = next;
+        }
+    }
+    return due;
+}
+
 void DaemonCore::logFloatLayout() {
     m_log.info("libmodbus " + m_floatLayout.libmodbusVersion + " float layout:");
     for (auto const& layout : m_floatLayout.layouts) {
@@ -101,8 +125,8 @@ void DaemonCore::watchAvailability() {
         m_gate = Gate::Closed;
         m_log.lines(Log::Level::Warning, m_availability->notAvailableMessage());
         m_log.info(
-            "until then every request is answered with exception 0x0A "
-            "(Gateway Path Unavailable)");
+            "until then every well-formed request for served data is answered with exception "
+            "0x0A (Gateway Path Unavailable); Read Device Identification is answered");
     }
 }
 

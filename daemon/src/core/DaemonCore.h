@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "AttributeRefresh.h"
 #include "Describe.h"
 #include "FloatProbe.h"
 #include "Log.h"
@@ -73,6 +74,14 @@ class DaemonCore {
      * Only on the thread that serves the map. */
     std::size_t buildPendingEntries();
 
+    /* Rebuilds the device-attribute entries of every map that the library
+     * stopped serving after a change of their device (see AttributeRefresh);
+     * returns how many. Only on the thread that serves the map, from the
+     * loop. */
+    std::size_t refreshAttributeEntries(AttributeRefresh::Clock::time_point now);
+    /* When refreshAttributeEntries() has work next; nothing while none. */
+    std::optional<AttributeRefresh::Clock::time_point> attributeRefreshDue() const;
+
     /* Builds what can be built by now first, so the description shows the
      * map as a request would find it. */
     std::string describe(DescribeFormat format);
@@ -92,6 +101,8 @@ class DaemonCore {
     // The further units: their maps and handlers, in the order configured.
     std::vector<std::unique_ptr<ServedMap>> m_unitMaps;
     std::vector<std::unique_ptr<RequestHandler>> m_unitHandlers;
+    // One per map, the main map's first; they hold pointers into the maps.
+    std::vector<std::unique_ptr<AttributeRefresh>> m_refresh;
     Gate m_gate = Gate::Unknown;
 };
 

@@ -103,8 +103,9 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
     for (;;) {
-        auto const next =
-            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core));
+        auto const next = earlier(
+            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core)),
+            core.attributeRefreshDue());
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
@@ -138,6 +139,9 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         }
         bool const played = updateSource(source, Clock::now());
         retry.run(core, Clock::now(), played);
+        // After the requests and the source: what they changed is served
+        // again within this pass when the entry is due.
+        core.refreshAttributeEntries(Clock::now());
         core.watchAvailability();
         log.summarise();
         if (deadline && Clock::now() >= *deadline) {

@@ -74,9 +74,10 @@ std::vector<CdsDataAccessor*> makeSourceList(std::vector<SourceDefinition> const
     return raw;
 }
 
-Registers makeCompositeRegisters(EntryDefinition const& e) {
+Registers makeCompositeRegisters(EntryDefinition const& e, BuiltEncoder& built) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
+    built.sources.assign(raw.begin(), raw.end());
     auto conversions = makeRegisterConversions(e.function, e.sources.size());
     auto encoder = std::make_unique<modbus::CdsDataToRegistersAccessor>(
         e.size, raw, std::move(conversions.dataToRegisters), std::move(conversions.registersToData),
@@ -87,9 +88,10 @@ Registers makeCompositeRegisters(EntryDefinition const& e) {
     return encoder;
 }
 
-Discretes makeCompositeDiscretes(EntryDefinition const& e) {
+Discretes makeCompositeDiscretes(EntryDefinition const& e, BuiltEncoder& built) {
     std::vector<std::unique_ptr<CdsDataAccessor>> keep;
     auto const raw = makeSourceList(e.sources, keep);
+    built.sources.assign(raw.begin(), raw.end());
     auto conversions = makeDiscreteConversions(e.function, e.sources.size());
     auto encoder = std::make_unique<modbus::CdsDataToDiscretesAccessor>(
         e.size, raw, std::move(conversions.dataToDiscretes),
@@ -150,19 +152,22 @@ std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceDefinition const& source
 BuiltEncoder makeEncoder(EntryDefinition const& entry) {
     BuiltEncoder built;
     if (entry.encoder == EncoderKind::CompositeRegisters) {
-        built.registers = makeCompositeRegisters(entry);
+        built.registers = makeCompositeRegisters(entry, built);
     } else if (entry.encoder == EncoderKind::CompositeDiscretes) {
-        built.discretes = makeCompositeDiscretes(entry);
+        built.discretes = makeCompositeDiscretes(entry, built);
     } else if (entry.encoder == EncoderKind::Boolean) {
         auto modifier =
             entry.invert ? modbus::DiscreteModifier::Invert : modbus::DiscreteModifier::None;
-        built.discretes = std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(
-            makeDataAccessor(entry.sources.at(0)).release(), modifier);
+        auto source = makeDataAccessor(entry.sources.at(0));
+        built.sources = {source.get()};
+        built.discretes =
+            std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(source.release(), modifier);
     } else {
         // The raw-pointer constructors take ownership (and delete the accessor
         // themselves if they fail), so it is released straight into them.
         auto source = makeDataAccessor(entry.sources.at(0));
         CdsDataAccessor* raw = source.get();
+        built.sources = {raw};
         built.registers = makeSingleRegisters(entry, source.release());
         if (entry.encoder == EncoderKind::String) {
             built.unwiredSource = raw;

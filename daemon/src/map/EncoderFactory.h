@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "MapModel.h"
 #include "modbus/CdsDataAccessor.h"
@@ -17,6 +18,10 @@ struct BuiltEncoder {
     // The string encoder does not listen to its data accessor by itself; this
     // is that data accessor (owned by the encoder) so the caller can wire it.
     modbus::CdsDataAccessor* unwiredSource = nullptr;
+    // Every data accessor of the entry (owned by the encoder), in the order
+    // of the definition's sources, so the daemon can ask each whether its
+    // item is there.
+    std::vector<modbus::CdsDataAccessor const*> sources;
 };
 
 /* A new data accessor for the source; it detects its item at once. */

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Conversions.h"
+#include "IdentificationLoader.h"
 #include "JsonChecks.h"
 
 namespace tarsel::daemon {
@@ -105,8 +106,15 @@ RegisterMapDefinition MapParser::parse(json const& root) {
     if (!m_check.expectObject(root, "map")) {
         return map;
     }
-    m_check.unknownFields(root, "", {"description", "comment", "unavailable", "entries"},
+    m_check.unknownFields(root, "",
+                          {"description", "comment", "unavailable", "entries", "identification"},
                           " of the map");
+    if (root.contains("identification")) {
+        map.identification = parseIdentification(
+            root["identification"], m_check, [this](json const& value, std::string const& where) {
+                return parseSource(value, where);
+            });
+    }
     map.description = m_check.text(root, "description", "", false).value_or("");
     if (root.contains("unavailable")) {
         map.unavailable = parsePolicy(root["unavailable"], "unavailable", map.unavailable);

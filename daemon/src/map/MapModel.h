@@ -91,10 +91,20 @@ struct EntryDefinition {
     std::uint32_t end() const { return std::uint32_t{address} + size; }
 };
 
+/* One object of Read Device Identification: a static text, or a source read
+ * at each request with the text answered while the source cannot be read. */
+struct IdentificationObjectDefinition {
+    std::uint8_t id = 0;  // 0x00 VendorName ... 0x06 UserApplicationName
+    std::string text;
+    std::optional<SourceDefinition> source;
+};
+
 struct RegisterMapDefinition {
     std::string description;
     UnavailablePolicy unavailable;
     std::vector<EntryDefinition> entries;
+    // In object id order; empty when the map has no identification section.
+    std::vector<IdentificationObjectDefinition> identification;
 };
 
 // ---- Names as they stand in map files and in the description --------------

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "DeviceLookup.h"
 #include "LogText.h"
 #include "modbus/CdsStringAccessor.h"
 
@@ -23,7 +24,8 @@ std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size
     return words;
 }
 
-ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log) : m_log(log) {
+ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log)
+    : m_log(log), m_identification(definition.identification) {
     for (auto const& entry : definition.entries) {
         add(entry);
     }
@@ -99,6 +101,32 @@ std::size_t ServedMap::buildPending() {
         ++built;
     }
     return built;
+}
+
+void ServedMap::rebuild(ServedEntry& entry) {
+    // The old data accessors leave the data store before the new ones join.
+    entry.encoder = BuiltEncoder{};
+    if (auto failure = tryBuild(entry)) {
+        m_log.warning(label(entry.definition) + " cannot be built again: " + *failure +
+                      "; served as unavailable, retried every second");
+        entry.pendingReason = std::move(*failure);
+        return;
+    }
+    m_log.limited(Log::Level::Info, "rebuilds of " + entry.definition.name,
+                  label(entry.definition) + " rebuilt after a change of its device; " +
+                      readableValue(entry.definition, entry.image.words));
+}
+
+IdentificationTexts ServedMap::identification() const {
+    IdentificationTexts texts;
+    for (auto const& object : m_identification) {
+        std::optional<std::string> read;
+        if (object.source) {
+            read = readSourceText(*object.source);
+        }
+        texts[object.id] = read && !read->empty() ? *read : object.text;
+    }
+    return texts;
 }
 
 void ServedMap::listen(ServedEntry& entry) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "DeviceIdentification.h"
 #include "EncoderFactory.h"
 #include "Log.h"
 #include "MapModel.h"
@@ -76,6 +77,16 @@ class ServedMap {
      * data-store subscriptions and listeners. */
     std::size_t buildPending();
 
+    /* The texts Read Device Identification answers now: each object's
+     * source as read from the data store, or its text when the source
+     * cannot be read or reads empty. Empty without an identification
+     * section. */
+    IdentificationTexts identification() const;
+
+    /* Destroys the entry's encoder and builds it again, as at start-up; on
+     * failure the entry is pending. Never from a callback of that encoder. */
+    void rebuild(ServedEntry& entry);
+
   private:
     void add(EntryDefinition const& definition);
     std::optional<std::string> tryBuild(ServedEntry& entry);
@@ -86,6 +97,7 @@ class ServedMap {
     Log& m_log;
     std::vector<std::unique_ptr<ServedEntry>> m_entries;
     std::map<Table, std::map<std::uint16_t, ServedEntry*>> m_index;
+    std::vector<IdentificationObjectDefinition> m_identification;
 };
 
 /* A value as people read it: discretes as 0/1 digits, strings as their

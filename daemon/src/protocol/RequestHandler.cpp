@@ -3,7 +3,9 @@
 #include <exception>
 #include <optional>
 
+#include "DeviceIdentification.h"
 #include "LogText.h"
+#include "RequestValidation.h"
 
 namespace tarsel::daemon {
 
@@ -22,6 +24,7 @@ enum Function : std::uint8_t {
     kWriteSingleRegister = 6,
     kWriteMultipleCoils = 15,
     kWriteMultipleRegisters = 16,
+    kEncapsulatedInterface = 0x2B,
 };
 
 std::uint16_t word(std::uint8_t const* p) {
@@ -47,24 +50,6 @@ std::optional<Table> tableOf(std::uint8_t function) {
     }
 }
 
-/* The protocol's limits on the quantity of one request. */
-std::uint16_t maxQuantity(std::uint8_t function) {
-    switch (function) {
-        case kReadCoils:
-        case kReadDiscreteInputs:
-            return 2000;
-        case kReadHoldingRegisters:
-        case kReadInputRegisters:
-            return 125;
-        case kWriteMultipleCoils:
-            return 1968;
-        case kWriteMultipleRegisters:
-            return 123;
-        default:
-            return 1;
-    }
-}
-
 Answer refuse(Answer answer, std::uint8_t code) {
     answer.exception = code;
     answer.registers.clear();
@@ -79,34 +64,6 @@ bool available(ServedEntry const& entry) {
     auto const& encoder = entry.encoder;
     return encoder.registers ? encoder.registers->isDataAvailable()
                              : encoder.discretes->isDataAvailable();
-}
-
-/* The values a write carries, one word per register or per coil. */
-std::optional<std::vector<std::uint16_t>> writtenValues(std::uint8_t function,
-                                                        std::uint8_t const* pdu, std::size_t length,
-                                                        std::uint16_t count) {
-    if (function == kWriteSingleRegister) {
-        return std::vector<std::uint16_t>{word(pdu + 3)};
-    }
-    if (function == kWriteSingleCoil) {
-        std::uint16_t const value = word(pdu + 3);
-        if (value != 0xFF00 && value != 0x0000) {
-            return std::nullopt;
-        }
-        return std::vector<std::uint16_t>{static_cast<std::uint16_t>(value == 0xFF00)};
-    }
-    std::size_t const byteCount = length > 5 ? pdu[5] : 0;
-    bool const registers = function == kWriteMultipleRegisters;
-    std::size_t const expected = registers ? count * 2u : (count + 7u) / 8u;
-    if (length < 6 || byteCount != expected || length != 6 + byteCount) {
-        return std::nullopt;
-    }
-    std::vector<std::uint16_t> values;
-    for (std::size_t i = 0; i < count; ++i) {
-        values.push_back(registers ? word(pdu + 6 + 2 * i)
-                                   : static_cast<std::uint16_t>((pdu[6 + i / 8] >> (i % 8)) & 1));
-    }
-    return values;
 }
 
 /* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
@@ -165,27 +122,22 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     if (unit != m_unitId && unit != 0 && unit != 0xFF) {
         return refuse(answer, ec::kGatewayTargetFailed);
     }
-    if (!m_availability.isAvailable()) {
-        return refuse(answer, ec::kGatewayPathUnavailable);
+    if (answer.function == kEncapsulatedInterface) {
+        return identify(answer, pdu, pduLength);
     }
-    if (!tableOf(answer.function)) {
-        return refuse(answer, ec::kIllegalFunction);
-    }
-    if (pduLength < 5) {
-        return refuse(answer, ec::kIllegalDataValue);
-    }
-    answer.address = word(pdu + 1);
-    bool const single =
-        answer.function == kWriteSingleCoil || answer.function == kWriteSingleRegister;
-    answer.quantity = single ? 1 : word(pdu + 3);
-    if (answer.quantity == 0 || answer.quantity > maxQuantity(answer.function)) {
-        return refuse(answer, ec::kIllegalDataValue);
-    }
-    if (std::uint32_t{answer.address} + answer.quantity > 0x10000) {
-        return refuse(answer, ec::kIllegalDataAddress);
+    // The request's shape first: an illegal or malformed request is the
+    // client's error whether or not the map can be served.
+    RequestShape const shape = checkRequestShape(pdu, pduLength);
+    answer.address = shape.address;
+    answer.quantity = shape.quantity;
+    if (shape.exception != 0) {
+        return refuse(answer, shape.exception);
     }
     if (answer.function > kReadInputRegisters && m_writesRefused) {
         return refuse(answer, ec::kIllegalFunction);
+    }
+    if (!m_availability.isAvailable()) {
+        return refuseUnavailable(answer);
     }
     return answer.function <= kReadInputRegisters ? read(answer, pduLength)
                                                   : write(answer, pdu, pduLength);
@@ -217,6 +169,31 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
             return refuse(answer, code);
         }
     }
+    return answer;
+}
+
+/* While the map cannot be served: what the request would get before any
+ * value is read (a client that may not use the table is refused and learns
+ * nothing of the map; a range that is not mapped is Illegal Data Address),
+ * else Gateway Path Unavailable. */
+Answer RequestHandler::refuseUnavailable(Answer answer) {
+    Table const table = *tableOf(answer.function);
+    bool const writing = answer.function > kReadInputRegisters;
+    if (!(writing ? writeRefusal(table, {}) : readRefusal(table, {})).empty()) {
+        return refuse(answer, ec::kIllegalFunction);
+    }
+    Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, writing);
+    return refuse(answer,
+                  coverage.exception != 0 ? coverage.exception : ec::kGatewayPathUnavailable);
+}
+
+/* Read Device Identification identifies the gateway itself, so it is
+ * answered whether or not the map can be served. */
+Answer RequestHandler::identify(Answer answer, std::uint8_t const* pdu, std::size_t length) {
+    IdentificationAnswer const identified =
+        answerDeviceIdentification(pdu, length, m_map.identification());
+    answer.exception = identified.exception;
+    answer.body = identified.body;
     return answer;
 }
 

@@ -35,6 +35,9 @@ struct Answer {
     std::uint16_t quantity = 0;
     std::vector<std::uint16_t> registers;  // reads of registers
     std::vector<std::uint8_t> bits;        // reads of coils and discrete inputs
+    // The PDU after the function code, for answers that carry no table data
+    // (Read Device Identification).
+    std::vector<std::uint8_t> body;
     // No Modbus answer exists (a function code of 0x80 or above, the range
     // that marks exception answers): the connection is closed instead.
     bool closeConnection = false;
@@ -74,6 +77,8 @@ class RequestHandler {
   private:
     Answer decide(std::uint8_t const* frame, std::size_t length);
     Answer read(Answer answer, std::size_t length);
+    Answer refuseUnavailable(Answer answer);
+    Answer identify(Answer answer, std::uint8_t const* pdu, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
     std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);

@@ -46,6 +46,10 @@ std::vector<std::uint8_t> responseBody(std::uint8_t const* requestPdu, Answer co
             // The answer to a single write is the request itself.
             body.assign(requestPdu + 1, requestPdu + 5);
             break;
+        case 0x2B:
+            // Read Device Identification: built whole by its own encoder.
+            body = answer.body;
+            break;
         default:  // 15, 16: the range written
             putWord(body, answer.address);
             putWord(body, answer.quantity);

@@ -1,0 +1,85 @@
+#include "AttributeRefresh.h"
+
+#include "DeviceLookup.h"
+
+namespace tarsel::daemon {
+
+namespace {
+
+bool readsAttribute(EntryDefinition const& definition) {
+    for (auto const& source : definition.sources) {
+        if (source.kind == SourceKind::Attribute) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+AttributeRefresh::AttributeRefresh(ServedMap& map) : m_map(map) {
+    for (auto const& entry : map.entries()) {
+        if (readsAttribute(entry->definition)) {
+            m_watched.push_back({entry.get(), Clock::time_point{}});
+        }
+    }
+}
+
+bool AttributeRefresh::lostAttribute(ServedEntry const& entry) {
+    if (!entry.built()) {
+        return false;  // pending: building it is the pending retry's job
+    }
+    auto const& sources = entry.encoder.sources;
+    for (std::size_t i = 0; i < sources.size() && i < entry.definition.sources.size(); ++i) {
+        if (entry.definition.sources[i].kind == SourceKind::Attribute &&
+            !sources[i]->isExitingInCds()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool AttributeRefresh::devicesPresent(ServedEntry const& entry) {
+    auto const& sources = entry.encoder.sources;
+    for (std::size_t i = 0; i < sources.size() && i < entry.definition.sources.size(); ++i) {
+        SourceDefinition const& source = entry.definition.sources[i];
+        if (source.kind == SourceKind::Attribute && !sources[i]->isExitingInCds() &&
+            !findDevice(source.device)) {
+            // Gone for real: its accessor waits for its creation by itself.
+            return false;
+        }
+    }
+    return true;
+}
+
+std::size_t AttributeRefresh::run(Clock::time_point now) {
+    std::size_t rebuilt = 0;
+    for (Watched& watched : m_watched) {
+        if (rebuilt == kMaxPerRun) {
+            break;
+        }
+        if (now < watched.next || !lostAttribute(*watched.entry)) {
+            continue;
+        }
+        // Asking the data store is rate-limited too, for a device that is
+        // gone as much as for one that changes all the time.
+        watched.next = now + kMinInterval;
+        if (devicesPresent(*watched.entry)) {
+            m_map.rebuild(*watched.entry);
+            ++rebuilt;
+        }
+    }
+    return rebuilt;
+}
+
+std::optional<AttributeRefresh::Clock::time_point> AttributeRefresh::due() const {
+    std::optional<Clock::time_point> next;
+    for (Watched const& watched : m_watched) {
+        if (lostAttribute(*watched.entry) && (!next || watched.next < *next)) {
+            next = watched.next;
+        }
+    }
+    return next;
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,55 @@
+// Keeps device-attribute entries served. The library's device accessor
+// reports its attribute as not existing after any change notification of its
+// device (an attribute written, the device renamed) until the device shows
+// up under a new id; that is its rule and stays. The daemon rebuilds such an
+// entry while its device is still there, so identity reads again.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include "ServedMap.h"
+
+namespace tarsel::daemon {
+
+class AttributeRefresh {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // One entry is rebuilt at most twice a second, so a client writing an
+    // attribute in a loop cannot keep the daemon rebuilding, and a change
+    // is served again within a second.
+    static constexpr std::chrono::milliseconds kMinInterval{500};
+    // Rebuilds in one call; the rest wait for the next pass of the loop.
+    static constexpr std::size_t kMaxPerRun = 8;
+
+    /* Watches the entries of `map` that read a device attribute; the map
+     * must outlive this. */
+    explicit AttributeRefresh(ServedMap& map);
+
+    /* Rebuilds the stale entries that are due (at most kMaxPerRun); returns
+     * how many. Call it from the loop, never from a data-store callback:
+     * rebuilding destroys the entry's data accessors. */
+    std::size_t run(Clock::time_point now);
+
+    /* When run() has work next; nothing while no entry is stale. */
+    std::optional<Clock::time_point> due() const;
+
+  private:
+    struct Watched {
+        ServedEntry* entry;
+        Clock::time_point next;  // no attempt before this
+    };
+
+    /* Built, and an attribute source that reports not existing. */
+    static bool lostAttribute(ServedEntry const& entry);
+    /* Every device the entry's lost attributes name is there now. */
+    static bool devicesPresent(ServedEntry const& entry);
+
+    ServedMap& m_map;
+    std::vector<Watched> m_watched;
+};
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,167 @@
+// Device-attribute entries stay served: after a change notification of their
+// device the library reports them as not existing (its rule, kept), and the
+// daemon rebuilds them while the device is still there, rate-limited.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "DaemonTestSupport.h"
+#include "EventLoop.h"
+#include "ModbusServer.h"
+#include "SignalPipe.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using testing::request;
+using testing::TestDaemon;
+using Clock = AttributeRefresh::Clock;
+
+char const* const kMap = R"({"entries": [
+  {"name": "maker", "table": "input-registers", "address": 0, "encoder": "string", "size": 4,
+   "source": {"device": 2, "attribute": "manufacturer"}},
+  {"name": "model", "table": "input-registers", "address": 4, "encoder": "string", "size": 4,
+   "source": {"device": "UPS", "attribute": "model"}},
+  {"name": "power", "table": "input-registers", "address": 8, "encoder": "uint32",
+   "source": {"device": 2, "attribute": "nominal-power"}},
+  {"name": "location", "table": "holding-registers", "address": 0, "encoder": "string",
+   "size": 4, "source": {"device": 2, "attribute": "location"}},
+  {"name": "t", "table": "holding-registers", "address": 10, "encoder": "int16",
+   "source": {"device": 2, "channel": "T"}}
+]})";
+
+char const* const kUps = R"({"devices": [{"id": 2, "name": "UPS",
+  "attributes": {"manufacturer": "Maker", "model": "RT", "nominal-power": "3000",
+                 "location": "Lab"},
+  "channels": {"PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})";
+
+std::vector<std::uint16_t> const kMaker = {0x4D61, 0x6B65, 0x7200, 0};  // "Maker"
+std::vector<std::uint16_t> const kSentinel4 = {0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF};
+
+std::vector<std::uint16_t> readInputs(TestDaemon& daemon, std::uint16_t address,
+                                      std::uint16_t quantity) {
+    Answer const answer = daemon.ask(request(4, address, quantity));
+    EXPECT_EQ(answer.exception, 0);
+    return answer.registers;
+}
+
+void setAttribute(cdsapi::DeviceAttribute attribute, std::string const& value) {
+    cdshost::Store::instance().setDeviceAttribute(2, attribute, value);
+}
+
+TEST(AttributeRefreshTest, TheLibraryStillStopsServingAttributesAfterADeviceChange) {
+    TestDaemon daemon(kMap, kUps);
+    ASSERT_EQ(readInputs(daemon, 0, 4), kMaker);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    // Its rule: the same device found again counts as not existing.
+    EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+}
+
+TEST(AttributeRefreshTest, AChangedAttributeReadsItsNewValueAfterTheRefresh) {
+    TestDaemon daemon(kMap, kUps);
+    setAttribute(cdsapi::AttributeManufacturer, "New");
+    ASSERT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(Clock::now()), 4u);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4E65, 0x7700, 0, 0}));
+    EXPECT_EQ(readInputs(daemon, 4, 4), (std::vector<std::uint16_t>{0x5254, 0, 0, 0}));  // "RT"
+    EXPECT_EQ(readInputs(daemon, 8, 2), (std::vector<std::uint16_t>{0, 3000}));
+    EXPECT_NE(daemon.logText().find("entries[0] \"maker\" rebuilt after a change of its device"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(AttributeRefreshTest, AWriteOfAnAttributeByAClientIsServedAgainAfterTheRefresh) {
+    TestDaemon daemon(kMap, kUps);
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0})).exception, 0);
+    EXPECT_EQ(cdshost::Store::instance().deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.ask(request(3, 0, 4)).registers,
+              (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0}));
+}
+
+TEST(AttributeRefreshTest, RebuildingLeavesNoSubscriptionBehind) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    std::size_t const before = store.subscriptionCount();
+    auto now = Clock::now();
+    for (int i = 0; i < 5; ++i) {
+        setAttribute(cdsapi::AttributeLocation, "L" + std::to_string(i));
+        now += std::chrono::seconds(1);
+        ASSERT_EQ(daemon.core().refreshAttributeEntries(now), 4u);
+    }
+    EXPECT_EQ(store.subscriptionCount(), before);
+    daemon.stop();
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST(AttributeRefreshTest, AnEntryIsRebuiltAtMostOncePerIntervalAndTheLoopIsToldWhen) {
+    TestDaemon daemon(kMap, kUps);
+    DaemonCore& core = daemon.core();
+    EXPECT_FALSE(core.attributeRefreshDue());  // nothing stale
+    Clock::time_point const start = Clock::now();
+    setAttribute(cdsapi::AttributeManufacturer, "A");
+    ASSERT_TRUE(core.attributeRefreshDue());
+    EXPECT_LE(*core.attributeRefreshDue(), start);  // due at once
+    ASSERT_EQ(core.refreshAttributeEntries(start), 4u);
+    setAttribute(cdsapi::AttributeManufacturer, "B");
+    EXPECT_EQ(core.refreshAttributeEntries(start + std::chrono::milliseconds(100)), 0u);
+    EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+    ASSERT_TRUE(core.attributeRefreshDue());
+    EXPECT_EQ(*core.attributeRefreshDue(), start + AttributeRefresh::kMinInterval);
+    EXPECT_EQ(core.refreshAttributeEntries(start + AttributeRefresh::kMinInterval), 4u);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4200, 0, 0, 0}));
+    EXPECT_FALSE(core.attributeRefreshDue());
+}
+
+TEST(AttributeRefreshTest, AnEntryWhoseDeviceIsGoneIsNotRebuilt) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    store.removeDevice(2);
+    std::size_t const subscriptions = store.subscriptionCount();
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(Clock::now()), 0u);
+    EXPECT_EQ(store.subscriptionCount(), subscriptions);
+    EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+}
+
+TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
+    TestDaemon daemon(kMap, kUps);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.logText().find("\"t\" rebuilt"), std::string::npos);
+    EXPECT_EQ(daemon.ask(request(3, 10, 1)).registers, (std::vector<std::uint16_t>{5}));
+}
+
+TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
+    std::string entries;
+    for (int i = 0; i < 12; ++i) {
+        entries +=
+            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
+            std::to_string(i) +
+            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
+    }
+    TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    Clock::time_point const now = Clock::now();
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(now), AttributeRefresh::kMaxPerRun);
+    EXPECT_LE(*daemon.core().attributeRefreshDue(), now);  // the rest on the next pass
+    EXPECT_EQ(daemon.core().refreshAttributeEntries(now), 12u - AttributeRefresh::kMaxPerRun);
+    EXPECT_EQ(daemon.ask(request(4, 0, 12)).registers, std::vector<std::uint16_t>(12, 0x5254));
+}
+
+TEST(AttributeRefreshTest, TheEventLoopServesAnAttributeChangedByTheScenarioWithinASecond) {
+    std::string scenario = kUps;
+    scenario.replace(scenario.rfind('}'), 1,
+                     R"(, "events": [{"at": 0.1, "do": "set-attribute", "device": 2,
+                        "attribute": "manufacturer", "value": "Later"}]})");
+    TestDaemon daemon(kMap, scenario);
+    SignalPipe signals;
+    ModbusServer server({"127.0.0.1", 0, AccessRules{}, nullptr}, ClientLimits{},
+                        daemon.core().handler(), daemon.log());
+    // The event at 0.1 s, then less than a second of loop.
+    ASSERT_EQ(runEventLoop(daemon.core(), {&server}, signals, daemon.log(), 1.0), 0);
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4C61, 0x7465, 0x7200, 0}));
+    EXPECT_EQ(readInputs(daemon, 8, 2), (std::vector<std::uint16_t>{0, 3000}));
+}
+
+}  // namespace
+}  // namespace tarsel::daemon
