@@ -115,6 +115,13 @@ class FakeUpsd {
     }
 
     void answer(int fd, std::string const& line) {
+        std::string const commands = "LIST CMD ";
+        if (line.compare(0, commands.size(), commands) == 0) {
+            // No instant commands; asked once per connection.
+            std::string const ups = line.substr(commands.size());
+            send(fd, "BEGIN LIST CMD " + ups + "\nEND LIST CMD " + ups + "\n");
+            return;
+        }
         std::string const prefix = "LIST VAR ";
         if (line.compare(0, prefix.size(), prefix) != 0) {
             return;
@@ -132,7 +139,10 @@ class FakeUpsd {
             }
         }
         out << "END LIST VAR " << ups << "\n";
-        std::string const text = out.str();
+        send(fd, out.str());
+    }
+
+    static void send(int fd, std::string const& text) {
         for (std::size_t sent = 0; sent < text.size();) {
             ssize_t const n = ::write(fd, text.data() + sent, text.size() - sent);
             if (n <= 0) {

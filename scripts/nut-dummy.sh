@@ -9,6 +9,8 @@
 # The UPS is "dummy" with the values of daemon/nut/demo-ups.dev; edit the
 # copy in DIR/etc/ (dummy-ups reads it again when it changes), or use upsrw
 # and upscmd as the user "admin" with the password in DIR/etc/upsd.users.
+# DIR/etc/tarsel-credentials (mode 600) names that user for the daemon's
+# --nut-writes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -64,7 +66,13 @@ cat > "$dir/etc/upsd.users" <<CONF
     actions = SET
     instcmds = ALL
 CONF
-chmod 600 "$dir/etc/upsd.users" "$dir/etc/upsd.conf"
+# Private from the start: no moment at which others could read it.
+(umask 077 && cat > "$dir/etc/tarsel-credentials") <<CONF
+# The upsd user tarsel-modbusd writes back as (--nut-credentials).
+username = admin
+password = dummy-admin
+CONF
+chmod 600 "$dir/etc/upsd.users" "$dir/etc/upsd.conf" "$dir/etc/tarsel-credentials"
 
 stop
 "$drivers/dummy-ups" -a dummy -u "$user"
@@ -73,6 +81,9 @@ for _ in $(seq 50); do
     if upsc dummy@127.0.0.1:"$port" ups.status >/dev/null 2>&1; then
         echo "nut-dummy: upsd on 127.0.0.1:$port serves dummy (state in $dir)"
         echo "  tarsel-modbusd --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json"
+        echo "and, writing back to it:"
+        echo "  tarsel-modbusd --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json \\"
+        echo "      --nut-writes --nut-credentials $dir/etc/tarsel-credentials"
         exit 0
     fi
     sleep 0.2

@@ -104,6 +104,45 @@ TEST_F(ClientConnectionTest, TheEndOfTheStreamClosesIt) {
     EXPECT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Closed);
 }
 
+/* Everything the peer can read now. */
+Bytes readAll(int fd) {
+    Bytes bytes(4096);
+    ssize_t const got = ::recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+}
+
+TEST_F(ClientConnectionTest, AnswersAfterADeferredOneWaitUntilItIsFilledThenGoInRequestOrder) {
+    ASSERT_EQ(m_connection->queue({1}), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queueDeferred(7), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queue({3}), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queueDeferred(8), ClientConnection::QueueStatus::Queued);
+    ASSERT_EQ(m_connection->queue({5}), ClientConnection::QueueStatus::Queued);
+    EXPECT_EQ(readAll(m_peer), Bytes{1});
+    EXPECT_EQ(m_connection->deferredTokens(), (std::vector<std::uint64_t>{7, 8}));
+    // The later one settles first: it still waits for the earlier.
+    ASSERT_EQ(m_connection->fill(8, {4}), ClientConnection::QueueStatus::Queued);
+    EXPECT_EQ(readAll(m_peer), Bytes{});
+    ASSERT_EQ(m_connection->fill(7, {2}), ClientConnection::QueueStatus::Queued);
+    EXPECT_EQ(readAll(m_peer), (Bytes{2, 3, 4, 5}));
+    EXPECT_TRUE(m_connection->deferredTokens().empty());
+    EXPECT_FALSE(m_connection->hasPendingOutput());
+}
+
+TEST_F(ClientConnectionTest, AnAnswerStillToComeDoesNotAskForTheSocketToBeWritable) {
+    ASSERT_EQ(m_connection->queueDeferred(1), ClientConnection::QueueStatus::Queued);
+    EXPECT_FALSE(m_connection->wantsWrite());
+    EXPECT_TRUE(m_connection->hasPendingOutput());
+}
+
+TEST_F(ClientConnectionTest, PlacesForAnswersToComeCountAgainstTheOutputLimit) {
+    std::uint64_t token = 0;
+    while (m_connection->queueDeferred(++token) == ClientConnection::QueueStatus::Queued) {
+        ASSERT_LT(token, 1000u) << "places were reserved without bound";
+    }
+    EXPECT_EQ(token - 1, 1024u / 12u);
+}
+
 TEST(PeerAddressTest, NamesTheAddressAndPort) {
     sockaddr_in address{};
     address.sin_family = AF_INET;

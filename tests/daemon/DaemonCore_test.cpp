@@ -142,5 +142,66 @@ TEST(DaemonCoreTest, AReadOnlyCoreRefusesWritesWithIllegalFunction) {
               (std::vector<std::uint16_t>{0, 5}));
 }
 
+TEST(DaemonCoreTest, FurtherUnitsKeepTheClientsOriginAndItsAccessRules) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [
+      {"id": 2, "name": "first", "channels": {
+        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
+      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
+    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    DaemonCore core(std::move(config), log);
+    AccessRules rules;
+    applyAllowOption(rules, true, "127.0.0.1");
+    RequestOrigin const stranger{"127.0.0.2:5020", 0x7F000002, &rules, true};
+    auto const write = testing::writeRegisters(0, {0, 9});
+    std::vector<std::uint8_t> toUnit9 = write;
+    toUnit9[6] = 9;
+    EXPECT_EQ(core.handler().handle(toUnit9.data(), toUnit9.size(), stranger).exception,
+              exception_code::kIllegalFunction);
+    EXPECT_EQ(TestDaemon::channel(3, "T"), kq::CValue(7));
+    EXPECT_NE(logText.str().find("client=127.0.0.2:5020 unit=9"), std::string::npos)
+        << logText.str();
+}
+
+/* Takes every write and keeps how to tell its outcome. */
+class HeldWrites : public RemoteWrites {
+  public:
+    bool owns(ServedEntry const&) const override { return true; }
+    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
+                                       std::string const&, Done done) override {
+        pending.push_back(std::move(done));
+        return std::nullopt;
+    }
+    std::vector<Done> pending;
+};
+
+TEST(DaemonCoreTest, AWriteWaitingForItsOutcomeOutlivesAReloadOfTheMaps) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    HeldWrites writes;
+    CoreConfig config;
+    config.map = parseRegisterMap(kMap);
+    config.scenario = parseScenario(R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})");
+    config.remoteWrites = &writes;
+    ServedConfig const served = config;
+    DaemonCore core(std::move(config), log);
+    auto const write = testing::writeRegisters(0, {0, 9});
+    Answer const answer = core.handler().handle(write.data(), write.size());
+    ASSERT_TRUE(answer.deferred);
+    core.replaceMaps(served);
+    ASSERT_EQ(writes.pending.size(), 1u);
+    writes.pending.front()(RemoteOutcome{0, "done"});
+    EXPECT_TRUE(core.deferredReplies().settled(*answer.deferred));
+    EXPECT_NE(logText.str().find(": done; client=local"), std::string::npos) << logText.str();
+    // The new maps hand writes over too.
+    EXPECT_TRUE(core.handler().handle(write.data(), write.size()).deferred);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

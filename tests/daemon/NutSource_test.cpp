@@ -5,6 +5,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "MapLoader.h"
 #include "sources/nut/NutSource.h"
 
 namespace tarsel::daemon::nut {
@@ -187,6 +188,158 @@ TEST(NutSourceMaps, AFurtherUpsGetsTheMapMovedOntoItsDevice) {
     EXPECT_EQ(moved.entries[0].sources[0].device.id, kFirstUpsDevice + 2);
     EXPECT_FALSE(moved.entries[0].sources[1].device.id);
     EXPECT_EQ(moved.entries[0].sources[2].device.id, 1u);
+}
+
+/* Takes every command and answers what the test set; keeps the lines. */
+struct FakeCommands {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    CommandResult result{CommandResult::Status::Done, "SUCCESS", true};
+
+    std::vector<std::string> sent() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines;
+    }
+};
+
+class FakeCommander : public Commander {
+  public:
+    explicit FakeCommander(FakeCommands& commands) : m_commands(commands) {}
+    CommandResult run(Command const& command) override {
+        std::lock_guard<std::mutex> lock(m_commands.mutex);
+        m_commands.lines.push_back(command.line());
+        return m_commands.result;
+    }
+
+  private:
+    FakeCommands& m_commands;
+};
+
+/* One entry of a map, as the request handler hands it over. */
+ServedEntry entryOf(std::string const& json) {
+    return ServedEntry(parseRegisterMap(R"({"entries": [)" + json + "]}").entries.front());
+}
+
+class NutWritesSourceTest : public NutSourceTest {
+  protected:
+    void startWritable(std::vector<std::string> const& upses) {
+        SourceConfig config;
+        for (auto const& ups : upses) {
+            config.upses.push_back(parseEndpoint(ups + "@127.0.0.1:1"));
+        }
+        config.interval = 10ms;
+        m_source = std::make_unique<Source>(
+            config, m_store, m_log,
+            [this](Endpoint const& endpoint) {
+                return std::make_unique<FakeFetcher>(m_upsd, endpoint.ups);
+            },
+            [this](Endpoint const&) { return std::make_unique<FakeCommander>(m_commands); });
+        m_source->start(DataSource::Clock::now());
+        ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    }
+
+    /* Starts a write and runs the loop until its outcome comes back. */
+    std::optional<RemoteOutcome> write(ServedEntry const& entry,
+                                       std::vector<std::uint16_t> const& words) {
+        std::optional<RemoteOutcome> outcome;
+        auto const known = m_source->start(entry, words, "127.0.0.1:5020",
+                                           [&](RemoteOutcome const& done) { outcome = done; });
+        if (known) {
+            return known;
+        }
+        loopUntil([&] { return outcome.has_value(); });
+        return outcome;
+    }
+
+    FakeCommands m_commands;
+};
+
+Reading freshWithCommands(Variables variables, std::vector<std::string> commands) {
+    Reading reading = fresh(std::move(variables));
+    reading.commands = std::move(commands);
+    return reading;
+}
+
+TEST_F(NutWritesSourceTest, ASettingBecomesSetVarWithTheValueTheEncoderWouldStore) {
+    m_upsd.set("ups", fresh({{"input.transfer.high", "264"}, {"battery.voltage", "27.3"}}));
+    startWritable({"ups"});
+    auto const outcome = write(entryOf(R"({"name": "high", "table": "holding-registers",
+        "address": 0, "encoder": "uint16", "source": {"device": 2, "channel": "input.transfer.high"}})"),
+                               {270});
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->exception, 0);
+    EXPECT_EQ(outcome->text,
+              "done (SET VAR input.transfer.high \"270\": upsd tracked it to SUCCESS)");
+    // A scaled register: 281 tenths of a volt.
+    write(entryOf(R"({"name": "v", "table": "holding-registers", "address": 1,
+        "encoder": "float16", "multiplier": 10, "source": {"device": 2, "channel": "battery.voltage"}})"),
+          {281});
+    EXPECT_EQ(m_commands.sent(),
+              (std::vector<std::string>{"SET VAR ups input.transfer.high \"270\"",
+                                        "SET VAR ups battery.voltage \"28.1\""}));
+    EXPECT_EQ(value(kFirstUpsDevice, "input.transfer.high"), kq::CValue(264))
+        << "the store waits for upsd's next answer";
+}
+
+TEST_F(NutWritesSourceTest, CommandsUpsdOffersAreChannelsAndACoilWrittenOnRunsOne) {
+    m_upsd.set("ups", freshWithCommands({{"ups.status", "OL"}}, {"beeper.disable"}));
+    startWritable({"ups"});
+    EXPECT_EQ(value(kFirstUpsDevice, "instcmd.beeper.disable"), kq::CValue(0));
+    ServedEntry const coil = entryOf(R"({"name": "b", "table": "coils", "address": 0,
+        "encoder": "boolean", "source": {"device": 2, "channel": "instcmd.beeper.disable"}})");
+    ASSERT_TRUE(m_source->owns(coil));
+    auto const off = write(coil, {0});
+    ASSERT_TRUE(off);
+    EXPECT_EQ(off->exception, 0);
+    EXPECT_EQ(off->text, "nothing to do (a command coil written OFF)");
+    EXPECT_TRUE(m_commands.sent().empty());
+    write(coil, {1});
+    EXPECT_EQ(m_commands.sent(), std::vector<std::string>{"INSTCMD ups beeper.disable"});
+}
+
+TEST_F(NutWritesSourceTest, WhatUpsdRefusesComesBackWithTheTablesCode) {
+    m_upsd.set("ups", fresh({{"ups.delay.shutdown", "20"}}));
+    startWritable({"ups"});
+    m_commands.result = {CommandResult::Status::Refused, "ACCESS-DENIED", false};
+    auto const outcome = write(entryOf(R"({"name": "d", "table": "holding-registers",
+        "address": 0, "encoder": "uint16", "source": {"device": 2, "channel": "ups.delay.shutdown"}})"),
+                               {30});
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->exception, 0x01);
+}
+
+TEST_F(NutWritesSourceTest, DerivedChannelsOtherDevicesAndCompositesAreNotTheUpsdsToWrite) {
+    m_upsd.set("ups", fresh({{"ups.status", "OL"}}));
+    startWritable({"ups"});
+    EXPECT_FALSE(m_source->owns(entryOf(R"({"name": "ol", "table": "coils", "address": 0,
+        "encoder": "boolean", "source": {"device": 2, "channel": "ups.status.OL"}})")));
+    EXPECT_FALSE(m_source->owns(entryOf(R"({"name": "s", "table": "holding-registers",
+        "address": 0, "encoder": "uint16",
+        "source": {"device": 2, "channel": "PowerDistribution.Status.OperatingStatus"}})")));
+    EXPECT_FALSE(m_source->owns(entryOf(R"({"name": "x", "table": "holding-registers",
+        "address": 0, "encoder": "uint16", "source": {"device": 9, "channel": "ups.load"}})")));
+    EXPECT_TRUE(m_source->owns(entryOf(R"({"name": "loc", "table": "holding-registers",
+        "address": 0, "encoder": "string", "size": 4,
+        "source": {"device": "ups", "attribute": "location"}})")));
+}
+
+TEST_F(NutWritesSourceTest, AStringWithANewlineIsNeverSent) {
+    m_upsd.set("ups", fresh({{"device.location", "here"}}));
+    startWritable({"ups"});
+    auto const outcome = write(entryOf(R"({"name": "loc", "table": "holding-registers",
+        "address": 0, "encoder": "string", "size": 2, "source": {"device": 2, "channel": "device.location"}})"),
+                               {0x410A, 0x4200});
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->exception, 0x03);
+    EXPECT_TRUE(m_commands.sent().empty());
+}
+
+TEST_F(NutSourceTest, WithoutCredentialsNoWriteIsTaken) {
+    m_upsd.set("ups", fresh({{"ups.delay.shutdown", "20"}}));
+    start({"ups"});
+    EXPECT_FALSE(m_source->writable());
+    EXPECT_FALSE(m_source->owns(entryOf(R"({"name": "d", "table": "holding-registers",
+        "address": 0, "encoder": "uint16", "source": {"device": 2, "channel": "ups.delay.shutdown"}})")));
 }
 
 }  // namespace

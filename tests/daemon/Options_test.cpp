@@ -119,6 +119,25 @@ TEST(OptionsTest, NutUpsesAreCollectedInOrderWithTheirPollInterval) {
     EXPECT_THROW(parseOptions({"--nut-interval", "0.01"}), std::invalid_argument);
 }
 
+TEST(OptionsTest, NutMapBelongsToTheNutBeforeIt) {
+    Options const options = parseOptions(
+        {"--nut", "first", "--nut", "second", "--nut-map", "second.json", "--nut", "third"});
+    EXPECT_EQ(options.nutMaps, (std::vector<std::string>{"", "second.json", ""}));
+    EXPECT_THROW(parseOptions({"--nut-map", "a.json", "--nut", "first"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--nut", "first", "--nut-map", "a.json", "--nut-map", "b.json"}),
+                 std::invalid_argument);
+}
+
+TEST(OptionsTest, NutWritesAreOffByDefaultAndNeedACredentialsFile) {
+    EXPECT_FALSE(parseOptions({"--nut", "ups"}).nutWrites);
+    EXPECT_THROW(parseOptions({"--nut", "ups", "--nut-writes"}), std::invalid_argument);
+    EXPECT_THROW(parseOptions({"--nut-writes", "--nut-credentials", "f"}), std::invalid_argument);
+    Options const options =
+        parseOptions({"--nut", "ups", "--nut-writes", "--nut-credentials", "/etc/x"});
+    EXPECT_TRUE(options.nutWrites);
+    EXPECT_EQ(options.nutCredentials, "/etc/x");
+}
+
 TEST(OptionsTest, ClientLimitsDefaultToSixtyFourClientsTenMinutesIdleAndTenSecondsPerFrame) {
     ClientLimits const limits = parseOptions({}).limits;
     EXPECT_EQ(limits.maxClients, 64u);
@@ -254,6 +273,21 @@ TEST(SettingsFileTest, EveryErrorOfTheFileIsListedAtOnceWithTheFileAndKey) {
                   "(such as 10.1.0.0/16)\n");
 }
 
+TEST(SettingsFileTest, NutMapsAreAnArrayBesideTheUpsesAndGiveWayWithThem) {
+    std::string const path =
+        writeFile(".json", R"({"nut": ["a", "b", "c"], "nut-map": ["", "b.json"]})");
+    EXPECT_EQ(parseOptions({"--config", path}).nutMaps,
+              (std::vector<std::string>{"", "b.json", ""}));
+    // UPSes from the command line come with the command line's maps.
+    Options const options = parseOptions({"--config", path, "--nut", "x", "--nut-map", "x.json"});
+    EXPECT_EQ(options.nutUpses, (std::vector<std::string>{"x"}));
+    EXPECT_EQ(options.nutMaps, (std::vector<std::string>{"x.json"}));
+    EXPECT_EQ(parseOptions({"--config", path, "--nut", "y"}).nutMaps,
+              (std::vector<std::string>{""}));
+    std::string const tooMany = writeFile("-many.json", R"({"nut": ["a"], "nut-map": ["1", "2"]})");
+    EXPECT_EQ(errorsOf({"--config", tooMany}), "nut-map names 2 maps for 1 UPSes of --nut\n");
+}
+
 TEST(SettingsFileTest, AFileThatIsNoJsonObjectIsRefused) {
     std::string const broken = writeFile(".json", "{\"port\": 502,");
     std::string const errors = errorsOf({"--config", broken});
@@ -282,10 +316,9 @@ TEST(SecretsFileTest, TheSecretsFileNamedInTheSettingsOverridesThemAndTheCommand
 TEST(SecretsFileTest, ASecretsFileOthersMayReadIsRefused) {
     std::string const secrets = writeFile("-secrets.json", R"({"tls-key": "k"})", 0644);
     EXPECT_EQ(errorsOf({"--secrets", secrets}),
-              "secrets file: " + secrets +
-                  " has mode 0644: it holds secrets, so its group and others must have no "
-                  "access (chmod 600 " +
-                  secrets + ")\n");
+              "secrets file: \"" + secrets +
+                  "\" is open to its group or others (mode 0644); it holds a secret: chmod 600 it "
+                  "and try again\n");
 }
 
 TEST(SecretsFileTest, TheSecretsFileCannotNameAnotherOne) {

@@ -156,5 +156,37 @@ TEST(Poller, PollersAskedToStopTogetherEndInOneRoundTrip) {
     EXPECT_EQ(second.fetches, 1);
 }
 
+TEST(Poller, AJobRunsOnThePollersThreadAndAPollFollowsAtOnce) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    // A long interval: only the job can bring the next poll early.
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 10s, [] {});
+    ASSERT_TRUE(eventually([&] { return script.fetches == 1; }));
+    std::promise<std::thread::id> ran;
+    ASSERT_TRUE(poller.submit([&] { ran.set_value(std::this_thread::get_id()); }, 4));
+    auto done = ran.get_future();
+    ASSERT_EQ(done.wait_for(2s), std::future_status::ready);
+    EXPECT_NE(done.get(), std::this_thread::get_id());
+    EXPECT_TRUE(eventually([&] { return script.fetches == 2; }));
+}
+
+TEST(Poller, JobsBeyondTheLimitAreRefusedWhileTheThreadIsBusy) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    script.held = true;  // the thread hangs in its first round trip
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return script.entered == 1; }));
+    std::atomic<int> runs{0};
+    EXPECT_TRUE(poller.submit([&] { ++runs; }, 2));
+    EXPECT_TRUE(poller.submit([&] { ++runs; }, 2));
+    EXPECT_FALSE(poller.submit([&] { ++runs; }, 2));
+    {
+        std::lock_guard<std::mutex> lock(script.mutex);
+        script.held = false;
+    }
+    script.changed.notify_all();
+    EXPECT_TRUE(eventually([&] { return runs == 2; }));
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut

@@ -1,67 +1,76 @@
-// Files holding secrets are read only when their group and others have no
-// access to them.
+// Secret files are read only when no one but their owner may read them.
 #include <gtest/gtest.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <string>
 
 #include "PrivateFile.h"
 
 namespace tarsel::daemon {
 namespace {
 
-/* A file of its own for each test (tests run in parallel processes). */
-std::string fileWithMode(std::string const& contents, mode_t mode) {
-    std::string const path = ::testing::TempDir() + "private-file-test-" +
-                             std::to_string(::getpid()) + "-" +
-                             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::ofstream(path, std::ios::trunc) << contents;
-    EXPECT_EQ(::chmod(path.c_str(), mode), 0);
-    return path;
-}
-
-std::string refusal(std::string const& path) {
-    try {
-        readPrivateFile(path);
-    } catch (PrivateFileError const& error) {
-        return error.what();
+class PrivateFileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tarsel-private-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+        m_path = m_dir + "/secret";
+        std::ofstream(m_path) << "password = hunter2\n";
     }
-    return "read";
+    void TearDown() override {
+        ::unlink(m_path.c_str());
+        ::rmdir(m_dir.c_str());
+    }
+
+    /* The error readPrivateFile() throws for the file in this mode. */
+    std::string refusal(mode_t mode) {
+        ::chmod(m_path.c_str(), mode);
+        try {
+            readPrivateFile(m_path);
+        } catch (PrivateFileError const& error) {
+            return error.what();
+        }
+        return "";
+    }
+
+    std::string m_dir;
+    std::string m_path;
+};
+
+TEST_F(PrivateFileTest, AFileOnlyItsOwnerMayReadIsReadWhole) {
+    ::chmod(m_path.c_str(), 0600);
+    EXPECT_EQ(readPrivateFile(m_path), "password = hunter2\n");
+    ::chmod(m_path.c_str(), 0400);
+    EXPECT_EQ(readPrivateFile(m_path), "password = hunter2\n");
 }
 
-TEST(PrivateFileTest, AFileOnlyItsOwnerMayReadIsRead) {
-    EXPECT_EQ(readPrivateFile(fileWithMode("{\"a\": 1}\n", 0600)), "{\"a\": 1}\n");
+TEST_F(PrivateFileTest, AFileItsGroupMayReadIsRefusedWithItsModeAndTheRemedy) {
+    std::string const why = refusal(0640);
+    EXPECT_NE(why.find("\"" + m_path + "\" is open to its group or others (mode 0640)"),
+              std::string::npos)
+        << why;
+    EXPECT_NE(why.find("chmod 600"), std::string::npos) << why;
 }
 
-TEST(PrivateFileTest, AReadOnlyFileOfItsOwnerIsRead) {
-    EXPECT_EQ(readPrivateFile(fileWithMode("secret", 0400)), "secret");
+TEST_F(PrivateFileTest, AFileOthersMayReadOrWriteIsRefused) {
+    EXPECT_NE(refusal(0604), "");
+    EXPECT_NE(refusal(0602), "");
+    EXPECT_NE(refusal(0610), "");
 }
 
-TEST(PrivateFileTest, AFileItsGroupMayReadIsRefusedWithItsModeAndTheFix) {
-    std::string const path = fileWithMode("secret", 0640);
-    EXPECT_EQ(refusal(path), path +
-                                 " has mode 0640: it holds secrets, so its group and others must "
-                                 "have no access (chmod 600 " +
-                                 path + ")");
+TEST_F(PrivateFileTest, TheRefusalNeverShowsTheSecret) {
+    EXPECT_EQ(refusal(0644).find("hunter2"), std::string::npos);
 }
 
-TEST(PrivateFileTest, AFileOthersMayReadOrWriteIsRefused) {
-    EXPECT_NE(refusal(fileWithMode("secret", 0604)).find("has mode 0604"), std::string::npos);
-    EXPECT_NE(refusal(fileWithMode("secret", 0602)).find("has mode 0602"), std::string::npos);
-}
-
-TEST(PrivateFileTest, AMissingFileIsNamedWithTheReason) {
-    EXPECT_EQ(refusal("/nonexistent/secrets.json"),
-              "cannot read /nonexistent/secrets.json: No such file or directory");
-}
-
-TEST(PrivateFileTest, ADirectoryIsNoPrivateFile) {
-    std::string const path =
-        ::testing::TempDir() + "private-file-dir-" + std::to_string(::getpid());
-    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
-    EXPECT_EQ(refusal(path), path + " is not a regular file");
-    ::rmdir(path.c_str());
+TEST_F(PrivateFileTest, AMissingFileOrADirectoryIsRefused) {
+    EXPECT_THROW(readPrivateFile(m_dir + "/missing"), PrivateFileError);
+    ::chmod(m_dir.c_str(), 0700);
+    EXPECT_THROW(readPrivateFile(m_dir), PrivateFileError);
 }
 
 }  // namespace

@@ -116,13 +116,15 @@ TEST(ServedMapTest, DescriptionShowsAPendingEntryWithAnEmptyValueAndWhy) {
     EXPECT_EQ(root["entries"][0]["note"], "");
 
     std::string const markdown = daemon.core().describe(DescribeFormat::Markdown);
-    EXPECT_NE(markdown.find("| holding-registers | 1 | 4 | model |  |  | device \"UPS\" attribute "
+    EXPECT_NE(markdown.find("| holding-registers | 1 | 4 | model | string 8 chars |  | 1 | 0 | RW "
+                            "| 0xFFFF in all 4 registers |  |  | device \"UPS\" attribute "
                             "model | - | 0 | pending: no device named \"UPS\" |"),
               std::string::npos)
         << markdown;
     std::string const csv = daemon.core().describe(DescribeFormat::Csv);
-    EXPECT_NE(csv.find("holding-registers,1,4,model,,,\"device \"\"UPS\"\" attribute model\",-,0,"
-                       "\"pending: no device named \"\"UPS\"\"\"\n"),
+    EXPECT_NE(csv.find("holding-registers,1,4,model,string 8 chars,,1,0,RW,0xFFFF in all 4 "
+                       "registers,,,\"device \"\"UPS\"\" attribute model\",-,0,"
+                       "\"pending: no device named \"\"UPS\"\"\"\r\n"),
               std::string::npos)
         << csv;
 }

@@ -4,7 +4,7 @@ import subprocess
 import unittest
 
 from harness import Daemon, running_ups
-from test_pymodbus import float_layouts
+from test_pymodbus import float_layouts, library_float_map
 
 # mbpoll's two word orders for 32-bit floats, by the byte layout they expect.
 MBPOLL_FLOAT_FLAGS = {"CDAB": [], "ABCD": ["-B"]}
@@ -20,15 +20,22 @@ def mbpoll(port, *args):
 
 class MbpollTest(unittest.TestCase):
     def setUp(self):
-        self.daemon = Daemon(scenario_json=running_ups())
+        self.daemon = Daemon(map_json=library_float_map(), scenario_json=running_ups())
 
     def tearDown(self):
         status, log = self.daemon.stop()
         self.assertEqual(status, 0, log)
 
-    def test_mbpoll_reads_a_float_in_each_byte_order(self):
+    def test_mbpoll_reads_the_shipped_maps_floats_big_endian_with_flag_b(self):
+        for table, address, expected in (("4", 0, 10.0), ("4", 2, 20.0), ("3", 40, 230.1)):
+            status, values, out = mbpoll(self.daemon.port, "-t", table + ":float", "-B", "-r",
+                                         str(address))
+            self.assertEqual(status, 0, out)
+            self.assertAlmostEqual(float(values[address]), expected, places=3, msg=out)
+
+    def test_mbpoll_reads_a_library_float_in_each_byte_order(self):
         layouts = float_layouts()
-        for address, byte_order, expected in ((0, 0, 10.0), (2, 1, 20.0)):
+        for address, byte_order, expected in ((100, 0, 10.0), (102, 1, 20.0)):
             flags = MBPOLL_FLOAT_FLAGS[layouts[byte_order]["readLayout"]]
             status, values, out = mbpoll(self.daemon.port, "-t", "4:float", "-r", str(address),
                                          *flags)

@@ -5,16 +5,16 @@ The daemon polls every POLL_S; a change upsd has must be served within one
 poll interval plus a second. upsd, its drivers and the daemon are stopped by
 their process ids.
 """
-import copy
 import json
 import struct
-import subprocess
 import time
 import unittest
 
+from pymodbus.constants import Endian
+from pymodbus.payload import BinaryPayloadDecoder
 from pymodbus.repl.client.mclient import ModbusTcpClient as ExtendedClient
 
-from harness import DAEMON, Daemon
+from harness import Daemon
 from nut_harness import NUT_MAP, Upsd, demo_dev
 
 POLL_S = 0.5
@@ -23,7 +23,10 @@ SERVED_LIMIT_S = POLL_S + 1.0
 # daemon counts it as unreachable (5 s), plus a poll and some slack for a
 # loaded machine.
 FAULT_LIMIT_S = 5.0 + POLL_S + 3.0
-SENTINEL = 0xFFFF
+# What unavailable entries read under the NUT map's not-implemented policy:
+# a uint16 0xFFFF, a string all zero.
+UINT16_NOT_IMPLEMENTED = 0xFFFF
+STRING_NOT_IMPLEMENTED = [0, 0]
 UNIT = 1  # the daemon's default; a test with --unit-id names its units
 
 # Input registers and discrete inputs of the shipped NUT map.
@@ -42,17 +45,20 @@ def text(registers):
     return raw.split(b"\0", 1)[0].decode("ascii")
 
 
-def read_layouts():
-    out = subprocess.run([DAEMON, "--describe=json", "--scenario", "none"], check=True,
-                         capture_output=True, text=True, timeout=30).stdout
-    return {l["byteOrder"]: l["readLayout"] for l in json.loads(out)["floatLayout"]["layouts"]}
+def big_endian(registers):
+    """pymodbus's own decoder for the NUT map's one layout, ABCD."""
+    return BinaryPayloadDecoder.fromRegisters(registers, byteorder=Endian.Big,
+                                              wordorder=Endian.Big)
 
 
-def decode_float(registers, layout):
-    """A float served in a layout such as "CDAB" (A the most significant byte)."""
-    raw = struct.pack(">HH", *registers)
-    by_letter = {"ABCD"[i]: raw[layout.index("ABCD"[i])] for i in range(4)}
-    return struct.unpack(">f", bytes(by_letter[c] for c in "ABCD"))[0]
+def dev_values():
+    """The demo .dev file's variables."""
+    values = {}
+    for line in demo_dev().splitlines():
+        name, colon, value = line.partition(":")
+        if colon and not line.startswith("#"):
+            values[name.strip()] = value.strip()
+    return values
 
 
 def signed(word):
@@ -111,14 +117,13 @@ class NutTest(unittest.TestCase):
 
     def test_values_of_our_dev_file_are_served(self):
         self.start({"bench": ("bench.dev", demo_dev())})
-        layouts = read_layouts()
         self.assertEqual(text(self.registers(NAME, 8)), "bench")
         self.assertEqual(text(self.registers(SERIAL, 8)), "DUMMY-0042")
         self.assertEqual(text(self.registers(FIRMWARE, 4)), "3.1.4")
-        self.assertAlmostEqual(decode_float(self.registers(INPUT_VOLTAGE, 2), layouts[0]), 230.4,
-                               places=3)
-        self.assertAlmostEqual(decode_float(self.registers(OUTPUT_VOLTAGE, 2), layouts[1]), 229.8,
-                               places=3)
+        self.assertAlmostEqual(big_endian(self.registers(INPUT_VOLTAGE, 2)).decode_32bit_float(),
+                               230.4, places=3)
+        self.assertAlmostEqual(big_endian(self.registers(OUTPUT_VOLTAGE, 2)).decode_32bit_float(),
+                               229.8, places=3)
         self.assertEqual(self.registers(INPUT_FREQUENCY, 1), [500])
         self.assertEqual(self.registers(LOAD, 1), [23])
         self.assertEqual(self.registers(REALPOWER, 2), [0, 312])
@@ -130,6 +135,26 @@ class NutTest(unittest.TestCase):
         status = self.discretes()
         self.assertEqual({t for t, on in status.items() if on}, {"OL", "CHRG"})
         self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 0 | 1 << 5])
+
+    def test_every_float_and_32_bit_entry_decodes_big_endian_to_the_dev_files_value(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        with open(NUT_MAP, encoding="utf-8") as f:
+            entries = [e for e in json.load(f)["entries"]
+                       if e["encoder"] in ("float32", "int32", "uint32")]
+        self.assertGreaterEqual(len(entries), 5)
+        values = dev_values()
+        for entry in entries:
+            self.assertEqual(entry.get("layout"), "ABCD", entry["name"])
+            decoder = big_endian(self.registers(entry["address"], 2))
+            expected = values[entry["source"]["channel"]]
+            if entry["encoder"] == "float32":
+                served = decoder.decode_32bit_float()
+                self.assertEqual(served, struct.unpack(">f", struct.pack(">f", float(expected)))[0],
+                                 entry["name"])
+            else:
+                served = (decoder.decode_32bit_int() if entry["encoder"] == "int32"
+                          else decoder.decode_32bit_uint())
+                self.assertEqual(served, int(float(expected)), entry["name"])
 
     def test_sequence_changes_are_served_within_one_poll_interval_plus_a_second(self):
         sequence = dev_without(["battery.charge:"]) + "battery.charge: 100\nTIMER 3\n" + \
@@ -182,14 +207,14 @@ class NutTest(unittest.TestCase):
 
     def test_an_outlet_appears_and_disappears(self):
         self.start({"bench": ("bench.dev", dev_without(["outlet.2."]))})
-        self.assertEqual(self.registers(OUTLET2_STATUS, 2), [SENTINEL, SENTINEL])
+        self.assertEqual(self.registers(OUTLET2_STATUS, 2), STRING_NOT_IMPLEMENTED)
         self.upsd.write_file("bench.dev", demo_dev())
         self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == [ord("o") << 8 | ord("f"),
                                                                      ord("f") << 8],
                         5.0 + SERVED_LIMIT_S, "outlet.2 did not appear")
         for variable in ("id", "desc", "status", "switchable", "current"):
             self.assertTrue(self.upsd.upsrw("bench", f"outlet.2.{variable}", ""))
-        self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == [SENTINEL, SENTINEL],
+        self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == STRING_NOT_IMPLEMENTED,
                         2.0 + SERVED_LIMIT_S, "outlet.2 did not disappear")
         self.assertTrue(self.daemon.alive())
 
@@ -207,7 +232,7 @@ class NutTest(unittest.TestCase):
         self.start({"bench": ("bench.dev", demo_dev())})
         pid = self.daemon.process.pid
         self.upsd.stop_upsd()
-        self.wait_until(lambda: self.registers(CHARGE, 1) == [SENTINEL], FAULT_LIMIT_S,
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [UINT16_NOT_IMPLEMENTED], FAULT_LIMIT_S,
                         "entries stayed available without upsd")
         self.assertTrue(self.daemon.wait_for_log("upsd unreachable", 1.0))
         self.upsd.start_upsd()
@@ -219,7 +244,7 @@ class NutTest(unittest.TestCase):
     def test_driver_stopped_entries_go_unavailable_and_come_back(self):
         self.start({"bench": ("bench.dev", demo_dev())})
         self.upsd.stop_driver("bench")
-        self.wait_until(lambda: self.registers(CHARGE, 1) == [SENTINEL], FAULT_LIMIT_S,
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [UINT16_NOT_IMPLEMENTED], FAULT_LIMIT_S,
                         "entries stayed available without the driver")
         self.assertEqual(self.discretes()["OL"], False)
         self.assertTrue(self.daemon.wait_for_log(" stale: ", 1.0))
@@ -242,13 +267,13 @@ class NutTest(unittest.TestCase):
                 asked = time.monotonic()
                 answers.add(tuple(self.registers(CHARGE, 1)))
                 slowest = max(slowest, time.monotonic() - asked)
-                if (SENTINEL,) in answers:
+                if (UINT16_NOT_IMPLEMENTED,) in answers:
                     deadline = min(deadline, asked + 1.0)
                 time.sleep(0.05)
         finally:
             self.upsd.resume_upsd()
         self.assertLess(slowest, 0.5, "a Modbus answer waited for the stopped upsd")
-        self.assertIn((SENTINEL,), answers, "a hung upsd is to read as unavailable")
+        self.assertIn((UINT16_NOT_IMPLEMENTED,), answers, "a hung upsd is to read as unavailable")
         self.wait_until(lambda: self.registers(CHARGE, 1) == [100], FAULT_LIMIT_S,
                         "entries did not come back once upsd ran again")
 
@@ -269,31 +294,19 @@ class NutTest(unittest.TestCase):
                         "the second UPS's status did not move")
         self.assertFalse(self.discretes(unit=5)["OB"])
         self.upsd.stop_driver("second")
-        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [SENTINEL], FAULT_LIMIT_S,
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=6) == [UINT16_NOT_IMPLEMENTED], FAULT_LIMIT_S,
                         "the second UPS stayed available without its driver")
         self.assertEqual(self.registers(CHARGE, 1, unit=5), [100])
 
     def test_writes_are_refused_while_writes_to_the_ups_are_off(self):
-        with open(NUT_MAP, encoding="utf-8") as f:
-            writable = json.load(f)
-        writable["entries"].append({
-            "name": "battery.charge.low.setting", "table": "holding-registers", "address": 0,
-            "encoder": "uint16", "source": {"device": 2, "channel": "battery.charge.low"}})
-        writable["entries"].append({
-            "name": "beeper", "table": "coils", "address": 0, "encoder": "boolean",
-            "source": {"device": 2, "channel": "ups.status.OL"}})
-        self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
-        self.daemon = Daemon(map_json=copy.deepcopy(writable),
-                             args=["--nut-interval", str(POLL_S), "--nut",
-                                   self.upsd.endpoint("bench")])
-        self.client = self.daemon.client()
-        self.wait_until(lambda: self.registers(OPERATING_STATUS, 1) == [16], 10.0,
-                        "the map never opened")
+        # The shipped map's holding register 0 is battery.charge.low, coil 5
+        # the command load.off; without --nut-writes neither reaches upsd.
+        self.start({"bench": ("bench.dev", demo_dev())})
         self.assertEqual(self.client.read_holding_registers(0, 1, slave=UNIT).registers, [20])
         refused = self.client.write_register(0, 30, slave=UNIT)
         self.assertTrue(refused.isError())
         self.assertEqual(refused.exception_code, 1)
-        refused = self.client.write_coil(0, False, slave=UNIT)
+        refused = self.client.write_coil(5, True, slave=UNIT)
         self.assertEqual(refused.exception_code, 1)
         time.sleep(SERVED_LIMIT_S)
         self.assertEqual(self.upsd.upsc("bench", "battery.charge.low"), "20")
@@ -305,7 +318,7 @@ class NutTest(unittest.TestCase):
         self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [100], SERVED_LIMIT_S + 2,
                         "the second UPS is not served")
         self.upsd.reload_upsd({"first": upses["first"]})
-        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [SENTINEL], FAULT_LIMIT_S,
+        self.wait_until(lambda: self.registers(CHARGE, 1, unit=2) == [UINT16_NOT_IMPLEMENTED], FAULT_LIMIT_S,
                         "the removed UPS stayed available")
         self.assertTrue(self.daemon.wait_for_log("unknown to upsd", 1.0))
         self.assertEqual(self.registers(CHARGE, 1, unit=1), [100])

@@ -17,6 +17,10 @@ from harness import (DAEMON, SHIPPED_SCENARIO, UPS, Daemon, poll_until, running_
 
 BIG, LITTLE = Endian.Big, Endian.Little
 SENTINEL = 0xFFFF
+# What outlet 3's six input registers read while the outlet is absent, under
+# the shipped map's not-implemented policy: its name (a string: all zero),
+# its current (a one-register float: uint16, 0xFFFF) and power (int16, 0x8000).
+OUTLET3_ABSENT = [0, 0, 0, 0, 0xFFFF, 0x8000]
 
 
 def float_layouts():
@@ -37,6 +41,20 @@ def pymodbus_orders(layout):
             if builder.to_registers() == regs:
                 return byteorder, wordorder
     raise AssertionError("no pymodbus layout for " + layout)
+
+
+def library_float_map():
+    """The shipped map plus two entries on the library's float encoder, byte
+    orders 0 and 1, over the battery charge's first two thresholds (10, 20)."""
+    ups_map = shipped_map()
+    for byte_order, address, threshold in ((0, 100, "alarm-threshold-0"),
+                                           (1, 102, "alarm-threshold-1")):
+        ups_map["entries"].append({"name": "library-float-%d" % byte_order,
+                                   "table": "holding-registers", "address": address,
+                                   "encoder": "float", "byteOrder": byte_order,
+                                   "source": {"device": UPS, "channel": "Battery.Charge",
+                                              "data": threshold}})
+    return ups_map
 
 
 def decoder(registers, byteorder=BIG, wordorder=BIG):
@@ -83,26 +101,26 @@ class PymodbusTest(unittest.TestCase):
 
     # ---- reads of every encoder ------------------------------------------
 
-    def test_floats_decode_in_both_byte_orders_with_the_reported_layout(self):
+    def test_library_floats_decode_in_both_byte_orders_with_the_reported_layout(self):
         layouts = float_layouts()
-        _, client = self.start()
-        regs = self.ok(client.read_holding_registers(0, 4, slave=1)).registers
+        _, client = self.start(map_json=library_float_map())
+        regs = self.ok(client.read_holding_registers(100, 4, slave=1)).registers
         self.assertAlmostEqual(decoder(regs[0:2], *pymodbus_orders(layouts[0]["readLayout"]))
                                .decode_32bit_float(), 10.0)
         self.assertAlmostEqual(decoder(regs[2:4], *pymodbus_orders(layouts[1]["readLayout"]))
                                .decode_32bit_float(), 20.0)
 
     def test_input_registers_decode_every_register_encoder(self):
-        layouts = float_layouts()
         _, client = self.start()
         regs = self.ok(client.read_input_registers(40, 22, slave=1)).registers
         at = lambda address, count=1: regs[address - 40:address - 40 + count]
-        self.assertAlmostEqual(decoder(at(40, 2), *pymodbus_orders(layouts[0]["readLayout"]))
-                               .decode_32bit_float(), 230.1, places=3)
+        # Every float and 32-bit value of the shipped map is ABCD: big-endian.
+        self.assertAlmostEqual(decoder(at(40, 2)).decode_32bit_float(), 230.1, places=3)
+        self.assertAlmostEqual(decoder(at(44, 2)).decode_32bit_float(), 229.8, places=3)
         self.assertEqual(decoder(at(42)).decode_16bit_int(), 500)  # 50.0 Hz x 10
         self.assertEqual(decoder(at(43)).decode_16bit_uint(), 3)  # 0 XOR 3
         self.assertEqual(decoder(at(46)).decode_16bit_int(), 42)  # 4.2 A x 10
-        self.assertEqual(decoder(at(47, 2), BIG, LITTLE).decode_32bit_uint(), 960)
+        self.assertEqual(decoder(at(47, 2)).decode_32bit_uint(), 960)
         self.assertEqual(decoder(at(49)).decode_16bit_uint(), 32)
         self.assertEqual(decoder(at(50)).decode_16bit_uint(), 100)
         self.assertEqual(decoder(at(52, 2)).decode_32bit_int(), 3600)
@@ -149,19 +167,20 @@ class PymodbusTest(unittest.TestCase):
         self.ok(client.write_register(7, 3, slave=1))
         self.assertEqual(self.ok(client.read_holding_registers(7, 1, slave=1)).registers, [3])
 
-    def test_write_32_bit_integers_in_both_word_orders_is_read_back(self):
+    def test_write_32_bit_integers_and_floats_big_endian_is_read_back(self):
         _, client = self.start()
+        self.ok(client.write_registers(0, words(lambda b: b.add_32bit_float(12.5)), slave=1))
         self.ok(client.write_registers(8, words(lambda b: b.add_32bit_int(-120)), slave=1))
-        self.ok(client.write_registers(10, words(lambda b: b.add_32bit_uint(86400), BIG, LITTLE),
-                                       slave=1))
-        regs = self.ok(client.read_holding_registers(8, 4, slave=1)).registers
-        self.assertEqual(decoder(regs[0:2]).decode_32bit_int(), -120)
-        self.assertEqual(decoder(regs[2:4], BIG, LITTLE).decode_32bit_uint(), 86400)
+        self.ok(client.write_registers(10, words(lambda b: b.add_32bit_uint(86400)), slave=1))
+        regs = self.ok(client.read_holding_registers(0, 12, slave=1)).registers
+        self.assertEqual(decoder(regs[0:2]).decode_32bit_float(), 12.5)
+        self.assertEqual(decoder(regs[8:10]).decode_32bit_int(), -120)
+        self.assertEqual(decoder(regs[10:12]).decode_32bit_uint(), 86400)
 
-    def test_float_written_in_the_reported_write_layout_is_stored(self):
+    def test_library_float_written_in_the_reported_write_layout_is_stored(self):
         layouts = float_layouts()
-        _, client = self.start()
-        for byte_order, address, value in ((0, 0, 12.5), (1, 2, 37.25)):
+        _, client = self.start(map_json=library_float_map())
+        for byte_order, address, value in ((0, 100, 12.5), (1, 102, 37.25)):
             layout = layouts[byte_order]
             regs = words(lambda b: b.add_32bit_float(value),
                          *pymodbus_orders(layout["writeLayout"]))
@@ -178,15 +197,23 @@ class PymodbusTest(unittest.TestCase):
         back = self.ok(client.read_holding_registers(60, 8, slave=1)).registers
         self.assertEqual(decoder(back).decode_string(16), text)
 
-    def test_numeric_string_bitmask_and_counter_writes_are_read_back(self):
+    def test_numeric_string_and_counter_writes_are_read_back(self):
         _, client = self.start()
         self.ok(client.write_register(12, 15, slave=1))
-        self.ok(client.write_register(13, 0, slave=1))  # any write stores the mask 1
         self.ok(client.write_registers(14, words(lambda b: b.add_32bit_uint(2000500)), slave=1))
-        regs = self.ok(client.read_holding_registers(12, 4, slave=1)).registers
-        self.assertEqual(regs[0], 15)
-        self.assertEqual(regs[1], 0)  # 1 XOR 1
-        self.assertEqual(decoder(regs[2:4]).decode_32bit_uint(), 2000500)
+        self.assertEqual(self.ok(client.read_holding_registers(12, 1, slave=1)).registers, [15])
+        regs = self.ok(client.read_holding_registers(14, 2, slave=1)).registers
+        self.assertEqual(decoder(regs).decode_32bit_uint(), 2000500)
+
+    def test_battery_test_coil_reads_0_when_idle_and_only_a_1_requests_a_test(self):
+        _, client = self.start()
+        self.assertEqual(self.ok(client.read_coils(7, 1, slave=1)).bits[0], False)
+        self.ok(client.write_coil(7, False, slave=1))
+        self.assertEqual(self.ok(client.read_coils(7, 1, slave=1)).bits[0], False)
+        self.ok(client.write_coil(7, True, slave=1))
+        self.assertEqual(self.ok(client.read_coils(7, 1, slave=1)).bits[0], True)
+        # The holding register that once held the request is no entry any more.
+        self.assertEqual(self.exception_of(client.write_register(13, 1, slave=1)), 2)
 
     def test_single_and_multiple_coil_writes_are_read_back(self):
         _, client = self.start()
@@ -199,20 +226,13 @@ class PymodbusTest(unittest.TestCase):
         self.assertEqual(coils[8:10], [False, True])
         self.assertFalse(coils[4])  # auto-restart is the inverse of the second config bit
 
-    def test_status_word_write_switches_the_outlets(self):
-        scenario = running_ups()
-        scenario["devices"][-1]["subDevices"].append(
-            {"name": "Outlet 3", "channels": {"Outlet.Switch.On": True}})
-        _, client = self.start(scenario_json=scenario)
-        self.ok(client.write_register(16, 0b010, slave=1))
+    def test_each_outlet_switches_by_its_own_coil_while_another_is_absent(self):
+        _, client = self.start()  # outlet 3 is absent
+        self.ok(client.write_coils(0, [False, True], slave=1))
         self.assertEqual(self.ok(client.read_coils(0, 3, slave=1)).bits[:3], [False, True, False])
-
-    def test_status_word_write_is_refused_while_one_outlet_is_missing(self):
-        _, client = self.start()
-        self.assertEqual(self.ok(client.read_holding_registers(16, 1, slave=1)).registers,
-                         [SENTINEL])
-        self.assertEqual(self.exception_of(client.write_register(16, 0b010, slave=1)), 4)
+        self.ok(client.write_coil(0, True, slave=1))
         self.assertEqual(self.ok(client.read_coils(0, 2, slave=1)).bits[:2], [True, True])
+        self.assertEqual(self.exception_of(client.write_coil(2, True, slave=1)), 4)
 
     # ---- exceptions ------------------------------------------------------
 
@@ -236,11 +256,21 @@ class PymodbusTest(unittest.TestCase):
         self.assertEqual(self.exception_of(client.read_input_registers(61, 1, slave=5)), 0x0B)
         self.assertEqual(self.ok(client.read_input_registers(61, 1, slave=0)).registers, [16])
 
-    def test_unavailable_value_reads_as_the_sentinel(self):
+    def test_unavailable_values_read_as_each_types_not_implemented_value(self):
         _, client = self.start()
+        regs = self.ok(client.read_input_registers(120, 6, slave=1)).registers
+        self.assertEqual(regs, OUTLET3_ABSENT)
+        self.assertEqual(decoder(regs[0:4]).decode_string(8), b"\0" * 8)
+        self.assertEqual(decoder(regs[4:5]).decode_16bit_uint(), 0xFFFF)
+        self.assertEqual(decoder(regs[5:6]).decode_16bit_int(), -0x8000)
+        self.assertEqual(self.exception_of(client.write_coil(2, True, slave=1)), 4)
+
+    def test_unavailable_value_reads_as_the_sentinel_of_the_policy(self):
+        ups_map = shipped_map()
+        ups_map["unavailable"] = {"mode": "sentinel", "word": SENTINEL}
+        _, client = self.start(map_json=ups_map)
         self.assertEqual(self.ok(client.read_input_registers(120, 6, slave=1)).registers,
                          [SENTINEL] * 6)
-        self.assertEqual(self.exception_of(client.write_coil(2, True, slave=1)), 4)
 
     def test_unavailable_value_answers_the_exception_of_the_policy(self):
         ups_map = shipped_map()
@@ -253,7 +283,7 @@ class PymodbusTest(unittest.TestCase):
         daemon, client = self.start(
             scenario_json=running_ups({"Config.LowBatteryWarning": "twenty"}))
         self.assertEqual(self.exception_of(client.read_holding_registers(12, 1, slave=1)), 4)
-        self.ok(client.read_holding_registers(13, 1, slave=1))
+        self.ok(client.read_holding_registers(10, 2, slave=1))
         _, log = daemon.stop()
         self.assertIn('"config.low-battery-warning": read failed: stoul', log)
 
@@ -289,7 +319,7 @@ class PymodbusTest(unittest.TestCase):
         _, client = self.start(scenario_json=running_ups(events=events))
         outlet3 = lambda: client.read_input_registers(120, 6, slave=1).registers
         self.assertTrue(poll_until(lambda: outlet3() == [0x4F55, 0x5433, 0, 0, 50, 90]))
-        self.assertTrue(poll_until(lambda: outlet3() == [SENTINEL] * 6))
+        self.assertTrue(poll_until(lambda: outlet3() == OUTLET3_ABSENT))
 
     def test_alarm_is_raised_and_cleared(self):
         events = [{"at": 0.2, "do": "raise-alarm", "device": UPS, "channel": "Battery.Charge",
@@ -325,7 +355,7 @@ class PymodbusTest(unittest.TestCase):
                             == b"Simulated UPS 3000 RT" + b"\0" * 11)
         self.assertTrue(served)
         self.assertEqual(self.ok(client.read_input_registers(200, 4, slave=1)).registers,
-                         [SENTINEL] * 4)  # its device never comes: still pending
+                         [0] * 4)  # its device never comes: still pending, a string reads 0
         status, log = daemon.stop()
         self.assertEqual(status, 0, log)
         self.assertIn('entries[0] "ups.model" built; served from now on', log)

@@ -77,9 +77,8 @@ class ServiceTest(unittest.TestCase):
         out = run("--config", settings, "--run-seconds", "5")
         self.assertEqual(out.returncode, 2)
         self.assertEqual(out.stderr,
-                         "tarsel-modbusd: secrets file: %s has mode 0640: it holds secrets, so its "
-                         "group and others must have no access (chmod 600 %s)\n"
-                         % (secrets, secrets))
+                         "tarsel-modbusd: secrets file: \"%s\" is open to its group or others "
+                         "(mode 0640); it holds a secret: chmod 600 it and try again\n" % secrets)
 
     def test_readiness_is_reported_to_systemd_once_listening(self):
         path = os.path.join(self.dir.name, "notify")

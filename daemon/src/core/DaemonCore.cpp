@@ -1,5 +1,6 @@
 #include "DaemonCore.h"
 
+#include "MapWarnings.h"
 #include "modbus/PowerDistributionAvailableAccessor.h"
 #include "sources/ScenarioSource.h"
 
@@ -20,64 +21,116 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
         m_source->seed();
     }
     m_availability = std::make_unique<modbus::PowerDistributionAvailableAccessor>();
-    m_map = std::make_unique<ServedMap>(config.map, log);
-    m_handler = std::make_unique<RequestHandler>(*m_map, *m_availability, log, config.unitId);
-    std::size_t const pending = m_map->pendingCount();
-    m_log.info("register map: " + std::to_string(m_map->entries().size()) + " entries" +
+    m_remoteWrites = config.remoteWrites;
+    m_served = buildServed(config);
+    if (m_remoteWrites != nullptr) {
+        m_log.info("writes go back to the UPS; each answer waits for its outcome, " +
+                   std::to_string(m_replies.bound().count()) + " ms at most");
+    }
+    watchAvailability();
+}
+
+std::unique_ptr<DaemonCore::Served> DaemonCore::buildServed(ServedConfig const& config) {
+    auto served = std::make_unique<Served>();
+    served->map = std::make_unique<ServedMap>(config.map, m_log);
+    for (auto const& line : mapWarnings(config.map, m_floatLayout)) {
+        m_log.warning("map: " + line);
+    }
+    served->handler =
+        std::make_unique<RequestHandler>(*served->map, *m_availability, m_log, config.unitId);
+    std::size_t const pending = served->map->pendingCount();
+    m_log.info("register map: " + std::to_string(served->map->entries().size()) + " entries" +
                (pending > 0 ? " (" + std::to_string(pending) + " pending)" : ""));
     for (auto const& unit : config.moreUnits) {
-        m_unitMaps.push_back(std::make_unique<ServedMap>(unit.map, log));
-        m_unitHandlers.push_back(std::make_unique<RequestHandler>(
-            *m_unitMaps.back(), *m_availability, log, unit.unitId));
-        m_handler->routeUnit(unit.unitId, *m_unitHandlers.back());
+        served->unitMaps.push_back(std::make_unique<ServedMap>(unit.map, m_log));
+        served->unitHandlers.push_back(std::make_unique<RequestHandler>(
+            *served->unitMaps.back(), *m_availability, m_log, unit.unitId));
+        served->handler->routeUnit(unit.unitId, *served->unitHandlers.back());
         if (config.readOnly) {
-            m_unitHandlers.back()->refuseWrites();
+            served->unitHandlers.back()->refuseWrites();
+        }
+        if (m_remoteWrites != nullptr) {
+            served->unitHandlers.back()->setRemoteWrites(m_remoteWrites, &m_replies);
         }
         m_log.info("unit id " + std::to_string(unit.unitId) + ": " +
                    std::to_string(unit.map.entries.size()) + " entries");
     }
-    m_refresh.push_back(std::make_unique<AttributeRefresh>(*m_map));
-    for (auto const& map : m_unitMaps) {
-        m_refresh.push_back(std::make_unique<AttributeRefresh>(*map));
+    served->refresh.push_back(std::make_unique<AttributeRefresh>(*served->map));
+    for (auto const& map : served->unitMaps) {
+        served->refresh.push_back(std::make_unique<AttributeRefresh>(*map));
     }
+    m_readOnly = config.readOnly;
     if (config.readOnly) {
-        m_handler->refuseWrites();
+        served->handler->refuseWrites();
         m_log.info("writes are refused with exception 0x01 (Illegal Function)");
     }
-    watchAvailability();
+    if (m_remoteWrites != nullptr) {
+        served->handler->setRemoteWrites(m_remoteWrites, &m_replies);
+    }
+    served->handler->setAuditTrail(m_auditTrail);
+    served->handler->setMetrics(m_metrics);
+    for (auto const& handler : served->unitHandlers) {
+        handler->setAuditTrail(m_auditTrail);
+    }
+    return served;
 }
 
 DaemonCore::~DaemonCore() {
     // The order matters: encoders leave the data store before anything else
     // goes, and the library's shared connection outlives them all.
-    m_refresh.clear();
-    m_unitHandlers.clear();
-    m_unitMaps.clear();
-    m_handler.reset();
-    m_map.reset();
+    m_served.reset();
     m_availability.reset();
     m_scenario = nullptr;
     m_source.reset();
 }
 
+void DaemonCore::replaceMaps(ServedConfig const& config) {
+    // Built before the old maps go, so that nothing is ever without a
+    // handler; for that moment both maps' encoders are subscribed.
+    std::unique_ptr<Served> next = buildServed(config);
+    if (m_metrics != nullptr) {
+        m_metrics->addRetiredPushes(totalPushes());
+    }
+    std::swap(m_served, next);
+    next.reset();
+}
+
 void DaemonCore::setAuditTrail(AuditTrail* trail) {
-    m_handler->setAuditTrail(trail);
-    for (auto const& handler : m_unitHandlers) {
+    m_auditTrail = trail;
+    m_served->handler->setAuditTrail(trail);
+    for (auto const& handler : m_served->unitHandlers) {
         handler->setAuditTrail(trail);
     }
 }
 
-bool DaemonCore::hasPendingEntries() const {
-    bool pending = m_map->pendingCount() > 0;
-    for (auto const& map : m_unitMaps) {
-        pending = pending || map->pendingCount() > 0;
+void DaemonCore::setMetrics(Metrics* metrics) {
+    m_metrics = metrics;
+    m_served->handler->setMetrics(metrics);
+}
+
+std::uint64_t DaemonCore::totalPushes() const {
+    std::uint64_t pushes = m_served->map->totalPushes();
+    for (auto const& map : m_served->unitMaps) {
+        pushes += map->totalPushes();
+    }
+    return pushes;
+}
+
+std::size_t DaemonCore::pendingEntries() const {
+    std::size_t pending = m_served->map->pendingCount();
+    for (auto const& map : m_served->unitMaps) {
+        pending += map->pendingCount();
     }
     return pending;
 }
 
+bool DaemonCore::hasPendingEntries() const {
+    return pendingEntries() > 0;
+}
+
 std::size_t DaemonCore::buildPendingEntries() {
-    std::size_t built = m_map->buildPending();
-    for (auto const& map : m_unitMaps) {
+    std::size_t built = m_served->map->buildPending();
+    for (auto const& map : m_served->unitMaps) {
         built += map->buildPending();
     }
     return built;
@@ -85,7 +138,7 @@ std::size_t DaemonCore::buildPendingEntries() {
 
 std::size_t DaemonCore::refreshAttributeEntries(AttributeRefresh::Clock::time_point now) {
     std::size_t rebuilt = 0;
-    for (auto const& refresh : m_refresh) {
+    for (auto const& refresh : m_served->refresh) {
         rebuilt += refresh->run(now);
     }
     return rebuilt;
@@ -93,7 +146,7 @@ std::size_t DaemonCore::refreshAttributeEntries(AttributeRefresh::Clock::time_po
 
 std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDue() const {
     std::optional<AttributeRefresh::Clock::time_point> due;
-    for (auto const& refresh : m_refresh) {
+    for (auto const& refresh : m_served->refresh) {
         auto const next = refresh->due();
         if (next && (!due || *next < *due)) {
             due = next;
@@ -135,8 +188,8 @@ std::string DaemonCore::describe(DescribeFormat format) {
     // retry; a pending entry whose device is there now is described built.
     buildPendingEntries();
     bool const available = m_availability->isAvailable();
-    DescribeContext const context{*m_map, m_floatLayout, available,
-                                  m_availability->notAvailableMessage()};
+    DescribeContext const context{*m_served->map, m_floatLayout, available,
+                                  m_availability->notAvailableMessage(), m_readOnly};
     return describeMap(context, format);
 }
 

@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "AttributeRefresh.h"
+#include "DeferredReplies.h"
 #include "Describe.h"
 #include "FloatProbe.h"
 #include "Log.h"
 #include "MapModel.h"
+#include "Metrics.h"
 #include "RequestHandler.h"
 #include "Scenario.h"
 #include "ServedMap.h"
@@ -28,16 +30,24 @@ struct UnitConfig {
     RegisterMapDefinition map;
 };
 
-struct CoreConfig {
+/* What a reload replaces: the maps and the unit ids they are served under. */
+struct ServedConfig {
     RegisterMapDefinition map;
-    // Where the values come from: a scenario to play, or another source
-    // (given the scenario is empty); neither leaves the store as it is.
-    std::optional<Scenario> scenario;
-    std::unique_ptr<DataSource> source;
     std::uint8_t unitId = 1;
     std::vector<UnitConfig> moreUnits;
     // Every write refused (Illegal Function): the data cannot be written back.
     bool readOnly = false;
+};
+
+struct CoreConfig : ServedConfig {
+    // Where the values come from: a scenario to play, or another source
+    // (given the scenario is empty); neither leaves the store as it is.
+    std::optional<Scenario> scenario;
+    std::unique_ptr<DataSource> source;
+    // Writes to the entries it owns go there instead of to the store (the
+    // source, which owns it, writing back to a UPS); their answers are
+    // deferred until it reports the outcome. Kept across reloads.
+    RemoteWrites* remoteWrites = nullptr;
 };
 
 class DaemonCore {
@@ -52,11 +62,29 @@ class DaemonCore {
     DaemonCore(DaemonCore const&) = delete;
     DaemonCore& operator=(DaemonCore const&) = delete;
 
-    ServedMap& map() { return *m_map; }
-    RequestHandler& handler() { return *m_handler; }
+    ServedMap& map() { return *m_served->map; }
+    /* The handler the listeners hand every request to. A reload replaces
+     * it: ask again after replaceMaps(). */
+    RequestHandler& handler() { return *m_served->handler; }
+    /* Where answers that wait for a remote write's outcome are kept. */
+    DeferredReplies const& deferredReplies() const { return m_replies; }
     /* Every unit's writes also go to this trail (see RequestHandler); it
      * must outlive the core. */
     void setAuditTrail(AuditTrail* trail);
+    /* Every request answered is counted here (by the handler the listeners
+     * call, so a request for a further unit counts once); must outlive the
+     * core. */
+    void setMetrics(Metrics* metrics);
+
+    /* Builds the maps and handlers of `config`, then destroys the ones
+     * served until now, every data-store subscription of their encoders
+     * with them. Only on the loop's thread, between two requests: a request
+     * is answered wholly by the old maps or wholly by the new ones. The
+     * source and the availability check are kept. */
+    void replaceMaps(ServedConfig const& config);
+    /* Pushes received by the maps served now (a reload starts from 0). */
+    std::uint64_t totalPushes() const;
+    std::size_t pendingEntries() const;
     /* The simulated world when a scenario is played; null otherwise. */
     ScenarioPlayer* scenario() { return m_scenario; }
     /* Where the values come from; null when nothing changes the store. */
@@ -87,6 +115,19 @@ class DaemonCore {
     std::string describe(DescribeFormat format);
 
   private:
+    /* The maps served and their handlers, replaced whole by a reload. The
+     * order of the members is the order of destruction, reversed: handlers
+     * before their maps, further units before the first. */
+    struct Served {
+        std::unique_ptr<ServedMap> map;
+        std::unique_ptr<RequestHandler> handler;
+        std::vector<std::unique_ptr<ServedMap>> unitMaps;
+        std::vector<std::unique_ptr<RequestHandler>> unitHandlers;
+        // One per map, the main map's first; they hold pointers into the maps.
+        std::vector<std::unique_ptr<AttributeRefresh>> refresh;
+    };
+
+    std::unique_ptr<Served> buildServed(ServedConfig const& config);
     void logFloatLayout();
 
     enum class Gate { Unknown, Closed, Open };
@@ -96,14 +137,16 @@ class DaemonCore {
     std::unique_ptr<DataSource> m_source;
     ScenarioPlayer* m_scenario = nullptr;  // within m_source
     std::unique_ptr<modbus::MapAvailableAccessor> m_availability;
-    std::unique_ptr<ServedMap> m_map;
-    std::unique_ptr<RequestHandler> m_handler;
-    // The further units: their maps and handlers, in the order configured.
-    std::vector<std::unique_ptr<ServedMap>> m_unitMaps;
-    std::vector<std::unique_ptr<RequestHandler>> m_unitHandlers;
-    // One per map, the main map's first; they hold pointers into the maps.
-    std::vector<std::unique_ptr<AttributeRefresh>> m_refresh;
+    // Before the maps' handlers, which note time-outs in it: it goes after
+    // them, and it stays across reloads.
+    DeferredReplies m_replies;
+    // Owned by the source: writes to its entries go there (see CoreConfig).
+    RemoteWrites* m_remoteWrites = nullptr;
+    std::unique_ptr<Served> m_served;
+    AuditTrail* m_auditTrail = nullptr;
+    Metrics* m_metrics = nullptr;
     Gate m_gate = Gate::Unknown;
+    bool m_readOnly = false;  // every write refused: the description says R
 };
 
 }  // namespace tarsel::daemon

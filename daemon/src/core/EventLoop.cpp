@@ -40,10 +40,16 @@ std::optional<Clock::time_point> earlier(std::optional<Clock::time_point> a,
 }
 
 /* True when the loop is to stop. */
-bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log) {
+bool handleSignals(SignalPipe& signals, DaemonCore& core, Log& log, LoopExtras const& extras) {
     bool stop = false;
     while (auto const signal = signals.take()) {
-        if (*signal == SIGUSR1) {
+        if (*signal == SIGHUP) {
+            if (extras.reload) {
+                extras.reload();
+            } else {
+                log.info("received SIGHUP; nothing to reload");
+            }
+        } else if (*signal == SIGUSR1) {
             log.lines(Log::Level::Info,
                       "register map:\n" + core.describe(DescribeFormat::Markdown));
         } else {
@@ -89,7 +95,7 @@ bool updateSource(DataSource* source, Clock::time_point now) {
 }  // namespace
 
 int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, SignalPipe& signals,
-                 Log& log, double runSeconds) {
+                 Log& log, double runSeconds, LoopExtras const& extras) {
     Clock::time_point const start = Clock::now();
     std::optional<Clock::time_point> deadline;
     if (runSeconds > 0) {
@@ -103,9 +109,13 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
     for (;;) {
-        auto const next = earlier(
-            earlier(earlier(deadline, source ? source->nextDue() : std::nullopt), retry.due(core)),
-            core.attributeRefreshDue());
+        // A deferred answer's bound is a time to wake up too: its 0x0B goes
+        // out when the bound passes, not at the next wake-up after it.
+        auto const next =
+            earlier(earlier(earlier(earlier(deadline, source ? source->nextDue() : std::nullopt),
+                                    retry.due(core)),
+                            core.attributeRefreshDue()),
+                    core.deferredReplies().nextDeadline());
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
         std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
@@ -114,6 +124,13 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             auto const served = server->pollSet();
             sizes.push_back(served.size());
             fds.insert(fds.end(), served.begin(), served.end());
+        }
+        std::size_t const httpFirst = fds.size();
+        std::size_t httpCount = 0;
+        if (extras.http != nullptr) {
+            auto const http = extras.http->pollSet();
+            httpCount = http.size();
+            fds.insert(fds.end(), http.begin(), http.end());
         }
         if (sourceFd >= 0) {
             fds.push_back({sourceFd, POLLIN, 0});
@@ -126,7 +143,7 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             log.error(std::string("poll failed: ") + std::strerror(errno));
             return 1;
         }
-        if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log)) {
+        if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log, extras)) {
             return 0;
         }
         std::size_t first = 1;
@@ -136,6 +153,12 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
             }
             servers[i]->expire(Clock::now());
             first += sizes[i];
+        }
+        if (extras.http != nullptr) {
+            if (ready > 0) {
+                extras.http->serve(fds.data() + httpFirst, httpCount, Clock::now());
+            }
+            extras.http->expire(Clock::now());
         }
         bool const played = updateSource(source, Clock::now());
         retry.run(core, Clock::now(), played);

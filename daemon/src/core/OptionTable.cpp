@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "HttpServer.h"
 #include "sources/nut/NutEndpoint.h"
 
 namespace tarsel::daemon {
@@ -66,6 +67,16 @@ void addRole(TlsConfig& tls, std::string const& text) {
     }
     tls.roles[text.substr(0, equals)] =
         access == "read-write" ? RoleAccess::ReadWrite : RoleAccess::ReadOnly;
+}
+
+/* "ADDR:PORT" of --http-listen. */
+void setHttpListen(Options& options, std::string const& text) {
+    std::size_t const colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        throw std::invalid_argument("expects ADDR:PORT, got \"" + text + "\"");
+    }
+    options.httpAddress = text.substr(0, colon);
+    options.httpPort = static_cast<int>(integerValue(text.substr(colon + 1), 0, 65535));
 }
 
 /* An --allow-* rule; the message names the rule it refuses. */
@@ -189,6 +200,23 @@ std::vector<OptionRow> makeTable() {
                  nut::parseEndpoint(value);  // throws for a bad one
                  options.nutUpses.push_back(value);
              }),
+        // On the command line each --nut-map belongs to the --nut before it
+        // (readCommandLine() lines them up, "" for a UPS without one); in a
+        // settings file it is an array beside "nut".
+        list("nut-map", "FILE",
+             "the register map of the UPS of the --nut before it\n"
+             "(default: --map's, moved onto that UPS's device)",
+             [](Options& options, std::string const& value) { options.nutMaps.push_back(value); }),
+        flag("nut-writes", "",
+             "write back to upsd: SET VAR for entries over a NUT\n"
+             "variable, INSTCMD for coils over \"instcmd.<command>\"\n"
+             "(default: every write refused with exception 0x01)",
+             &Options::nutWrites),
+        text("nut-credentials", "FILE",
+             "upsd user for --nut-writes: \"username = NAME\" and\n"
+             "\"password = SECRET\" lines; the file must not be\n"
+             "readable by group or others",
+             &Options::nutCredentials),
         seconds("nut-interval", "seconds between two polls of upsd (default 1)",
                 [](Options& options, double value) {
                     if (value < 0.05) {
@@ -261,6 +289,14 @@ std::vector<OptionRow> makeTable() {
                 "close a client that started a frame and did not end\n"
                 "it within N seconds (default 10; 0: never)",
                 &ClientLimits::partialFrameTimeout),
+        text("http-listen", "ADDR:PORT",
+             "serve /healthz and /metrics (Prometheus) over HTTP\n"
+             "there (off by default; 9502 by convention, 0 picks a\n"
+             "free port, logged); loopback addresses only unless\n"
+             "--http-allow-remote",
+             setHttpListen),
+        flag("http-allow-remote", "", "let --http-listen take a non-loopback address",
+             &Options::httpAllowRemote),
         seconds("run-seconds",
                 "stop by itself after N seconds (default: run until\n"
                 "SIGINT or SIGTERM)",

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "HttpServer.h"
 #include "MapLoader.h"
 #include "OptionTable.h"
 #include "PrivateFile.h"
@@ -16,8 +17,9 @@ constexpr char kDescription[] =
     "Without --map and --scenario it serves the built-in UPS map and scenario.";
 
 constexpr char kFooter[] =
-    "Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGUSR1 logs the\n"
-    "register-map description.\n"
+    "Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGHUP reloads the\n"
+    "options, the settings file and the map (a bad one is refused and the running\n"
+    "one kept); SIGUSR1 logs the register-map description.\n"
     "\n"
     "Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad\n"
     "command line, settings file, map or scenario.\n"
@@ -69,6 +71,36 @@ struct CommandLine {
     std::vector<std::string> errors;
 };
 
+/* Each --nut-map belongs to the --nut before it: the values of "nut-map"
+ * become one per --nut, "" for a UPS without a map of its own. */
+void lineUpNutMaps(CLI::App const& app, CommandLine& line) {
+    CLI::Option const* nut = app.get_option("--nut");
+    CLI::Option const* nutMap = app.get_option("--nut-map");
+    if (nutMap->count() == 0 && nut->count() == 0) {
+        return;
+    }
+    std::vector<std::string> const& ups = nut->results();
+    std::vector<std::string> const& files = nutMap->results();
+    std::vector<std::string> maps;
+    std::size_t nextFile = 0;
+    for (CLI::Option const* option : app.parse_order()) {
+        if (option == nut) {
+            maps.emplace_back();
+        } else if (option == nutMap) {
+            std::string const& file = files.at(nextFile++);
+            if (maps.empty()) {
+                line.errors.push_back("--nut-map " + file + ": give it after the --nut of its UPS");
+            } else if (!maps.back().empty()) {
+                line.errors.push_back("--nut-map " + file + ": UPS " + ups.at(maps.size() - 1) +
+                                      " has a map already");
+            } else {
+                maps.back() = file;
+            }
+        }
+    }
+    line.values["nut-map"] = maps;
+}
+
 CommandLine readCommandLine(std::vector<std::string> const& args) {
     CommandLine line;
     auto const app = makeParser();
@@ -94,6 +126,7 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
             line.values[row.name] = option->results();
         }
     }
+    lineUpNutMaps(*app, line);
     return line;
 }
 
@@ -153,6 +186,28 @@ OptionValues mergeFiles(OptionValues const& commandLine, Origins& origins,
     return merged;
 }
 
+void checkNut(Options& options, std::vector<std::string>& errors) {
+    if (options.nutMaps.size() > options.nutUpses.size()) {
+        errors.push_back("nut-map names " + std::to_string(options.nutMaps.size()) + " maps for " +
+                         std::to_string(options.nutUpses.size()) + " UPSes of --nut");
+    }
+    options.nutMaps.resize(options.nutUpses.size());
+    if (options.nutWrites && (options.nutUpses.empty() || options.nutCredentials.empty())) {
+        errors.push_back("--nut-writes needs --nut and --nut-credentials FILE");
+    }
+}
+
+void checkHttp(Options const& options, std::vector<std::string>& errors) {
+    // The endpoint has no authentication: it tells the world how the UPS
+    // and the daemon are doing, so it stays on this host unless asked.
+    if (options.httpAddress && !options.httpAllowRemote &&
+        !isLoopbackAddress(*options.httpAddress)) {
+        errors.push_back("--http-listen " + *options.httpAddress +
+                         ": not a loopback address (127.0.0.0/8); add "
+                         "--http-allow-remote to serve health and metrics there");
+    }
+}
+
 void checkTls(Options const& options, std::vector<std::string>& errors) {
     if (!options.tlsPort) {
         return;
@@ -202,6 +257,8 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
         }
     }
     checkTls(options, loaded.errors);
+    checkNut(options, loaded.errors);
+    checkHttp(options, loaded.errors);
     return loaded;
 }
 

@@ -44,6 +44,17 @@ struct Options {
     // "ups[@host[:port]]"; the first is the UPS the map's device 2 stands for.
     std::vector<std::string> nutUpses;
     double nutInterval = 1.0;  // seconds between two polls of a UPS
+    // The map of each UPS of nutUpses (--nut-map after its --nut); empty:
+    // the shared map (--map), moved onto the UPS's device.
+    std::vector<std::string> nutMaps;
+    // Writes go back to upsd (SET VAR, INSTCMD) as the user of the
+    // credentials file; off: every write is refused with 0x01.
+    bool nutWrites = false;
+    std::string nutCredentials;
+    // The health and metrics endpoint, off unless an address is given.
+    std::optional<std::string> httpAddress;
+    int httpPort = 9502;
+    bool httpAllowRemote = false;  // an address outside 127.0.0.0/8 is refused without it
 };
 
 /* What loadOptions() made of the command line and the files it names. */

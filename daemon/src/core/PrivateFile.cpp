@@ -12,7 +12,7 @@ namespace tarsel::daemon {
 
 namespace {
 
-/* Closes the descriptor on every path out. */
+/* Closes the descriptor on every way out. */
 class Descriptor {
   public:
     explicit Descriptor(int fd) : m_fd(fd) {}
@@ -31,7 +31,7 @@ class Descriptor {
 
 std::string octalMode(mode_t mode) {
     char text[8];
-    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned int>(mode & 07777));
     return text;
 }
 
@@ -40,35 +40,34 @@ std::string octalMode(mode_t mode) {
 std::string readPrivateFile(std::string const& path) {
     Descriptor const file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (file.get() < 0) {
-        throw PrivateFileError("cannot read " + path + ": " + std::strerror(errno));
+        throw PrivateFileError("cannot read \"" + path + "\": " + std::strerror(errno));
     }
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) {
-        throw PrivateFileError("cannot read " + path + ": " + std::strerror(errno));
+        throw PrivateFileError("cannot read \"" + path + "\": " + std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
-        throw PrivateFileError(path + " is not a regular file");
+        throw PrivateFileError("\"" + path + "\" is not a regular file");
     }
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        throw PrivateFileError(path + " has mode " + octalMode(status.st_mode) +
-                               ": it holds secrets, so its group and others must have no access "
-                               "(chmod 600 " +
-                               path + ")");
+        throw PrivateFileError("\"" + path + "\" is open to its group or others (mode " +
+                               octalMode(status.st_mode) +
+                               "); it holds a secret: chmod 600 it and try again");
     }
     std::string contents;
     char buffer[4096];
     for (;;) {
-        ssize_t const count = ::read(file.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
+        ssize_t const got = ::read(file.get(), buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (count < 0) {
-            throw PrivateFileError("cannot read " + path + ": " + std::strerror(errno));
+        if (got < 0) {
+            throw PrivateFileError("cannot read \"" + path + "\": " + std::strerror(errno));
         }
-        if (count == 0) {
+        if (got == 0) {
             return contents;
         }
-        contents.append(buffer, static_cast<std::size_t>(count));
+        contents.append(buffer, static_cast<std::size_t>(got));
     }
 }
 

@@ -1,6 +1,6 @@
-// Files that hold secrets (the daemon's secrets file, credentials): read only
-// when no one but their owner can read or change them, so that a secret left
-// readable by others is noticed at start instead of leaked quietly.
+// Reads a file that holds a secret (a password, a key): only a file that
+// no one but its owner can read is accepted, so a secret never sits where
+// another account could read it.
 #pragma once
 
 #include <stdexcept>
@@ -8,17 +8,17 @@
 
 namespace tarsel::daemon {
 
-/* Why a private file was not read; the text names the file and what to do. */
+/* Why a secret file was not read; the text names the file and what to do,
+ * never its contents. */
 class PrivateFileError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-/* The contents of the regular file at path, which must not be readable,
- * writable or executable by its group or by others (mode 0600 or 0400).
- * Throws PrivateFileError otherwise, or when the file cannot be read. The
- * mode is checked on the file opened, not on the name, so that a file
- * replaced in between is not read unchecked. */
+/* The whole contents of `path`, which must be a regular file that neither
+ * its group nor others may read, write or execute (mode 0600 or 0400);
+ * throws PrivateFileError otherwise. The mode is checked on the descriptor
+ * that is read, so a file swapped in between cannot slip through. */
 std::string readPrivateFile(std::string const& path);
 
 }  // namespace tarsel::daemon

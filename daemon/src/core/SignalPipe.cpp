@@ -12,7 +12,7 @@ namespace tarsel::daemon {
 namespace {
 
 int g_writeEnd = -1;  // the only state a signal handler may touch
-int const kSignals[] = {SIGINT, SIGTERM, SIGUSR1};
+int const kSignals[] = {SIGINT, SIGTERM, SIGUSR1, SIGHUP};
 
 extern "C" void onSignal(int signal) {
     int const saved = errno;

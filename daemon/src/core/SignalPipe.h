@@ -1,4 +1,4 @@
-// Turns SIGINT, SIGTERM and SIGUSR1 into bytes on a pipe, so the event loop
+// Turns SIGINT, SIGTERM, SIGUSR1 and SIGHUP into bytes on a pipe, so the event loop
 // sees them as one more readable descriptor.
 #pragma once
 

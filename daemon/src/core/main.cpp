@@ -7,17 +7,22 @@
 #include <optional>
 
 #include "AuditTrail.h"
+#include "Configuration.h"
 #include "DaemonCore.h"
 #include "EmbeddedDefaults.h"
 #include "EventLoop.h"
+#include "HttpServer.h"
 #include "Log.h"
 #include "LogText.h"
 #include "MapLoader.h"
+#include "MapWarnings.h"
 #include "ModbusServer.h"
 #include "Options.h"
+#include "Reloader.h"
 #include "Scenario.h"
 #include "ServiceNotify.h"
 #include "SignalPipe.h"
+#include "StatusReport.h"
 #include "TlsContext.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
@@ -28,21 +33,9 @@ using namespace tarsel::daemon;
 
 constexpr int kExitBadInput = 2;
 
-std::optional<Scenario> loadScenario(Options const& options) {
-    if (options.scenarioFile == "none" || !options.nutUpses.empty()) {
-        return std::nullopt;
-    }
-    return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
-                                                      : readTextFile(options.scenarioFile));
-}
-
-RegisterMapDefinition loadMap(Options const& options) {
-    return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
-                                                    : readTextFile(options.mapFile));
-}
-
-/* The NUT source of --nut; nothing without it. */
-std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
+/* The NUT source of --nut; nothing without it. Reads the credentials of
+ * --nut-writes (throws std::runtime_error when they cannot be used). */
+std::unique_ptr<nut::Source> makeNutSource(Options const& options, Log& log) {
     if (options.nutUpses.empty()) {
         return nullptr;
     }
@@ -51,6 +44,11 @@ std::unique_ptr<DataSource> makeNutSource(Options const& options, Log& log) {
         config.upses.push_back(nut::parseEndpoint(ups));
     }
     config.interval = std::chrono::milliseconds(static_cast<long>(options.nutInterval * 1000));
+    if (options.nutWrites) {
+        config.credentials = nut::readCredentials(options.nutCredentials);
+        log.info("NUT: writes go back to upsd as user " +
+                 quotedValue(config.credentials->username));
+    }
     return std::make_unique<nut::Source>(std::move(config), cdshost::Store::instance(), log);
 }
 
@@ -78,12 +76,34 @@ Log::Format logFormat(LogFormat format) {
                                                                          : Log::Format::Plain;
 }
 
-int serve(Options const& options, CoreConfig config, Log& log) {
+/* The health and metrics endpoint of --http-listen; nothing without it. */
+std::unique_ptr<HttpServer> openHttp(Options const& options, DaemonCore& core,
+                                     std::vector<ModbusServer*> const& servers,
+                                     Metrics const& metrics, Log& log) {
+    if (!options.httpAddress) {
+        return nullptr;
+    }
+    auto responder = [&core, servers, &metrics](HttpRequest const& request) {
+        return statusPage(gatherStatus(core, servers, metrics, std::chrono::steady_clock::now()),
+                          request);
+    };
+    auto http = std::make_unique<HttpServer>(*options.httpAddress, options.httpPort, HttpLimits{},
+                                             std::move(responder), log);
+    log.info("health and metrics on http://" + *options.httpAddress + ":" +
+             std::to_string(http->port()) + "/ (/healthz, /metrics)");
+    return http;
+}
+
+int serve(Configuration const& configuration, std::vector<std::string> const& args,
+          CoreConfig config, Log& log) {
+    Options const& options = configuration.options;
     // Opened first, so that it outlives the handlers that write to it.
     std::unique_ptr<AuditTrail> const audit =
         options.describe ? nullptr : openAuditTrail(options, log);
+    Metrics metrics;
     DaemonCore core(std::move(config), log);
     core.setAuditTrail(audit.get());
+    core.setMetrics(&metrics);
     if (options.describe) {
         if (core.scenario() != nullptr) {
             core.scenario()->playFirst(options.describeAt);
@@ -107,56 +127,56 @@ int serve(Options const& options, CoreConfig config, Log& log) {
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
     }
+    std::unique_ptr<HttpServer> const http = openHttp(options, core, servers, metrics, log);
+    // The same call that built this configuration builds the next one.
+    Reloader reloader([&args] { return loadConfiguration(args); }, options, core,
+                      {&server, secure.get()}, &metrics, log);
+    LoopExtras extras;
+    extras.reload = [&reloader] { reloader.reload(); };
+    extras.http = http.get();
     notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
                 ":" + std::to_string(server.port()));
-    int const status = runEventLoop(core, servers, signals, log, options.runSeconds);
+    int const status = runEventLoop(core, servers, signals, log, options.runSeconds, extras);
     notifyStopping();
     return status;
 }
 
-int run(Options const& options, Log& log) {
+int run(std::vector<std::string> const& args, Options const& options, Log& log) {
+    Configuration configuration;
     CoreConfig config;
     try {
-        config.map = loadMap(options);
-        config.scenario = loadScenario(options);
-    } catch (MapError const& error) {
-        log.error("the register map cannot be served:");
-        for (auto const& line : error.errors()) {
-            log.error("  " + line);
-        }
-        return kExitBadInput;
-    } catch (ScenarioError const& error) {
-        log.error("the scenario cannot be played:");
+        configuration = loadFiles(options);
+        static_cast<ServedConfig&>(config) = servedConfig(configuration);
+    } catch (ConfigurationError const& error) {
+        log.error(error.what());
         for (auto const& line : error.errors()) {
             log.error("  " + line);
         }
         return kExitBadInput;
     }
     if (options.check) {
-        log.info("map: " + std::to_string(config.map.entries.size()) + " entries, valid");
-        log.info(config.scenario ? "scenario: " + std::to_string(config.scenario->events.size()) +
-                                       " events, valid"
-                                 : std::string("scenario: none"));
+        log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
+        for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
+            log.warning("map: " + line);
+        }
+        log.info(configuration.scenario
+                     ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
+                           " events, valid"
+                     : std::string("scenario: none"));
         return 0;
     }
-    config.unitId = static_cast<std::uint8_t>(options.unitId);
-    config.source = makeNutSource(options, log);
-    // Writes back to a UPS (SET VAR, INSTCMD) are not served: a write would
-    // only change the daemon's copy of a value upsd owns.
-    config.readOnly = !options.nutUpses.empty();
-    // Each further UPS is served under the next unit id, with the map
-    // moved onto its device.
-    for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
-        std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
-        if (unit > 247) {
-            log.error("--nut: UPS " + options.nutUpses[k] + " would be unit id " +
-                      std::to_string(unit) + ", above 247");
-            return kExitBadInput;
+    config.scenario = configuration.scenario;
+    try {
+        std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
+        if (nutSource && nutSource->writable()) {
+            config.remoteWrites = nutSource.get();
         }
-        config.moreUnits.push_back(
-            {static_cast<std::uint8_t>(unit), nut::mapForUps(config.map, k)});
+        config.source = std::move(nutSource);
+    } catch (std::runtime_error const& error) {
+        log.error(std::string("--nut-credentials: ") + error.what());
+        return kExitBadInput;
     }
-    int const status = serve(options, std::move(config), log);
+    int const status = serve(configuration, args, std::move(config), log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
              std::to_string(cdshost::Store::instance().subscriptionCount()));
@@ -166,7 +186,8 @@ int run(Options const& options, Log& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    LoadedOptions loaded = loadOptions(std::vector<std::string>(argv + 1, argv + argc));
+    std::vector<std::string> const args(argv + 1, argv + argc);
+    LoadedOptions loaded = loadOptions(args);
     if (!loaded.errors.empty()) {
         for (auto const& error : loaded.errors) {
             std::cerr << "tarsel-modbusd: " << error << "\n";
@@ -181,7 +202,7 @@ int main(int argc, char** argv) {
     Log log(std::cerr, options.verbose);
     log.setFormat(logFormat(options.logFormat));
     try {
-        return run(options, log);
+        return run(args, options, log);
     } catch (std::exception const& error) {
         log.error(error.what());
         return 1;

@@ -1,8 +1,11 @@
 #include "Describe.h"
 
+#include <functional>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
+
+#include "EntryWire.h"
 
 namespace tarsel::daemon {
 
@@ -26,7 +29,7 @@ std::string markdownCell(std::string text) {
     for (char const c : text) {
         if (c == '|') {
             cell += "\\|";
-        } else if (c == '\n') {
+        } else if (c == '\n' || c == '\r') {
             cell += ' ';
         } else {
             cell += c;
@@ -35,47 +38,81 @@ std::string markdownCell(std::string text) {
     return cell;
 }
 
-std::string csvCell(std::string const& text) {
-    if (text.find_first_of(",\"\n") == std::string::npos) {
-        return text;
-    }
-    std::string cell = "\"";
-    for (char const c : text) {
-        cell += c == '"' ? std::string("\"\"") : std::string(1, c);
-    }
-    return cell + "\"";
+/* The columns of the Markdown and CSV tables, in order. */
+struct Column {
+    char const* name;
+    std::function<std::string(DescribedEntry const&)> text;
+};
+
+std::vector<Column> const& columns() {
+    static std::vector<Column> const list = {
+        {"table", [](auto const& r) { return r.table; }},
+        {"address", [](auto const& r) { return std::to_string(r.address); }},
+        {"size", [](auto const& r) { return std::to_string(r.size); }},
+        {"name", [](auto const& r) { return r.name; }},
+        {"wire", [](auto const& r) { return r.wire; }},
+        {"unit", [](auto const& r) { return r.unit; }},
+        {"scale", [](auto const& r) { return plainNumber(r.scale); }},
+        {"offset", [](auto const& r) { return plainNumber(r.offset); }},
+        {"access", [](auto const& r) { return r.access; }},
+        {"unavailable", [](auto const& r) { return r.unavailable; }},
+        {"representation", [](auto const& r) { return r.representation; }},
+        {"value", [](auto const& r) { return r.value; }},
+        {"source", [](auto const& r) { return r.source; }},
+        {"image", [](auto const& r) { return r.image; }},
+        {"pushes", [](auto const& r) { return std::to_string(r.pushes); }},
+        {"note", [](auto const& r) { return r.note; }},
+    };
+    return list;
 }
 
 std::string markdown(DescribeContext const& context) {
     std::ostringstream out;
     out << "# Register map\n\n";
     out << "Map available: " << (context.available ? "yes" : "no") << "\n\n";
+    out << "Registers and discretes are 0-based, as on the wire. The value is raw x scale + "
+           "offset; 32-bit layouts name where the value's big-endian bytes A B C D lie "
+           "(ABCD: register 0 = AB).\n\n";
     out << "Float layout (libmodbus " << context.floatLayout.libmodbusVersion << "):\n\n";
     for (auto const& layout : context.floatLayout.layouts) {
         out << "- " << describeLayout(layout)
             << (layout.roundTrips() ? "" : " (does not round-trip)") << "\n";
     }
-    out << "\n| table | address | size | name | representation | value | source | pushed image "
-           "| pushes | note |\n|---|---|---|---|---|---|---|---|---|---|\n";
+    out << "\n|";
+    std::string rule = "|";
+    for (auto const& column : columns()) {
+        out << " " << column.name << " |";
+        rule += "---|";
+    }
+    out << "\n" << rule << "\n";
     for (auto const& entry : context.map.entries()) {
-        DescribedEntry const row = describeEntry(*entry);
-        out << "| " << row.table << " | " << row.address << " | " << row.size << " | "
-            << markdownCell(row.name) << " | " << markdownCell(row.representation) << " | "
-            << markdownCell(row.value) << " | " << markdownCell(row.source) << " | " << row.image
-            << " | " << row.pushes << " | " << markdownCell(row.note) << " |\n";
+        DescribedEntry const row = describeEntry(*entry, context);
+        out << "|";
+        for (auto const& column : columns()) {
+            out << " " << markdownCell(column.text(row)) << " |";
+        }
+        out << "\n";
     }
     return out.str();
 }
 
+/* RFC 4180: a header record, one record per entry, CRLF line breaks. */
 std::string csv(DescribeContext const& context) {
     std::ostringstream out;
-    out << "table,address,size,name,representation,value,source,image,pushes,note\n";
+    std::string separator;
+    for (auto const& column : columns()) {
+        out << separator << column.name;
+        separator = ",";
+    }
+    out << "\r\n";
     for (auto const& entry : context.map.entries()) {
-        DescribedEntry const row = describeEntry(*entry);
-        out << row.table << "," << row.address << "," << row.size << "," << csvCell(row.name) << ","
-            << csvCell(row.representation) << "," << csvCell(row.value) << ","
-            << csvCell(row.source) << "," << csvCell(row.image) << "," << row.pushes << ","
-            << csvCell(row.note) << "\n";
+        DescribedEntry const row = describeEntry(*entry, context);
+        separator.clear();
+        for (auto const& column : columns()) {
+            out << separator << csvField(column.text(row));
+            separator = ",";
+        }
+        out << "\r\n";
     }
     return out.str();
 }
@@ -97,11 +134,18 @@ json layoutJson(FloatLayoutReport const& report) {
 std::string jsonText(DescribeContext const& context) {
     json entries = json::array();
     for (auto const& entry : context.map.entries()) {
-        DescribedEntry const row = describeEntry(*entry);
+        DescribedEntry const row = describeEntry(*entry, context);
         entries.push_back({{"table", row.table},
                            {"address", row.address},
                            {"size", row.size},
                            {"name", row.name},
+                           {"wire", row.wire},
+                           {"unit", row.unit},
+                           {"scale", row.scale},
+                           {"offset", row.offset},
+                           {"access", row.access},
+                           {"unavailable", row.unavailable},
+                           {"unavailableWords", unavailableWords(entry->definition)},
                            {"representation", row.representation},
                            {"value", row.value},
                            {"available", row.valueAvailable},
@@ -121,6 +165,17 @@ std::string jsonText(DescribeContext const& context) {
 
 }  // namespace
 
+std::string csvField(std::string const& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) {
+        return text;
+    }
+    std::string field = "\"";
+    for (char const c : text) {
+        field += c == '"' ? std::string("\"\"") : std::string(1, c);
+    }
+    return field + "\"";
+}
+
 std::optional<DescribeFormat> describeFormatFromName(std::string const& name) {
     if (name == "markdown" || name == "md") {
         return DescribeFormat::Markdown;
@@ -134,12 +189,19 @@ std::optional<DescribeFormat> describeFormatFromName(std::string const& name) {
     return std::nullopt;
 }
 
-DescribedEntry describeEntry(ServedEntry const& entry) {
+DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& context) {
     EntryDefinition const& definition = entry.definition;
+    EntryWire const wire = wireOf(definition);
     DescribedEntry row{tableName(definition.table),
                        definition.address,
                        definition.size,
                        definition.name,
+                       wireText(definition, context.floatLayout),
+                       definition.unit,
+                       wire.scale,
+                       wire.offset,
+                       accessText(definition, context.readOnly),
+                       unavailableText(definition),
                        "",
                        "",
                        false,

@@ -1,5 +1,8 @@
-// The register-map description: every entry with its label, current value,
-// source and push image, as Markdown, CSV or JSON.
+// The register-map description: a reference an integrator can hand to whoever
+// configures the Modbus master (per entry its wire type and layout, unit,
+// scaling, access and unavailable value) together with what the daemon sees
+// (the library's label, current value, source and push image), as Markdown,
+// CSV (RFC 4180, for spreadsheets) or JSON.
 #pragma once
 
 #include <optional>
@@ -19,6 +22,7 @@ struct DescribeContext {
     FloatLayoutReport const& floatLayout;
     bool available;
     std::string notAvailableMessage;
+    bool readOnly = false;  // the daemon refuses every write (--nut)
 };
 
 std::string describeMap(DescribeContext const& context, DescribeFormat format);
@@ -31,6 +35,12 @@ struct DescribedEntry {
     unsigned address;
     unsigned size;
     std::string name;
+    std::string wire;  // "float32 ABCD", "int16", "string 16 chars", "bits"
+    std::string unit;
+    double scale;  // value = raw x scale + offset
+    double offset;
+    std::string access;       // "R" or "RW"
+    std::string unavailable;  // what a read answers while the value is missing
     std::string representation;
     std::string value;
     bool valueAvailable;
@@ -40,6 +50,10 @@ struct DescribedEntry {
     std::string note;
 };
 
-DescribedEntry describeEntry(ServedEntry const& entry);
+DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& context);
+
+/* One field of a CSV record: quoted (quotes doubled) when it holds a comma,
+ * a quote or a line break, as RFC 4180 has it. */
+std::string csvField(std::string const& text);
 
 }  // namespace tarsel::daemon

@@ -1,6 +1,7 @@
 #include "EncoderFactory.h"
 
 #include "Conversions.h"
+#include "Wire32Encoder.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsBooleanToOneDiscreteAccessor.h"
 #include "modbus/CdsChannelAccessor.h"
@@ -135,6 +136,23 @@ Registers makeSingleRegisters(EntryDefinition const& e, CdsDataAccessor* source)
     }
 }
 
+/* The daemon's encoder of an entry with an explicit layout; null for the
+ * library's encoders. */
+Registers makeLayoutEncoder(EntryDefinition const& e, BuiltEncoder& built) {
+    if (!e.layout) {
+        return nullptr;
+    }
+    Wire32Type type = Wire32Type::Float32;
+    if (e.encoder == EncoderKind::Int32) {
+        type = Wire32Type::Int32;
+    } else if (e.encoder == EncoderKind::Uint32) {
+        type = Wire32Type::Uint32;
+    }
+    auto source = makeDataAccessor(e.sources.at(0));
+    built.sources = {source.get()};  // owned by the encoder from here on
+    return std::make_unique<Wire32Encoder>(std::move(source), type, *e.layout, e.multiplier);
+}
+
 }  // namespace
 
 std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceDefinition const& source) {
@@ -155,6 +173,8 @@ BuiltEncoder makeEncoder(EntryDefinition const& entry) {
         built.registers = makeCompositeRegisters(entry, built);
     } else if (entry.encoder == EncoderKind::CompositeDiscretes) {
         built.discretes = makeCompositeDiscretes(entry, built);
+    } else if (auto layoutEncoder = makeLayoutEncoder(entry, built)) {
+        built.registers = std::move(layoutEncoder);
     } else if (entry.encoder == EncoderKind::Boolean) {
         auto modifier =
             entry.invert ? modbus::DiscreteModifier::Invert : modbus::DiscreteModifier::None;

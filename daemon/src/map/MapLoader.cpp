@@ -27,8 +27,9 @@ constexpr long long kMaxReadBits = 2000;
 constexpr long long kMaxWriteBits = 1968;
 constexpr long long kTableSize = 65536;
 
-std::set<std::string> const kCommonFields = {"name",    "comment",     "table",     "address",
-                                             "encoder", "unavailable", "allowRead", "allowWrite"};
+std::set<std::string> const kCommonFields = {"name",        "comment",   "table",
+                                             "address",     "encoder",   "unit",
+                                             "unavailable", "allowRead", "allowWrite"};
 
 std::set<std::string> encoderFields(EncoderKind kind) {
     switch (kind) {
@@ -36,7 +37,9 @@ std::set<std::string> encoderFields(EncoderKind kind) {
             return {"source", "multiplier", "byteOrder"};
         case EncoderKind::Int32:
         case EncoderKind::Uint32:
-            return {"source", "byteOrder"};
+            return {"source", "byteOrder", "layout"};
+        case EncoderKind::Float32:
+            return {"source", "multiplier", "layout"};
         case EncoderKind::Float16:
             return {"source", "multiplier", "offset"};
         case EncoderKind::Int16:
@@ -60,6 +63,7 @@ std::set<std::string> encoderFields(EncoderKind kind) {
 std::uint16_t fixedSize(EncoderKind kind) {
     switch (kind) {
         case EncoderKind::Float:
+        case EncoderKind::Float32:
         case EncoderKind::Int32:
         case EncoderKind::Uint32:
             return 2;
@@ -89,6 +93,7 @@ class MapParser {
     void parseSingleSource(json const& value, EntryDefinition& definition);
     void parseScaling(json const& value, EntryDefinition& definition);
     void parseByteOrder(json const& value, EntryDefinition& definition);
+    void parseLayout(json const& value, EntryDefinition& definition);
     void parseUint16Options(json const& value, EntryDefinition& definition);
     void parseComposite(json const& value, EntryDefinition& definition);
     void parseStringSize(json const& value, EntryDefinition& definition);
@@ -148,11 +153,14 @@ UnavailablePolicy MapParser::parsePolicy(json const& value, std::string const& w
     if (auto const mode = m_check.text(value, "mode", where, true)) {
         if (*mode == "sentinel") {
             policy.mode = UnavailablePolicy::Mode::Sentinel;
+        } else if (*mode == "not-implemented") {
+            policy.mode = UnavailablePolicy::Mode::NotImplemented;
         } else if (*mode == "exception") {
             policy.mode = UnavailablePolicy::Mode::Exception;
         } else {
             m_check.error(where + ".mode",
-                          "expected \"sentinel\" or \"exception\", got " + quoted(*mode));
+                          "expected \"sentinel\", \"not-implemented\" or \"exception\", got " +
+                              quoted(*mode));
         }
     }
     if (auto const word = m_check.integer(value, "word", where, 0, 0xFFFF, false)) {
@@ -237,6 +245,7 @@ std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::str
 bool MapParser::parseHeader(json const& value, EntryDefinition& definition) {
     std::string const& where = definition.path;
     definition.name = m_check.text(value, "name", where, false).value_or("");
+    definition.unit = m_check.text(value, "unit", where, false).value_or("");
     m_check.text(value, "comment", where, false);
     if (auto const table = m_check.text(value, "table", where, true)) {
         if (auto const parsed = tableFromName(*table)) {
@@ -285,6 +294,7 @@ void MapParser::parseOptions(json const& value, EntryDefinition& definition) {
     parseSingleSource(value, definition);
     parseScaling(value, definition);
     parseByteOrder(value, definition);
+    parseLayout(value, definition);
 }
 
 void MapParser::parseSingleSource(json const& value, EntryDefinition& definition) {
@@ -323,6 +333,30 @@ void MapParser::parseByteOrder(json const& value, EntryDefinition& definition) {
         m_check.error(definition.path + ".byteOrder",
                       "expected 0, 1, \"standard\" or \"word-swapped\", got " +
                           JsonChecker::shortDump(*order));
+    }
+}
+
+/* float32 always has a layout (ABCD unless named); int32 and uint32 have one
+ * only when named, which selects the daemon's encoder over the library's. */
+void MapParser::parseLayout(json const& value, EntryDefinition& definition) {
+    if (definition.encoder == EncoderKind::Float32) {
+        definition.layout = WireLayout::ABCD;
+    }
+    auto const name = m_check.text(value, "layout", definition.path, false);
+    if (!name) {
+        return;
+    }
+    if (auto const layout = wireLayoutFromName(*name)) {
+        definition.layout = *layout;
+    } else {
+        m_check.error(
+            definition.path + ".layout",
+            "unknown layout " + quoted(*name) + "; expected " + joinChoices(wireLayoutNames()));
+    }
+    if (value.contains("byteOrder")) {
+        m_check.error(definition.path + ".byteOrder",
+                      "cannot be combined with layout (byteOrder is the library encoder's, "
+                      "layout the daemon's)");
     }
 }
 

@@ -23,6 +23,7 @@ NameTable<Table> const& tables() {
 NameTable<EncoderKind> const& encoders() {
     static NameTable<EncoderKind> const names = {
         {"float", EncoderKind::Float},
+        {"float32", EncoderKind::Float32},
         {"int32", EncoderKind::Int32},
         {"uint32", EncoderKind::Uint32},
         {"float16", EncoderKind::Float16},

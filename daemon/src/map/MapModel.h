@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Cidr.h"
+#include "WireLayout.h"
 #include "cdsapi/types.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsChannelAccessor.h"
@@ -31,6 +32,7 @@ enum class EncoderKind {
     Boolean,             // CdsBooleanToOneDiscreteAccessor
     CompositeRegisters,  // CdsDataToRegistersAccessor
     CompositeDiscretes,  // CdsDataToDiscretesAccessor
+    Float32,             // the daemon's Wire32Encoder, in an explicit layout
 };
 
 /* A device of the data store: by id (optionally followed by a path of
@@ -55,7 +57,10 @@ struct SourceDefinition {
 
 /* What a read of an entry whose value is not available answers. */
 struct UnavailablePolicy {
-    enum class Mode { Sentinel, Exception };
+    // Sentinel: every register the word. NotImplemented: the value each wire
+    // type reserves for "no value" (0x8000 for int16, NaN for float32, ...;
+    // see UnavailableValues.h). Exception: the code.
+    enum class Mode { Sentinel, NotImplemented, Exception };
     Mode mode = Mode::Sentinel;
     // 0xFFFF reads as NaN in a float pair, as -1 or the maximum in integers,
     // and is outside every scaled value the shipped map produces.
@@ -74,6 +79,10 @@ struct EntryDefinition {
     float multiplier = 1.0f;
     float offset = 0.0f;
     std::uint16_t byteOrder = 0;
+    // float32 always, int32 and uint32 when the map names one: the daemon's
+    // own encoder in this layout instead of the library's byte order.
+    std::optional<WireLayout> layout;
+    std::string unit;         // for the description: "V", "Hz", "%"; may be empty
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
     std::uint32_t mask = 0;

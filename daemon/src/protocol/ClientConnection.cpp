@@ -14,6 +14,8 @@ constexpr std::size_t kMaxFrame = 260;  // MBAP header plus the largest PDU
 // Received bytes waiting to be answered before the socket is left alone: a
 // few hundred pipelined requests at most, answered a few at a time.
 constexpr std::size_t kInputLimit = 4096;
+// The answer to a write: header, function, address, quantity.
+constexpr std::size_t kDeferredAnswerBytes = 12;
 
 std::uint16_t word(std::uint8_t const* p) {
     return static_cast<std::uint16_t>((p[0] << 8) | p[1]);
@@ -149,14 +151,48 @@ ClientConnection::QueueStatus ClientConnection::queue(std::vector<std::uint8_t> 
     if (m_outputBytes + answer.size() > m_outputLimit) {
         return QueueStatus::Full;
     }
-    m_output.push_back(answer);
+    m_output.push_back({answer, std::nullopt});
     m_outputBytes += answer.size();
     return flush() ? QueueStatus::Queued : QueueStatus::Failed;
 }
 
+ClientConnection::QueueStatus ClientConnection::queueDeferred(std::uint64_t token) {
+    // The place counts as the largest answer a write can get, so a client
+    // cannot reserve places without bound.
+    if (m_outputBytes + kDeferredAnswerBytes > m_outputLimit) {
+        return QueueStatus::Full;
+    }
+    m_output.push_back({{}, token});
+    m_outputBytes += kDeferredAnswerBytes;
+    return QueueStatus::Queued;
+}
+
+ClientConnection::QueueStatus ClientConnection::fill(std::uint64_t token,
+                                                     std::vector<std::uint8_t> const& answer) {
+    for (Slot& slot : m_output) {
+        if (slot.deferred == token) {
+            slot.deferred.reset();
+            slot.bytes = answer;
+            m_outputBytes = m_outputBytes - kDeferredAnswerBytes + answer.size();
+            break;
+        }
+    }
+    return flush() ? QueueStatus::Queued : QueueStatus::Failed;
+}
+
+std::vector<std::uint64_t> ClientConnection::deferredTokens() const {
+    std::vector<std::uint64_t> tokens;
+    for (Slot const& slot : m_output) {
+        if (slot.deferred) {
+            tokens.push_back(*slot.deferred);
+        }
+    }
+    return tokens;
+}
+
 bool ClientConnection::flush() {
-    while (!m_output.empty()) {
-        auto const& front = m_output.front();
+    while (!m_output.empty() && !m_output.front().deferred) {
+        auto const& front = m_output.front().bytes;
         long const sent = rawWrite(front.data() + m_sentOfFront, front.size() - m_sentOfFront);
         if (sent < 0) {
             if (errno == EINTR) {

@@ -65,11 +65,21 @@ class ClientConnection {
      * would exceed its limit (the client does not read its answers); Failed:
      * the socket failed. Either way the client is to be dropped. */
     QueueStatus queue(std::vector<std::uint8_t> const& answer);
-    /* Sends queued answers until the socket would block; false on failure. */
+    /* Reserves the place of an answer that comes later (see
+     * DeferredReplies): answers queued after it wait behind it, so the
+     * client gets its answers in the order of its requests. */
+    QueueStatus queueDeferred(std::uint64_t token);
+    /* Puts the answer in the place reserved for `token` and sends what the
+     * socket takes now; Failed when the socket failed. */
+    QueueStatus fill(std::uint64_t token, std::vector<std::uint8_t> const& answer);
+    /* The tokens of the places still reserved, oldest first. */
+    std::vector<std::uint64_t> deferredTokens() const;
+    /* Sends queued answers until the socket would block or an answer still
+     * to come is next; false on failure. */
     bool flush();
     bool hasPendingOutput() const { return m_outputBytes > 0; }
     /* True when the socket must be polled for writing. */
-    bool wantsWrite() const { return hasPendingOutput() || (m_tls && m_tls->wantsWrite()); }
+    bool wantsWrite() const { return sendable() || (m_tls && m_tls->wantsWrite()); }
 
     /* The TLS session; nothing on a plain connection. */
     TlsSession* tls() const { return m_tls.get(); }
@@ -90,6 +100,8 @@ class ClientConnection {
   private:
     /* What the received bytes start with, without taking anything. */
     FrameStatus frontStatus() const;
+    /* True when the next answer is there to send (not a place reserved). */
+    bool sendable() const { return !m_output.empty() && !m_output.front().deferred; }
     long rawRead(std::uint8_t* buffer, std::size_t size);
     long rawWrite(std::uint8_t const* buffer, std::size_t size);
 
@@ -99,7 +111,13 @@ class ClientConnection {
     PeerAddress m_peer;
     std::size_t m_outputLimit;
     std::vector<std::uint8_t> m_input;
-    std::deque<std::vector<std::uint8_t>> m_output;
+    /* One answer in the queue: its bytes, or the token of a place reserved
+     * for an answer that comes later. */
+    struct Slot {
+        std::vector<std::uint8_t> bytes;
+        std::optional<std::uint64_t> deferred;
+    };
+    std::deque<Slot> m_output;
     std::size_t m_outputBytes = 0;
     std::size_t m_sentOfFront = 0;  // bytes of m_output.front() already sent
     SteadyClock::time_point m_lastRequest;

@@ -75,7 +75,7 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
     : m_limits(limits),
       m_access(config.access),
       m_tls(config.tls),
-      m_handler(handler),
+      m_handler(&handler),
       m_log(log),
       m_listener(listenOn(config)) {
     sockaddr_in bound{};
@@ -87,6 +87,13 @@ ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limit
 ModbusServer::~ModbusServer() {
     m_clients.clear();
     ::close(m_listener);
+}
+
+bool ModbusServer::listening() const {
+    int accepting = 0;
+    socklen_t length = sizeof accepting;
+    return ::getsockopt(m_listener, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) == 0 &&
+           accepting != 0;
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
@@ -119,6 +126,7 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
         }
     }
     serveBacklog(served);
+    deliverSettled();
     if (count > 0 && (ready[0].revents & POLLIN) != 0) {
         acceptAll(now);
     }
@@ -140,8 +148,48 @@ void ModbusServer::serveBacklog(std::vector<int> const& served) {
 }
 
 bool ModbusServer::hasBacklog() const {
-    return std::any_of(m_clients.begin(), m_clients.end(),
-                       [](Client const& client) { return client->hasCompleteFrame(); });
+    return std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
+        return client->hasCompleteFrame() || hasSettled(*client);
+    });
+}
+
+bool ModbusServer::hasSettled(ClientConnection const& client) const {
+    DeferredReplies const* replies = m_handler->deferredReplies();
+    if (replies == nullptr || m_deferred.empty()) {
+        return false;
+    }
+    auto const tokens = client.deferredTokens();
+    return std::any_of(tokens.begin(), tokens.end(),
+                       [replies](DeferredReplies::Token token) { return replies->settled(token); });
+}
+
+void ModbusServer::deliverSettled() {
+    DeferredReplies* replies = m_handler->deferredReplies();
+    if (replies == nullptr || m_deferred.empty()) {
+        return;
+    }
+    for (std::size_t i = m_clients.size(); i-- > 0;) {
+        ClientConnection& client = *m_clients[i];
+        bool failed = false;
+        for (DeferredReplies::Token const token : client.deferredTokens()) {
+            std::optional<std::uint8_t> const exception = replies->take(token);
+            auto const found = m_deferred.find(token);
+            if (!exception || found == m_deferred.end()) {
+                continue;
+            }
+            Answer answer = found->second.answer;
+            answer.deferred.reset();
+            answer.exception = *exception;
+            m_handler->countAnswer(answer.function, answer.exception);
+            std::vector<std::uint8_t> const bytes =
+                encodeResponse(found->second.frame.data(), found->second.frame.size(), answer);
+            m_deferred.erase(found);
+            failed = failed || client.fill(token, bytes) == ClientConnection::QueueStatus::Failed;
+        }
+        if (failed) {
+            drop(i, {});
+        }
+    }
 }
 
 bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
@@ -175,9 +223,23 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer const answer = m_handler.handle(
+        Answer const answer = m_handler->handle(
             frame.data(), frame.size(),
             {client.peer().text, client.peer().ipv4, &m_access, client.roleMayWrite()});
+        if (answer.deferred) {
+            if (client.queueDeferred(*answer.deferred) != ClientConnection::QueueStatus::Queued) {
+                // Its place counts against the output limit: see below.
+                if (m_handler->deferredReplies() != nullptr) {
+                    m_handler->deferredReplies()->discard(*answer.deferred);
+                }
+                why = {"clients not reading", "does not read its answers (" +
+                                                  std::to_string(client.pendingOutput()) +
+                                                  " bytes queued); connection closed"};
+                return false;
+            }
+            m_deferred[*answer.deferred] = {frame, answer};
+            continue;
+        }
         if (answer.closeConnection) {
             why = {"function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
@@ -290,6 +352,9 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
+    if (DeferredReplies* replies = m_handler->deferredReplies()) {
+        replies->expire(now);
+    }
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         ClientConnection const& client = *m_clients[i];
         auto const partial = client.partialSince();
@@ -308,6 +373,14 @@ void ModbusServer::expire(SteadyClock::time_point now) {
 
 void ModbusServer::drop(std::size_t index, Closing const& why) {
     std::string const peer = m_clients[index]->peer().text;
+    // Answers still to come for it reach no one: their outcome is only
+    // audited.
+    for (DeferredReplies::Token const token : m_clients[index]->deferredTokens()) {
+        if (m_handler->deferredReplies() != nullptr) {
+            m_handler->deferredReplies()->discard(token);
+        }
+        m_deferred.erase(token);
+    }
     m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(index));
     if (why.text.empty()) {
         m_log.debug("client " + peer + " disconnected");

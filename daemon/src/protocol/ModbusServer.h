@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,14 @@ class ModbusServer {
 
     int port() const { return m_port; }
     std::size_t clientCount() const { return m_clients.size(); }
+    /* True while the listening socket accepts connections. */
+    bool listening() const;
+
+    /* Hands the following requests to another handler and judges them by
+     * other rules (a reload). Between two requests only: the loop's
+     * thread, outside serve(). */
+    void setHandler(RequestHandler& handler) { m_handler = &handler; }
+    void setAccess(AccessRules const& access) { m_access = access; }
 
     /* The descriptors to poll: the listener first, then every client. */
     std::vector<pollfd> pollSet() const;
@@ -84,15 +93,26 @@ class ModbusServer {
      * certificate has no role the configuration names. */
     bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);
     void drop(std::size_t index, Closing const& why);
+    /* Sends the deferred answers settled since the last pass, each in its
+     * client's order. */
+    void deliverSettled();
+    bool hasSettled(ClientConnection const& client) const;
+
+    /* A request whose answer is deferred: what its answer is built from. */
+    struct Deferred {
+        std::vector<std::uint8_t> frame;
+        Answer answer;
+    };
 
     ClientLimits m_limits;
     AccessRules m_access;
     std::shared_ptr<TlsContext const> m_tls;
-    RequestHandler& m_handler;
+    RequestHandler* m_handler;
     Log& m_log;
     int m_listener = -1;
     int m_port = 0;
     std::vector<Client> m_clients;
+    std::map<DeferredReplies::Token, Deferred> m_deferred;
 };
 
 }  // namespace tarsel::daemon

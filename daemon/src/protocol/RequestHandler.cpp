@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "DeviceIdentification.h"
+#include "EntryWire.h"
 #include "LogText.h"
 #include "RequestValidation.h"
 
@@ -66,6 +67,21 @@ bool available(ServedEntry const& entry) {
                              : encoder.discretes->isDataAvailable();
 }
 
+/* One write's line in the audit trail and in the log, where a client's
+ * repeated writes to one entry are summarised under `key`. */
+struct AuditLine {
+    AuditTrail* trail;
+    Log* log;
+    std::string key;
+
+    void operator()(std::string const& line, Log::Level level) const {
+        if (trail != nullptr) {
+            trail->record(line);
+        }
+        log->limited(level, key, line);
+    }
+};
+
 /* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
  * whatever port it connects from. */
 std::string addressOf(std::string const& client) {
@@ -97,7 +113,16 @@ Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
     if (answer.exception != 0) {
         m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
     }
+    if (!answer.deferred) {
+        countAnswer(answer.function, answer.exception);
+    }
     return answer;
+}
+
+void RequestHandler::countAnswer(std::uint8_t function, std::uint8_t exception) {
+    if (m_metrics != nullptr) {
+        m_metrics->countRequest(function, exception);
+    }
 }
 
 Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
@@ -107,7 +132,8 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     }
     std::uint8_t const unit = frame[6];
     if (auto const routed = m_units.find(unit); routed != m_units.end()) {
-        return routed->second->handle(frame, length);
+        // The origin goes along: the unit's access rules are the listener's.
+        return routed->second->handle(frame, length, *m_origin);
     }
     std::uint8_t const* pdu = frame + kHeaderLength;
     std::size_t const pduLength = length - kHeaderLength;
@@ -208,8 +234,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
-            // A discrete has no room for a sentinel: it reads as 0.
-            words.assign(entry.definition.size, registers ? policy.word : 0);
+            words = unavailableWords(entry.definition);
         } else if (entry.encoder.registers) {
             words = entry.encoder.registers->getData();
         } else {
@@ -269,6 +294,22 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
                                       : ec::kServerDeviceFailure);
         }
     }
+    if (m_remote != nullptr && m_replies != nullptr) {
+        // The values live elsewhere: nothing is written to the store. One
+        // entry per request, so that a client never gets an answer for a
+        // write that was carried out in part.
+        ServedEntry const& entry = *coverage.entries.front();
+        std::string const why = coverage.entries.size() > 1 ? "a write to a UPS covers one entry"
+                                : !m_remote->owns(entry)    ? "not a variable or command of the UPS"
+                                                            : "";
+        if (!why.empty()) {
+            for (ServedEntry const* covered : coverage.entries) {
+                auditRefused(*covered, partOf(*covered, *values, answer.address), why);
+            }
+            return refuse(answer, ec::kIllegalFunction);
+        }
+        return writeRemote(answer, entry, partOf(entry, *values, answer.address));
+    }
     for (ServedEntry* entry : coverage.entries) {
         std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
         std::string const before = currentValue(*entry);
@@ -278,6 +319,45 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         }
         audit(*entry, before, part, "written");
     }
+    return answer;
+}
+
+/* Hands the write over and defers the answer until its outcome is known
+ * (or the replies' bound passes); every outcome is audited, a late one too.
+ * What runs later holds nothing of this handler, which a reload may have
+ * replaced by then: only the trail, the log and the replies, which outlive
+ * every handler. */
+Answer RequestHandler::writeRemote(Answer answer, ServedEntry const& entry,
+                                   std::vector<std::uint16_t> const& part) {
+    EntryDefinition const& definition = entry.definition;
+    std::string const head = "write " + quotedValue(definition.name) + " " +
+                             tableName(definition.table) + " " +
+                             std::to_string(definition.address) + ": " + currentValue(entry) +
+                             " -> " + readableValue(definition, part) + ": ";
+    std::string const tail = "; " + m_fields;
+    std::string const key = "writes of " + definition.name + " by " + addressOf(m_origin->client);
+    std::string const bound = std::to_string(m_replies->bound().count()) + " ms";
+    AuditLine const note{m_auditTrail, &m_log, key};
+    DeferredReplies* const replies = m_replies;
+    DeferredReplies::Token const token =
+        replies->open(DeferredReplies::Clock::now(), [note, head, tail, bound] {
+            note(head + "no outcome within " + bound + ": answered 0x0B" + tail,
+                 Log::Level::Warning);
+        });
+    auto done = [note, replies, token, head, tail](RemoteOutcome const& outcome) {
+        bool const answered = replies->settle(token, outcome.exception);
+        note(head + outcome.text + (answered ? "" : " (too late for the client's answer)") + tail,
+             outcome.exception == 0 ? Log::Level::Info : Log::Level::Warning);
+    };
+    std::optional<RemoteOutcome> const known =
+        m_remote->start(entry, part, m_origin->client, std::move(done));
+    if (known) {
+        replies->discard(token);
+        note(head + known->text + tail,
+             known->exception == 0 ? Log::Level::Info : Log::Level::Warning);
+        return known->exception == 0 ? answer : refuse(answer, known->exception);
+    }
+    answer.deferred = token;
     return answer;
 }
 

@@ -5,12 +5,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "AccessRules.h"
 #include "AuditTrail.h"
+#include "DeferredReplies.h"
 #include "Log.h"
+#include "Metrics.h"
+#include "RemoteWrites.h"
 #include "ServedMap.h"
 #include "modbus/MapAvailableAccessor.h"
 
@@ -22,6 +26,7 @@ constexpr std::uint8_t kIllegalFunction = 0x01;
 constexpr std::uint8_t kIllegalDataAddress = 0x02;
 constexpr std::uint8_t kIllegalDataValue = 0x03;
 constexpr std::uint8_t kServerDeviceFailure = 0x04;
+constexpr std::uint8_t kServerDeviceBusy = 0x06;
 constexpr std::uint8_t kGatewayPathUnavailable = 0x0A;
 constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
 }  // namespace exception_code
@@ -41,6 +46,9 @@ struct Answer {
     // No Modbus answer exists (a function code of 0x80 or above, the range
     // that marks exception answers): the connection is closed instead.
     bool closeConnection = false;
+    // The answer comes later: the token to ask DeferredReplies for the
+    // outcome (a write handed over to RemoteWrites).
+    std::optional<DeferredReplies::Token> deferred;
 };
 
 /* Who sent a request, and what it may do. */
@@ -66,6 +74,10 @@ class RequestHandler {
      * (the default): writes are only in the log, where repeated ones are
      * summarised. The trail must outlive the handler. */
     void setAuditTrail(AuditTrail* trail) { m_auditTrail = trail; }
+    /* Every request handed to this handler is counted there by function and
+     * exception; nothing (the default): not counted. Give it only to the
+     * handler the listeners call: a routed request is counted by it. */
+    void setMetrics(Metrics* metrics) { m_metrics = metrics; }
 
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
@@ -73,6 +85,17 @@ class RequestHandler {
     /* Answers every write with Illegal Function: for data that lives
      * elsewhere (a UPS behind upsd) and cannot be written back. */
     void refuseWrites() { m_writesRefused = true; }
+    /* Hands writes to the entries `remote` owns over to it; their answers
+     * wait in `replies`. Both must outlive the handler. */
+    void setRemoteWrites(RemoteWrites* remote, DeferredReplies* replies) {
+        m_remote = remote;
+        m_replies = replies;
+    }
+    /* Counts an answer in the metrics; a deferred one is counted by whoever
+     * sends it, with its outcome, once it is known. */
+    void countAnswer(std::uint8_t function, std::uint8_t exception);
+    /* Where deferred answers wait; null when none are handed over. */
+    DeferredReplies* deferredReplies() const { return m_replies; }
 
   private:
     Answer decide(std::uint8_t const* frame, std::size_t length);
@@ -82,6 +105,8 @@ class RequestHandler {
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
     std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
+    Answer writeRemote(Answer answer, ServedEntry const& entry,
+                       std::vector<std::uint16_t> const& part);
     Answer refuseRead(Answer answer, std::string const& why);
     std::string currentValue(ServedEntry const& entry) const;
     std::uint8_t failure(ServedEntry const& entry, char const* operation, char const* what);
@@ -100,6 +125,9 @@ class RequestHandler {
     std::map<std::uint8_t, RequestHandler*> m_units;
     bool m_writesRefused = false;
     AuditTrail* m_auditTrail = nullptr;
+    RemoteWrites* m_remote = nullptr;
+    DeferredReplies* m_replies = nullptr;
+    Metrics* m_metrics = nullptr;
     // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
     // being answered, for every line about it.
     std::string m_fields;

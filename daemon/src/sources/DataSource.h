@@ -6,9 +6,23 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
+#include <string>
+
+#include "Histogram.h"
 
 namespace tarsel::daemon {
+
+/* How a source stands, for the health and metrics endpoint. */
+struct SourceStatus {
+    bool fresh = true;   // the store holds what the world outside holds now
+    std::string detail;  // why not, when not fresh
+    // Round trips to the world outside (NUT: one LIST VAR each) and how long
+    // they took, in seconds; a source that does not poll has none.
+    std::uint64_t polls = 0;
+    HistogramSnapshot pollLatency;
+};
 
 class DataSource {
   public:
@@ -29,6 +43,10 @@ class DataSource {
     /* Applies to the store what is due at `now`; true when it changed the
      * store. Only on the loop's thread. */
     virtual bool update(Clock::time_point now) = 0;
+    /* Freshness and poll figures at `now`. A source that lives in the
+     * process (a scenario) is always fresh and polls nothing. Only on the
+     * loop's thread. */
+    virtual SourceStatus status(Clock::time_point /*now*/) const { return {}; }
 
   protected:
     DataSource() = default;

@@ -11,6 +11,8 @@
 #include <upsclient.h>
 
 #include <mutex>
+#include <optional>
+#include <vector>
 
 #include "Poller.h"
 
@@ -64,11 +66,55 @@ class NutFetcher : public Fetcher {
         if (more < 0) {
             return failure();
         }
+        // Commands change only with the driver: listed once per connection
+        // and again after any fault.
+        if (!m_commands && !listCommands() && !commandsRefused()) {
+            return failure();
+        }
+        reading.commands = *m_commands;
         reading.state = Reading::State::Fresh;
         return reading;
     }
 
   private:
+    /* LIST CMD: each line is CMD <ups> <command>. */
+    bool listCommands() {
+        char const* query[] = {"CMD", m_endpoint.ups.c_str()};
+        if (upscli_list_start(&m_connection, 2, query) < 0) {
+            return false;
+        }
+        std::vector<std::string> commands;
+        std::size_t count = 0;
+        char** answer = nullptr;
+        int more = 0;
+        while ((more = upscli_list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+            if (count >= 3) {
+                commands.emplace_back(answer[2]);
+            }
+        }
+        if (more < 0) {
+            return false;
+        }
+        m_commands = std::move(commands);
+        return true;
+    }
+
+    /* upsd answered LIST CMD with an error that concerns the list only (a
+     * upsd that keeps commands to itself): the UPS simply offers none. */
+    bool commandsRefused() {
+        switch (upscli_upserror(&m_connection)) {
+            case UPSCLI_ERR_ACCESSDENIED:
+            case UPSCLI_ERR_INVLISTTYPE:
+            case UPSCLI_ERR_UNKCOMMAND:
+            case UPSCLI_ERR_INVALIDARG:
+            case UPSCLI_ERR_CMDNOTSUPP:
+                m_commands.emplace();
+                return true;
+            default:
+                return false;
+        }
+    }
+
     bool connect(Reading& reading) {
         if (m_connected) {
             return true;
@@ -87,6 +133,7 @@ class NutFetcher : public Fetcher {
 
     /* What upsd's refusal, or the connection's failure, means. */
     Reading failure() {
+        m_commands.reset();
         Reading reading;
         reading.detail = upscli_strerror(&m_connection);
         switch (upscli_upserror(&m_connection)) {
@@ -118,6 +165,7 @@ class NutFetcher : public Fetcher {
     std::chrono::seconds const m_timeout;
     UPSCONN_t m_connection{};
     bool m_connected = false;
+    std::optional<std::vector<std::string>> m_commands;  // as last listed
 };
 
 }  // namespace

@@ -116,6 +116,29 @@ std::optional<cdsapi::DeviceAttribute> identityAttribute(std::string const& vari
     return std::nullopt;
 }
 
+std::optional<std::string> identityVariable(cdsapi::DeviceAttribute attribute) {
+    for (auto const& identity : kIdentities) {
+        if (attribute == identity.attribute) {
+            return std::string(identity.variable);
+        }
+    }
+    return std::nullopt;
+}
+
+bool isNutName(std::string const& name) {
+    if (name.empty()) {
+        return false;
+    }
+    for (char const c : name) {
+        bool const allowed =
+            std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '_' || c == '-';
+        if (!allowed) {
+            return false;
+        }
+    }
+    return true;
+}
+
 kq::CValue storeValue(std::string const& variable, std::string const& text) {
     if (isIdentityText(variable)) {
         return kq::CValue(text);

@@ -35,6 +35,14 @@ constexpr unsigned int kOperatingStatusWaiting = 2;
  * identity or ratings. */
 std::optional<cdsapi::DeviceAttribute> identityAttribute(std::string const& variable);
 
+/* The variable that feeds a device attribute; nothing for an attribute no
+ * variable feeds. */
+std::optional<std::string> identityVariable(cdsapi::DeviceAttribute attribute);
+
+/* True for a name upsd could know a variable or command by: letters,
+ * digits, '.', '_' and '-' only (nothing that could end a protocol line). */
+bool isNutName(std::string const& name);
+
 /* The store value of a variable: identity texts stay text (a serial number
  * "0042" is no number), other values that read fully as integers become
  * int32 (int64 when larger), decimals become double, the rest text. */

@@ -49,20 +49,57 @@ std::size_t Poller::polls() const {
     return m_polls;
 }
 
+bool Poller::submit(Job job, std::size_t limit) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_jobs.size() >= limit) {
+            return false;
+        }
+        m_jobs.push_back(std::move(job));
+    }
+    m_stopped.notify_all();
+    return true;
+}
+
+PollerStatus Poller::status() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return {m_polls, m_latency.snapshot(), m_lastState, m_lastDetail, m_lastPoll};
+}
+
 void Poller::run() {
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        lock.unlock();
-        Reading reading = m_fetcher->fetch();
-        reading.fetched = std::chrono::steady_clock::now();
-        publish(std::move(reading));
-        lock.lock();
-        ++m_polls;
-        // Polls keep their rhythm; one that took longer than the interval
-        // is followed at once by the next.
-        next = std::max(next + m_interval, std::chrono::steady_clock::now());
-        m_stopped.wait_until(lock, next, [this] { return m_stop; });
+        if (!m_jobs.empty()) {
+            Job const job = std::move(m_jobs.front());
+            m_jobs.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+            next = std::chrono::steady_clock::now();
+            continue;
+        }
+        if (std::chrono::steady_clock::now() >= next) {
+            lock.unlock();
+            auto const asked = std::chrono::steady_clock::now();
+            Reading reading = m_fetcher->fetch();
+            reading.fetched = std::chrono::steady_clock::now();
+            lock.lock();
+            // Counted before it is handed: whoever takes the reading finds
+            // the poll in status() too.
+            ++m_polls;
+            m_latency.observe(std::chrono::duration<double>(reading.fetched - asked).count());
+            m_lastPoll = reading.fetched;
+            m_lastState = reading.state;
+            m_lastDetail = reading.detail;
+            lock.unlock();
+            publish(std::move(reading));
+            lock.lock();
+            // Polls keep their rhythm; one that took longer than the
+            // interval is followed at once by the next.
+            next = std::max(next + m_interval, std::chrono::steady_clock::now());
+        }
+        m_stopped.wait_until(lock, next, [this] { return m_stop || !m_jobs.empty(); });
     }
 }
 

@@ -6,11 +6,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <thread>
 
+#include "Histogram.h"
 #include "NutEndpoint.h"
 #include "Reading.h"
 
@@ -21,6 +23,15 @@ class Fetcher {
   public:
     virtual ~Fetcher() = default;
     virtual Reading fetch() = 0;
+};
+
+/* What the polls of one UPS came to so far. */
+struct PollerStatus {
+    std::size_t polls = 0;
+    HistogramSnapshot latency;  // seconds per round trip
+    std::optional<Reading::State> lastState;
+    std::string lastDetail;
+    std::chrono::steady_clock::time_point lastPoll{};  // when the last one ended
 };
 
 class Poller {
@@ -44,6 +55,15 @@ class Poller {
     std::optional<Reading> take();
     /* Polls made so far. */
     std::size_t polls() const;
+    /* Counts, latencies and the state of the last poll. Any thread. */
+    PollerStatus status() const;
+
+    using Job = std::function<void()>;
+    /* Runs `job` on the poller's thread before its next poll, after the jobs
+     * given before it; the poll follows at once, so what the job changed at
+     * upsd is seen without waiting for the interval. False (and nothing
+     * queued) when `limit` jobs already wait. Any thread. */
+    bool submit(Job job, std::size_t limit);
 
   private:
     void run();
@@ -58,6 +78,11 @@ class Poller {
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
     std::size_t m_polls = 0;
+    Histogram m_latency{pollLatencyBounds()};
+    std::optional<Reading::State> m_lastState;
+    std::string m_lastDetail;
+    std::chrono::steady_clock::time_point m_lastPoll{};
+    std::deque<Job> m_jobs;
     std::thread m_thread;  // last: started when everything else is ready
 };
 

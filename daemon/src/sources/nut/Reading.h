@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "NutNames.h"
 
@@ -18,12 +19,15 @@ struct Reading {
 
     State state = State::Unreachable;
     Variables variables;  // Fresh only
-    std::string detail;   // why, when not Fresh
+    // The instant commands upsd offers for the UPS (Fresh only).
+    std::vector<std::string> commands;
+    std::string detail;  // why, when not Fresh
     std::chrono::steady_clock::time_point fetched{};
 
     /* The same news as another reading (the time of fetching aside). */
     bool sameAs(Reading const& other) const {
-        return state == other.state && variables == other.variables && detail == other.detail;
+        return state == other.state && variables == other.variables && commands == other.commands &&
+               detail == other.detail;
     }
 };
 

@@ -1,0 +1,133 @@
+#include "Configuration.h"
+
+#include "EmbeddedDefaults.h"
+#include "MapLoader.h"
+#include "sources/nut/NutSource.h"
+
+namespace tarsel::daemon {
+
+namespace {
+
+constexpr int kLastUnitId = 247;
+
+std::optional<Scenario> loadScenario(Options const& options) {
+    if (options.scenarioFile == "none" || !options.nutUpses.empty()) {
+        return std::nullopt;
+    }
+    return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
+                                                      : readTextFile(options.scenarioFile));
+}
+
+RegisterMapDefinition loadMap(Options const& options) {
+    return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
+                                                    : readTextFile(options.mapFile));
+}
+
+bool sameLimits(ClientLimits const& a, ClientLimits const& b) {
+    return a.maxClients == b.maxClients && a.idleTimeout == b.idleTimeout &&
+           a.partialFrameTimeout == b.partialFrameTimeout &&
+           a.outputQueueBytes == b.outputQueueBytes;
+}
+
+bool sameTls(TlsConfig const& a, TlsConfig const& b) {
+    return a.certificateFile == b.certificateFile && a.keyFile == b.keyFile &&
+           a.caFile == b.caFile && a.roles == b.roles;
+}
+
+}  // namespace
+
+Configuration loadFiles(Options options) {
+    Configuration configuration;
+    try {
+        configuration.map = loadMap(options);
+    } catch (MapError const& error) {
+        throw ConfigurationError("the register map cannot be served:", error.errors());
+    }
+    for (std::string const& file : options.nutMaps) {
+        try {
+            configuration.upsMaps.push_back(
+                file.empty() ? std::nullopt : std::optional(parseRegisterMap(readTextFile(file))));
+        } catch (MapError const& error) {
+            throw ConfigurationError("the register map \"" + file + "\" cannot be served:",
+                                     error.errors());
+        }
+    }
+    try {
+        configuration.scenario = loadScenario(options);
+    } catch (ScenarioError const& error) {
+        throw ConfigurationError("the scenario cannot be played:", error.errors());
+    }
+    configuration.options = std::move(options);
+    return configuration;
+}
+
+Configuration loadConfiguration(std::vector<std::string> const& args) {
+    // The settings file and the secrets file are read again too.
+    LoadedOptions loaded = loadOptions(args);
+    if (!loaded.errors.empty()) {
+        throw ConfigurationError("the options cannot be used:", std::move(loaded.errors));
+    }
+    return loadFiles(std::move(loaded.options));
+}
+
+namespace {
+
+/* The map of the UPS at `index` of --nut: its own, or the shared one;
+ * either is written for device 2 and moved onto the UPS's device. */
+RegisterMapDefinition mapOfUps(Configuration const& configuration, std::size_t index) {
+    auto const& own =
+        index < configuration.upsMaps.size() ? configuration.upsMaps[index] : std::nullopt;
+    return nut::mapForUps(own ? *own : configuration.map, index);
+}
+
+}  // namespace
+
+ServedConfig servedConfig(Configuration const& configuration) {
+    Options const& options = configuration.options;
+    ServedConfig served;
+    served.map = options.nutUpses.empty() ? configuration.map : mapOfUps(configuration, 0);
+    served.unitId = static_cast<std::uint8_t>(options.unitId);
+    // Without --nut-writes nothing is written back to a UPS: a write would
+    // only change the daemon's copy of a value upsd owns.
+    served.readOnly = !options.nutUpses.empty() && !options.nutWrites;
+    // Each further UPS is served under the next unit id, with its own map
+    // or the shared one moved onto its device.
+    for (std::size_t k = 1; k < options.nutUpses.size(); ++k) {
+        std::size_t const unit = static_cast<std::size_t>(options.unitId) + k;
+        if (unit > kLastUnitId) {
+            throw ConfigurationError("the UPSes cannot be served:",
+                                     {"--nut: UPS " + options.nutUpses[k] + " would be unit id " +
+                                      std::to_string(unit) + ", above 247"});
+        }
+        served.moreUnits.push_back({static_cast<std::uint8_t>(unit), mapOfUps(configuration, k)});
+    }
+    return served;
+}
+
+std::vector<std::string> settingsNeedingRestart(Options const& running, Options const& next) {
+    std::vector<std::string> changed;
+    auto check = [&changed](bool same, char const* name) {
+        if (!same) {
+            changed.emplace_back(name);
+        }
+    };
+    check(running.listen == next.listen, "--listen");
+    check(running.port == next.port, "--port");
+    check(running.tlsPort == next.tlsPort, "--tls-port");
+    check(running.tlsListen == next.tlsListen, "--tls-listen");
+    check(sameTls(running.tls, next.tls), "--tls-cert/--tls-key/--tls-ca/--tls-role");
+    check(sameLimits(running.limits, next.limits), "--max-clients/--idle-timeout/--frame-timeout");
+    check(running.scenarioFile == next.scenarioFile, "--scenario");
+    check(running.nutUpses == next.nutUpses, "--nut");
+    check(running.nutInterval == next.nutInterval, "--nut-interval");
+    check(running.nutWrites == next.nutWrites && running.nutCredentials == next.nutCredentials,
+          "--nut-writes/--nut-credentials");
+    check(running.auditLog == next.auditLog, "--audit-log");
+    check(running.verbose == next.verbose, "--verbose");
+    check(running.httpAddress == next.httpAddress && running.httpPort == next.httpPort &&
+              running.httpAllowRemote == next.httpAllowRemote,
+          "--http-listen/--http-allow-remote");
+    return changed;
+}
+
+}  // namespace tarsel::daemon

@@ -1,0 +1,57 @@
+// Building the daemon's configuration from its command line and the files it
+// names, as one call that can be made again: at start and on every reload.
+// Reads files, changes nothing.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "DaemonCore.h"
+#include "MapModel.h"
+#include "Options.h"
+#include "Scenario.h"
+
+namespace tarsel::daemon {
+
+struct Configuration {
+    Options options;
+    RegisterMapDefinition map;
+    // The maps of --nut-map, one per --nut (nothing: the UPS is served
+    // with `map`).
+    std::vector<std::optional<RegisterMapDefinition>> upsMaps;
+    std::optional<Scenario> scenario;  // nothing: no scenario (none, or NUT)
+};
+
+/* A configuration that cannot be served: what it is, and every error. */
+class ConfigurationError : public std::runtime_error {
+  public:
+    ConfigurationError(std::string const& heading, std::vector<std::string> errors)
+        : std::runtime_error(heading), m_errors(std::move(errors)) {}
+    std::vector<std::string> const& errors() const { return m_errors; }
+
+  private:
+    std::vector<std::string> m_errors;
+};
+
+/* Reads and checks the maps and the scenario the options name. Throws
+ * ConfigurationError listing every error of the file at fault, and
+ * std::runtime_error for a file that cannot be read. */
+Configuration loadFiles(Options options);
+/* The command line, then its files; a bad command line is a
+ * ConfigurationError too. */
+Configuration loadConfiguration(std::vector<std::string> const& args);
+
+/* The maps to serve and their unit ids: the map under --unit-id and, with
+ * several --nut UPSes, each further UPS under the following unit ids with
+ * its own map (--nut-map) or the shared one, moved onto its device. Throws
+ * ConfigurationError past unit id 247. */
+ServedConfig servedConfig(Configuration const& configuration);
+
+/* The settings that differ between two option sets and cannot change while
+ * the daemon runs (listeners, data source, files opened at start); empty
+ * when a reload can apply `next`. */
+std::vector<std::string> settingsNeedingRestart(Options const& running, Options const& next);
+
+}  // namespace tarsel::daemon

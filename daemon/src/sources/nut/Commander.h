@@ -1,0 +1,29 @@
+// Carries out writes at upsd: SET VAR and INSTCMD as an authenticated user,
+// followed to their end through upsd's command tracking where it offers it.
+// Runs on the UPS's poller thread; every wait is bounded.
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "NutCredentials.h"
+#include "NutEndpoint.h"
+#include "NutWrites.h"
+
+namespace tarsel::daemon::nut {
+
+class Commander {
+  public:
+    virtual ~Commander() = default;
+    virtual CommandResult run(Command const& command) = 0;
+};
+
+/* Over NUT's client library, one connection per command: connect (within
+ * `connectTimeout`), USERNAME, PASSWORD, SET TRACKING ON, the command, then
+ * GET TRACKING until it is no longer PENDING. All of it ends by `bound` from
+ * the start: what is not known by then is NoAnswer. */
+std::unique_ptr<Commander> makeNutCommander(Endpoint endpoint, Credentials credentials,
+                                            std::chrono::seconds connectTimeout,
+                                            std::chrono::milliseconds bound);
+
+}  // namespace tarsel::daemon::nut

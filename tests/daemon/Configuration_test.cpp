@@ -1,0 +1,101 @@
+// The configuration of UPSes behind upsd: each UPS's map, and whether writes
+// go back to it.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "Configuration.h"
+
+namespace tarsel::daemon {
+namespace {
+
+char const* const kShared = R"({"entries": [
+  {"name": "charge", "table": "input-registers", "address": 60, "encoder": "uint16",
+   "source": {"device": 2, "channel": "battery.charge"}}]})";
+char const* const kOwn = R"({"entries": [
+  {"name": "charge", "table": "input-registers", "address": 0, "encoder": "uint16",
+   "source": {"device": 2, "channel": "battery.charge"}}]})";
+
+class ConfigurationFilesTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tarsel-configuration-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        m_dir = pattern;
+    }
+    void TearDown() override {
+        for (auto const& file : m_files) {
+            ::unlink(file.c_str());
+        }
+        ::rmdir(m_dir.c_str());
+    }
+
+    std::string file(std::string const& name, std::string const& text) {
+        std::string const path = m_dir + "/" + name;
+        std::ofstream(path) << text;
+        m_files.push_back(path);
+        return path;
+    }
+
+    std::string m_dir;
+    std::vector<std::string> m_files;
+};
+
+TEST_F(ConfigurationFilesTest, EachUpsHasItsOwnMapOrTheSharedOneMovedOntoItsDevice) {
+    std::string const shared = file("shared.json", kShared);
+    std::string const own = file("own.json", kOwn);
+    ServedConfig const served = servedConfig(loadConfiguration(
+        {"--map", shared, "--nut", "a", "--nut", "b", "--nut-map", own, "--nut", "c"}));
+    EXPECT_EQ(served.map.entries.at(0).address, 60);
+    EXPECT_EQ(served.map.entries.at(0).sources.at(0).device.id, 2u);
+    ASSERT_EQ(served.moreUnits.size(), 2u);
+    EXPECT_EQ(served.moreUnits[0].unitId, 2);
+    EXPECT_EQ(served.moreUnits[0].map.entries.at(0).address, 0);
+    EXPECT_EQ(served.moreUnits[0].map.entries.at(0).sources.at(0).device.id, 3u);
+    EXPECT_EQ(served.moreUnits[1].map.entries.at(0).address, 60);
+    EXPECT_EQ(served.moreUnits[1].map.entries.at(0).sources.at(0).device.id, 4u);
+}
+
+TEST_F(ConfigurationFilesTest, TheFirstUpsMayHaveItsOwnMapToo) {
+    std::string const own = file("own.json", kOwn);
+    ServedConfig const served = servedConfig(
+        loadConfiguration({"--map", file("shared.json", kShared), "--nut", "a", "--nut-map", own}));
+    EXPECT_EQ(served.map.entries.at(0).address, 0);
+}
+
+TEST_F(ConfigurationFilesTest, ABadUpsMapIsRefusedNamingItsFile) {
+    std::string const bad = file("bad.json", R"({"entries": [{"table": "coils"}]})");
+    try {
+        loadConfiguration({"--nut", "a", "--nut-map", bad});
+        FAIL() << "a bad map was taken";
+    } catch (ConfigurationError const& error) {
+        EXPECT_NE(std::string(error.what()).find(bad), std::string::npos) << error.what();
+        EXPECT_FALSE(error.errors().empty());
+    }
+}
+
+TEST(ConfigurationTest, WritesToAUpsAreRefusedUnlessNutWritesIsGiven) {
+    Configuration configuration;
+    configuration.options = parseOptions({"--nut", "a"});
+    EXPECT_TRUE(servedConfig(configuration).readOnly);
+    configuration.options =
+        parseOptions({"--nut", "a", "--nut-writes", "--nut-credentials", "/etc/x"});
+    EXPECT_FALSE(servedConfig(configuration).readOnly);
+    configuration.options = parseOptions({});
+    EXPECT_FALSE(servedConfig(configuration).readOnly) << "the simulated UPS takes writes";
+}
+
+TEST(ConfigurationTest, TurningNutWritesOnOrChangingTheCredentialsNeedsARestart) {
+    Options const running = parseOptions({"--nut", "a"});
+    EXPECT_EQ(settingsNeedingRestart(running, parseOptions({"--nut", "a", "--nut-writes",
+                                                            "--nut-credentials", "/etc/x"})),
+              std::vector<std::string>{"--nut-writes/--nut-credentials"});
+    EXPECT_TRUE(settingsNeedingRestart(running, parseOptions({"--nut", "a", "--nut-map", "m.json"}))
+                    .empty());
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

@@ -1,0 +1,104 @@
+// The endpoint's HTTP parser and answers: what a client sends is untrusted.
+#include <gtest/gtest.h>
+
+#include "HttpRequest.h"
+
+namespace tarsel::daemon {
+namespace {
+
+constexpr std::size_t kLimit = 4096;
+
+HttpParse parse(std::string const& text) {
+    return parseHttpRequest(text, kLimit);
+}
+
+TEST(HttpRequestTest, AGetWithHeadersIsCompleteAtTheEmptyLine) {
+    HttpParse const result = parse("GET /metrics HTTP/1.1\r\nHost: x\r\nAccept: */*\r\n\r\n");
+    ASSERT_EQ(result.status, HttpParse::Status::Complete);
+    EXPECT_EQ(result.request.method, "GET");
+    EXPECT_EQ(result.request.path, "/metrics");
+}
+
+TEST(HttpRequestTest, BareLineFeedsAndHttp10AreAccepted) {
+    HttpParse const result = parse("HEAD /healthz HTTP/1.0\n\n");
+    ASSERT_EQ(result.status, HttpParse::Status::Complete);
+    EXPECT_EQ(result.request.method, "HEAD");
+}
+
+TEST(HttpRequestTest, TheQueryStringIsNotPartOfThePath) {
+    EXPECT_EQ(parse("GET /metrics?x=1 HTTP/1.1\r\n\r\n").request.path, "/metrics");
+}
+
+TEST(HttpRequestTest, UntilTheEmptyLineTheRequestIsIncomplete) {
+    EXPECT_EQ(parse("").status, HttpParse::Status::Incomplete);
+    EXPECT_EQ(parse("GET /metr").status, HttpParse::Status::Incomplete);
+    EXPECT_EQ(parse("GET /metrics HTTP/1.1\r\nHost: x\r\n").status, HttpParse::Status::Incomplete);
+}
+
+TEST(HttpRequestTest, OtherMethodsAreRefusedWith405) {
+    HttpParse const result = parse("POST /metrics HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(result.status, HttpParse::Status::Bad);
+    EXPECT_EQ(result.code, 405);
+}
+
+TEST(HttpRequestTest, OtherVersionsAreRefusedWith505) {
+    EXPECT_EQ(parse("GET / HTTP/2.0\r\n\r\n").code, 505);
+    EXPECT_EQ(parse("GET / HTTP/1.1x\r\n\r\n").code, 505);
+}
+
+TEST(HttpRequestTest, MalformedRequestLinesAreRefusedWith400) {
+    for (char const* line :
+         {"GET\r\n\r\n", "GET /\r\n\r\n", "GET  / HTTP/1.1\r\n\r\n", "GET / HTTP/1.1 extra\r\n\r\n",
+          "get / HTTP/1.1\r\n\r\n", "GET metrics HTTP/1.1\r\n\r\n", "GET /\x01 HTTP/1.1\r\n\r\n",
+          "GET / FTP/1.1\r\n\r\n", "\r\n\r\n"}) {
+        HttpParse const result = parse(line);
+        EXPECT_EQ(result.status, HttpParse::Status::Bad) << line;
+        EXPECT_EQ(result.code, 400) << line;
+    }
+}
+
+TEST(HttpRequestTest, ABadRequestLineIsRefusedBeforeTheHeaderEnds) {
+    EXPECT_EQ(parse("BREW /pot HTCPCP/1.0\r\nAccept").code, 400);
+}
+
+TEST(HttpRequestTest, HeaderLinesWithoutAColonOrWithControlBytesAreRefused) {
+    EXPECT_EQ(parse("GET / HTTP/1.1\r\nno colon\r\n\r\n").code, 400);
+    EXPECT_EQ(parse("GET / HTTP/1.1\r\n: empty name\r\n\r\n").code, 400);
+    EXPECT_EQ(parse("GET / HTTP/1.1\r\nX: a\x1b[31m\r\n\r\n").code, 400);
+}
+
+TEST(HttpRequestTest, AHeaderLargerThanTheLimitIsRefusedWith431) {
+    std::string const big = "GET / HTTP/1.1\r\nX: " + std::string(kLimit, 'a');
+    HttpParse const result = parse(big);
+    EXPECT_EQ(result.status, HttpParse::Status::Bad);
+    EXPECT_EQ(result.code, 431);
+    // The empty line past the limit does not make it acceptable.
+    EXPECT_EQ(parse(big + "\r\n\r\n").code, 431);
+}
+
+TEST(HttpRequestTest, ResponsesCarryTheirLengthAndCloseTheConnection) {
+    HttpResponse response;
+    response.status = 503;
+    response.contentType = "application/json";
+    response.body = "{}\n";
+    EXPECT_EQ(serializeResponse(response, false),
+              "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\n"
+              "Content-Length: 3\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n{}\n");
+}
+
+TEST(HttpRequestTest, HeadAnswersHaveTheLengthOfTheBodyButNoBody) {
+    HttpResponse response;
+    response.body = "12345";
+    std::string const text = serializeResponse(response, true);
+    EXPECT_NE(text.find("Content-Length: 5\r\n"), std::string::npos);
+    EXPECT_EQ(text.substr(text.size() - 4), "\r\n\r\n");
+}
+
+TEST(HttpRequestTest, A405AnswerSaysWhichMethodsAreAllowed) {
+    std::string const text = serializeResponse(errorResponse(405, "only GET"), false);
+    EXPECT_NE(text.find("Allow: GET, HEAD\r\n"), std::string::npos);
+    EXPECT_NE(text.find("Method Not Allowed: only GET\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

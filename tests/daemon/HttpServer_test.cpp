@@ -1,0 +1,209 @@
+// The endpoint's server over real loopback sockets: one answer per client,
+// bounded requests, and clients that are slow or do not read are closed.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "HttpServer.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using Clock = HttpServer::Clock;
+using namespace std::chrono_literals;
+
+int connectTo(int port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return fd;
+}
+
+class HttpServerTest : public ::testing::Test {
+  protected:
+    void start(HttpLimits limits = {}) {
+        m_server = std::make_unique<HttpServer>(
+            "127.0.0.1", 0, limits,
+            [this](HttpRequest const& request) {
+                ++m_answered;
+                HttpResponse response;
+                response.body = m_body.empty() ? "path " + request.path + "\n" : m_body;
+                return response;
+            },
+            m_log);
+    }
+
+    /* One pass of the loop's side, waiting at most 20 ms. */
+    void pump(Clock::time_point now = Clock::now()) {
+        auto fds = m_server->pollSet();
+        ::poll(fds.data(), fds.size(), 20);
+        m_server->serve(fds.data(), fds.size(), now);
+    }
+
+    /* What the client receives until the server closes, pumping between reads. */
+    std::string receiveAll(int fd) {
+        std::string text;
+        for (int i = 0; i < 200; ++i) {
+            pump();
+            char buffer[4096];
+            ssize_t const got = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (got == 0) {
+                break;
+            }
+            if (got > 0) {
+                text.append(buffer, static_cast<std::size_t>(got));
+            }
+        }
+        return text;
+    }
+
+    std::string exchange(std::string const& request) {
+        int const fd = connectTo(m_server->port());
+        EXPECT_EQ(::send(fd, request.data(), request.size(), 0),
+                  static_cast<ssize_t>(request.size()));
+        std::string const answer = receiveAll(fd);
+        ::close(fd);
+        settle();
+        return answer;
+    }
+
+    /* Lets the server see the clients that closed. */
+    void settle() {
+        for (int i = 0; i < 20 && m_server->clientCount() > 0; ++i) {
+            pump();
+        }
+    }
+
+    std::ostringstream m_logText;
+    Log m_log{m_logText};
+    std::unique_ptr<HttpServer> m_server;
+    std::string m_body;
+    int m_answered = 0;
+};
+
+TEST_F(HttpServerTest, AGetIsAnsweredAndTheConnectionClosed) {
+    start();
+    std::string const answer = exchange("GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_EQ(answer.substr(0, 17), "HTTP/1.1 200 OK\r\n");
+    EXPECT_NE(answer.find("\r\n\r\npath /metrics\n"), std::string::npos);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+}
+
+TEST_F(HttpServerTest, ARequestSentByteByByteIsAnsweredOnce) {
+    start();
+    int const fd = connectTo(m_server->port());
+    for (char const c : std::string("GET /healthz HTTP/1.0\r\n\r\n")) {
+        ASSERT_EQ(::send(fd, &c, 1, 0), 1);
+        pump();
+    }
+    std::string const answer = receiveAll(fd);
+    ::close(fd);
+    settle();
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    EXPECT_NE(answer.find("path /healthz"), std::string::npos);
+    EXPECT_EQ(m_answered, 1);
+}
+
+TEST_F(HttpServerTest, AnOversizedRequestIsRefusedWith431WithoutReachingTheResponder) {
+    start();
+    // Far more than the limit: the server stops reading at 4 KiB, answers,
+    // and drops the rest, so the answer arrives whole rather than reset.
+    std::string const answer = exchange("GET / HTTP/1.1\r\nX: " + std::string(60000, 'a'));
+    EXPECT_EQ(answer.substr(0, 42), "HTTP/1.1 431 Request Header Fields Too Lar");
+    EXPECT_EQ(m_answered, 0);
+    EXPECT_NE(m_logText.str().find("HTTP: request refused with 431"), std::string::npos);
+}
+
+TEST_F(HttpServerTest, AMalformedRequestIsRefusedWith400) {
+    start();
+    EXPECT_EQ(exchange("hello\r\n\r\n").substr(0, 24), "HTTP/1.1 400 Bad Request");
+    EXPECT_EQ(m_answered, 0);
+}
+
+TEST_F(HttpServerTest, ASlowClientIsClosedWith408AfterTheRequestTimeout) {
+    start();
+    int const fd = connectTo(m_server->port());
+    ASSERT_EQ(::send(fd, "GET /", 5, 0), 5);
+    for (int i = 0; i < 10 && m_server->clientCount() == 0; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_server->clientCount(), 1u);
+    m_server->expire(Clock::now() + 1s);
+    EXPECT_EQ(m_server->clientCount(), 1u);  // within its 5 s
+    m_server->expire(Clock::now() + 6s);
+    std::string const answer = receiveAll(fd);
+    EXPECT_EQ(answer.substr(0, 29), "HTTP/1.1 408 Request Timeout\r");
+    ::close(fd);
+    settle();
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    EXPECT_EQ(m_answered, 0);
+}
+
+TEST_F(HttpServerTest, AClientThatDoesNotReadItsAnswerIsClosedAfterTheResponseTimeout) {
+    start();
+    m_body = std::string(32 * 1024 * 1024, 'x');  // more than the socket buffers take
+    int const fd = connectTo(m_server->port());
+    std::string const request = "GET / HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    for (int i = 0; i < 50 && m_answered == 0; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_answered, 1);
+    EXPECT_EQ(m_server->clientCount(), 1u);  // still sending
+    m_server->expire(Clock::now() + 6s);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    ::close(fd);
+}
+
+TEST_F(HttpServerTest, ClientsBeyondTheLimitAreRefused) {
+    HttpLimits limits;
+    limits.maxClients = 2;
+    start(limits);
+    std::vector<int> fds;
+    for (int i = 0; i < 3; ++i) {
+        fds.push_back(connectTo(m_server->port()));
+    }
+    for (int i = 0; i < 10; ++i) {
+        pump();
+    }
+    EXPECT_EQ(m_server->clientCount(), 2u);
+    EXPECT_NE(m_logText.str().find("HTTP: 2 clients connected; connection refused"),
+              std::string::npos);
+    for (int const fd : fds) {
+        ::close(fd);
+    }
+}
+
+TEST_F(HttpServerTest, AClientThatNeverClosesAfterItsAnswerIsClosedAfterTheResponseTimeout) {
+    start();
+    int const fd = connectTo(m_server->port());
+    std::string const request = "GET / HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    std::string const answer = receiveAll(fd);  // ends with the server's end of stream
+    EXPECT_NE(answer.find("path /"), std::string::npos);
+    EXPECT_EQ(m_server->clientCount(), 1u);  // waiting for the client's close
+    m_server->expire(Clock::now() + 6s);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    ::close(fd);
+}
+
+TEST(HttpServerAddressTest, OnlyAddressesOf127Slash8AreLoopback) {
+    EXPECT_TRUE(isLoopbackAddress("127.0.0.1"));
+    EXPECT_TRUE(isLoopbackAddress("127.255.1.2"));
+    EXPECT_FALSE(isLoopbackAddress("0.0.0.0"));
+    EXPECT_FALSE(isLoopbackAddress("10.0.0.1"));
+    EXPECT_FALSE(isLoopbackAddress("128.0.0.1"));
+    EXPECT_FALSE(isLoopbackAddress("localhost"));
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

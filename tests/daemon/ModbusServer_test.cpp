@@ -1,0 +1,177 @@
+// The server side of deferred answers, over loopback sockets: a client's
+// answers leave in the order of its requests, other clients are served
+// meanwhile, and a client that goes away before its answer harms no one.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "DaemonTestSupport.h"
+#include "ModbusServer.h"
+
+namespace tarsel::daemon {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+char const* const kMap = R"({"entries": [
+  {"name": "t", "table": "holding-registers", "address": 2, "encoder": "int16",
+   "source": {"device": 2, "channel": "T"}}
+]})";
+
+char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": -3}}]})";
+
+class HeldWrites : public RemoteWrites {
+  public:
+    bool owns(ServedEntry const&) const override { return true; }
+    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
+                                       std::string const&, Done done) override {
+        pending.push_back(std::move(done));
+        return std::nullopt;
+    }
+    std::vector<Done> pending;
+};
+
+Bytes withTransaction(Bytes frame, std::uint8_t id) {
+    frame[1] = id;
+    return frame;
+}
+
+class ModbusServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        m_daemon.core().handler().setRemoteWrites(&m_writes, &m_replies);
+        ListenConfig config;
+        config.port = 0;  // a free one: tests run side by side
+        m_server = std::make_unique<ModbusServer>(config, ClientLimits{}, m_daemon.core().handler(),
+                                                  m_daemon.log());
+    }
+    void TearDown() override {
+        for (int const fd : m_clients) {
+            ::close(fd);
+        }
+    }
+
+    int connectClient() {
+        int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        m_clients.push_back(fd);
+        std::size_t const before = m_server->clientCount();
+        pumpUntil([&] { return m_server->clientCount() > before; });
+        return fd;
+    }
+
+    /* Passes of the loop's server side, until the condition holds (a few
+     * hundred at most) or, without one, a few. */
+    template <typename Condition>
+    bool pumpUntil(Condition condition, int passes = 300) {
+        for (int i = 0; i < passes && !condition(); ++i) {
+            auto fds = m_server->pollSet();
+            ::poll(fds.data(), fds.size(), 10);
+            m_server->serve(fds.data(), fds.size(), SteadyClock::now());
+            m_server->expire(SteadyClock::now());
+        }
+        return condition();
+    }
+    void pump() {
+        pumpUntil([] { return false; }, 5);
+    }
+
+    /* Waits until the client's socket has something to read. */
+    bool readable(int fd) {
+        return pumpUntil([fd] {
+            pollfd ready{fd, POLLIN, 0};
+            return ::poll(&ready, 1, 0) == 1;
+        });
+    }
+
+    static void send(int fd, Bytes const& bytes) {
+        ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+    /* The transaction ids of the answers the client can read now. */
+    static std::vector<int> answers(int fd) {
+        std::vector<int> ids;
+        Bytes bytes(4096);
+        ssize_t const got = ::recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        for (std::size_t at = 0; got > 0 && at + 6 <= static_cast<std::size_t>(got);) {
+            ids.push_back(bytes[at + 1]);
+            at += 6u + static_cast<std::size_t>(bytes[at + 4] << 8 | bytes[at + 5]);
+        }
+        return ids;
+    }
+
+    testing::TestDaemon m_daemon{kMap, kRunningUps};
+    HeldWrites m_writes;
+    DeferredReplies m_replies{5s};
+    std::unique_ptr<ModbusServer> m_server;
+    std::vector<int> m_clients;
+};
+
+TEST_F(ModbusServerTest, APipelinedReadIsAnsweredAfterTheWriteBeforeIt) {
+    int const client = connectClient();
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const read = withTransaction(testing::request(3, 2, 1), 2);
+    both.insert(both.end(), read.begin(), read.end());
+    send(client, both);
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    EXPECT_TRUE(answers(client).empty()) << "the read overtook the write";
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    ASSERT_TRUE(readable(client));
+    EXPECT_EQ(answers(client), (std::vector<int>{1, 2}));
+}
+
+TEST_F(ModbusServerTest, AWriteRefusedLaterGetsItsExceptionInItsPlace) {
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 9));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    m_writes.pending.front()(RemoteOutcome{0x02, "refused"});
+    ASSERT_TRUE(readable(client));
+    Bytes bytes(64);
+    ASSERT_EQ(::recv(client, bytes.data(), bytes.size(), MSG_DONTWAIT), 9);
+    EXPECT_EQ(bytes[1], 9);
+    EXPECT_EQ(bytes[7], 0x86);
+    EXPECT_EQ(bytes[8], 0x02);
+}
+
+TEST_F(ModbusServerTest, OtherClientsAreServedWhileAWriteWaits) {
+    int const writer = connectClient();
+    int const reader = connectClient();
+    send(writer, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    send(reader, withTransaction(testing::request(3, 2, 1), 5));
+    ASSERT_TRUE(readable(reader));
+    EXPECT_EQ(answers(reader), std::vector<int>{5});
+    EXPECT_TRUE(answers(writer).empty());
+}
+
+TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    ::close(client);
+    m_clients.clear();
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    pump();
+    EXPECT_EQ(m_replies.size(), 0u);
+    EXPECT_NE(m_daemon.logText().find("done (too late for the client's answer)"), std::string::npos)
+        << m_daemon.logText();
+    int const next = connectClient();
+    send(next, withTransaction(testing::request(3, 2, 1), 3));
+    ASSERT_TRUE(readable(next));
+    EXPECT_EQ(answers(next), std::vector<int>{3});
+}
+
+}  // namespace
+}  // namespace tarsel::daemon

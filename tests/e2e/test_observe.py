@@ -1,0 +1,231 @@
+"""Reload on SIGHUP and the health and metrics endpoint, end to end.
+
+The daemon runs with --http-listen 127.0.0.1:0 (the port is read back from
+its log); pymodbus makes the Modbus requests, urllib reads /healthz and
+/metrics, and SIGHUP goes to the daemon's own process id.
+"""
+import json
+import os
+import re
+import signal
+import socket
+import subprocess
+import time
+import unittest
+import urllib.error
+import urllib.request
+
+from harness import DAEMON, Daemon, poll_until, running_ups
+from nut_harness import NUT_MAP, Upsd, demo_dev
+
+HTTP_ARGS = ["--http-listen", "127.0.0.1:0"]
+# The shipped scenario detects its UPS after about 3 s; a loaded machine
+# gets generous bounds.
+OPEN_LIMIT_S = 20.0
+FAULT_LIMIT_S = 5.0 + 0.5 + 5.0
+
+# The maps of the reload tests serve a string channel "Label" (four
+# registers) at a holding address the test chooses, and the operating status.
+OPERATING_STATUS = {"name": "status", "table": "input-registers", "address": 0,
+                    "encoder": "uint16",
+                    "source": {"device": 2, "channel": "PowerDistribution.Status.OperatingStatus"}}
+
+
+def map_with_label_at(address):
+    return {"entries": [
+        OPERATING_STATUS,
+        {"name": "label", "table": "holding-registers", "address": address, "encoder": "string",
+         "size": 4, "source": {"device": 2, "channel": "Label"}}]}
+
+
+def scenario_with_label():
+    return running_ups(channels={"Label": "ABCD"})
+
+
+def http_port(daemon):
+    assert daemon.wait_for_log("health and metrics on http://127.0.0.1:", 10.0), \
+        "\n".join(daemon.log_lines)
+    for line in daemon.log_lines:
+        found = re.search(r"health and metrics on http://127\.0\.0\.1:(\d+)/", line)
+        if found:
+            return int(found.group(1))
+    raise AssertionError("no HTTP port in the log")
+
+
+def get(port, path):
+    """(status, body) of a GET; HTTP errors are answers too."""
+    try:
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=5) as response:
+            return response.status, response.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.code, error.read().decode()
+
+
+def samples(text):
+    """{'name{labels}': value} of a Prometheus text page, comments left out."""
+    values = {}
+    for line in text.splitlines():
+        if line and not line.startswith("#"):
+            key, value = line.rsplit(" ", 1)
+            values[key] = float(value)
+    return values
+
+
+class ObserveTest(unittest.TestCase):
+    def setUp(self):
+        self.daemon = None
+        self.client = None
+        self.upsd = None
+
+    def tearDown(self):
+        if self.client is not None:
+            self.client.close()
+        if self.daemon is not None and self.daemon.alive():
+            self.daemon.stop()
+        if self.upsd is not None:
+            self.upsd.stop()
+
+    def start(self, **kwargs):
+        kwargs["args"] = list(kwargs.get("args", ())) + HTTP_ARGS
+        self.daemon = Daemon(**kwargs)
+        self.port = http_port(self.daemon)
+
+    def test_metrics_count_exactly_the_requests_a_client_made(self):
+        self.start(scenario_json=running_ups())
+        self.client = self.daemon.client()
+        c = self.client
+        for _ in range(3):
+            self.assertFalse(c.read_holding_registers(0, 2, slave=1).isError())
+        for _ in range(2):
+            self.assertFalse(c.read_input_registers(40, 2, slave=1).isError())
+        self.assertFalse(c.read_discrete_inputs(0, 5, slave=1).isError())
+        self.assertFalse(c.read_coils(0, 3, slave=1).isError())
+        # Holding 90 is no entry: Illegal Data Address.
+        response = c.read_holding_registers(90, 1, slave=1)
+        self.assertTrue(response.isError())
+        self.assertEqual(response.exception_code, 2)
+        self.assertFalse(c.write_registers(60, [0x4142, 0, 0, 0, 0, 0, 0, 0], slave=1).isError())
+        status, page = get(self.port, "/metrics")
+        self.assertEqual(status, 200)
+        values = samples(page)
+        requests = {k: v for k, v in values.items() if k.startswith("tarsel_modbusd_requests_total")}
+        self.assertEqual(requests, {
+            'tarsel_modbusd_requests_total{function="1"}': 1,
+            'tarsel_modbusd_requests_total{function="2"}': 1,
+            'tarsel_modbusd_requests_total{function="3"}': 4,
+            'tarsel_modbusd_requests_total{function="4"}': 2,
+            'tarsel_modbusd_requests_total{function="5"}': 0,
+            'tarsel_modbusd_requests_total{function="6"}': 0,
+            'tarsel_modbusd_requests_total{function="15"}': 0,
+            'tarsel_modbusd_requests_total{function="16"}': 1,
+            'tarsel_modbusd_requests_total{function="43"}': 0,
+        })
+        exceptions = {k: v for k, v in values.items()
+                      if k.startswith("tarsel_modbusd_exceptions_total")}
+        self.assertEqual(exceptions, {'tarsel_modbusd_exceptions_total{function="3",code="2"}': 1})
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="written"}'], 1)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="refused"}'], 0)
+        self.assertEqual(values["tarsel_modbusd_clients"], 1)
+        self.assertEqual(values["tarsel_modbusd_map_available"], 1)
+        # The write changed config.label: one push at least.
+        self.assertGreaterEqual(values["tarsel_modbusd_pushes_total"], 1)
+
+    def test_healthz_goes_from_503_to_200_when_the_ups_becomes_available(self):
+        self.start()  # the shipped scenario: the UPS is detected after ~3 s
+        status, body = get(self.port, "/healthz")
+        self.assertEqual(status, 503, body)
+        health = json.loads(body)
+        self.assertFalse(health["map_available"])
+        self.assertTrue(any(f.startswith("map not available") for f in health["failed"]))
+        self.assertEqual(samples(get(self.port, "/metrics")[1])["tarsel_modbusd_map_available"], 0)
+        opened = poll_until(lambda: get(self.port, "/healthz")[0] == 200,
+                            attempts=int(OPEN_LIMIT_S / 0.25), interval=0.25)
+        self.assertTrue(opened, "/healthz never turned 200")
+        self.assertEqual(json.loads(get(self.port, "/healthz")[1])["status"], "ok")
+
+    def test_healthz_follows_the_freshness_of_the_nut_source(self):
+        self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
+        self.start(args=["--map", NUT_MAP, "--nut-interval", "0.5", "--nut",
+                         self.upsd.endpoint("bench")])
+        healthy = lambda: get(self.port, "/healthz")[0] == 200
+        self.assertTrue(poll_until(healthy, attempts=int(OPEN_LIMIT_S / 0.25), interval=0.25))
+        values = samples(get(self.port, "/metrics")[1])
+        self.assertGreater(values["tarsel_modbusd_source_polls_total"], 0)
+        self.assertEqual(values["tarsel_modbusd_source_poll_duration_seconds_count"],
+                         values["tarsel_modbusd_source_polls_total"])
+        self.upsd.stop_driver("bench")
+        stale = poll_until(lambda: get(self.port, "/healthz")[0] == 503,
+                           attempts=int(FAULT_LIMIT_S / 0.25), interval=0.25)
+        self.assertTrue(stale, "/healthz stayed 200 without the driver")
+        health = json.loads(get(self.port, "/healthz")[1])
+        self.assertFalse(health["source_fresh"])
+        self.assertTrue(health["map_available"])  # the gate stays open once opened
+        self.assertEqual(samples(get(self.port, "/metrics")[1])["tarsel_modbusd_source_fresh"], 0)
+        self.upsd.start_driver("bench")
+        self.assertTrue(poll_until(healthy, attempts=int(FAULT_LIMIT_S / 0.25), interval=0.25),
+                        "/healthz did not come back with the driver")
+
+    def test_sighup_with_a_good_map_serves_it_to_a_client_that_stays_connected(self):
+        self.start(map_json=map_with_label_at(100), scenario_json=scenario_with_label())
+        self.client = self.daemon.client()
+        first = self.client.read_holding_registers(100, 4, slave=1)
+        self.assertEqual(list(first.registers), [0x4142, 0x4344, 0, 0])
+        self.daemon._write("map.json", map_with_label_at(200))
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload applied: ", 10.0),
+                        "\n".join(self.daemon.log_lines))
+        # The same connection: its next request is answered from the new map.
+        moved = self.client.read_holding_registers(200, 4, slave=1)
+        self.assertFalse(moved.isError(), str(moved))
+        self.assertEqual(list(moved.registers), [0x4142, 0x4344, 0, 0])
+        self.assertEqual(self.client.read_holding_registers(100, 4, slave=1).exception_code, 2)
+        values = samples(get(self.port, "/metrics")[1])
+        self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="applied"}'], 1)
+        self.assertEqual(values["tarsel_modbusd_clients"], 1)
+        code, log = self.daemon.stop()
+        self.assertEqual(code, 0)
+        self.assertIn("data-store subscriptions still open: 0", log)
+
+    def test_sighup_with_a_bad_map_logs_its_errors_and_keeps_the_old_map(self):
+        self.start(map_json=map_with_label_at(100), scenario_json=scenario_with_label())
+        self.client = self.daemon.client()
+        bad = map_with_label_at(200)
+        bad["entries"][1]["encoder"] = "no-such-encoder"
+        bad["entries"][0]["table"] = "no-such-table"
+        self.daemon._write("map.json", bad)
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload refused", 10.0))
+        log = "\n".join(self.daemon.log_lines)
+        self.assertIn("reload: the register map cannot be served:", log)
+        self.assertIn("no-such-encoder", log)
+        self.assertIn("no-such-table", log)
+        self.assertEqual(list(self.client.read_holding_registers(100, 4, slave=1).registers),
+                         [0x4142, 0x4344, 0, 0])
+        values = samples(get(self.port, "/metrics")[1])
+        self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="refused"}'], 1)
+        self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="applied"}'], 0)
+
+    def test_a_stalled_http_client_does_not_hold_up_modbus_clients(self):
+        self.start(scenario_json=running_ups())
+        self.client = self.daemon.client()
+        with socket.create_connection(("127.0.0.1", self.port), timeout=5) as stalled:
+            stalled.sendall(b"GET /metr")  # and nothing more
+            started = time.monotonic()
+            for _ in range(20):
+                self.assertFalse(self.client.read_holding_registers(0, 2, slave=1).isError())
+            self.assertLess(time.monotonic() - started, 3.0)
+            self.assertEqual(get(self.port, "/healthz")[0], 200)
+            # The stalled client is answered 408 and closed after 5 s.
+            stalled.settimeout(15)
+            self.assertTrue(stalled.recv(100).startswith(b"HTTP/1.1 408 "))
+
+    def test_a_non_loopback_http_address_is_refused_without_the_explicit_flag(self):
+        result = subprocess.run([DAEMON, "--http-listen", "0.0.0.0:0", "--check"],
+                                capture_output=True, text=True, timeout=30)
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("not a loopback address", result.stderr)
+        self.assertIn("--http-allow-remote", result.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
