@@ -2,6 +2,7 @@
 reported to systemd (sd_notify) and log lines for the journal."""
 import json
 import os
+import signal
 import socket
 import subprocess
 import tempfile
@@ -51,6 +52,24 @@ class ServiceTest(unittest.TestCase):
         self.assertFalse(answer.isError(), answer)
         model = b"".join(r.to_bytes(2, "big") for r in answer.registers)
         self.assertEqual(model.rstrip(b"\0"), b"Simulated UPS 3000 RT")
+
+    def test_sighup_reads_the_settings_file_again(self):
+        settings = write(self.dir.name, "settings.json", {"unit-id": 7})
+        with Daemon(scenario_json=running_ups(), args=("--config", settings)) as daemon:
+            self.assertTrue(daemon.wait_for_log("(unit id 7)"))
+            write(self.dir.name, "settings.json", {"unit-id": 8})
+            os.kill(daemon.process.pid, signal.SIGHUP)
+            self.assertTrue(daemon.wait_for_log("reload applied"), "\n".join(daemon.log_lines))
+            client = daemon.client()
+            answer = client.read_input_registers(0, 16, slave=8)
+            client.close()
+            write(self.dir.name, "settings.json", {"unit-id": 300})
+            os.kill(daemon.process.pid, signal.SIGHUP)
+            self.assertTrue(daemon.wait_for_log("reload refused"), "\n".join(daemon.log_lines))
+            status, log = daemon.stop()
+        self.assertFalse(answer.isError(), answer)
+        self.assertIn("unit-id: expected an integer from 1 to 247, got 300", log)
+        self.assertEqual(status, 0)
 
     def test_bad_settings_file_is_refused_with_every_error_listed(self):
         settings = write(self.dir.name, "settings.json",

@@ -124,6 +124,7 @@ std::vector<std::string> settingsNeedingRestart(Options const& running, Options 
           "--nut-writes/--nut-credentials");
     check(running.auditLog == next.auditLog, "--audit-log");
     check(running.verbose == next.verbose, "--verbose");
+    check(running.logFormat == next.logFormat, "--log-format");
     check(running.httpAddress == next.httpAddress && running.httpPort == next.httpPort &&
               running.httpAllowRemote == next.httpAllowRemote,
           "--http-listen/--http-allow-remote");
