@@ -79,6 +79,35 @@ TEST(AttributeRefreshTest, AWriteOfAnAttributeByAClientIsServedAgainAfterTheRefr
               (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0}));
 }
 
+TEST(AttributeRefreshTest, OneWriteOfTwoAttributesOfADeviceStoresBoth) {
+    std::string map = kMap;
+    std::string const last = R"(  {"name": "t", "table")";
+    map.insert(map.find(last),
+               R"(  {"name": "contact", "table": "holding-registers", "address": 4,
+   "encoder": "string", "size": 4, "source": {"device": 2, "attribute": "contact"}},
+)");
+    TestDaemon daemon(map, kUps);
+    // "Hall" then "Ann": the first attribute written changes the device,
+    // which the second entry's data accessor sees before its own part.
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}))
+                  .exception,
+              0);
+    auto& store = cdshost::Store::instance();
+    EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+    EXPECT_EQ(store.deviceAttribute(2, cdsapi::AttributeContact), "Ann");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.ask(request(3, 0, 8)).registers,
+              (std::vector<std::uint16_t>{0x4861, 0x6C6C, 0, 0, 0x416E, 0x6E00, 0, 0}));
+}
+
+TEST(AttributeRefreshTest, AnAttributeWrittenRightAfterAnotherOfItsDeviceIsStored) {
+    TestDaemon daemon(kMap, kUps);
+    setAttribute(cdsapi::AttributeManufacturer, "New");
+    // Before the loop's next refresh: the write is not refused as unavailable.
+    ASSERT_EQ(daemon.ask(testing::writeRegisters(0, {0x4861, 0x6C6C, 0, 0})).exception, 0);
+    EXPECT_EQ(cdshost::Store::instance().deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
+}
+
 TEST(AttributeRefreshTest, RebuildingLeavesNoSubscriptionBehind) {
     TestDaemon daemon(kMap, kUps);
     auto& store = cdshost::Store::instance();

@@ -113,6 +113,23 @@ TEST_F(HttpServerTest, ARequestSentByteByByteIsAnsweredOnce) {
     EXPECT_EQ(m_answered, 1);
 }
 
+TEST_F(HttpServerTest, ARequestFollowedByTheClientsEndOfStreamIsStillAnswered) {
+    start();
+    int const fd = connectTo(m_server->port());
+    std::string const request = "GET /metrics HTTP/1.0\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    // Done sending, still reading: what a one-shot client piping its
+    // request does.
+    ASSERT_EQ(::shutdown(fd, SHUT_WR), 0);
+    std::string const answer = receiveAll(fd);
+    ::close(fd);
+    settle();
+    EXPECT_EQ(answer.substr(0, 17), "HTTP/1.1 200 OK\r\n");
+    EXPECT_NE(answer.find("path /metrics"), std::string::npos);
+    EXPECT_EQ(m_answered, 1);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+}
+
 TEST_F(HttpServerTest, AnOversizedRequestIsRefusedWith431WithoutReachingTheResponder) {
     start();
     // Far more than the limit: the server stops reading at 4 KiB, answers,

@@ -190,6 +190,24 @@ TEST(NutSourceMaps, AFurtherUpsGetsTheMapMovedOntoItsDevice) {
     EXPECT_EQ(moved.entries[0].sources[2].device.id, 1u);
 }
 
+TEST(NutSourceMaps, AFurtherUpsIsIdentifiedByItsOwnDevice) {
+    RegisterMapDefinition map;
+    IdentificationObjectDefinition vendor;
+    vendor.id = 0x00;
+    vendor.text = "Tarsel";
+    IdentificationObjectDefinition model;
+    model.id = 0x05;
+    model.source = SourceDefinition{};
+    model.source->device.id = kFirstUpsDevice;
+    map.identification = {vendor, model};
+    auto const moved = mapForUps(map, 2);
+    ASSERT_EQ(moved.identification.size(), 2u);
+    EXPECT_FALSE(moved.identification[0].source);
+    EXPECT_EQ(moved.identification[0].text, "Tarsel");
+    ASSERT_TRUE(moved.identification[1].source);
+    EXPECT_EQ(moved.identification[1].source->device.id, kFirstUpsDevice + 2);
+}
+
 /* Takes every command and answers what the test set; keeps the lines. */
 struct FakeCommands {
     std::mutex mutex;

@@ -343,6 +343,22 @@ TEST(RequestHandlerTest, AReadFromAnAddressNotAllowedIsIllegalFunction) {
     EXPECT_EQ(askFrom(daemon, request(3, 0, 2), stranger(rules)).exception, 0);
 }
 
+TEST(RequestHandlerTest, ARequestRoutedToAnotherUnitIsJudgedByTheSameClientsRules) {
+    TestDaemon daemon(kMap, kRunningUps);
+    RequestHandler second(daemon.core().map(), daemon.core().availability(), daemon.log(), 2);
+    daemon.core().handler().routeUnit(2, second);
+    AccessRules rules;
+    applyAllowOption(rules, false, "input-registers=127.0.0.1");
+    EXPECT_EQ(askFrom(daemon, request(4, 0, 1, 2), stranger(rules)).exception, 0x01);
+    RequestOrigin const readOnly{"127.0.0.1:5021", 0x7F000001, &rules, false};
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42, 2), readOnly).exception, 0x01);
+    EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(-3));
+    EXPECT_NE(daemon.logText().find("client=127.0.0.2:5020 unit=2 function=4"), std::string::npos)
+        << daemon.logText();
+    RequestOrigin const local{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    EXPECT_EQ(askFrom(daemon, request(4, 0, 1, 2), local).exception, 0);
+}
+
 TEST(RequestHandlerTest, AReadOnlyRoleCannotWriteButReads) {
     TestDaemon daemon(kMap, kRunningUps);
     AccessRules rules;

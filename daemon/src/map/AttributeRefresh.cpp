@@ -72,6 +72,10 @@ std::size_t AttributeRefresh::run(Clock::time_point now) {
     return rebuilt;
 }
 
+bool AttributeRefresh::stale(ServedEntry const& entry) {
+    return lostAttribute(entry) && devicesPresent(entry);
+}
+
 std::optional<AttributeRefresh::Clock::time_point> AttributeRefresh::due() const {
     std::optional<Clock::time_point> next;
     for (Watched const& watched : m_watched) {

@@ -37,6 +37,11 @@ class AttributeRefresh {
     /* When run() has work next; nothing while no entry is stale. */
     std::optional<Clock::time_point> due() const;
 
+    /* True when the entry reads a device attribute that the library reports
+     * as not existing while every device it names is there: rebuilding it
+     * serves it again. */
+    static bool stale(ServedEntry const& entry);
+
   private:
     struct Watched {
         ServedEntry* entry;

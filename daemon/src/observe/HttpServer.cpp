@@ -152,6 +152,9 @@ void HttpServer::acceptAll(Clock::time_point now) {
 
 bool HttpServer::readFrom(Client& client, Clock::time_point now) {
     char buffer[1024];
+    // A client may end its side once its request is sent and still read the
+    // answer: its end of stream ends the request, not the connection.
+    bool ended = false;
     for (;;) {
         // Never more than one byte past the limit: enough to tell it is over.
         std::size_t const room = m_limits.maxRequestBytes + 1 - client.input.size();
@@ -169,12 +172,16 @@ bool HttpServer::readFrom(Client& client, Clock::time_point now) {
         if (got < 0 && errno == EINTR) {
             continue;
         }
-        return false;  // the client went away before its request ended
+        if (got < 0) {
+            return false;
+        }
+        ended = true;
+        break;
     }
     HttpParse const parse = parseHttpRequest(client.input, m_limits.maxRequestBytes);
     switch (parse.status) {
         case HttpParse::Status::Incomplete:
-            return true;
+            return !ended;  // gone before its request ended
         case HttpParse::Status::Bad:
             m_log.limited(
                 Log::Level::Warning, "bad HTTP requests",

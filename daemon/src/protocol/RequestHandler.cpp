@@ -3,6 +3,7 @@
 #include <exception>
 #include <optional>
 
+#include "AttributeRefresh.h"
 #include "DeviceIdentification.h"
 #include "EntryWire.h"
 #include "LogText.h"
@@ -285,13 +286,10 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     }
     // Nothing is written unless every entry can take its part: a write the
     // library would drop silently is refused instead.
-    for (ServedEntry const* entry : coverage.entries) {
-        if (!available(*entry)) {
-            auditRefused(*entry, partOf(*entry, *values, answer.address), "not available");
-            UnavailablePolicy const& policy = entry->definition.unavailable;
-            return refuse(answer, policy.mode == UnavailablePolicy::Mode::Exception
-                                      ? policy.code
-                                      : ec::kServerDeviceFailure);
+    for (ServedEntry* entry : coverage.entries) {
+        if (std::uint8_t const code =
+                readyToWrite(*entry, partOf(*entry, *values, answer.address))) {
+            return refuse(answer, code);
         }
     }
     if (m_remote != nullptr && m_replies != nullptr) {
@@ -312,6 +310,10 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     }
     for (ServedEntry* entry : coverage.entries) {
         std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
+        // Again: an attribute written by an earlier part changes the device.
+        if (std::uint8_t const code = readyToWrite(*entry, part)) {
+            return refuse(answer, code);
+        }
         std::string const before = currentValue(*entry);
         if (std::uint8_t const code = writeEntry(*entry, part)) {
             audit(*entry, before, part, "failed");
@@ -320,6 +322,24 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         audit(*entry, before, part, "written");
     }
     return answer;
+}
+
+/* 0 when the entry can take its part now; else the exception, audited. An
+ * entry whose device attribute the library reports gone since a change of its
+ * device (an attribute written a moment ago) is built again first, as the
+ * loop would do before long. */
+std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
+                                          std::vector<std::uint16_t> const& part) {
+    if (AttributeRefresh::stale(entry)) {
+        m_map.rebuild(entry);
+    }
+    if (available(entry)) {
+        return 0;
+    }
+    auditRefused(entry, part, "not available");
+    UnavailablePolicy const& policy = entry.definition.unavailable;
+    return policy.mode == UnavailablePolicy::Mode::Exception ? policy.code
+                                                             : ec::kServerDeviceFailure;
 }
 
 /* Hands the write over and defers the answer until its outcome is known

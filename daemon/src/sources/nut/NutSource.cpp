@@ -45,11 +45,20 @@ void addLatencies(HistogramSnapshot& total, HistogramSnapshot const& more) {
 }  // namespace
 
 RegisterMapDefinition mapForUps(RegisterMapDefinition map, std::size_t index) {
+    auto const move = [index](SourceDefinition& source) {
+        if (source.device.id == kFirstUpsDevice) {
+            source.device.id = kFirstUpsDevice + index;
+        }
+    };
     for (auto& entry : map.entries) {
         for (auto& source : entry.sources) {
-            if (source.device.id == kFirstUpsDevice) {
-                source.device.id = kFirstUpsDevice + index;
-            }
+            move(source);
+        }
+    }
+    // Read Device Identification of that unit names that UPS too.
+    for (auto& object : map.identification) {
+        if (object.source) {
+            move(*object.source);
         }
     }
     return map;

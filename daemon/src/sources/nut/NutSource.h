@@ -55,8 +55,9 @@ struct SourceConfig {
 constexpr cdshost::Id kFirstUpsDevice = 2;
 
 /* The map of the UPS at `index` among those configured, from the map of the
- * first: every source on the first UPS's device goes to that UPS's device
- * (sources found by name stay as they are). */
+ * first: every source on the first UPS's device, of the entries and of the
+ * identification objects, goes to that UPS's device (sources found by name
+ * stay as they are). */
 RegisterMapDefinition mapForUps(RegisterMapDefinition map, std::size_t index);
 
 /* Writes go back to upsd: an entry over one variable of a UPS (a channel,
