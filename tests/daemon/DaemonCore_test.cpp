@@ -8,6 +8,7 @@
 namespace tarsel::daemon {
 namespace {
 
+using testing::HeldWrites;
 using testing::TestDaemon;
 
 char const* const kMap = R"({"entries": [
@@ -106,13 +107,7 @@ TEST(DaemonCoreTest, FurtherUnitsAreServedFromTheirOwnMaps) {
     cdshost::Store::instance().reset();
     std::ostringstream logText;
     Log log(logText);
-    CoreConfig config;
-    config.map = parseRegisterMap(kMap);
-    config.scenario = parseScenario(R"({"devices": [
-      {"id": 2, "name": "first", "channels": {
-        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
-      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
-    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    CoreConfig config = testing::twoUpsConfig(kMap);
     DaemonCore core(std::move(config), log);
     auto ask = [&](std::uint8_t unit) {
         auto const bytes = testing::request(3, 0, 2, unit);
@@ -146,13 +141,7 @@ TEST(DaemonCoreTest, FurtherUnitsKeepTheClientsOriginAndItsAccessRules) {
     cdshost::Store::instance().reset();
     std::ostringstream logText;
     Log log(logText);
-    CoreConfig config;
-    config.map = parseRegisterMap(kMap);
-    config.scenario = parseScenario(R"({"devices": [
-      {"id": 2, "name": "first", "channels": {
-        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
-      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
-    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    CoreConfig config = testing::twoUpsConfig(kMap);
     DaemonCore core(std::move(config), log);
     AccessRules rules;
     applyAllowOption(rules, true, "127.0.0.1");
@@ -166,18 +155,6 @@ TEST(DaemonCoreTest, FurtherUnitsKeepTheClientsOriginAndItsAccessRules) {
     EXPECT_NE(logText.str().find("client=127.0.0.2:5020 unit=9"), std::string::npos)
         << logText.str();
 }
-
-/* Takes every write and keeps how to tell its outcome. */
-class HeldWrites : public RemoteWrites {
-  public:
-    bool owns(ServedEntry const&) const override { return true; }
-    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
-                                       std::string const&, Done done) override {
-        pending.push_back(std::move(done));
-        return std::nullopt;
-    }
-    std::vector<Done> pending;
-};
 
 TEST(DaemonCoreTest, AWriteWaitingForItsOutcomeOutlivesAReloadOfTheMaps) {
     cdshost::Store::instance().reset();

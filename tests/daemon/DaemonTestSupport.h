@@ -11,8 +11,10 @@
 #include "DaemonCore.h"
 #include "Log.h"
 #include "MapLoader.h"
+#include "RemoteWrites.h"
 #include "Scenario.h"
 #include "cdshost/store.h"
+#include "sources/nut/NutSource.h"
 
 namespace tarsel::daemon::testing {
 
@@ -105,5 +107,31 @@ class TestDaemon {
     Log m_log;
     std::unique_ptr<DaemonCore> m_core;
 };
+
+/* Takes every write to another system and keeps how to tell its outcome,
+ * so a test decides when and how each one ends. */
+class HeldWrites : public RemoteWrites {
+  public:
+    bool owns(ServedEntry const&) const override { return true; }
+    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
+                                       std::string const&, Done done) override {
+        pending.push_back(std::move(done));
+        return std::nullopt;
+    }
+    std::vector<Done> pending;
+};
+
+/* Two running UPSes (devices 2 and 3, channel T 5 and 7): the map serves
+ * the first under unit id 1 and, moved onto the second, under unit id 9. */
+inline CoreConfig twoUpsConfig(char const* map) {
+    CoreConfig config;
+    config.map = parseRegisterMap(map);
+    config.scenario = parseScenario(R"({"devices": [
+      {"id": 2, "name": "first", "channels": {
+        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
+      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
+    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    return config;
+}
 
 }  // namespace tarsel::daemon::testing

@@ -84,13 +84,7 @@ TEST(MetricsCountingTest, RefusedWritesAndFurtherUnitsAreCountedOnceByTheFrontHa
     cdshost::Store::instance().reset();
     std::ostringstream text;
     Log log(text);
-    CoreConfig config;
-    config.map = parseRegisterMap(kMap);
-    config.scenario = parseScenario(R"({"devices": [
-      {"id": 2, "name": "first", "channels": {
-        "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}},
-      {"id": 3, "name": "second", "channels": {"T": 7}}]})");
-    config.moreUnits.push_back({9, nut::mapForUps(config.map, 1)});
+    CoreConfig config = testing::twoUpsConfig(kMap);
     config.readOnly = true;
     DaemonCore core(std::move(config), log);
     Metrics metrics;

@@ -17,6 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
+using testing::HeldWrites;
 
 char const* const kMap = R"({"entries": [
   {"name": "t", "table": "holding-registers", "address": 2, "encoder": "int16",
@@ -25,17 +26,6 @@ char const* const kMap = R"({"entries": [
 
 char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
   "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": -3}}]})";
-
-class HeldWrites : public RemoteWrites {
-  public:
-    bool owns(ServedEntry const&) const override { return true; }
-    std::optional<RemoteOutcome> start(ServedEntry const&, std::vector<std::uint16_t> const&,
-                                       std::string const&, Done done) override {
-        pending.push_back(std::move(done));
-        return std::nullopt;
-    }
-    std::vector<Done> pending;
-};
 
 Bytes withTransaction(Bytes frame, std::uint8_t id) {
     frame[1] = id;
