@@ -97,7 +97,8 @@ bool ModbusServer::listening() const {
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
-    std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
+    std::vector<pollfd> fds{
+        {m_listener, static_cast<short>(m_acceptPause.active() ? 0 : POLLIN), 0}};
     for (auto const& client : m_clients) {
         short const events = static_cast<short>((client->wantsRead() ? POLLIN : 0) |
                                                 (client->wantsWrite() ? POLLOUT : 0));
@@ -301,7 +302,12 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
             }
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            if (AcceptPause::isExhaustion(errno)) {
+                m_log.limited(Log::Level::Warning, "accept failures",
+                              errorText("accept") + "; not accepting for " +
+                                  std::to_string(AcceptPause::kLength.count()) + " ms");
+                m_acceptPause.start(now);
+            } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
                 m_log.limited(Log::Level::Warning, "accept failures", errorText("accept"));
             }
             return;
@@ -352,6 +358,7 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
+    m_acceptPause.update(now);
     if (DeferredReplies* replies = m_handler->deferredReplies()) {
         replies->expire(now);
     }
