@@ -736,6 +736,36 @@ TEST_F(HostStoreTest, CallsCountPerOperationInTotalAndPerFirstArgument) {
     EXPECT_EQ(store.calls("setChannelCValue"), 0u);
 }
 
+TEST_F(HostStoreTest, ChannelReadsCountedByIdOutliveTheChannelAndItsDevice) {
+    Id const ups = store.addDevice("UPS");
+    Id const a = store.addChannel(ups, "A", kq::CValue(1), 40);
+    Id const b = store.addChannel(ups, "B", kq::CValue(2), 41);
+    (void)inBand.getChannelCValue(a);
+    (void)inBand.getChannelCValue(a);
+    (void)inBand.getChannelCValue(b);
+    store.removeChannel(a);
+    EXPECT_THROW(inBand.getChannelCValue(a), cdshost::NotFound);
+    EXPECT_EQ(store.calls("getChannelCValue", a), 3u);
+    // A channel added again under the id goes on counting from there.
+    store.addChannel(ups, "A", kq::CValue(1), a);
+    (void)inBand.getChannelCValue(a);
+    EXPECT_EQ(store.calls("getChannelCValue", a), 4u);
+    store.removeDevice(ups);
+    EXPECT_EQ(store.calls("getChannelCValue", a), 4u);
+    EXPECT_EQ(store.calls("getChannelCValue", b), 1u);
+    EXPECT_EQ(store.calls("getChannelCValue"), 5u);
+}
+
+TEST_F(HostStoreTest, ResetCallsClearsTheChannelReadsOfExistingChannels) {
+    Id const ups = store.addDevice("UPS");
+    Id const a = store.addChannel(ups, "A");
+    (void)inBand.getChannelCValue(a);
+    store.resetCalls();
+    EXPECT_EQ(store.calls("getChannelCValue", a), 0u);
+    (void)inBand.getChannelCValue(a);
+    EXPECT_EQ(store.calls("getChannelCValue", a), 1u);
+}
+
 TEST_F(HostStoreTest, AccountingOfAnOperationTheClientDoesNotHaveThrowsInvalidArgument) {
     EXPECT_THROW(store.calls("getChannelValue"), std::invalid_argument);
     EXPECT_THROW(store.calls("getChannelValue", 1), std::invalid_argument);

@@ -279,38 +279,30 @@ bool CdsChannelAccessor::isExitingInCds() const {
 }
 
 kq::CValue CdsChannelAccessor::getCValue() const {
-    kq::CValue value;
     if (!m_isExisting || static_cast<int>(m_dataType) > kLastBoundDataType) {
-        return value;
+        return {};
     }
+    // Each case returns its value as it is built: a served value is read on
+    // every request, so it is never copied on its way out.
+    cdsapi::InBandAccessor& inBand = CdsInBandAccessor::getInstance().inBand();
     switch (m_dataType) {
         case DataType::Value:
-            value = CdsInBandAccessor::getInstance().inBand().getChannelCValue(m_channelId);
-            break;
+            return inBand.getChannelCValue(m_channelId);
         case DataType::AlarmEnabled:
-            value = CdsInBandAccessor::getInstance().inBand().getChannelAlarmEnabled(m_channelId);
-            break;
+            return inBand.getChannelAlarmEnabled(m_channelId);
         case DataType::AlarmThreshold0:
         case DataType::AlarmThreshold1:
         case DataType::AlarmThreshold2:
         case DataType::AlarmThreshold3:
-            value = CdsInBandAccessor::getInstance().inBand().getChannelAlarmTriggerThreshold(
-                m_channelId, triggerOf(m_dataType));
-            break;
+            return inBand.getChannelAlarmTriggerThreshold(m_channelId, triggerOf(m_dataType));
         case DataType::AlarmThresholdEnabled:
-            value = CdsInBandAccessor::getInstance().inBand().getChannelAlarmTriggerThreshold(
-                m_channelId);
-            break;
+            return inBand.getChannelAlarmTriggerThreshold(m_channelId);
         case DataType::AlarmHysteresis:
-            value =
-                CdsInBandAccessor::getInstance().inBand().getChannelAlarmHysteresis(m_channelId);
-            break;
+            return inBand.getChannelAlarmHysteresis(m_channelId);
         case DataType::AlarmLevel:
-            value = static_cast<int>(
-                CdsInBandAccessor::getInstance().inBand().getChannelAlarmLevel(m_channelId));
-            break;
+            return static_cast<int>(inBand.getChannelAlarmLevel(m_channelId));
     }
-    return value;
+    return {};
 }
 
 void CdsChannelAccessor::setCValue(kq::CValue const& value) {

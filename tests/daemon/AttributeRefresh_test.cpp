@@ -108,6 +108,27 @@ TEST(AttributeRefreshTest, AnAttributeWrittenRightAfterAnotherOfItsDeviceIsStore
     EXPECT_EQ(cdshost::Store::instance().deviceAttribute(2, cdsapi::AttributeLocation), "Hall");
 }
 
+TEST(AttributeRefreshTest, AnEntryThatCannotBeRebuiltCountsAsPendingUntilItIsBuilt) {
+    // One attribute entry: rebuilding it closes the device's subscriptions
+    // and opens them again, which is where the fault below strikes.
+    TestDaemon daemon(R"({"entries": [
+      {"name": "maker", "table": "input-registers", "address": 0, "encoder": "string",
+       "size": 4, "source": {"device": 2, "attribute": "manufacturer"}}]})",
+                      kUps);
+    ASSERT_EQ(daemon.core().map().pendingCount(), 0u);
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    auto& store = cdshost::Store::instance();
+    store.failAlways("subscribeDevice");
+    daemon.core().refreshAttributeEntries(Clock::now());
+    EXPECT_EQ(daemon.core().map().pendingCount(), 1u) << daemon.logText();
+    EXPECT_TRUE(daemon.core().hasPendingEntries());
+    store.clearFaults();
+    EXPECT_EQ(daemon.core().buildPendingEntries(), 1u);
+    EXPECT_EQ(daemon.core().map().pendingCount(), 0u);
+    EXPECT_FALSE(daemon.core().hasPendingEntries());
+    EXPECT_EQ(readInputs(daemon, 0, 4), kMaker);
+}
+
 TEST(AttributeRefreshTest, RebuildingLeavesNoSubscriptionBehind) {
     TestDaemon daemon(kMap, kUps);
     auto& store = cdshost::Store::instance();

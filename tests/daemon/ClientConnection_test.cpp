@@ -93,6 +93,35 @@ TEST_F(ClientConnectionTest, QueuedAnswersLeaveInOrderOnceThePeerReads) {
     EXPECT_EQ(buffer[199], 2);
 }
 
+TEST_F(ClientConnectionTest, WhatTheSocketCannotTakeWaitsAndLeavesAfterItInOrder) {
+    // Fill the socket so that an answer goes out only in part or not at all.
+    Bytes const filler(200, 0xAB);
+    while (!m_connection->hasPendingOutput()) {
+        ASSERT_EQ(m_connection->queue(filler), ClientConnection::QueueStatus::Queued);
+    }
+    Bytes const last(50, 0xCD);
+    ASSERT_EQ(m_connection->queue(last), ClientConnection::QueueStatus::Queued);
+    // Read everything while flushing: the stream ends with the last answer
+    // whole, after every filler byte.
+    Bytes received;
+    std::uint8_t buffer[4096];
+    for (int pass = 0; pass < 100000 && m_connection->hasPendingOutput(); ++pass) {
+        ssize_t const got = ::read(m_peer, buffer, sizeof buffer);
+        if (got > 0) {
+            received.insert(received.end(), buffer, buffer + got);
+        }
+        ASSERT_TRUE(m_connection->flush());
+    }
+    for (ssize_t got; (got = ::read(m_peer, buffer, sizeof buffer)) > 0;) {
+        received.insert(received.end(), buffer, buffer + got);
+    }
+    ASSERT_FALSE(m_connection->hasPendingOutput());
+    ASSERT_GE(received.size(), last.size() + filler.size());
+    EXPECT_EQ((received.size() - last.size()) % filler.size(), 0u);
+    EXPECT_EQ(Bytes(received.end() - 50, received.end()), last);
+    EXPECT_EQ(received[received.size() - 51], 0xAB);
+}
+
 TEST_F(ClientConnectionTest, AnAnswerToAPeerThatWentAwayFails) {
     ::close(m_peer);
     m_peer = ::dup(0);  // for TearDown

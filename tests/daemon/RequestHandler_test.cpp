@@ -153,6 +153,32 @@ TEST(RequestHandlerTest, HolesBetweenEntriesReadAsZero) {
     EXPECT_EQ(answer.registers, (std::vector<uint16_t>{0x4100, 0, 0, 0, 0x0001, 0x1170}));
 }
 
+TEST(RequestHandlerTest, AnswerBuiltInRecycledBuffersHasItsOwnSizeAndZeroHoles) {
+    TestDaemon daemon(kMap, kRunningUps);
+    RequestHandler& handler = daemon.core().handler();
+    // A full answer hands its buffers back; the next, shorter answer with a
+    // hole where the full one had words is built in them.
+    Answer full = daemon.ask(request(3, 0, 12));
+    ASSERT_EQ(full.exception, 0);
+    handler.recycle(std::move(full));
+    Answer const holes = daemon.ask(request(3, 6, 6));  // 6-7 short, 8-9 hole, 10-11 u
+    ASSERT_EQ(holes.exception, 0);
+    EXPECT_EQ(holes.registers, (std::vector<uint16_t>{0x4100, 0, 0, 0, 0x0001, 0x1170}));
+    Answer bits = daemon.ask(request(1, 0, 2));
+    handler.recycle(std::move(bits));
+    EXPECT_EQ(daemon.ask(request(1, 0, 1)).bits, (std::vector<uint8_t>{1}));
+}
+
+TEST(RequestHandlerTest, RefusedAnswerInRecycledBuffersCarriesNoData) {
+    TestDaemon daemon(kMap, kRunningUps);
+    Answer full = daemon.ask(request(3, 0, 12));
+    daemon.core().handler().recycle(std::move(full));
+    Answer const refused = daemon.ask(request(3, 1, 2));
+    EXPECT_EQ(refused.exception, 2);
+    EXPECT_TRUE(refused.registers.empty());
+    EXPECT_TRUE(refused.bits.empty());
+}
+
 TEST(RequestHandlerTest, WriteOverAHoleIsIllegalDataAddress) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(testing::writeRegisters(6, {0, 0, 0, 0, 0, 0})).exception, 2);

@@ -32,6 +32,18 @@ TEST(ResponseEncoderTest, RegisterReadsCarryAByteCountAndBigEndianWords) {
     EXPECT_EQ(encode(frame, answer), (Bytes{0x12, 0x34, 0, 0, 0, 7, 7, 3, 4, 0x41, 0x48, 0, 1}));
 }
 
+TEST(ResponseEncoderTest, EncodingIntoAKeptBufferReplacesWhatItHeld) {
+    Answer longer = answerTo(3, 10, 2);
+    longer.registers = {0x4148, 0x0001};
+    Bytes const frame = {0x12, 0x34, 0, 0, 0, 6, 7, 3, 0, 10, 0, 2};
+    Bytes kept;
+    encodeResponse(frame.data(), frame.size(), longer, kept);
+    Answer shorter = answerTo(3, 10, 1);
+    shorter.exception = 2;
+    encodeResponse(frame.data(), frame.size(), shorter, kept);
+    EXPECT_EQ(kept, (Bytes{0x12, 0x34, 0, 0, 0, 3, 7, 0x83, 2}));
+}
+
 TEST(ResponseEncoderTest, BitReadsPackTheFirstBitIntoTheLowestBit) {
     Answer answer = answerTo(2, 0, 10);
     answer.bits = {1, 0, 1, 1, 0, 0, 0, 0, 0, 1};

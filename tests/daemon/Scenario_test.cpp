@@ -91,6 +91,15 @@ TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) 
               kq::CValue(true));
 }
 
+TEST(ScenarioTest, SeedRunsOnceAndLetsTheDescriptionOfTheDevicesGo) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 1}}]})");
+    p.player.seed();
+    ASSERT_TRUE(store().hasDevice(2));
+    store().removeDevice(2);
+    p.player.seed();
+    EXPECT_FALSE(store().hasDevice(2));
+}
+
 TEST(ScenarioTest, EventsRunInTimeOrderAndValuesCycle) {
     Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 0}}],
         "events": [{"at": 2, "every": 1, "do": "set-channel", "device": "UPS", "channel": "V",

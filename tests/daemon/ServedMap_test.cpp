@@ -156,6 +156,27 @@ TEST(ServedMapTest, PendingEntryIsBuiltOnceItsDeviceExistsAndServesTheAttribute)
     EXPECT_EQ(model.pendingReason, "");
 }
 
+TEST(ServedMapTest, CoverIntoAKeptCoverageKeepsNothingOfTheRangeBefore) {
+    TestDaemon daemon(kMap, kCardOnly);
+    ServedMap const& map = daemon.core().map();
+    Coverage kept;
+    map.cover(Table::HoldingRegisters, 0, 6, false, kept);
+    EXPECT_EQ(kept.exception, 0);
+    EXPECT_EQ(kept.entries.size(), 3u);
+    map.cover(Table::HoldingRegisters, 2, 2, false, kept);  // starts inside "model"
+    EXPECT_EQ(kept.exception, 2);
+    EXPECT_TRUE(kept.entries.empty());
+    map.cover(Table::HoldingRegisters, 1, 4, false, kept);
+    Coverage const fresh = map.cover(Table::HoldingRegisters, 1, 4, false);
+    EXPECT_EQ(kept.exception, 0);
+    EXPECT_EQ(kept.entries, fresh.entries);
+    ASSERT_EQ(kept.entries.size(), 1u);
+    EXPECT_EQ(kept.entries[0]->definition.name, "model");
+    map.cover(Table::Coils, 0, 1, false, kept);  // a table without entries
+    EXPECT_EQ(kept.exception, 2);
+    EXPECT_TRUE(kept.entries.empty());
+}
+
 TEST(ServedMapTest, DescriptionBuildsWhatCanBeBuiltFirst) {
     TestDaemon daemon(kMap, kCardOnly);
     addUps();

@@ -108,6 +108,9 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     }
     int const sourceFd = source != nullptr ? source->wakeDescriptor() : -1;
     PendingRetry retry(start);
+    // Refilled every pass, kept for their storage.
+    std::vector<pollfd> fds;
+    std::vector<std::size_t> sizes;
     for (;;) {
         // A deferred answer's bound is a time to wake up too: its 0x0B goes
         // out when the bound passes, not at the next wake-up after it.
@@ -126,12 +129,10 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         }
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
-        std::vector<pollfd> fds{{signals.fd(), POLLIN, 0}};
-        std::vector<std::size_t> sizes;
+        fds.assign(1, pollfd{signals.fd(), POLLIN, 0});
+        sizes.clear();
         for (ModbusServer const* server : servers) {
-            auto const served = server->pollSet();
-            sizes.push_back(served.size());
-            fds.insert(fds.end(), served.begin(), served.end());
+            sizes.push_back(server->appendPollSet(fds));
         }
         std::size_t const httpFirst = fds.size();
         std::size_t httpCount = 0;

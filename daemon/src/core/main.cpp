@@ -3,6 +3,8 @@
 #include <memory>
 #include <optional>
 
+#include <malloc.h>
+
 #include "AuditTrail.h"
 #include "Configuration.h"
 #include "DaemonCore.h"
@@ -56,6 +58,15 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     auto trail = std::make_unique<AuditTrail>(options.auditLog);
     log.info("every write is recorded in " + quotedValue(options.auditLog));
     return trail;
+}
+
+/* Hands the heap freed by loading (the parsed JSON of the map and the
+ * scenario) back to the system: the allocator would otherwise keep it as
+ * resident memory for the daemon's whole life. */
+void releaseFreedMemory() {
+#ifdef __GLIBC__
+    ::malloc_trim(0);
+#endif
 }
 
 /* The health and metrics endpoint of --http-listen; nothing without it. */
@@ -116,6 +127,7 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     LoopExtras extras;
     extras.reload = [&reloader] { reloader.reload(); };
     extras.http = http.get();
+    releaseFreedMemory();
     return runEventLoop(core, servers, signals, log, options.runSeconds, extras);
 }
 
@@ -143,7 +155,13 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
                      : std::string("scenario: none"));
         return 0;
     }
-    config.scenario = configuration.scenario;
+    config.scenario = std::move(configuration.scenario);
+    // What serving needs is in `config` now; the loaded files are not kept
+    // for the daemon's whole life (a reload reads them anew), and with
+    // thousands of entries they are megabytes.
+    configuration.map = RegisterMapDefinition{};
+    configuration.upsMaps.clear();
+    configuration.scenario.reset();
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {

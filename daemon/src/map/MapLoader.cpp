@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 #include <sstream>
 
@@ -59,6 +60,27 @@ std::set<std::string> encoderFields(EncoderKind kind) {
     }
     return {};
 }
+
+/* Every field an entry of the encoder may have: built once per encoder, not
+ * once per entry (a map has thousands of entries and a handful of encoders). */
+std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
+    // Maps are loaded on more than one thread (a reload, a UPS's own map).
+    static std::mutex guard;
+    static std::map<EncoderKind, std::set<std::string>> built;
+    std::lock_guard<std::mutex> lock(guard);
+    auto found = built.find(kind);
+    if (found == built.end()) {
+        auto allowed = kCommonFields;
+        auto const own = encoderFields(kind);
+        allowed.insert(own.begin(), own.end());
+        found = built.emplace(kind, std::move(allowed)).first;
+    }
+    // A node of a std::map stays where it is: the reference outlives the lock.
+    return found->second;
+}
+
+std::set<std::string> const kSourceFields = {"device",    "path",  "channel", "data",
+                                             "attribute", "alarm", "comment"};
 
 std::uint16_t fixedSize(EncoderKind kind) {
     switch (kind) {
@@ -210,15 +232,8 @@ std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::str
     if (!parseHeader(value, definition)) {
         return std::nullopt;
     }
-    m_check.unknownFields(
-        value, where,
-        [&] {
-            auto allowed = kCommonFields;
-            auto const own = encoderFields(definition.encoder);
-            allowed.insert(own.begin(), own.end());
-            return allowed;
-        }(),
-        " for encoder " + quoted(encoderName(definition.encoder)));
+    m_check.unknownFields(value, where, allowedEntryFields(definition.encoder),
+                          " for encoder " + quoted(encoderName(definition.encoder)));
     if (value.contains("unavailable")) {
         definition.unavailable =
             parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
@@ -450,9 +465,7 @@ std::optional<SourceDefinition> MapParser::parseSource(json const& value,
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
-    m_check.unknownFields(value, where,
-                          {"device", "path", "channel", "data", "attribute", "alarm", "comment"},
-                          " of a source");
+    m_check.unknownFields(value, where, kSourceFields, " of a source");
     SourceDefinition source;
     std::size_t const errorsBefore = m_check.errors().size();
     if (!parseDevice(value, where, source.device)) {

@@ -1,5 +1,6 @@
 #include "ServedMap.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -20,8 +21,12 @@ std::string label(EntryDefinition const& definition) {
 }  // namespace
 
 std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size) {
-    words.resize(size, 0);
+    fitInPlace(words, size);
     return words;
+}
+
+void fitInPlace(std::vector<std::uint16_t>& words, std::size_t size) {
+    words.resize(size, 0);
 }
 
 ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log)
@@ -46,8 +51,9 @@ void ServedMap::add(EntryDefinition const& definition) {
         m_log.warning(label(definition) + " cannot be built yet: " + *failure +
                       "; served as unavailable, retried every second");
         entry->pendingReason = std::move(*failure);
+        ++m_pending;
     }
-    m_index[definition.table][definition.address] = entry.get();
+    index(*entry);
     m_entries.push_back(std::move(entry));
 }
 
@@ -78,12 +84,19 @@ std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
     return std::nullopt;
 }
 
-std::size_t ServedMap::pendingCount() const {
-    std::size_t count = 0;
-    for (auto const& entry : m_entries) {
-        count += entry->built() ? 0 : 1;
+/* Keeps the table's entries in address order; maps list them in order, so
+ * this is an append. An entry at an address already indexed replaces it. */
+void ServedMap::index(ServedEntry& entry) {
+    auto& entries = m_index[static_cast<std::size_t>(entry.definition.table)];
+    std::uint16_t const address = entry.definition.address;
+    auto const at = std::lower_bound(
+        entries.begin(), entries.end(), address,
+        [](ServedEntry const* e, std::uint16_t a) { return e->definition.address < a; });
+    if (at != entries.end() && (*at)->definition.address == address) {
+        *at = &entry;
+    } else {
+        entries.insert(at, &entry);
     }
-    return count;
 }
 
 std::size_t ServedMap::buildPending() {
@@ -99,6 +112,7 @@ std::size_t ServedMap::buildPending() {
             continue;
         }
         entry->pendingReason.clear();
+        --m_pending;
         m_log.info(label(entry->definition) + " built; served from now on");
         ++built;
     }
@@ -107,13 +121,16 @@ std::size_t ServedMap::buildPending() {
 
 void ServedMap::rebuild(ServedEntry& entry) {
     // The old data accessors leave the data store before the new ones join.
+    bool const wasBuilt = entry.built();
     entry.encoder = BuiltEncoder{};
     if (auto failure = tryBuild(entry)) {
         m_log.warning(label(entry.definition) + " cannot be built again: " + *failure +
                       "; served as unavailable, retried every second");
         entry.pendingReason = std::move(*failure);
+        m_pending += wasBuilt ? 1 : 0;
         return;
     }
+    m_pending -= wasBuilt ? 0 : 1;
     m_log.limited(Log::Level::Info, "rebuilds of " + entry.definition.name,
                   label(entry.definition) + " rebuilt after a change of its device; " +
                       readableValue(entry.definition, entry.image.words));
@@ -223,6 +240,9 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
     entry.image.words = std::move(fitted);
     entry.image.known = true;
     ++entry.image.pushes;
+    if (!m_log.verbose()) {
+        return;  // the line below is for verbose mode only: not even built
+    }
     m_log.debug("push " + std::string(tableName(entry.definition.table)) + " " +
                 std::to_string(entry.definition.address) + " \"" + entry.definition.name + "\" " +
                 hexWords(entry.image.words) + " (#" + std::to_string(entry.image.pushes) + ")");
@@ -239,19 +259,29 @@ std::uint64_t ServedMap::totalPushes() const {
 Coverage ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity,
                           bool write) const {
     Coverage result;
-    auto const found = m_index.find(table);
-    if (found == m_index.end() || quantity == 0) {
+    cover(table, address, quantity, write, result);
+    return result;
+}
+
+void ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity, bool write,
+                      Coverage& result) const {
+    result.entries.clear();
+    result.exception = 0;
+    auto const& index = m_index[static_cast<std::size_t>(table)];
+    if (index.empty() || quantity == 0) {
         result.exception = kIllegalDataAddress;
-        return result;
+        return;
     }
-    auto const& index = found->second;
     std::uint32_t const end = std::uint32_t{address} + quantity;
-    auto it = index.upper_bound(address);
+    // The first entry that starts after `address`.
+    auto it = std::upper_bound(
+        index.begin(), index.end(), address,
+        [](std::uint16_t a, ServedEntry const* e) { return a < e->definition.address; });
     if (it != index.begin()) {
-        ServedEntry const* before = std::prev(it)->second;
+        ServedEntry const* before = *std::prev(it);
         if (before->definition.address < address && before->definition.end() > address) {
             result.exception = kIllegalDataAddress;  // starts inside an entry
-            return result;
+            return;
         }
         if (before->definition.address == address) {
             --it;
@@ -259,10 +289,10 @@ Coverage ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quan
     }
     std::uint32_t expected = address;  // where the next entry must start for a write
     bool hole = false;
-    for (; it != index.end() && it->second->definition.address < end; ++it) {
-        hole = hole || it->second->definition.address != expected;
-        expected = it->second->definition.end();
-        result.entries.push_back(it->second);
+    for (; it != index.end() && (*it)->definition.address < end; ++it) {
+        hole = hole || (*it)->definition.address != expected;
+        expected = (*it)->definition.end();
+        result.entries.push_back(*it);
     }
     hole = hole || expected != end;
     bool const endsInside =
@@ -271,7 +301,6 @@ Coverage ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quan
         result.entries.clear();
         result.exception = kIllegalDataAddress;
     }
-    return result;
 }
 
 }  // namespace tarsel::daemon

@@ -2,8 +2,8 @@
 // for request ranges, and the live image that the encoders' pushes keep.
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,11 +67,16 @@ class ServedMap {
      * entry, or starts or ends inside one, is Illegal Data Address; so is a
      * write that covers an unmapped address (reads see holes as 0). */
     Coverage cover(Table table, std::uint16_t address, std::uint16_t quantity, bool write) const;
+    /* The same into `result`, whose vector keeps its capacity from one
+     * request to the next: the request path allocates nothing here. */
+    void cover(Table table, std::uint16_t address, std::uint16_t quantity, bool write,
+               Coverage& result) const;
 
     std::uint64_t totalPushes() const;
 
-    /* Entries whose encoder is not built yet. */
-    std::size_t pendingCount() const;
+    /* Entries whose encoder is not built yet (counted as they change, so
+     * asking costs nothing however large the map). */
+    std::size_t pendingCount() const { return m_pending; }
     /* Tries once more to build every pending entry; returns how many were
      * built. Call it on the thread that serves the map: building installs
      * data-store subscriptions and listeners. */
@@ -89,6 +94,7 @@ class ServedMap {
 
   private:
     void add(EntryDefinition const& definition);
+    void index(ServedEntry& entry);
     std::optional<std::string> tryBuild(ServedEntry& entry);
     void listen(ServedEntry& entry);
     void seedImage(ServedEntry& entry);
@@ -96,7 +102,11 @@ class ServedMap {
 
     Log& m_log;
     std::vector<std::unique_ptr<ServedEntry>> m_entries;
-    std::map<Table, std::map<std::uint16_t, ServedEntry*>> m_index;
+    // Per table, the entries in address order: a request range is one binary
+    // search and a walk over neighbours in memory.
+    std::array<std::vector<ServedEntry*>, 4> m_index;
+    // Entries without an encoder; add(), buildPending() and rebuild() keep it.
+    std::size_t m_pending = 0;
     std::vector<IdentificationObjectDefinition> m_identification;
 };
 
@@ -108,5 +118,7 @@ std::string readableValue(EntryDefinition const& definition,
 /* Pads with zeros or cuts to the entry's size: strings and composites may
  * produce another length than the registers they reserve. */
 std::vector<std::uint16_t> fitToSize(std::vector<std::uint16_t> words, std::size_t size);
+/* The same in place, for a vector the caller owns: nothing is copied. */
+void fitInPlace(std::vector<std::uint16_t>& words, std::size_t size);
 
 }  // namespace tarsel::daemon

@@ -151,6 +151,33 @@ ClientConnection::QueueStatus ClientConnection::queue(std::vector<std::uint8_t> 
     if (m_outputBytes + answer.size() > m_outputLimit) {
         return QueueStatus::Full;
     }
+    std::size_t sent = 0;
+    if (m_output.empty()) {
+        // Nothing waits before it: it is sent from the caller's buffer, and
+        // only what the socket does not take now is copied into the queue.
+        while (sent < answer.size()) {
+            long const result = rawWrite(answer.data() + sent, answer.size() - sent);
+            if (result < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                    break;
+                }
+                return QueueStatus::Failed;
+            }
+            sent += static_cast<std::size_t>(result);
+        }
+        if (sent < answer.size()) {
+            // The socket would block: the rest waits for the next flush().
+            m_output.push_back(
+                {std::vector<std::uint8_t>(answer.begin() + static_cast<std::ptrdiff_t>(sent),
+                                           answer.end()),
+                 std::nullopt});
+            m_outputBytes += answer.size() - sent;
+        }
+        return QueueStatus::Queued;
+    }
     m_output.push_back({answer, std::nullopt});
     m_outputBytes += answer.size();
     return flush() ? QueueStatus::Queued : QueueStatus::Failed;

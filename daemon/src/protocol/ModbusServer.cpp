@@ -97,19 +97,25 @@ bool ModbusServer::listening() const {
 }
 
 std::vector<pollfd> ModbusServer::pollSet() const {
-    std::vector<pollfd> fds{
-        {m_listener, static_cast<short>(m_acceptPause.active() ? 0 : POLLIN), 0}};
+    std::vector<pollfd> fds;
+    appendPollSet(fds);
+    return fds;
+}
+
+std::size_t ModbusServer::appendPollSet(std::vector<pollfd>& fds) const {
+    fds.push_back({m_listener, static_cast<short>(m_acceptPause.active() ? 0 : POLLIN), 0});
     for (auto const& client : m_clients) {
         short const events = static_cast<short>((client->wantsRead() ? POLLIN : 0) |
                                                 (client->wantsWrite() ? POLLOUT : 0));
         fds.push_back({client->fd(), events, 0});
     }
-    return fds;
+    return 1 + m_clients.size();
 }
 
 void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now) {
     // Clients first, by descriptor: accepting reorders m_clients.
-    std::vector<int> served;
+    std::vector<int>& served = m_served;
+    served.clear();
     for (std::size_t i = 1; i < count; ++i) {
         if (ready[i].revents == 0) {
             continue;
@@ -213,7 +219,14 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
 }
 
 bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
-    std::vector<std::uint8_t> frame;
+    // Buffers kept by the server from one frame to the next: answering a
+    // request allocates nothing.
+    std::vector<std::uint8_t>& frame = m_frame;
+    RequestOrigin& origin = m_origin;
+    origin.client = client.peer().text;
+    origin.ipv4 = client.peer().ipv4;
+    origin.rules = &m_access;
+    origin.roleMayWrite = client.roleMayWrite();
     for (int turn = 0; turn < kFramesPerTurn; ++turn) {
         switch (client.takeFrame(frame)) {
             case ClientConnection::FrameStatus::Incomplete:
@@ -224,9 +237,7 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
-        Answer const answer = m_handler->handle(
-            frame.data(), frame.size(),
-            {client.peer().text, client.peer().ipv4, &m_access, client.roleMayWrite()});
+        Answer answer = m_handler->handle(frame.data(), frame.size(), origin);
         if (answer.deferred) {
             if (client.queueDeferred(*answer.deferred) != ClientConnection::QueueStatus::Queued) {
                 // Its place counts against the output limit: see below.
@@ -247,7 +258,9 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
                        ", which has no Modbus answer; connection closed"};
             return false;
         }
-        switch (client.queue(encodeResponse(frame.data(), frame.size(), answer))) {
+        encodeResponse(frame.data(), frame.size(), answer, m_reply);
+        m_handler->recycle(std::move(answer));
+        switch (client.queue(m_reply)) {
             case ClientConnection::QueueStatus::Queued:
                 break;
             case ClientConnection::QueueStatus::Full:

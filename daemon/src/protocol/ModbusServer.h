@@ -66,6 +66,8 @@ class ModbusServer {
 
     /* The descriptors to poll: the listener first, then every client. */
     std::vector<pollfd> pollSet() const;
+    /* The same appended to `fds`; returns how many were appended. */
+    std::size_t appendPollSet(std::vector<pollfd>& fds) const;
     /* Serves what poll() reported ready, for the descriptors of pollSet(). */
     void serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now);
     /* True when a client has whole frames waiting: the loop must come back
@@ -120,6 +122,11 @@ class ModbusServer {
     AcceptPause m_acceptPause;
     std::vector<Client> m_clients;
     std::map<DeferredReplies::Token, Deferred> m_deferred;
+    // Kept for their storage alone, so that serving allocates nothing.
+    std::vector<int> m_served;
+    std::vector<std::uint8_t> m_frame;
+    std::vector<std::uint8_t> m_reply;
+    RequestOrigin m_origin;
 };
 
 }  // namespace tarsel::daemon

@@ -1,5 +1,8 @@
 #include "RequestHandler.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cstring>
 #include <exception>
 #include <optional>
 
@@ -68,6 +71,52 @@ bool available(ServedEntry const& entry) {
                              : encoder.discretes->isDataAvailable();
 }
 
+/* " unit=1 function=3 address=20" of a frame, written into `out` (room for
+ * 48 characters); returns where it ends. No string is built on the way. */
+char* writeFrameFields(char* out, std::uint8_t const* frame, std::size_t length) {
+    char* const end = out + 48;
+    auto put = [&out](char const* text, std::size_t size) {
+        std::memcpy(out, text, size);
+        out += size;
+    };
+    auto number = [&out, end](unsigned value) { out = std::to_chars(out, end, value).ptr; };
+    if (length > kHeaderLength) {
+        put(" unit=", 6);
+        number(frame[6]);
+        put(" function=", 10);
+        number(frame[7]);
+    }
+    if (length >= kHeaderLength + 3) {
+        put(" address=", 9);
+        number(word(frame + kHeaderLength + 1));
+    }
+    return out;
+}
+
+/* Gives `buffer` the storage of `spare` when it has none of its own, so an
+ * answer reuses what the previous one was built in. */
+template <typename Vector>
+void reuse(Vector& buffer, Vector& spare) {
+    if (buffer.capacity() == 0) {
+        buffer.swap(spare);
+    }
+}
+
+/* Copies what an encoder returned into the entry's place in the answer,
+ * cut or padded to the entry's size (the answer is zero already). */
+template <typename Words>
+void place(Words const& words, std::size_t size, std::size_t offset, bool registers,
+           Answer& answer) {
+    std::size_t const count = std::min<std::size_t>(words.size(), size);
+    for (std::size_t i = 0; i < count; ++i) {
+        if (registers) {
+            answer.registers[offset + i] = words[i];
+        } else {
+            answer.bits[offset + i] = words[i] != 0 ? 1 : 0;
+        }
+    }
+}
+
 /* One write's line in the audit trail and in the log, where a client's
  * repeated writes to one entry are summarised under `key`. */
 struct AuditLine {
@@ -102,16 +151,16 @@ std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uin
 Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
     m_origin = &origin;
-    m_fields = "client=" + origin.client;
-    if (length > kHeaderLength) {
-        m_fields += " unit=" + std::to_string(frame[6]) + " function=" + std::to_string(frame[7]);
-    }
-    if (length >= kHeaderLength + 3) {
-        m_fields += " address=" + std::to_string(word(frame + kHeaderLength + 1));
-    }
+    // Built in place: the string keeps its storage from request to request.
+    char fields[48];
+    char const* const fieldsEnd = writeFrameFields(fields, frame, length);
+    m_fields.clear();
+    m_fields.append("client=", 7)
+        .append(origin.client)
+        .append(fields, static_cast<std::size_t>(fieldsEnd - fields));
     Answer const answer = decide(frame, length);
     m_origin = nullptr;
-    if (answer.exception != 0) {
+    if (answer.exception != 0 && m_log.verbose()) {
         m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
     }
     if (!answer.deferred) {
@@ -178,7 +227,8 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     if (std::string const why = readRefusal(table, {}); !why.empty()) {
         return refuseRead(answer, why);
     }
-    Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, false);
+    Coverage& coverage = m_readCoverage;
+    m_map.cover(table, answer.address, answer.quantity, false, coverage);
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
     }
@@ -187,8 +237,10 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
+        reuse(answer.registers, m_spareRegisters);
         answer.registers.assign(answer.quantity, 0);
     } else {
+        reuse(answer.bits, m_spareBits);
         answer.bits.assign(answer.quantity, 0);
     }
     for (ServedEntry const* entry : coverage.entries) {
@@ -232,36 +284,40 @@ Answer RequestHandler::identify(Answer answer, std::uint8_t const* pdu, std::siz
     return answer;
 }
 
-/* Copies one entry's value into the answer; returns an exception code or 0. */
+/* Copies one entry's value into the answer; returns an exception code or 0.
+ * What the encoder returns is read where it is, never copied. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
     std::size_t const offset = entry.definition.address - answer.address;
-    bool const registers = isRegisterTable(entry.definition.table);
-    std::vector<std::uint16_t> words;
+    std::size_t const size = entry.definition.size;
+    // Every entry of a request is in the table the function reads.
+    bool const registers =
+        answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
     try {
         if (!available(entry)) {
             UnavailablePolicy const& policy = entry.definition.unavailable;
             if (policy.mode == UnavailablePolicy::Mode::Exception) {
                 return policy.code;
             }
-            words = unavailableWords(entry.definition);
+            // Sentinel, not-implemented marker or, for a discrete, 0.
+            place(unavailableWords(entry.definition), size, offset, registers, answer);
         } else if (entry.encoder.registers) {
-            words = entry.encoder.registers->getData();
+            place(entry.encoder.registers->getData(), size, offset, registers, answer);
         } else {
-            auto const bits = entry.encoder.discretes->getData();
-            words.assign(bits.begin(), bits.end());
+            place(entry.encoder.discretes->getData(), size, offset, registers, answer);
         }
     } catch (std::exception const& error) {
         return failure(entry, "read", error.what());
     }
-    words = fitToSize(std::move(words), entry.definition.size);
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (registers) {
-            answer.registers[offset + i] = words[i];
-        } else {
-            answer.bits[offset + i] = words[i] != 0 ? 1 : 0;
-        }
-    }
     return 0;
+}
+
+void RequestHandler::recycle(Answer&& answer) {
+    if (answer.registers.capacity() > m_spareRegisters.capacity()) {
+        m_spareRegisters.swap(answer.registers);
+    }
+    if (answer.bits.capacity() > m_spareBits.capacity()) {
+        m_spareBits.swap(answer.bits);
+    }
 }
 
 Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t length) {

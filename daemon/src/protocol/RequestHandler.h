@@ -79,6 +79,10 @@ class RequestHandler {
      * handler the listeners call: a routed request is counted by it. */
     void setMetrics(Metrics* metrics) { m_metrics = metrics; }
 
+    /* Takes back the buffers of an answer that has been sent: the next
+     * answer is built in them instead of in newly allocated ones. */
+    void recycle(Answer&& answer);
+
     /* Hands requests for another unit id to that unit's handler (one
      * gateway, several devices behind it). */
     void routeUnit(std::uint8_t unitId, RequestHandler& handler) { m_units[unitId] = &handler; }
@@ -133,6 +137,10 @@ class RequestHandler {
     // being answered, for every line about it.
     std::string m_fields;
     RequestOrigin const* m_origin = nullptr;  // during handle() only
+    // Kept from one request to the next for their storage alone.
+    Coverage m_readCoverage;
+    std::vector<std::uint16_t> m_spareRegisters;
+    std::vector<std::uint8_t> m_spareBits;
 };
 
 }  // namespace tarsel::daemon

@@ -17,5 +17,9 @@ namespace tarsel::daemon {
  * anything else; such requests close the connection). */
 std::vector<std::uint8_t> encodeResponse(std::uint8_t const* request, std::size_t length,
                                          Answer const& answer);
+/* The same into `frame`, replacing what it held: a buffer kept from answer
+ * to answer keeps its storage, so answering allocates nothing. */
+void encodeResponse(std::uint8_t const* request, std::size_t length, Answer const& answer,
+                    std::vector<std::uint8_t>& frame);
 
 }  // namespace tarsel::daemon

@@ -58,7 +58,8 @@ class ScenarioPlayer {
 
     ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log);
 
-    /* Creates the devices of the scenario's start. */
+    /* Creates the devices of the scenario's start, once: their description
+     * is let go afterwards. */
     void seed();
     /* Counts event times from now. */
     void start(Clock::time_point now);
@@ -94,6 +95,9 @@ class ScenarioPlayer {
     Log& m_log;
     nlohmann::json m_devices;
     std::vector<Pending> m_pending;
+    // Where earliest() found it (past the end: none), until a run changes it.
+    std::size_t m_earliest = 0;
+    bool m_earliestKnown = false;
     std::map<std::string, unsigned long long> m_names;
     Clock::time_point m_start{};
     std::size_t m_played = 0;

@@ -40,6 +40,9 @@ void ScenarioPlayer::seed() {
     for (auto const& device : m_devices) {
         addDevice(device, 0, false);
     }
+    // The store holds the devices now; their description is not needed again
+    // and, for a large world, is megabytes of parsed JSON.
+    m_devices = nlohmann::json();
 }
 
 void ScenarioPlayer::start(Clock::time_point now) {
@@ -47,6 +50,10 @@ void ScenarioPlayer::start(Clock::time_point now) {
 }
 
 ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
+    // The loop asks on every pass; only a run changes the answer.
+    if (m_earliestKnown) {
+        return m_earliest < m_pending.size() ? &m_pending[m_earliest] : nullptr;
+    }
     Pending* best = nullptr;
     for (auto& pending : m_pending) {
         bool const live = pending.event.times == 0 || pending.runs < pending.event.times;
@@ -54,6 +61,9 @@ ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
             best = &pending;
         }
     }
+    m_earliest =
+        best != nullptr ? static_cast<std::size_t>(best - m_pending.data()) : m_pending.size();
+    m_earliestKnown = true;
     return best;
 }
 
@@ -94,6 +104,7 @@ void ScenarioPlayer::run(Pending& pending) {
     }
     ++pending.runs;
     ++m_played;
+    m_earliestKnown = false;
     // An event without "every" runs once per its "times" at the same moment.
     pending.next += pending.event.every > 0 ? pending.event.every : 0.0;
 }

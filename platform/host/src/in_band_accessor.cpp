@@ -98,10 +98,12 @@ kq::CChannel InBandAccessor::getChannel(unsigned long long deviceId,
 }
 
 kq::CValue InBandAccessor::getChannelCValue(unsigned long long channelId) {
-    // The hottest call of a served map: one look-up of the store.
+    // The hottest call of a served map: one look-up of the store, for the
+    // count and the value. A read changes nothing, so there is nothing to
+    // deliver afterwards.
     Impl& impl = store();
-    return impl.clientCall(Operation::getChannelCValue, channelId,
-                           [&](Events&) { return impl.channelLocked(channelId).value; });
+    std::lock_guard<std::mutex> lock(impl.mutex);
+    return impl.readChannelValueLocked(channelId);
 }
 
 void InBandAccessor::setChannelCValue(unsigned long long channelId, kq::CValue const& value) {

@@ -131,7 +131,7 @@ void Store::Impl::removeDeviceLocked(Id id, Events& events) {
     // include sub-devices still hear of its removal.
     Event removed = deviceEventLocked(id, kq::sub::DeviceChanged);
     for (Id const channel : device.channels) {
-        channels.erase(channel);
+        eraseChannelLocked(channel);
     }
     if (parent != 0) {
         auto& siblings = devices.at(parent).subDevices;
@@ -227,7 +227,7 @@ void Store::Impl::removeChannelLocked(Id id, Events& events) {
     Id const deviceId = channel.device;
     Device& device = deviceLocked(deviceId);
     device.channelsByName.erase(channel.name);
-    channels.erase(id);
+    eraseChannelLocked(id);
     auto& list = device.channels;
     list.erase(std::remove(list.begin(), list.end(), id), list.end());
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
@@ -435,11 +435,43 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
 
 // ==== Store::Impl: accounting and faults ======================================
 
+void Store::Impl::eraseChannelLocked(Id id) {
+    auto const it = channels.find(id);
+    if (it == channels.end()) {
+        return;
+    }
+    if (it->second.valueReads != 0) {
+        callCountById[CallKey{Operation::getChannelCValue, id}] += it->second.valueReads;
+    }
+    channels.erase(it);
+}
+
+kq::CValue Store::Impl::readChannelValueLocked(Id id) {
+    ++callCount[static_cast<std::size_t>(Operation::getChannelCValue)];
+    auto const it = channels.find(id);
+    if (it != channels.end()) {
+        ++it->second.valueReads;
+    } else {
+        ++callCountById[CallKey{Operation::getChannelCValue, id}];
+    }
+    if (!faults.empty()) {
+        checkFaultsLocked(Operation::getChannelCValue, id);
+    }
+    if (it == channels.end()) {
+        throwNoChannel(id);
+    }
+    return it->second.value;
+}
+
 void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
     ++callCount[static_cast<std::size_t>(operation)];
     if (id) {
         ++callCountById[CallKey{operation, *id}];
     }
+    checkFaultsLocked(operation, id);
+}
+
+void Store::Impl::checkFaultsLocked(Operation operation, std::optional<Id> id) {
     for (auto it = faults.begin(); it != faults.end(); ++it) {
         // A call without an id argument (getDeviceByName, the connection) is
         // hit by a fault armed for an id as well.
@@ -681,13 +713,22 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
     Operation const known = requireOperation(operation);
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
-    return it != m_impl->callCountById.end() ? it->second : 0;
+    std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
+    if (known == Operation::getChannelCValue) {
+        if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
+            count += channel->second.valueReads;
+        }
+    }
+    return count;
 }
 
 void Store::resetCalls() {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
+    for (auto& [id, channel] : m_impl->channels) {
+        channel.valueReads = 0;
+    }
 }
 
 std::vector<SubscriptionInfo> Store::subscriptions() const {

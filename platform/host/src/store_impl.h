@@ -48,6 +48,10 @@ struct Store::Impl {
         kq::CValue value;
         AlarmSettings alarm;
         std::optional<kq::CAlarmRecord> record;
+        // getChannelCValue calls on this channel while it exists: the hottest
+        // call is counted where its look-up lands anyway, and the count moves
+        // to callCountById when the channel goes (eraseChannelLocked).
+        std::size_t valueReads = 0;
     };
 
     enum class Kind { Channel, Device, Alarm };
@@ -180,6 +184,13 @@ struct Store::Impl {
     // ---- Accounting and faults (lock held) ---------------------------------
     /* Counts a client call and throws if a fault is armed for it. */
     void enterCallLocked(Operation operation, std::optional<Id> id);
+    /* getChannelCValue, counted and subject to faults as every client call,
+     * with one look-up of the channel for the count and the value. */
+    kq::CValue readChannelValueLocked(Id channel);
+    /* Throws if a fault is armed for the call (counted already). */
+    void checkFaultsLocked(Operation operation, std::optional<Id> id);
+    /* Erases a channel, keeping the calls counted on it. */
+    void eraseChannelLocked(Id channel);
     [[noreturn]] void throwFaultLocked(std::vector<Fault>::iterator fault, Operation operation,
                                        std::optional<Id> id);
 
