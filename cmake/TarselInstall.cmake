@@ -91,5 +91,3 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/tarsel_modbus.pc.in ${PROJECT_BINARY_DI
 install(FILES ${PROJECT_BINARY_DIR}/tarsel_modbus.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT devel)
-
-include(${CMAKE_CURRENT_LIST_DIR}/TarselPackaging.cmake)

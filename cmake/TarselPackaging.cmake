@@ -2,6 +2,9 @@
 #   libtarsel-modbus1     the shared libraries (component "runtime")
 #   libtarsel-modbus-dev  headers, link-time names, CMake and pkg-config files
 #                         (component "devel")
+#   tarsel-modbusd        the daemon with its maps, manual page, systemd unit
+#                         and settings in /etc (component "daemon"), where the
+#                         daemon is built
 # The architecture is the target's: amd64 for a host build, armhf for the
 # cross build. Dependencies are stated, not computed: dpkg-shlibdeps cannot
 # read the target's libraries in a cross build.
@@ -66,5 +69,30 @@ set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS
 set(CPACK_COMPONENT_DEVEL_DESCRIPTION
     "Headers, CMake package and pkg-config file of libtarsel_modbus")
 set(CPACK_COMPONENT_DEVEL_DEPENDS runtime)
+
+# The daemon's package. Built with Debian 12's libraries; the dependencies
+# are those of the program's NEEDED entries (Package.DaemonDeb checks them).
+if(TARGET tarsel-modbusd)
+    list(APPEND CPACK_COMPONENTS_ALL daemon)
+    set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME tarsel-modbusd)
+    set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
+    set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
+        "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
+        "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"
+        "libupsclient6 (>= 2.8.0)" "libssl3 (>= 3.0.0)")
+    if(TARSEL_MODBUS_WITH_SYSTEMD)
+        list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libsystemd0")
+    endif()
+    string(JOIN ", " CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS ${CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS})
+    # CPack puts CPACK_PACKAGE_DESCRIPTION_SUMMARY first, as the summary line.
+    set(CPACK_DEBIAN_DAEMON_DESCRIPTION
+        "tarsel-modbusd, a Modbus TCP gateway, serves the values of a UPS as Modbus
+registers and discretes over Modbus TCP and Modbus/TCP Security (TLS), from a
+simulated UPS or from UPSes of Network UPS Tools. It runs as an unprivileged
+systemd service configured in /etc/tarsel-modbusd/tarsel-modbusd.json.")
+    set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/daemon/package/conffiles)
+    set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+    set(CPACK_COMPONENT_DAEMON_DEPENDS runtime)
+endif()
 
 include(CPack)

@@ -6,7 +6,12 @@
 #   scripts/run.sh          bounded here with --run-seconds 5
 #   scripts/test.sh
 # then removes one package the end-to-end tests need and checks that the
-# preflight stops, naming it. Uncommitted changes are not part of the check.
+# preflight stops, naming it. Last, it installs the tarsel-modbusd package
+# built there into a second clean root (apt-get install ./*.deb, so that its
+# Depends are proved), starts the installed daemon there as an ordinary user
+# from its unit's ExecStart= line with the shipped configuration, and reads
+# the UPS model from it with mbpoll. Uncommitted changes are not part of the
+# check.
 #
 # Usage: scripts/fresh-check.sh [--keep]      (--keep leaves the root for a look)
 # Needs root (uses sudo otherwise), mmdebstrap (installed when missing) and
@@ -27,6 +32,7 @@ if ! command -v mmdebstrap >/dev/null; then
 fi
 
 root="$(mktemp -d /var/tmp/tarsel-fresh.XXXXXX)"
+service_root="$(mktemp -d /var/tmp/tarsel-fresh-service.XXXXXX)"
 user=tester
 mounted=()
 
@@ -37,14 +43,16 @@ cleanup() {
         umount "${mounted[i]}" 2>/dev/null || umount -l "${mounted[i]}" 2>/dev/null || true
     done
     if [ "$keep" -eq 1 ]; then
-        echo "fresh-check: root kept at $root"
+        echo "fresh-check: roots kept at $root and $service_root"
     else
-        # Only remove it when nothing is mounted below it any more.
-        if ! grep -q " $root/" /proc/self/mounts; then
-            rm -rf --one-file-system "$root"
-        else
-            echo "fresh-check: mounts left below $root; not removed" >&2
-        fi
+        # Only remove a root when nothing is mounted below it any more.
+        for dir in "$root" "$service_root"; do
+            if ! grep -q " $dir/" /proc/self/mounts; then
+                rm -rf --one-file-system "$dir"
+            else
+                echo "fresh-check: mounts left below $dir; not removed" >&2
+            fi
+        done
     fi
     exit "$status"
 }
@@ -66,14 +74,18 @@ cp /etc/resolv.conf "$root/etc/resolv.conf"
 hostname >"$root/etc/hostname"
 printf '127.0.0.1\tlocalhost\n127.0.1.1\t%s\n' "$(hostname)" >"$root/etc/hosts"
 
-bind_mount() { # source, target below the root
-    mount --bind "$1" "$root$2"
-    mounted+=("$root$2")
+bind_mount() { # source, target below the root[, root]
+    local into="${3:-$root}"
+    mount --bind "$1" "$into$2"
+    mounted+=("$into$2")
 }
-bind_mount /proc /proc
-bind_mount /sys /sys
-bind_mount /dev /dev
-bind_mount /dev/pts /dev/pts
+bind_mount_system() { # root
+    bind_mount /proc /proc "$1"
+    bind_mount /sys /sys "$1"
+    bind_mount /dev /dev "$1"
+    bind_mount /dev/pts /dev/pts "$1"
+}
+bind_mount_system "$root"
 
 phase "cloning the committed tree ($(git -C "$repo" rev-parse --short HEAD))"
 git clone --quiet --no-hardlinks "$repo" "$root/home/$user/tarsel"
@@ -97,5 +109,74 @@ if output=$(as_user "scripts/preflight.sh test"); then
 fi
 echo "$output"
 echo "$output" | grep -q "^preflight: missing .*(Debian package: python3-serial-asyncio)$"
+
+phase "the tarsel-modbusd package in a second clean root"
+as_user "cd build/host && rm -rf fresh-packages && cpack -G DEB -B fresh-packages >/dev/null"
+packages="$root/home/$user/tarsel/build/host/fresh-packages"
+mmdebstrap --quiet --variant=apt --include=passwd \
+    --customize-hook="chroot \"\$1\" useradd --create-home --shell /bin/bash $user" \
+    bookworm "$service_root"
+cp /etc/resolv.conf "$service_root/etc/resolv.conf"
+bind_mount_system "$service_root"
+mkdir -p "$service_root/tmp/debs"
+cp "$packages"/tarsel-modbusd_*.deb "$packages"/libtarsel-modbus1_*.deb "$service_root/tmp/debs/"
+# apt resolves the packages' Depends from Debian's archive: nothing else is
+# installed in this root yet (mbpoll, which needs libmodbus too, comes after).
+chroot "$service_root" apt-get update -qq
+chroot "$service_root" sh -c 'apt-get install -y -qq --no-install-recommends /tmp/debs/*.deb' >/dev/null
+status=$(chroot "$service_root" dpkg-query -W -f='${Status}' tarsel-modbusd)
+if [ "$status" != "install ok installed" ]; then
+    echo "fresh-check: tarsel-modbusd is not installed: $status" >&2
+    exit 1
+fi
+chroot "$service_root" apt-get install -y -qq --no-install-recommends mbpoll >/dev/null
+
+phase "the installed daemon started from its unit's ExecStart= line"
+# No systemd runs in the root: the command is run as the unit would run it,
+# by an ordinary user, with %d (the credentials directory) a private copy of
+# the secrets file, on a free loopback port instead of 502.
+exec_start=$(sed -n 's/^ExecStart=//p' "$service_root/usr/lib/systemd/system/tarsel-modbusd.service")
+credentials=/home/$user/credentials
+chroot "$service_root" runuser -u "$user" -- mkdir -m 700 "$credentials"
+install -m 600 -o "$(chroot "$service_root" id -u "$user")" \
+    "$service_root/etc/tarsel-modbusd/secrets.json" "$service_root$credentials/secrets.json"
+command="${exec_start//%d/$credentials} --listen 127.0.0.1 --port 0 --run-seconds 120"
+echo "fresh-check: running $command"
+log="$service_root/home/$user/daemon.log"
+pid_file="$service_root/home/$user/daemon.pid"
+chroot "$service_root" runuser -u "$user" -- sh -c "echo \$\$ >/home/$user/daemon.pid; exec $command" 2>"$log" &
+port=""
+for _ in $(seq 1 100); do
+    port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\) .*/\1/p' "$log")
+    [ -n "$port" ] && break
+    sleep 0.2
+done
+# "Simulated UPS ...": registers 0x5369 "Si" and 0x6D75 "mu" first.
+read_model() {
+    chroot "$service_root" mbpoll -m tcp -a 1 -t 3 -r 1 -c 16 -1 -p "$port" 127.0.0.1 2>&1
+}
+answered() { # mbpoll's output
+    echo "$1" | grep -q "^\[1\]:[[:space:]]*21353$" && echo "$1" | grep -q "^\[2\]:[[:space:]]*28021$"
+}
+model=""
+if [ -n "$port" ]; then
+    # The shipped scenario detects its UPS after 2 s; until then the map
+    # answers with an exception.
+    for _ in $(seq 1 20); do
+        model=$(read_model || true)
+        answered "$model" && break
+        sleep 1
+    done
+fi
+# Stopped by its own process id (the shell wrote it, then became the daemon).
+daemon_pid=$(cat "$pid_file" 2>/dev/null || true)
+[ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null || true
+wait || true
+cat "$log"
+echo "$model"
+if ! answered "$model"; then
+    echo "fresh-check: the installed daemon did not answer the read of the UPS model" >&2
+    exit 1
+fi
 
 phase "passed"

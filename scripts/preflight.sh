@@ -70,6 +70,8 @@ run_checks() {
     need_file /usr/include/nlohmann/json.hpp nlohmann-json3-dev
     need_file /usr/include/upsclient.h libupsclient-dev
     need_file /usr/include/openssl/ssl.h libssl-dev
+    need_file /usr/include/CLI/CLI.hpp libcli11-dev
+    need_file /usr/include/systemd/sd-daemon.h libsystemd-dev
 }
 
 test_checks() {
@@ -94,6 +96,10 @@ test_checks() {
     need_command upscmd nut-client
     need_command dpkg-deb dpkg
     need_command readelf binutils
+    need_command lintian lintian
+    need_command systemd-analyze systemd
+    need_command man man-db
+    need_command gzip gzip
     [ -x "$python" ] || report "Python interpreter $python" python3
     need_python_module pymodbus.client
     need_python_module pymodbus.payload

@@ -2,7 +2,10 @@
 // repeated events limited with a summary, on a clock the test moves.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <sstream>
 
 #include "Log.h"
@@ -68,6 +71,56 @@ TEST(LogTest, DebugLinesAreNeverLimitedAndOnlyWrittenWhenVerbose) {
     }
     std::string const text = verboseOut.str();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 20);
+}
+
+TEST(LogTest, JournalLinesCarryTheirPriorityAndNeitherNameNorTimestamp) {
+    std::ostringstream out;
+    Log log(out, true);
+    log.setFormat(Log::Format::Journal);
+    log.error("e");
+    log.warning("w");
+    log.info("i");
+    log.debug("d");
+    EXPECT_EQ(out.str(), "<3>error: e\n<4>warning: w\n<6>i\n<7>debug: d\n");
+}
+
+TEST(LogTest, AJournalLineCannotForgeAPriority) {
+    std::ostringstream out;
+    Log log(out);
+    log.setFormat(Log::Format::Journal);
+    log.info("x\n<3>FORGED");
+    EXPECT_EQ(out.str(), "<6>x\\n<3>FORGED\n");
+}
+
+TEST(LogTest, RepeatedJournalEventsAreSummarisedWithTheirPriority) {
+    ClockedLog clocked;
+    clocked.log.setFormat(Log::Format::Journal);
+    for (std::size_t i = 0; i <= Log::kBurstPerMinute; ++i) {
+        clocked.log.limited(Log::Level::Warning, "k", "refused");
+    }
+    clocked.now += 61s;
+    clocked.log.summarise();
+    std::string const text = clocked.out.str();
+    EXPECT_NE(text.find("\n<4>warning: ... 1 more \"k\" in the last minute; the last: refused\n"),
+              std::string::npos)
+        << text;
+}
+
+TEST(LogTest, JournalStreamMustNameTheDescriptorsFile) {
+    std::FILE* file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    int const fd = fileno(file);
+    struct stat status {};
+    ASSERT_EQ(::fstat(fd, &status), 0);
+    std::string const mine = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    std::string const other =
+        std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + 1);
+    EXPECT_TRUE(isJournalStream(mine.c_str(), fd));
+    EXPECT_FALSE(isJournalStream(other.c_str(), fd));
+    EXPECT_FALSE(isJournalStream((mine + "x").c_str(), fd));
+    EXPECT_FALSE(isJournalStream("", fd));
+    EXPECT_FALSE(isJournalStream(nullptr, fd));
+    std::fclose(file);
 }
 
 }  // namespace

@@ -340,7 +340,7 @@ TEST_F(ReloaderTest, ABadCommandLineIsRefused) {
     std::vector<std::string> next = m_args;
     next.push_back("--no-such-option");
     EXPECT_FALSE(reloader(next).reload());
-    EXPECT_NE(m_daemon.logText().find("error: reload: the command line cannot be used:"),
+    EXPECT_NE(m_daemon.logText().find("error: reload: the options cannot be used:"),
               std::string::npos);
     EXPECT_NE(m_daemon.logText().find("unknown option \"--no-such-option\""), std::string::npos);
 }

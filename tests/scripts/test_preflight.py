@@ -14,7 +14,8 @@ ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 PREFLIGHT = os.path.join(ROOT, "scripts", "preflight.sh")
 CHECKED_COMMANDS = ["c++", "make", "cmake", "pkg-config", "git", "clang-format",
                     "arm-linux-gnueabihf-g++", "qemu-arm", "mbpoll", "dpkg-deb", "readelf",
-                    "upsc", "upsrw", "upscmd", "openssl", "clang", "clang++"]
+                    "upsc", "upsrw", "upscmd", "openssl", "clang", "clang++", "lintian",
+                    "systemd-analyze", "man", "gzip"]
 
 
 def run_preflight(job, env_changes):

@@ -62,13 +62,12 @@ Configuration loadFiles(Options options) {
 }
 
 Configuration loadConfiguration(std::vector<std::string> const& args) {
-    Options options;
-    try {
-        options = parseOptions(args);
-    } catch (std::invalid_argument const& error) {
-        throw ConfigurationError("the command line cannot be used:", {error.what()});
+    // The settings file and the secrets file are read again too.
+    LoadedOptions loaded = loadOptions(args);
+    if (!loaded.errors.empty()) {
+        throw ConfigurationError("the options cannot be used:", std::move(loaded.errors));
     }
-    return loadFiles(std::move(options));
+    return loadFiles(std::move(loaded.options));
 }
 
 namespace {
@@ -125,6 +124,7 @@ std::vector<std::string> settingsNeedingRestart(Options const& running, Options 
           "--nut-writes/--nut-credentials");
     check(running.auditLog == next.auditLog, "--audit-log");
     check(running.verbose == next.verbose, "--verbose");
+    check(running.logFormat == next.logFormat, "--log-format");
     check(running.httpAddress == next.httpAddress && running.httpPort == next.httpPort &&
               running.httpAllowRemote == next.httpAllowRemote,
           "--http-listen/--http-allow-remote");

@@ -1,5 +1,7 @@
 #include "Log.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <ostream>
@@ -22,6 +24,21 @@ char const* prefix(Log::Level level) {
             break;
     }
     return "";
+}
+
+/* The priority of sd-daemon(3) for journald. */
+char const* priority(Log::Level level) {
+    switch (level) {
+        case Log::Level::Debug:
+            return "<7>";
+        case Log::Level::Warning:
+            return "<4>";
+        case Log::Level::Error:
+            return "<3>";
+        case Log::Level::Info:
+            break;
+    }
+    return "<6>";
 }
 
 }  // namespace
@@ -68,7 +85,26 @@ void Log::lines(Level level, std::string const& text) {
 
 void Log::write(Level level, std::string const& text) {
     // Flushed line by line: scripts and tests follow the log through a pipe.
-    m_out << "tarsel-modbusd: " << prefix(level) << escapeControls(text) << std::endl;
+    if (m_format == Format::Journal) {
+        m_out << priority(level) << prefix(level) << escapeControls(text) << std::endl;
+    } else {
+        m_out << "tarsel-modbusd: " << prefix(level) << escapeControls(text) << std::endl;
+    }
+}
+
+bool isJournalStream(char const* journalStream, int fd) {
+    if (journalStream == nullptr) {
+        return false;
+    }
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    int used = 0;
+    if (std::sscanf(journalStream, "%llu:%llu%n", &device, &inode, &used) != 2 ||
+        journalStream[used] != '\0') {
+        return false;
+    }
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
 std::string hexWords(std::vector<unsigned short> const& words) {

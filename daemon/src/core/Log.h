@@ -1,6 +1,8 @@
 // The daemon's log: one line per event on a stream (stderr in the program).
 // Every line is escaped (no line breaks, no terminal escapes inside one),
-// and events a client can repeat at will are rate-limited per kind.
+// and events a client can repeat at will are rate-limited per kind. Under
+// systemd the lines carry their priority for journald instead of the
+// program's name, which the journal records by itself.
 #pragma once
 
 #include <chrono>
@@ -17,6 +19,11 @@ class Log {
   public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
     enum class Level { Debug, Info, Warning, Error };
+    /* Plain: "tarsel-modbusd: warning: text". Journal: "<4>warning: text",
+     * the priority of sd-daemon(3) first (<3> error, <4> warning, <6> info,
+     * <7> debug), for journald to read and strip. Neither has a timestamp:
+     * the journal, or whatever collects stderr, stamps each line. */
+    enum class Format { Plain, Journal };
 
     // Lines of one kind per minute before the rest are only counted.
     static constexpr std::size_t kBurstPerMinute = 10;
@@ -43,15 +50,23 @@ class Log {
     void summarise();
 
     bool verbose() const { return m_verbose; }
+    void setFormat(Format format) { m_format = format; }
 
   private:
     void write(Level level, std::string const& text);
 
     std::ostream& m_out;
     bool m_verbose;
+    Format m_format = Format::Plain;
     Clock m_clock;
     LogRateLimiter m_limiter;
 };
+
+/* Whether JOURNAL_STREAM's value ("DEVICE:INODE", set by systemd for a
+ * service whose output goes to the journal) names the file of descriptor fd.
+ * A program started from such a service with its stderr elsewhere inherits
+ * the variable, so the variable alone does not say it. */
+bool isJournalStream(char const* journalStream, int fd);
 
 /* "[0x4148 0x0000]", for logs and the description. */
 std::string hexWords(std::vector<unsigned short> const& words);

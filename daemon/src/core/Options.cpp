@@ -1,312 +1,281 @@
 #include "Options.h"
 
-#include <cmath>
-#include <stdexcept>
+#include <CLI/CLI.hpp>
 
 #include "HttpServer.h"
-#include "sources/nut/NutEndpoint.h"
+#include "MapLoader.h"
+#include "OptionTable.h"
+#include "PrivateFile.h"
+#include "SettingsFile.h"
 
 namespace tarsel::daemon {
 
 namespace {
 
-long long integerArgument(std::string const& option, std::string const& text, long long min,
-                          long long max) {
-    std::size_t used = 0;
-    long long value = 0;
-    try {
-        value = std::stoll(text, &used);
-    } catch (std::exception const&) {
-        used = 0;
+constexpr char kDescription[] =
+    "Serves a UPS register map over Modbus TCP from the simulated data store.\n"
+    "Without --map and --scenario it serves the built-in UPS map and scenario.";
+
+constexpr char kFooter[] =
+    "Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGHUP reloads the\n"
+    "options, the settings file and the map (a bad one is refused and the running\n"
+    "one kept); SIGUSR1 logs the register-map description.\n"
+    "\n"
+    "Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad\n"
+    "command line, settings file, map or scenario.\n"
+    "\n"
+    "See tarsel-modbusd(8).";
+
+/* A command-line parser that knows every option of the table. */
+std::unique_ptr<CLI::App> makeParser() {
+    auto app = std::make_unique<CLI::App>(kDescription, "tarsel-modbusd");
+    app->get_formatter()->column_width(34);
+    app->footer(kFooter);
+    // Left over for readCommandLine() to name each one.
+    app->allow_extras();
+    for (OptionRow const& row : optionTable()) {
+        std::string names = "--" + row.name;
+        if (!row.shortName.empty()) {
+            names = "-" + row.shortName + "," + names;
+        }
+        CLI::Option* option = nullptr;
+        switch (row.kind) {
+            case OptionKind::Flag:
+            case OptionKind::Optional:
+                // A flag takes a value only after "=": "--describe csv" is
+                // two arguments, the second one unexpected.
+                option = app->add_flag(names, row.help);
+                break;
+            case OptionKind::List:
+                option = app->add_option(names, row.help)
+                             ->allow_extra_args(false)
+                             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+                break;
+            case OptionKind::Text:
+            case OptionKind::Integer:
+            case OptionKind::Seconds:
+                // Given twice, the last one counts, as it always has.
+                option = app->add_option(names, row.help)
+                             ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+                break;
+        }
+        option->type_name(row.valueName);
     }
-    if (used != text.size() || text.empty() || value < min || value > max) {
-        throw std::invalid_argument(option + " expects an integer from " + std::to_string(min) +
-                                    " to " + std::to_string(max) + ", got \"" + text + "\"");
-    }
-    return value;
+    return app;
 }
 
-double secondsArgument(std::string const& option, std::string const& text) {
-    std::size_t used = 0;
-    double value = -1;
-    try {
-        value = std::stod(text, &used);
-    } catch (std::exception const&) {
-        used = 0;
-    }
-    if (used != text.size() || text.empty() || !std::isfinite(value) || value < 0) {
-        throw std::invalid_argument(option + " expects a number of seconds, got \"" + text + "\"");
-    }
-    return value;
-}
-
-/* Splits "--name=value" and takes the value of "--name value". */
-struct Argument {
-    std::string name;
-    std::optional<std::string> value;
+/* What the command line says, as texts, or why it cannot be read. */
+struct CommandLine {
+    OptionValues values;
+    bool help = false;
+    std::vector<std::string> errors;
 };
 
-std::chrono::milliseconds millisecondsArgument(std::string const& option, std::string const& text) {
-    double const seconds = secondsArgument(option, text);
-    if (seconds > 1e9) {
-        throw std::invalid_argument(option + " expects at most 1e9 seconds, got \"" + text + "\"");
+/* Each --nut-map belongs to the --nut before it: the values of "nut-map"
+ * become one per --nut, "" for a UPS without a map of its own. */
+void lineUpNutMaps(CLI::App const& app, CommandLine& line) {
+    CLI::Option const* nut = app.get_option("--nut");
+    CLI::Option const* nutMap = app.get_option("--nut-map");
+    if (nutMap->count() == 0 && nut->count() == 0) {
+        return;
     }
-    return std::chrono::milliseconds(static_cast<long long>(std::llround(seconds * 1000)));
+    std::vector<std::string> const& ups = nut->results();
+    std::vector<std::string> const& files = nutMap->results();
+    std::vector<std::string> maps;
+    std::size_t nextFile = 0;
+    for (CLI::Option const* option : app.parse_order()) {
+        if (option == nut) {
+            maps.emplace_back();
+        } else if (option == nutMap) {
+            std::string const& file = files.at(nextFile++);
+            if (maps.empty()) {
+                line.errors.push_back("--nut-map " + file + ": give it after the --nut of its UPS");
+            } else if (!maps.back().empty()) {
+                line.errors.push_back("--nut-map " + file + ": UPS " + ups.at(maps.size() - 1) +
+                                      " has a map already");
+            } else {
+                maps.back() = file;
+            }
+        }
+    }
+    line.values["nut-map"] = maps;
 }
 
-Argument split(std::string const& arg) {
-    auto const equals = arg.find('=');
-    if (equals == std::string::npos) {
-        return {arg, std::nullopt};
+CommandLine readCommandLine(std::vector<std::string> const& args) {
+    CommandLine line;
+    auto const app = makeParser();
+    // CLI11 takes the arguments last first.
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    try {
+        app->parse(reversed);
+    } catch (CLI::CallForHelp const&) {
+        line.help = true;
+        return line;
+    } catch (CLI::ParseError const& error) {
+        line.errors.push_back(std::string(error.what()) + " (see --help)");
+        return line;
     }
-    return {arg.substr(0, equals), arg.substr(equals + 1)};
+    for (std::string const& extra : app->remaining()) {
+        bool const option = extra.size() > 1 && extra[0] == '-';
+        line.errors.push_back((option ? "unknown option \"" : "unexpected argument \"") + extra +
+                              "\" (see --help)");
+    }
+    for (OptionRow const& row : optionTable()) {
+        CLI::Option const* option = app->get_option("--" + row.name);
+        if (option->count() > 0) {
+            line.values[row.name] = option->results();
+        }
+    }
+    lineUpNutMaps(*app, line);
+    return line;
 }
 
-/* "NAME=read-only" or "NAME=read-write". */
-void addRole(TlsConfig& tls, std::string const& text) {
-    std::size_t const equals = text.rfind('=');
-    std::string const access = equals == std::string::npos ? "" : text.substr(equals + 1);
-    if (equals == 0 || (access != "read-only" && access != "read-write")) {
-        throw std::invalid_argument("--tls-role expects NAME=read-only or NAME=read-write, got \"" +
-                                    text + "\"");
+/* Where each option's values came from, for the errors about them. */
+using Origins = std::map<std::string, std::string>;  // name -> file; absent: command line
+
+/* Values of over replace those of under, option by option. */
+void overlay(OptionValues& under, Origins& origins, OptionValues const& over,
+             std::string const& origin) {
+    for (auto const& [name, values] : over) {
+        under[name] = values;
+        if (origin.empty()) {
+            origins.erase(name);
+        } else {
+            origins[name] = origin;
+        }
     }
-    tls.roles[text.substr(0, equals)] =
-        access == "read-write" ? RoleAccess::ReadWrite : RoleAccess::ReadOnly;
 }
 
-void checkTls(Options const& options) {
+/* The text of a settings or secrets file, or an error. */
+std::optional<std::string> readSettingsText(std::string const& path, bool secret,
+                                            std::vector<std::string>& errors) {
+    try {
+        return secret ? readPrivateFile(path) : readTextFile(path);
+    } catch (std::exception const& error) {
+        errors.push_back(std::string(secret ? "secrets file: " : "settings file: ") + error.what());
+        return std::nullopt;
+    }
+}
+
+/* Reads the settings file and the secrets file into values (the command
+ * line's, which override both). */
+OptionValues mergeFiles(OptionValues const& commandLine, Origins& origins,
+                        std::vector<std::string>& errors) {
+    OptionValues merged;
+    auto const config = commandLine.find("config");
+    if (config != commandLine.end()) {
+        std::string const& path = config->second.back();
+        if (auto const text = readSettingsText(path, false, errors)) {
+            SettingsFile file = parseSettingsFile(*text, path);
+            errors.insert(errors.end(), file.errors.begin(), file.errors.end());
+            overlay(merged, origins, file.values, path);
+        }
+    }
+    overlay(merged, origins, commandLine, "");
+    auto const secrets = merged.find("secrets");
+    if (secrets != merged.end()) {
+        std::string const path = secrets->second.back();
+        if (auto const text = readSettingsText(path, true, errors)) {
+            SettingsFile file = parseSettingsFile(*text, path, {"secrets"});
+            errors.insert(errors.end(), file.errors.begin(), file.errors.end());
+            overlay(merged, origins, file.values, path);
+            // ... yet the command line still has the last word.
+            overlay(merged, origins, commandLine, "");
+        }
+    }
+    return merged;
+}
+
+void checkNut(Options& options, std::vector<std::string>& errors) {
+    if (options.nutMaps.size() > options.nutUpses.size()) {
+        errors.push_back("nut-map names " + std::to_string(options.nutMaps.size()) + " maps for " +
+                         std::to_string(options.nutUpses.size()) + " UPSes of --nut");
+    }
+    options.nutMaps.resize(options.nutUpses.size());
+    if (options.nutWrites && (options.nutUpses.empty() || options.nutCredentials.empty())) {
+        errors.push_back("--nut-writes needs --nut and --nut-credentials FILE");
+    }
+}
+
+void checkHttp(Options const& options, std::vector<std::string>& errors) {
+    // The endpoint has no authentication: it tells the world how the UPS
+    // and the daemon are doing, so it stays on this host unless asked.
+    if (options.httpAddress && !options.httpAllowRemote &&
+        !isLoopbackAddress(*options.httpAddress)) {
+        errors.push_back("--http-listen " + *options.httpAddress +
+                         ": not a loopback address (127.0.0.0/8); add "
+                         "--http-allow-remote to serve health and metrics there");
+    }
+}
+
+void checkTls(Options const& options, std::vector<std::string>& errors) {
     if (!options.tlsPort) {
         return;
     }
     TlsConfig const& tls = options.tls;
     if (tls.certificateFile.empty() || tls.keyFile.empty() || tls.caFile.empty()) {
-        throw std::invalid_argument("--tls-port needs --tls-cert, --tls-key and --tls-ca");
+        errors.push_back("--tls-port needs --tls-cert, --tls-key and --tls-ca");
     }
     if (tls.roles.empty()) {
-        throw std::invalid_argument(
+        errors.push_back(
             "--tls-port needs at least one --tls-role: without one no client could do anything");
-    }
-}
-
-/* "ADDR:PORT" of --http-listen. */
-void setHttpListen(Options& options, std::string const& text) {
-    std::size_t const colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0) {
-        throw std::invalid_argument("--http-listen expects ADDR:PORT, got \"" + text + "\"");
-    }
-    options.httpAddress = text.substr(0, colon);
-    options.httpPort =
-        static_cast<int>(integerArgument("--http-listen", text.substr(colon + 1), 0, 65535));
-}
-
-void checkHttp(Options const& options) {
-    // The endpoint has no authentication: it tells the world how the UPS
-    // and the daemon are doing, so it stays on this host unless asked.
-    if (options.httpAddress && !options.httpAllowRemote &&
-        !isLoopbackAddress(*options.httpAddress)) {
-        throw std::invalid_argument("--http-listen " + *options.httpAddress +
-                                    ": not a loopback address (127.0.0.0/8); add "
-                                    "--http-allow-remote to serve health and metrics there");
     }
 }
 
 }  // namespace
 
-Options parseOptions(std::vector<std::string> const& args) {
-    Options options;
+LoadedOptions loadOptions(std::vector<std::string> const& args) {
+    LoadedOptions loaded;
+    Options& options = loaded.options;
     options.tlsAccess.allowWrite(std::nullopt, parseCidrList("any"));
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        Argument arg = split(args[i]);
-        auto value = [&]() -> std::string {
-            if (arg.value) {
-                return *arg.value;
-            }
-            if (i + 1 >= args.size()) {
-                throw std::invalid_argument(arg.name + " needs a value");
-            }
-            return args[++i];
-        };
-        if (arg.name == "--help" || arg.name == "-h") {
-            options.help = true;
-        } else if (arg.name == "--verbose" || arg.name == "-v") {
-            options.verbose = true;
-        } else if (arg.name == "--check") {
-            options.check = true;
-        } else if (arg.name == "--describe") {
-            std::string const format = arg.value.value_or("markdown");
-            options.describe = describeFormatFromName(format);
-            if (!options.describe) {
-                throw std::invalid_argument("--describe expects markdown, csv or json, got \"" +
-                                            format + "\"");
-            }
-        } else if (arg.name == "--describe-at") {
-            options.describeAt = secondsArgument(arg.name, value());
-        } else if (arg.name == "--map") {
-            options.mapFile = value();
-        } else if (arg.name == "--scenario") {
-            options.scenarioFile = value();
-        } else if (arg.name == "--listen") {
-            options.listen = value();
-        } else if (arg.name == "--port") {
-            options.port = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
-        } else if (arg.name == "--unit-id") {
-            options.unitId = static_cast<int>(integerArgument(arg.name, value(), 1, 247));
-        } else if (arg.name == "--nut") {
-            options.nutUpses.push_back(value());
-            options.nutMaps.emplace_back();
-            nut::parseEndpoint(options.nutUpses.back());  // throws for a bad one
-        } else if (arg.name == "--nut-map") {
-            std::string const file = value();
-            if (options.nutMaps.empty()) {
-                throw std::invalid_argument("--nut-map " + file +
-                                            ": give it after the --nut of its UPS");
-            }
-            if (!options.nutMaps.back().empty()) {
-                throw std::invalid_argument("--nut-map " + file + ": UPS " +
-                                            options.nutUpses.back() + " has a map already");
-            }
-            options.nutMaps.back() = file;
-        } else if (arg.name == "--nut-writes") {
-            options.nutWrites = true;
-        } else if (arg.name == "--nut-credentials") {
-            options.nutCredentials = value();
-        } else if (arg.name == "--nut-interval") {
-            options.nutInterval = secondsArgument(arg.name, value());
-            if (options.nutInterval < 0.05) {
-                throw std::invalid_argument("--nut-interval expects at least 0.05 seconds");
-            }
-        } else if (arg.name == "--allow-read" || arg.name == "--allow-write") {
-            std::string const rule = value();
+    CommandLine const line = readCommandLine(args);
+    if (!line.errors.empty()) {
+        loaded.errors = line.errors;
+        return loaded;
+    }
+    if (line.help) {
+        options.help = true;
+        return loaded;
+    }
+    Origins origins;
+    OptionValues const values = mergeFiles(line.values, origins, loaded.errors);
+    // In the table's order, whatever order they were given in.
+    for (OptionRow const& row : optionTable()) {
+        auto const found = values.find(row.name);
+        if (found == values.end()) {
+            continue;
+        }
+        for (std::string const& value : found->second) {
             try {
-                applyAllowOption(options.access, arg.name == "--allow-write", rule);
+                row.apply(options, value);
             } catch (std::invalid_argument const& error) {
-                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
+                auto const origin = origins.find(row.name);
+                loaded.errors.push_back(
+                    (origin == origins.end() ? "--" + row.name : origin->second + ": " + row.name) +
+                    " " + error.what());
             }
-        } else if (arg.name == "--tls-allow-read" || arg.name == "--tls-allow-write") {
-            std::string const rule = value();
-            try {
-                applyAllowOption(options.tlsAccess, arg.name == "--tls-allow-write", rule);
-            } catch (std::invalid_argument const& error) {
-                throw std::invalid_argument(arg.name + " " + rule + ": " + error.what());
-            }
-        } else if (arg.name == "--tls-port") {
-            options.tlsPort = static_cast<int>(integerArgument(arg.name, value(), 0, 65535));
-        } else if (arg.name == "--tls-listen") {
-            options.tlsListen = value();
-        } else if (arg.name == "--tls-cert") {
-            options.tls.certificateFile = value();
-        } else if (arg.name == "--tls-key") {
-            options.tls.keyFile = value();
-        } else if (arg.name == "--tls-ca") {
-            options.tls.caFile = value();
-        } else if (arg.name == "--tls-role") {
-            addRole(options.tls, value());
-        } else if (arg.name == "--audit-log") {
-            options.auditLog = value();
-        } else if (arg.name == "--max-clients") {
-            options.limits.maxClients =
-                static_cast<std::size_t>(integerArgument(arg.name, value(), 1, 10000));
-        } else if (arg.name == "--idle-timeout") {
-            options.limits.idleTimeout = millisecondsArgument(arg.name, value());
-        } else if (arg.name == "--frame-timeout") {
-            options.limits.partialFrameTimeout = millisecondsArgument(arg.name, value());
-        } else if (arg.name == "--http-listen") {
-            setHttpListen(options, value());
-        } else if (arg.name == "--http-allow-remote") {
-            options.httpAllowRemote = true;
-        } else if (arg.name == "--run-seconds") {
-            options.runSeconds = secondsArgument(arg.name, value());
-        } else {
-            throw std::invalid_argument("unknown option \"" + args[i] + "\" (see --help)");
         }
     }
-    checkTls(options);
-    checkHttp(options);
-    if (options.nutWrites && (options.nutUpses.empty() || options.nutCredentials.empty())) {
-        throw std::invalid_argument("--nut-writes needs --nut and --nut-credentials FILE");
+    checkTls(options, loaded.errors);
+    checkNut(options, loaded.errors);
+    checkHttp(options, loaded.errors);
+    return loaded;
+}
+
+Options parseOptions(std::vector<std::string> const& args) {
+    LoadedOptions loaded = loadOptions(args);
+    if (!loaded.errors.empty()) {
+        std::string text;
+        for (auto const& error : loaded.errors) {
+            text += (text.empty() ? "" : "\n") + error;
+        }
+        throw std::invalid_argument(text);
     }
-    return options;
+    return std::move(loaded.options);
 }
 
 std::string usage() {
-    return R"(Usage: tarsel-modbusd [options]
-
-Serves a UPS register map over Modbus TCP from the simulated data store.
-Without --map and --scenario it serves the built-in UPS map and scenario.
-
-Options:
-  --map FILE            register map (JSON); default: the built-in UPS map
-  --scenario FILE       scenario for the simulated data store (JSON);
-                        "none" starts from an empty store; default: built-in
-  --listen ADDR         address to listen on (default 127.0.0.1)
-  --port N              TCP port (default 1502; 0 picks a free port, logged)
-  --unit-id N           Modbus unit id served, 1..247 (default 1); 0 and 255
-                        are accepted too
-  --nut UPS[@HOST[:PORT]]
-                        serve a UPS of Network UPS Tools (upsd, port 3493
-                        by default) instead of a scenario; see README
-  --nut-interval N      seconds between two polls of upsd (default 1)
-  --nut-map FILE        the register map of the UPS of the --nut before it
-                        (default: --map's, moved onto that UPS's device)
-  --nut-writes          write back to upsd: SET VAR for entries over a NUT
-                        variable, INSTCMD for coils over "instcmd.<command>"
-                        (default: every write refused with exception 0x01)
-  --nut-credentials FILE
-                        upsd user for --nut-writes: "username = NAME" and
-                        "password = SECRET" lines; the file must not be
-                        readable by group or others
-  --allow-read [TABLE=]LIST
-                        who may read (TABLE: that table only); LIST is
-                        "any", "none" or networks such as 10.0.0.0/8,
-                        192.168.1.7 (default: any); repeatable
-  --allow-write [TABLE=]LIST
-                        who may write, as --allow-read (default:
-                        127.0.0.0/8, this host only)
-  --tls-port N          also serve Modbus/TCP Security (TLS) on port N
-                        (802 by convention; 0 picks a free port, logged)
-  --tls-listen ADDR     address of the TLS listener (default: --listen's)
-  --tls-cert FILE       the daemon's certificate (PEM)
-  --tls-key FILE        its private key (PEM)
-  --tls-ca FILE         CA certificate(s) client certificates must chain to
-  --tls-role NAME=read-only|read-write
-                        what a client certificate of role NAME may do;
-                        repeatable; other roles are refused
-  --tls-allow-read [TABLE=]LIST, --tls-allow-write [TABLE=]LIST
-                        address rules of the TLS listener, as --allow-read
-                        (defaults: any, any)
-  --audit-log FILE      record every write a client attempts (written,
-                        failed or refused) in FILE, one line each,
-                        appended; the log summarises repeated writes
-  --max-clients N       clients served at once (default 64); when all are
-                        connected, the one quiet the longest (1 s at least)
-                        is closed to make room, else the new one is refused
-  --idle-timeout N      close a client that sent no request for N seconds
-                        (default 600; 0: never)
-  --frame-timeout N     close a client that started a frame and did not end
-                        it within N seconds (default 10; 0: never)
-  --http-listen ADDR:PORT
-                        serve /healthz and /metrics (Prometheus) over HTTP
-                        there (off by default; 9502 by convention, 0 picks a
-                        free port, logged); loopback addresses only unless
-                        --http-allow-remote
-  --http-allow-remote   let --http-listen take a non-loopback address
-  --run-seconds N       stop by itself after N seconds (default: run until
-                        SIGINT or SIGTERM)
-  --verbose, -v         log pushes, writes, exceptions and scenario steps
-  --describe[=FORMAT]   print the register-map description and exit;
-                        FORMAT is markdown (default), csv or json
-  --describe-at N       play the first N seconds of the scenario before
-                        describing (default 0)
-  --check               check the map and the scenario, list every error, exit
-  --help, -h            this text
-
-Signals: SIGINT and SIGTERM stop the daemon cleanly; SIGHUP reloads the
-options and the map (a bad map is refused and the running one kept);
-SIGUSR1 logs the register-map description.
-
-Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad
-command line, map or scenario.
-)";
+    return makeParser()->help();
 }
 
 }  // namespace tarsel::daemon

@@ -1,4 +1,5 @@
-// The command line of tarsel-modbusd.
+// The options of tarsel-modbusd: from the command line and, with --config,
+// from a settings file (and the secrets file it names) under it.
 #pragma once
 
 #include <optional>
@@ -11,7 +12,14 @@
 
 namespace tarsel::daemon {
 
+/* How log lines are written: Plain for a terminal or a file, Journal for
+ * journald (a <N> priority prefix), Auto: Journal when stderr is the
+ * journal's stream. */
+enum class LogFormat { Auto, Plain, Journal };
+
 struct Options {
+    std::string configFile;    // empty: no settings file
+    std::string secretsFile;   // empty: no secrets file
     std::string mapFile;       // empty: the built-in UPS map
     std::string auditLog;      // empty: writes are only in the log
     std::string scenarioFile;  // empty: the built-in scenario; "none": an empty store
@@ -27,6 +35,7 @@ struct Options {
     AccessRules tlsAccess;    // writes from anywhere: the certificate's role decides
     double runSeconds = 0.0;  // 0: until SIGINT or SIGTERM
     bool verbose = false;
+    LogFormat logFormat = LogFormat::Auto;
     bool help = false;
     bool check = false;  // validate the map and the scenario, then exit
     std::optional<DescribeFormat> describe;
@@ -48,9 +57,23 @@ struct Options {
     bool httpAllowRemote = false;  // an address outside 127.0.0.0/8 is refused without it
 };
 
-/* Parses argv; throws std::invalid_argument with a message for the user. */
+/* What loadOptions() made of the command line and the files it names. */
+struct LoadedOptions {
+    Options options;
+    std::vector<std::string> errors;  // one line each; empty: the options hold
+};
+
+/* The settings file of --config and the secrets file it (or --secrets) names,
+ * then the command line over them, into Options. It reads those two files and
+ * changes nothing; every error is listed, none thrown, so that it can be
+ * called again to re-read the settings of a running daemon. */
+LoadedOptions loadOptions(std::vector<std::string> const& args);
+
+/* loadOptions() for callers that want an exception: std::invalid_argument
+ * with every error, one a line. */
 Options parseOptions(std::vector<std::string> const& args);
 
+/* The --help text: every option of the table, signals, exit status. */
 std::string usage();
 
 }  // namespace tarsel::daemon

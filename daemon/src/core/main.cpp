@@ -1,4 +1,7 @@
 // tarsel-modbusd: serves a UPS register map over Modbus TCP.
+#include <unistd.h>
+
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -19,6 +22,7 @@
 #include "Options.h"
 #include "Reloader.h"
 #include "Scenario.h"
+#include "ServiceNotify.h"
 #include "SignalPipe.h"
 #include "StatusReport.h"
 #include "TlsContext.h"
@@ -67,6 +71,20 @@ void releaseFreedMemory() {
 #ifdef __GLIBC__
     ::malloc_trim(0);
 #endif
+}
+
+/* The log format of --log-format; auto: the journal's when stderr is it. */
+Log::Format logFormat(LogFormat format) {
+    switch (format) {
+        case LogFormat::Plain:
+            return Log::Format::Plain;
+        case LogFormat::Journal:
+            return Log::Format::Journal;
+        case LogFormat::Auto:
+            break;
+    }
+    return isJournalStream(std::getenv("JOURNAL_STREAM"), STDERR_FILENO) ? Log::Format::Journal
+                                                                         : Log::Format::Plain;
 }
 
 /* The health and metrics endpoint of --http-listen; nothing without it. */
@@ -128,7 +146,11 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     extras.reload = [&reloader] { reloader.reload(); };
     extras.http = http.get();
     releaseFreedMemory();
-    return runEventLoop(core, servers, signals, log, options.runSeconds, extras);
+    notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
+                ":" + std::to_string(server.port()));
+    int const status = runEventLoop(core, servers, signals, log, options.runSeconds, extras);
+    notifyStopping();
+    return status;
 }
 
 int run(std::vector<std::string> const& args, Options const& options, Log& log) {
@@ -183,18 +205,20 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
 
 int main(int argc, char** argv) {
     std::vector<std::string> const args(argv + 1, argv + argc);
-    Options options;
-    try {
-        options = parseOptions(args);
-    } catch (std::invalid_argument const& error) {
-        std::cerr << "tarsel-modbusd: " << error.what() << "\n";
+    LoadedOptions loaded = loadOptions(args);
+    if (!loaded.errors.empty()) {
+        for (auto const& error : loaded.errors) {
+            std::cerr << "tarsel-modbusd: " << error << "\n";
+        }
         return kExitBadInput;
     }
+    Options const& options = loaded.options;
     if (options.help) {
         std::cout << usage();
         return 0;
     }
     Log log(std::cerr, options.verbose);
+    log.setFormat(logFormat(options.logFormat));
     try {
         return run(args, options, log);
     } catch (std::exception const& error) {

@@ -23,13 +23,14 @@ Endpoint parseEndpoint(std::string const& text) {
             auto const result = std::from_chars(port.data(), port.data() + port.size(), number);
             if (port.empty() || result.ec != std::errc() ||
                 result.ptr != port.data() + port.size() || number == 0 || number > 65535) {
-                throw std::invalid_argument("--nut: bad port in \"" + text + "\"");
+                throw std::invalid_argument(
+                    "expects UPS[@HOST[:PORT]] with a port from 1 to 65535, got \"" + text + "\"");
             }
             endpoint.port = static_cast<std::uint16_t>(number);
         }
     }
     if (endpoint.ups.empty() || endpoint.host.empty()) {
-        throw std::invalid_argument("--nut expects UPS[@HOST[:PORT]], got \"" + text + "\"");
+        throw std::invalid_argument("expects UPS[@HOST[:PORT]], got \"" + text + "\"");
     }
     return endpoint;
 }

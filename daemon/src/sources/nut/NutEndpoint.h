@@ -16,7 +16,7 @@ struct Endpoint {
 };
 
 /* Parses "ups", "ups@host" or "ups@host:port" (upsc's way of naming a UPS);
- * throws std::invalid_argument with a message for the user. */
+ * throws std::invalid_argument with a message that reads after "--nut ". */
 Endpoint parseEndpoint(std::string const& text);
 
 }  // namespace tarsel::daemon::nut
