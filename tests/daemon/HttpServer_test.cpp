@@ -10,6 +10,7 @@
 
 #include <sstream>
 
+#include "DescriptorExhaustion.h"
 #include "HttpServer.h"
 
 namespace tarsel::daemon {
@@ -198,6 +199,31 @@ TEST_F(HttpServerTest, ClientsBeyondTheLimitAreRefused) {
     for (int const fd : fds) {
         ::close(fd);
     }
+}
+
+TEST_F(HttpServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {
+    start();
+    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);  // made while there are some
+    testing::OutOfDescriptors exhausted;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    int const wakeUps = testing::wakeUpsWithin(*m_server, 600ms);
+    EXPECT_LE(wakeUps, 10);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    EXPECT_NE(m_logText.str().find("HTTP: accept: Too many open files; not accepting for 200 ms"),
+              std::string::npos)
+        << m_logText.str();
+    exhausted.release();
+    std::string const request = "GET /health HTTP/1.1\r\nHost: x\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    for (int i = 0; i < 20 && m_answered == 0; ++i) {
+        testing::wakeUpsWithin(*m_server, 100ms);
+    }
+    EXPECT_EQ(m_answered, 1);
+    ::close(fd);
 }
 
 TEST_F(HttpServerTest, AClientThatNeverClosesAfterItsAnswerIsClosedAfterTheResponseTimeout) {

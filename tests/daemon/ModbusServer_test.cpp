@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "DaemonTestSupport.h"
+#include "DescriptorExhaustion.h"
 #include "ModbusServer.h"
 
 namespace tarsel::daemon {
@@ -161,6 +162,32 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     send(next, withTransaction(testing::request(3, 2, 1), 3));
     ASSERT_TRUE(readable(next));
     EXPECT_EQ(answers(next), std::vector<int>{3});
+}
+
+TEST_F(ModbusServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);  // made while there are some
+    m_clients.push_back(fd);
+    testing::OutOfDescriptors exhausted;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    // The queued connection keeps the listener readable: polled all along, it
+    // would wake the loop thousands of times in this time.
+    int const wakeUps = testing::wakeUpsWithin(*m_server, 600ms);
+    EXPECT_LE(wakeUps, 10);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    EXPECT_NE(m_daemon.logText().find("accept: Too many open files; not accepting for 200 ms"),
+              std::string::npos)
+        << m_daemon.logText();
+    exhausted.release();
+    for (int i = 0; i < 20 && m_server->clientCount() == 0; ++i) {
+        testing::wakeUpsWithin(*m_server, 100ms);
+    }
+    EXPECT_EQ(m_server->clientCount(), 1u);
+    send(fd, testing::request(3, 2, 1));
+    ASSERT_TRUE(readable(fd));
 }
 
 }  // namespace

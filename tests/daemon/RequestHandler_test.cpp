@@ -415,6 +415,23 @@ TEST(RequestHandlerTest, EntryAllowListsNarrowTheListenersRules) {
         << daemon.logText();
 }
 
+TEST(RequestHandlerTest, EntryAllowListsRefuseAClientWhileTheMapIsNotAvailable) {
+    std::string map = kMap;
+    std::string const entry = R"("name": "t", "table")";
+    map.replace(map.find(entry), entry.size(),
+                R"("name": "t", "allowWrite": ["127.0.0.1"], "allowRead": ["127.0.0.1"], "table")");
+    TestDaemon daemon(map, kStartingUps);
+    ASSERT_FALSE(daemon.core().availability().isAvailable());
+    AccessRules rules;
+    applyAllowOption(rules, true, "127.0.0.0/8");
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 3), stranger(rules)).exception, 0x01);  // v and t
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), stranger(rules)).exception, 0x01);
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 2), stranger(rules)).exception, 0x0A);  // v alone
+    RequestOrigin const local{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    EXPECT_EQ(askFrom(daemon, request(3, 0, 3), local).exception, 0x0A);
+    EXPECT_EQ(askFrom(daemon, request(3, 100, 2), stranger(rules)).exception, 0x02);
+}
+
 TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
     TestDaemon daemon(kMap, kRunningUps, false);
     RequestOrigin const origin{"127.0.0.1:5021", 0x7F000001, nullptr, true};

@@ -199,6 +199,31 @@ TEST(ServedMapTest, PushesOfALaterBuiltEntryReachItsImage) {
         << daemon.logText();
 }
 
+TEST(ServedMapTest, PushesStayCountedWhenARebuildFails) {
+    std::string const map = R"({"entries": [
+      {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string",
+       "size": 4, "source": {"device": "UPS", "attribute": "model"}}
+    ]})";
+    TestDaemon daemon(map, kCardOnly);
+    addUps();
+    ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
+    auto& store = cdshost::Store::instance();
+    store.setDeviceAttribute(kUps, cdsapi::AttributeModel, "XYZ");
+    ServedEntry const& model = entryNamed(daemon.core(), "model");
+    std::uint64_t const modelPushes = model.image.pushes;
+    std::uint64_t const total = daemon.core().map().totalPushes();
+    ASSERT_GE(modelPushes, 1u);
+    store.removeDevice(kUps);
+    daemon.core().map().rebuild(const_cast<ServedEntry&>(model));
+    ASSERT_FALSE(model.built());
+    ASSERT_NE(daemon.logText().find("\"model\" cannot be built again"), std::string::npos)
+        << daemon.logText();
+    // A counter never goes down: the pushes the entry received stay counted.
+    EXPECT_GE(model.image.pushes, modelPushes);
+    EXPECT_GE(daemon.core().map().totalPushes(), total);
+    EXPECT_FALSE(model.image.known);
+}
+
 TEST(ServedMapTest, TeardownClosesTheSubscriptionsOfLaterBuiltAndNeverBuiltEntries) {
     std::string const map = R"({"entries": [
       {"name": "model", "table": "input-registers", "address": 0, "encoder": "string", "size": 4,

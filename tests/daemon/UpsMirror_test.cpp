@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "EncoderFactory.h"
 #include "cdsapi/cds_accessor.h"
 #include "sources/nut/UpsMirror.h"
 
@@ -292,6 +293,54 @@ TEST_F(UpsMirrorTest, ANewOutletAnnouncesTheUpsAsCreatedAgain) {
     m_subscriptions.push_back(id);
     m_mirror.apply(onLine());
     EXPECT_EQ(announced, 1) << "once, with both outlets in place";
+}
+
+/* A numeric-string entry over an attribute of the UPS, as the shipped map
+ * serves ups.power.nominal and outlet.count. */
+BuiltEncoder numberOfAttribute(cdsapi::DeviceAttribute attribute) {
+    EntryDefinition entry;
+    entry.name = "rating";
+    entry.table = Table::InputRegisters;
+    entry.encoder = EncoderKind::NumericString;
+    SourceDefinition source;
+    source.kind = SourceKind::Attribute;
+    source.device.id = kUps;
+    source.attribute = attribute;
+    entry.sources = {source};
+    return makeEncoder(entry);
+}
+
+TEST_F(UpsMirrorTest, ARatingNotReportedYetFailsNoListenerWhenOtherAttributesArrive) {
+    // upsd hands over the variables of a driver that has just started: the
+    // first reading may hold a few of them only.
+    m_mirror.apply({{"ups.status", "OL"}});
+    BuiltEncoder const count = numberOfAttribute(cdsapi::AttributeOutletCount);
+    BuiltEncoder const power = numberOfAttribute(cdsapi::AttributeNominalPower);
+    std::vector<std::vector<std::uint16_t>> pushed;
+    count.registers->setCallback(
+        [&](std::vector<std::uint16_t> const& words) { pushed.push_back(words); });
+    power.registers->setCallback([](std::vector<std::uint16_t> const&) {});
+    auto whole = onLine();
+    whole["outlet.count"] = "2";
+    m_mirror.apply(whole);
+    EXPECT_EQ(m_mirror.listenerFailures(), std::vector<std::string>{});
+    // Once the UPS reports it, the rating is pushed as a number.
+    ASSERT_FALSE(pushed.empty());
+    EXPECT_EQ(pushed.back(), std::vector<std::uint16_t>{2});
+}
+
+TEST_F(UpsMirrorTest, ARatingThatDisappearsFailsNoListener) {
+    auto whole = onLine();
+    whole["outlet.count"] = "2";
+    m_mirror.apply(whole);
+    BuiltEncoder const count = numberOfAttribute(cdsapi::AttributeOutletCount);
+    count.registers->setCallback([](std::vector<std::uint16_t> const&) {});
+    whole.erase("outlet.count");
+    whole["device.model"] = "5P 1550i";
+    m_mirror.apply(whole);
+    EXPECT_EQ(m_mirror.listenerFailures(), std::vector<std::string>{});
+    EXPECT_EQ(attribute(kUps, cdsapi::AttributeOutletCount), "");
+    EXPECT_FALSE(count.registers->isDataAvailable()) << "read as unavailable";
 }
 
 }  // namespace

@@ -135,6 +135,7 @@ class NutTest(unittest.TestCase):
         status = self.discretes()
         self.assertEqual({t for t, on in status.items() if on}, {"OL", "CHRG"})
         self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 0 | 1 << 5])
+        self.assertEqual(self.listener_failures(), [], "after start")
 
     def test_every_float_and_32_bit_entry_decodes_big_endian_to_the_dev_files_value(self):
         self.start({"bench": ("bench.dev", demo_dev())})
@@ -192,6 +193,22 @@ class NutTest(unittest.TestCase):
                                 "identity at %d not served again" % address)
             self.wait_until(lambda: self.registers(POWER_NOMINAL, 1) == [1500], 1.0,
                             "nominal power not served again")
+        self.assertEqual(self.listener_failures(), [])
+
+    def listener_failures(self):
+        self.daemon.drain_log()
+        return [line for line in self.daemon.log_lines if "a listener failed" in line]
+
+    def test_no_listener_fails_when_identity_changes_and_a_rating_is_not_reported(self):
+        # The shipped map reads outlet.count as a numeric string; this UPS
+        # has no such variable, and its maker changes twice.
+        sequence = dev_without(["device.mfr:", "outlet.count:"]) + \
+            "device.mfr: Maker A\nTIMER 3\ndevice.mfr: Maker B\nTIMER 3\n"
+        self.start({"seq": ("seq.seq", sequence)})
+        for maker in ("Maker A", "Maker B"):
+            self.wait_until(lambda: self.registers(MFR, 12) is not None
+                            and text(self.registers(MFR, 12)) == maker, 8.0, maker + " not served")
+        self.assertEqual(self.listener_failures(), [])
 
     def test_device_identification_names_the_gateway_and_the_ups_model(self):
         self.start({"bench": ("bench.dev", demo_dev())})

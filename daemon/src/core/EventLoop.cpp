@@ -114,11 +114,19 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
     for (;;) {
         // A deferred answer's bound is a time to wake up too: its 0x0B goes
         // out when the bound passes, not at the next wake-up after it.
-        auto const next =
+        auto next =
             earlier(earlier(earlier(earlier(deadline, source ? source->nextDue() : std::nullopt),
                                     retry.due(core)),
                             core.attributeRefreshDue()),
                     core.deferredReplies().nextDeadline());
+        // A listener left alone while descriptors ran out is polled again
+        // when its pause is over.
+        for (ModbusServer const* server : servers) {
+            next = earlier(next, server->listenDue());
+        }
+        if (extras.http != nullptr) {
+            next = earlier(next, extras.http->listenDue());
+        }
         // The source's descriptor, when it has one, goes last: each server's
         // descriptors stay together, in the order it gave them.
         fds.assign(1, pollfd{signals.fd(), POLLIN, 0});

@@ -1,6 +1,7 @@
 #include "EncoderFactory.h"
 
 #include "Conversions.h"
+#include "QuietNumberSource.h"
 #include "Wire32Encoder.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsBooleanToOneDiscreteAccessor.h"
@@ -186,6 +187,9 @@ BuiltEncoder makeEncoder(EntryDefinition const& entry) {
         // The raw-pointer constructors take ownership (and delete the accessor
         // themselves if they fail), so it is released straight into them.
         auto source = makeDataAccessor(entry.sources.at(0));
+        if (entry.encoder == EncoderKind::NumericString) {
+            source = std::make_unique<QuietNumberSource>(std::move(source));
+        }
         CdsDataAccessor* raw = source.get();
         built.sources = {raw};
         built.registers = makeSingleRegisters(entry, source.release());

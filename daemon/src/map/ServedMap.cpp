@@ -73,9 +73,11 @@ std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
     }
     if (failure) {
         // A half-wired encoder leaves the data store at once, and nothing it
-        // may have pushed is kept.
+        // may have pushed is kept but the count: pushes_total never goes down.
         entry.encoder = BuiltEncoder{};
+        std::uint64_t const pushes = entry.image.pushes;
         entry.image = PushImage{};
+        entry.image.pushes = pushes;
         return failure;
     }
     seedImage(entry);

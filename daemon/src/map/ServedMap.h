@@ -20,7 +20,7 @@ namespace tarsel::daemon {
  * per discrete. */
 struct PushImage {
     std::vector<std::uint16_t> words;
-    std::uint64_t pushes = 0;  // pushes received since the map was built
+    std::uint64_t pushes = 0;  // pushes received since the map was built, rebuilds included
     bool known = false;        // false until a read at start-up or a push filled it
 };
 

@@ -89,7 +89,8 @@ HttpServer::~HttpServer() {
 }
 
 std::vector<pollfd> HttpServer::pollSet() const {
-    std::vector<pollfd> fds{{m_listener, POLLIN, 0}};
+    std::vector<pollfd> fds{
+        {m_listener, static_cast<short>(m_acceptPause.active() ? 0 : POLLIN), 0}};
     for (auto const& client : m_clients) {
         bool const sending = client->stage == Client::Stage::Answering;
         fds.push_back({client->fd, static_cast<short>(sending ? POLLOUT : POLLIN), 0});
@@ -135,6 +136,13 @@ void HttpServer::acceptAll(Clock::time_point now) {
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
+            }
+            if (AcceptPause::isExhaustion(errno)) {
+                m_log.limited(Log::Level::Warning, "HTTP accept failures",
+                              std::string("HTTP: accept: ") + std::strerror(errno) +
+                                  "; not accepting for " +
+                                  std::to_string(AcceptPause::kLength.count()) + " ms");
+                m_acceptPause.start(now);
             }
             return;
         }
@@ -242,6 +250,7 @@ bool HttpServer::drain(Client& client) {
 }
 
 void HttpServer::expire(Clock::time_point now) {
+    m_acceptPause.update(now);
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         Client& client = *m_clients[i];
         bool const reading = client.stage == Client::Stage::Reading;

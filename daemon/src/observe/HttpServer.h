@@ -9,11 +9,13 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <poll.h>
 
+#include "AcceptPause.h"
 #include "HttpRequest.h"
 #include "Log.h"
 
@@ -53,8 +55,12 @@ class HttpServer {
     std::vector<pollfd> pollSet() const;
     /* Serves what poll() reported ready, for the descriptors of pollSet(). */
     void serve(pollfd const* ready, std::size_t count, Clock::time_point now);
-    /* Closes the clients past their time. */
+    /* Closes the clients past their time, and listens again once a pause in
+     * accepting is over. */
     void expire(Clock::time_point now);
+    /* When the loop must wake up to listen again: while the process is out
+     * of descriptors the listener is not polled (see AcceptPause). */
+    std::optional<Clock::time_point> listenDue() const { return m_acceptPause.due(); }
 
   private:
     struct Client;
@@ -74,6 +80,7 @@ class HttpServer {
     Log& m_log;
     int m_listener = -1;
     int m_port = 0;
+    AcceptPause m_acceptPause;
     std::vector<std::unique_ptr<Client>> m_clients;
 };
 

@@ -103,7 +103,7 @@ std::vector<pollfd> ModbusServer::pollSet() const {
 }
 
 std::size_t ModbusServer::appendPollSet(std::vector<pollfd>& fds) const {
-    fds.push_back({m_listener, POLLIN, 0});
+    fds.push_back({m_listener, static_cast<short>(m_acceptPause.active() ? 0 : POLLIN), 0});
     for (auto const& client : m_clients) {
         short const events = static_cast<short>((client->wantsRead() ? POLLIN : 0) |
                                                 (client->wantsWrite() ? POLLOUT : 0));
@@ -315,7 +315,12 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
             }
-            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            if (AcceptPause::isExhaustion(errno)) {
+                m_log.limited(Log::Level::Warning, "accept failures",
+                              errorText("accept") + "; not accepting for " +
+                                  std::to_string(AcceptPause::kLength.count()) + " ms");
+                m_acceptPause.start(now);
+            } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
                 m_log.limited(Log::Level::Warning, "accept failures", errorText("accept"));
             }
             return;
@@ -366,6 +371,7 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
+    m_acceptPause.update(now);
     if (DeferredReplies* replies = m_handler->deferredReplies()) {
         replies->expire(now);
     }

@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <poll.h>
 
+#include "AcceptPause.h"
 #include "AccessRules.h"
 #include "ClientConnection.h"
 #include "Log.h"
@@ -71,8 +73,12 @@ class ModbusServer {
     /* True when a client has whole frames waiting: the loop must come back
      * at once rather than wait for a socket. */
     bool hasBacklog() const;
-    /* Drops the clients idle or stuck in a frame for longer than the limits. */
+    /* Drops the clients idle or stuck in a frame for longer than the limits,
+     * and listens again once a pause in accepting is over. */
     void expire(SteadyClock::time_point now);
+    /* When the loop must wake up to listen again: while the process is out
+     * of descriptors the listener is not polled (see AcceptPause). */
+    std::optional<SteadyClock::time_point> listenDue() const { return m_acceptPause.due(); }
 
   private:
     using Client = std::unique_ptr<ClientConnection>;
@@ -113,6 +119,7 @@ class ModbusServer {
     Log& m_log;
     int m_listener = -1;
     int m_port = 0;
+    AcceptPause m_acceptPause;
     std::vector<Client> m_clients;
     std::map<DeferredReplies::Token, Deferred> m_deferred;
     // Kept for their storage alone, so that serving allocates nothing.

@@ -252,18 +252,26 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
 }
 
 /* While the map cannot be served: what the request would get before any
- * value is read (a client that may not use the table is refused and learns
- * nothing of the map; a range that is not mapped is Illegal Data Address),
- * else Gateway Path Unavailable. */
+ * value is read (a client that may not use the table, or one of the entries
+ * in the range, is refused and learns nothing of the map; a range that is not
+ * mapped is Illegal Data Address), else Gateway Path Unavailable. */
 Answer RequestHandler::refuseUnavailable(Answer answer) {
     Table const table = *tableOf(answer.function);
     bool const writing = answer.function > kReadInputRegisters;
-    if (!(writing ? writeRefusal(table, {}) : readRefusal(table, {})).empty()) {
+    auto const refusal = [&](std::vector<ServedEntry*> const& entries) {
+        return writing ? writeRefusal(table, entries) : readRefusal(table, entries);
+    };
+    if (!refusal({}).empty()) {
         return refuse(answer, ec::kIllegalFunction);
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, writing);
-    return refuse(answer,
-                  coverage.exception != 0 ? coverage.exception : ec::kGatewayPathUnavailable);
+    if (coverage.exception != 0) {
+        return refuse(answer, coverage.exception);
+    }
+    if (!refusal(coverage.entries).empty()) {
+        return refuse(answer, ec::kIllegalFunction);
+    }
+    return refuse(answer, ec::kGatewayPathUnavailable);
 }
 
 /* Read Device Identification identifies the gateway itself, so it is
