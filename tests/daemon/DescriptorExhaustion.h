@@ -5,13 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <vector>
 
 namespace tarsel::daemon::testing {
@@ -50,6 +54,16 @@ class OutOfDescriptors {
     rlimit m_saved{};
     std::vector<int> m_taken;
 };
+
+/* Connects the socket to the port on 127.0.0.1 without a new descriptor, so
+ * it works while the process has none left; true when connected. */
+inline bool connectToLoopback(int fd, int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
 
 /* Runs the server's side of the event loop for `length` as the loop does
  * (poll until the server's next due time, serve, expire); returns how often

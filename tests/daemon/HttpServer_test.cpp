@@ -209,11 +209,7 @@ TEST_F(HttpServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {
     // through a pipe, and with none to be had it reports a false type error.
     m_log.info("running out of descriptors");
     testing::OutOfDescriptors exhausted;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(testing::connectToLoopback(fd, m_server->port()));
     int const wakeUps = testing::wakeUpsWithin(*m_server, 600ms);
     EXPECT_LE(wakeUps, 10);
     EXPECT_EQ(m_server->clientCount(), 0u);

@@ -168,11 +168,7 @@ TEST_F(ModbusServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {
     int const fd = ::socket(AF_INET, SOCK_STREAM, 0);  // made while there are some
     m_clients.push_back(fd);
     testing::OutOfDescriptors exhausted;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(testing::connectToLoopback(fd, m_server->port()));
     // The queued connection keeps the listener readable: polled all along, it
     // would wake the loop thousands of times in this time.
     int const wakeUps = testing::wakeUpsWithin(*m_server, 600ms);
