@@ -285,6 +285,9 @@ kq::CValue CdsChannelAccessor::getCValue() const {
     // Each case returns its value as it is built: a served value is read on
     // every request, so it is never copied on its way out.
     cdsapi::InBandAccessor& inBand = CdsInBandAccessor::getInstance().inBand();
+    if (m_dataType == DataType::Value) {  // what nearly every read asks: no switch
+        return inBand.getChannelCValue(m_channelId);
+    }
     switch (m_dataType) {
         case DataType::Value:
             return inBand.getChannelCValue(m_channelId);

@@ -87,7 +87,9 @@ std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
 /* Keeps the table's entries in address order; maps list them in order, so
  * this is an append. An entry at an address already indexed replaces it. */
 void ServedMap::index(ServedEntry& entry) {
-    auto& entries = m_index[static_cast<std::size_t>(entry.definition.table)];
+    auto const table = static_cast<std::size_t>(entry.definition.table);
+    auto& entries = m_index[table];
+    m_readListed[table] = m_readListed[table] || entry.definition.allowRead.has_value();
     std::uint16_t const address = entry.definition.address;
     auto const at = std::lower_bound(
         entries.begin(), entries.end(), address,
@@ -287,16 +289,22 @@ void ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity
             --it;
         }
     }
+    // The covered entries are one run of the index: found first, copied at
+    // once (a range of 125 registers is up to 125 entries).
+    auto last = it;
     std::uint32_t expected = address;  // where the next entry must start for a write
     bool hole = false;
-    for (; it != index.end() && (*it)->definition.address < end; ++it) {
-        hole = hole || (*it)->definition.address != expected;
-        expected = (*it)->definition.end();
-        result.entries.push_back(*it);
+    for (; last != index.end(); ++last) {
+        EntryDefinition const& definition = (*last)->definition;
+        if (definition.address >= end) {
+            break;
+        }
+        hole |= definition.address != expected;
+        expected = definition.end();
     }
+    result.entries.assign(it, last);
     hole = hole || expected != end;
-    bool const endsInside =
-        !result.entries.empty() && result.entries.back()->definition.end() > end;
+    bool const endsInside = expected > end;  // the last entry runs past the range
     if (result.entries.empty() || endsInside || (write && hole)) {
         result.entries.clear();
         result.exception = kIllegalDataAddress;

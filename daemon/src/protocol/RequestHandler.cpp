@@ -232,8 +232,10 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
     }
-    if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
-        return refuseRead(answer, why);
+    if (m_map.hasReadLists(table)) {
+        if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
+            return refuseRead(answer, why);
+        }
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
@@ -243,10 +245,18 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         reuse(answer.bits, m_spareBits);
         answer.bits.assign(answer.quantity, 0);
     }
-    for (ServedEntry const* entry : coverage.entries) {
-        if (std::uint8_t const code = readEntry(*entry, answer)) {
-            return refuse(answer, code);
+    // One try around the whole range rather than one per entry: what an
+    // encoder throws names the entry being read.
+    ServedEntry const* reading = nullptr;
+    try {
+        for (ServedEntry const* entry : coverage.entries) {
+            reading = entry;
+            if (std::uint8_t const code = readEntry(*entry, answer)) {
+                return refuse(answer, code);
+            }
         }
+    } catch (std::exception const& error) {
+        return refuse(answer, failure(*reading, "read", error.what()));
     }
     return answer;
 }
@@ -285,28 +295,25 @@ Answer RequestHandler::identify(Answer answer, std::uint8_t const* pdu, std::siz
 }
 
 /* Copies one entry's value into the answer; returns an exception code or 0.
- * What the encoder returns is read where it is, never copied. */
+ * What the encoder returns is read where it is, never copied. What an
+ * encoder throws leaves for the caller, which knows the entry. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
     std::size_t const offset = entry.definition.address - answer.address;
     std::size_t const size = entry.definition.size;
     // Every entry of a request is in the table the function reads.
     bool const registers =
         answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
-    try {
-        if (!available(entry)) {
-            UnavailablePolicy const& policy = entry.definition.unavailable;
-            if (policy.mode == UnavailablePolicy::Mode::Exception) {
-                return policy.code;
-            }
-            // Sentinel, not-implemented marker or, for a discrete, 0.
-            place(unavailableWords(entry.definition), size, offset, registers, answer);
-        } else if (entry.encoder.registers) {
-            place(entry.encoder.registers->getData(), size, offset, registers, answer);
-        } else {
-            place(entry.encoder.discretes->getData(), size, offset, registers, answer);
+    if (!available(entry)) {
+        UnavailablePolicy const& policy = entry.definition.unavailable;
+        if (policy.mode == UnavailablePolicy::Mode::Exception) {
+            return policy.code;
         }
-    } catch (std::exception const& error) {
-        return failure(entry, "read", error.what());
+        // Sentinel, not-implemented marker or, for a discrete, 0.
+        place(unavailableWords(entry.definition), size, offset, registers, answer);
+    } else if (entry.encoder.registers) {
+        place(entry.encoder.registers->getData(), size, offset, registers, answer);
+    } else {
+        place(entry.encoder.discretes->getData(), size, offset, registers, answer);
     }
     return 0;
 }

@@ -36,11 +36,14 @@ void putBody(std::vector<std::uint8_t>& out, std::uint8_t const* requestPdu, Ans
         case 3:
         case 4: {
             out.push_back(static_cast<std::uint8_t>(answer.registers.size() * 2));
-            std::size_t at = out.size();
+            std::size_t const at = out.size();
             out.resize(at + answer.registers.size() * 2);
+            // Through a local pointer: a store through the vector's own
+            // would make the compiler reload its data pointer every byte.
+            std::uint8_t* byte = out.data() + at;
             for (std::uint16_t const word : answer.registers) {
-                out[at++] = static_cast<std::uint8_t>(word >> 8);
-                out[at++] = static_cast<std::uint8_t>(word & 0xFF);
+                *byte++ = static_cast<std::uint8_t>(word >> 8);
+                *byte++ = static_cast<std::uint8_t>(word & 0xFF);
             }
             break;
         }

@@ -43,6 +43,8 @@ Operation requireOperation(std::string const& name) {
 // object, so code that still reaches for the store afterwards (an accessor in
 // a static destroyed later) gets an exception instead of a dead object.
 std::atomic<bool> g_storeDestroyed{false};
+// The store once built: what instance() answers from then on.
+std::atomic<Store*> g_store{nullptr};
 
 }  // namespace
 
@@ -320,7 +322,7 @@ void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
     }
 }
 
-void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock) {
+void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock) {
     auto const it = subscriptions.find(subscriptionId);
     if (it == subscriptions.end()) {
         throw NotFound("no subscription " + idText(subscriptionId));
@@ -390,7 +392,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
             kq::CValue value;
             std::optional<kq::CAlarmRecord> record;
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 if (!subscription->open) {
                     continue;
                 }
@@ -420,7 +422,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                 }
             }
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 auto& threads = subscription->delivering;
                 threads.erase(
                     std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
@@ -446,21 +448,32 @@ void Store::Impl::eraseChannelLocked(Id id) {
     channels.erase(it);
 }
 
+kq::CValue Store::Impl::readChannelValue(Id id) {
+    std::lock_guard<StoreLock> lock(mutex);
+    return readChannelValueLocked(id);
+}
+
 kq::CValue Store::Impl::readChannelValueLocked(Id id) {
     ++callCount[static_cast<std::size_t>(Operation::getChannelCValue)];
     auto const it = channels.find(id);
-    if (it != channels.end()) {
-        ++it->second.valueReads;
+    if (it == channels.end() || !faults.empty()) {
+        return readAbsentOrFaultedLocked(id, it != channels.end() ? &it->second : nullptr);
+    }
+    ++it->second.valueReads;
+    return it->second.value;
+}
+
+kq::CValue Store::Impl::readAbsentOrFaultedLocked(Id id, Channel* channel) {
+    if (channel != nullptr) {
+        ++channel->valueReads;
     } else {
         ++callCountById[CallKey{Operation::getChannelCValue, id}];
     }
-    if (!faults.empty()) {
-        checkFaultsLocked(Operation::getChannelCValue, id);
-    }
-    if (it == channels.end()) {
+    checkFaultsLocked(Operation::getChannelCValue, id);
+    if (channel == nullptr) {
         throwNoChannel(id);
     }
-    return it->second.value;
+    return channel->value;
 }
 
 void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
@@ -529,15 +542,26 @@ Store::~Store() {
 }
 
 Store& Store::instance() {
+    // Every client call starts here: once the store is built it is one load
+    // and one test, without the guard of the function-local static.
+    if (Store* const built = g_store.load(std::memory_order_acquire);
+        built != nullptr && !g_storeDestroyed.load(std::memory_order_relaxed)) {
+        return *built;
+    }
+    return firstInstance();
+}
+
+Store& Store::firstInstance() {
     static Store store;
     if (g_storeDestroyed) {
         throw std::logic_error("the simulated data store is gone: the process is exiting");
     }
+    g_store.store(&store, std::memory_order_release);
     return store;
 }
 
 void Store::reset() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->resetLocked();
 }
 
@@ -558,12 +582,12 @@ void Store::renameDevice(Id device, std::string const& name, bool notify) {
 }
 
 bool Store::hasDevice(Id device) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->devices.count(device) != 0;
 }
 
 std::vector<Id> Store::subDevices(Id device) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->deviceLocked(device).subDevices;
 }
 
@@ -576,7 +600,7 @@ void Store::setDeviceAttribute(Id device, cdsapi::DeviceAttribute attribute,
 
 std::optional<std::string> Store::deviceAttribute(Id device,
                                                   cdsapi::DeviceAttribute attribute) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->devices.find(device);
     if (it == m_impl->devices.end()) {
         return std::nullopt;
@@ -601,12 +625,12 @@ void Store::removeChannel(Id channel, bool notify) {
 }
 
 bool Store::hasChannel(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channels.count(channel) != 0;
 }
 
 Id Store::channelId(Id device, std::string const& name) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channelIdLocked(device, name);
 }
 
@@ -617,7 +641,7 @@ void Store::setChannelValue(Id channel, kq::CValue const& value, bool notify) {
 }
 
 kq::CValue Store::channelValue(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
     return it != m_impl->channels.end() ? it->second.value : kq::CValue();
 }
@@ -652,7 +676,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 }
 
 AlarmSettings Store::alarmSettings(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channelLocked(channel).alarm;
 }
 
@@ -669,7 +693,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 }
 
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
     return it != m_impl->channels.end() ? it->second.record : std::nullopt;
 }
@@ -694,12 +718,12 @@ void Store::notifyAlarm(Id channel) {
 
 std::size_t Store::calls(std::string const& operation) const {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->callCount[static_cast<std::size_t>(known)];
 }
 
 std::map<std::string, std::size_t> Store::callsByOperation() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::map<std::string, std::size_t> called;
     for (std::size_t i = 0; i < kOperationCount; ++i) {
         if (m_impl->callCount[i] != 0) {
@@ -711,7 +735,7 @@ std::map<std::string, std::size_t> Store::callsByOperation() const {
 
 std::size_t Store::calls(std::string const& operation, Id id) const {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
     if (known == Operation::getChannelCValue) {
@@ -723,7 +747,7 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
 }
 
 void Store::resetCalls() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
     for (auto& [id, channel] : m_impl->channels) {
@@ -732,7 +756,7 @@ void Store::resetCalls() {
 }
 
 std::vector<SubscriptionInfo> Store::subscriptions() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
     for (auto const& [id, subscription] : m_impl->subscriptions) {
         open.push_back(subscription->info);
@@ -741,7 +765,7 @@ std::vector<SubscriptionInfo> Store::subscriptions() const {
 }
 
 std::size_t Store::subscriptionCount(std::string const& kind, int type, Id target) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return static_cast<std::size_t>(std::count_if(
         m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
             SubscriptionInfo const& info = entry.second->info;
@@ -750,12 +774,12 @@ std::size_t Store::subscriptionCount(std::string const& kind, int type, Id targe
 }
 
 std::size_t Store::subscriptionCount() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->subscriptions.size();
 }
 
 std::size_t Store::connections(std::string const& clientName) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->connectionCount.find(clientName);
     return it != m_impl->connectionCount.end() ? it->second : 0;
 }
@@ -763,7 +787,7 @@ std::size_t Store::connections(std::string const& clientName) const {
 void Store::failNext(std::string const& operation, std::size_t times, std::optional<Id> id,
                      FaultKind kind) {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.push_back(Impl::Fault{known, id, times, kind});
 }
 
@@ -772,7 +796,7 @@ void Store::failCall(std::string const& operation, std::size_t nth, FaultKind ki
         throw std::invalid_argument("failCall counts calls from 1");
     }
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.push_back(Impl::Fault{known, std::nullopt, 1, kind, nth - 1});
 }
 
@@ -781,12 +805,12 @@ void Store::failAlways(std::string const& operation, std::optional<Id> id, Fault
 }
 
 void Store::answerName(std::string const& name, Id id) {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->nameAnswers[name] = id;
 }
 
 void Store::clearFaults() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.clear();
     m_impl->nameAnswers.clear();
 }

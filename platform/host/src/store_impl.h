@@ -26,6 +26,7 @@
 
 #include "cdshost/store.h"
 #include "operation.h"
+#include "store_lock.h"
 
 namespace cdshost {
 
@@ -99,8 +100,8 @@ struct Store::Impl {
     };
 
     // ---- State (all guarded by mutex) -----------------------------------
-    mutable std::mutex mutex;
-    std::condition_variable deliveryEnded;
+    mutable StoreLock mutex;
+    std::condition_variable_any deliveryEnded;
 
     std::unordered_map<Id, Device> devices;
     std::unordered_map<Id, Channel> channels;
@@ -175,7 +176,7 @@ struct Store::Impl {
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
      * is still inside its callback. */
-    void unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock);
+    void unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock);
     Deliveries planLocked(Events const& events) const;
     /* Calls the subscribers; lock NOT held. Rethrows the first exception a
      * callback threw, once every subscriber has been called. */
@@ -187,6 +188,11 @@ struct Store::Impl {
     /* getChannelCValue, counted and subject to faults as every client call,
      * with one look-up of the channel for the count and the value. */
     kq::CValue readChannelValueLocked(Id channel);
+    /* The same, taking the lock itself. */
+    kq::CValue readChannelValue(Id channel);
+    /* What readChannelValueLocked() does for a channel that is missing (null)
+     * or while faults are armed: kept out of the path of every other read. */
+    [[gnu::noinline]] kq::CValue readAbsentOrFaultedLocked(Id id, Channel* channel);
     /* Throws if a fault is armed for the call (counted already). */
     void checkFaultsLocked(Operation operation, std::optional<Id> id);
     /* Erases a channel, keeping the calls counted on it. */
@@ -219,7 +225,7 @@ struct Store::Impl {
         using Result = decltype(body(std::declval<Events&>()));
         if constexpr (std::is_void_v<Result>) {
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 Events events;
                 if (operation) {
                     enterCallLocked(*operation, id);
@@ -234,7 +240,7 @@ struct Store::Impl {
             }
         } else {
             Result result = [&] {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 Events events;
                 if (operation) {
                     enterCallLocked(*operation, id);

@@ -389,7 +389,13 @@ bool CValue::as_bool() const {
                       m_value);
 }
 
+// The readers a served map calls on every request answer a value of their own
+// type before any conversion is considered.
+
 int CValue::as_int32() const {
+    if (int const* same = std::get_if<int>(&m_value)) {
+        return *same;
+    }
     return readInteger<int>(m_value, "int32");
 }
 
@@ -398,6 +404,9 @@ long long CValue::as_int64() const {
 }
 
 unsigned int CValue::as_uint32() const {
+    if (unsigned int const* same = std::get_if<unsigned int>(&m_value)) {
+        return *same;
+    }
     return readInteger<unsigned int>(m_value, "uint32");
 }
 
@@ -406,6 +415,9 @@ unsigned long long CValue::as_uint64() const {
 }
 
 float CValue::as_float() const {
+    if (float const* same = std::get_if<float>(&m_value)) {
+        return *same;
+    }
     return std::visit(
         Overloaded{
             [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
