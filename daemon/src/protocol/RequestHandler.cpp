@@ -310,6 +310,15 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
         }
         // Sentinel, not-implemented marker or, for a discrete, 0.
         place(unavailableWords(entry.definition), size, offset, registers, answer);
+    } else if (entry.encoder.registers && registers) {
+        // What nearly every read is: the words straight into their place.
+        std::vector<std::uint16_t> const words = entry.encoder.registers->getData();
+        std::uint16_t* const to = answer.registers.data() + offset;
+        if (size == 1 && !words.empty()) {
+            *to = words.front();  // most entries: without a call to memmove
+        } else {
+            std::copy_n(words.begin(), std::min(words.size(), size), to);
+        }
     } else if (entry.encoder.registers) {
         place(entry.encoder.registers->getData(), size, offset, registers, answer);
     } else {

@@ -23,8 +23,8 @@ namespace cdshost {
 class StoreLock {
   public:
     void lock() noexcept {
-        while (m_held.exchange(true, std::memory_order_acquire)) {
-            waitUntilFree();
+        if (m_held.exchange(true, std::memory_order_acquire)) {
+            lockTaken();
         }
     }
     bool try_lock() noexcept {
@@ -34,6 +34,13 @@ class StoreLock {
     void unlock() noexcept { m_held.store(false, std::memory_order_release); }
 
   private:
+    /* Out of line, so that lock() is small enough to be inlined wherever the
+     * store takes the lock. */
+    [[gnu::noinline]] void lockTaken() noexcept {
+        do {
+            waitUntilFree();
+        } while (m_held.exchange(true, std::memory_order_acquire));
+    }
     /* Reads only (no exchange) while it waits, so the waiters do not take
      * the flag's cache line from the holder. */
     void waitUntilFree() const noexcept {
