@@ -221,8 +221,9 @@ void redetectAll(std::set<CdsChannelAccessor*> const& accessors,
 
 /* One alarm setting of a channel as the accessor delivers it; an invalid
  * value for a DataType that binds nothing. Each case returns its value as it
- * is built, never copied on its way out. */
-kq::CValue readAlarmSetting(DataType dataType, Id channelId) {
+ * is built, never copied on its way out. Out of line: a value's read is then
+ * one short call. */
+[[gnu::noinline]] kq::CValue readAlarmSetting(DataType dataType, Id channelId) {
     if (static_cast<int>(dataType) > kLastBoundDataType) {
         return {};
     }

@@ -248,10 +248,20 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     // One try around the whole range rather than one per entry: what an
     // encoder throws names the entry being read.
     ServedEntry const* reading = nullptr;
+    bool const registers = isRegisterTable(table);
     try {
         for (ServedEntry const* entry : coverage.entries) {
             reading = entry;
-            if (std::uint8_t const code = readEntry(*entry, answer)) {
+            modbus::RegistersDataAccessor const* const encoder = entry->encoder.registers.get();
+            std::uint8_t code = 0;
+            if (registers && encoder != nullptr) {
+                // What nearly every read is, without a call of its own.
+                code = encoder->isDataAvailable() ? readRegisters(*entry, *encoder, answer)
+                                                  : readUnavailable(*entry, answer);
+            } else {
+                code = readEntry(*entry, answer);
+            }
+            if (code != 0) {
                 return refuse(answer, code);
             }
         }
@@ -298,32 +308,48 @@ Answer RequestHandler::identify(Answer answer, std::uint8_t const* pdu, std::siz
  * What the encoder returns is read where it is, never copied. What an
  * encoder throws leaves for the caller, which knows the entry. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
+    if (!available(entry)) {
+        return readUnavailable(entry, answer);
+    }
     std::size_t const offset = entry.definition.address - answer.address;
     std::size_t const size = entry.definition.size;
     // Every entry of a request is in the table the function reads.
     bool const registers =
         answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
-    if (!available(entry)) {
-        UnavailablePolicy const& policy = entry.definition.unavailable;
-        if (policy.mode == UnavailablePolicy::Mode::Exception) {
-            return policy.code;
-        }
-        // Sentinel, not-implemented marker or, for a discrete, 0.
-        place(unavailableWords(entry.definition), size, offset, registers, answer);
-    } else if (entry.encoder.registers && registers) {
-        // What nearly every read is: the words straight into their place.
-        std::vector<std::uint16_t> const words = entry.encoder.registers->getData();
-        std::uint16_t* const to = answer.registers.data() + offset;
-        if (size == 1 && !words.empty()) {
-            *to = words.front();  // most entries: without a call to memmove
-        } else {
-            std::copy_n(words.begin(), std::min(words.size(), size), to);
-        }
-    } else if (entry.encoder.registers) {
+    if (entry.encoder.registers) {
         place(entry.encoder.registers->getData(), size, offset, registers, answer);
     } else {
         place(entry.encoder.discretes->getData(), size, offset, registers, answer);
     }
+    return 0;
+}
+
+/* The words of an available register entry straight into their place. */
+std::uint8_t RequestHandler::readRegisters(ServedEntry const& entry,
+                                           modbus::RegistersDataAccessor const& encoder,
+                                           Answer& answer) {
+    std::size_t const size = entry.definition.size;
+    std::vector<std::uint16_t> const words = encoder.getData();
+    std::uint16_t* const to = answer.registers.data() + (entry.definition.address - answer.address);
+    if (size == 1 && !words.empty()) {
+        *to = words.front();  // most entries: without a call to memmove
+    } else {
+        std::copy_n(words.begin(), std::min(words.size(), size), to);
+    }
+    return 0;
+}
+
+/* What an entry that is not available answers: its exception, or its
+ * sentinel, not-implemented marker or, for a discrete, 0 in its place. */
+std::uint8_t RequestHandler::readUnavailable(ServedEntry const& entry, Answer& answer) {
+    UnavailablePolicy const& policy = entry.definition.unavailable;
+    if (policy.mode == UnavailablePolicy::Mode::Exception) {
+        return policy.code;
+    }
+    bool const registers =
+        answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
+    place(unavailableWords(entry.definition), entry.definition.size,
+          entry.definition.address - answer.address, registers, answer);
     return 0;
 }
 

@@ -334,7 +334,7 @@ Overloaded(Fs...) -> Overloaded<Fs...>;
 
 /* Reads a stored alternative as the integer type T. */
 template <typename T, typename Storage>
-T readInteger(Storage const& storage, char const* target) {
+[[gnu::noinline]] T readInteger(Storage const& storage, char const* target) {
     return std::visit(
         Overloaded{
             [](std::monostate) -> T { return 0; },
@@ -349,6 +349,23 @@ T readInteger(Storage const& storage, char const* target) {
                     return saturateInteger<T>(v);
                 }
             },
+        },
+        storage);
+}
+
+/* as_float() of every other alternative: out of line, so that a float
+ * itself is answered without the conversions' stack frame. */
+template <typename Storage>
+[[gnu::noinline]] float readFloat(Storage const& storage) {
+    return std::visit(
+        Overloaded{
+            [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
+            [](CTimestamp t) { return static_cast<float>(t.microseconds); },
+            // Parsed straight into a float: going through a double first could round twice.
+            [](std::string const& s) { return textToFloating<float>(s, "float"); },
+            [](CValue::Bytes const&) -> float { throwConversion("bytes", "float"); },
+            [](double d) { return narrowToFloat(d); },
+            [](auto v) { return static_cast<float>(v); },  // float itself and every integer
         },
         storage);
 }
@@ -418,17 +435,7 @@ float CValue::as_float() const {
     if (float const* same = std::get_if<float>(&m_value)) {
         return *same;
     }
-    return std::visit(
-        Overloaded{
-            [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
-            [](CTimestamp t) { return static_cast<float>(t.microseconds); },
-            // Parsed straight into a float: going through a double first could round twice.
-            [](std::string const& s) { return textToFloating<float>(s, "float"); },
-            [](Bytes const&) -> float { throwConversion("bytes", "float"); },
-            [](double d) { return narrowToFloat(d); },
-            [](auto v) { return static_cast<float>(v); },  // float itself and every integer
-        },
-        m_value);
+    return readFloat(m_value);
 }
 
 double CValue::as_double() const {
