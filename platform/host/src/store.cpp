@@ -217,7 +217,13 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     channel.device = deviceId;
     channel.name = name;
     channel.value = value;
-    channels.emplace(newId, std::move(channel));
+    Channel& added = channels.emplace(newId, std::move(channel)).first->second;
+    if (newId < kSlottedIds) {
+        if (channelSlots.size() <= newId) {
+            channelSlots.resize(newId + 1, nullptr);
+        }
+        channelSlots[newId] = &added;
+    }
     device.channels.push_back(newId);
     device.channelsByName.emplace(name, newId);
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
@@ -445,6 +451,9 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (it->second.valueReads != 0) {
         callCountById[CallKey{Operation::getChannelCValue, id}] += it->second.valueReads;
     }
+    if (id < channelSlots.size()) {
+        channelSlots[id] = nullptr;
+    }
     channels.erase(it);
 }
 
@@ -455,12 +464,18 @@ kq::CValue Store::Impl::readChannelValue(Id id) {
 
 kq::CValue Store::Impl::readChannelValueLocked(Id id) {
     ++callCount[static_cast<std::size_t>(Operation::getChannelCValue)];
-    auto const it = channels.find(id);
-    if (it == channels.end() || !faults.empty()) {
-        return readAbsentOrFaultedLocked(id, it != channels.end() ? &it->second : nullptr);
+    Channel* const channel =
+        id < channelSlots.size() ? channelSlots[id] : unslottedChannelLocked(id);
+    if (channel == nullptr || !faults.empty()) {
+        return readAbsentOrFaultedLocked(id, channel);
     }
-    ++it->second.valueReads;
-    return it->second.value;
+    ++channel->valueReads;
+    return channel->value;
+}
+
+Store::Impl::Channel* Store::Impl::unslottedChannelLocked(Id id) {
+    auto const it = channels.find(id);
+    return it != channels.end() ? &it->second : nullptr;
 }
 
 kq::CValue Store::Impl::readAbsentOrFaultedLocked(Id id, Channel* channel) {
@@ -523,6 +538,7 @@ void Store::Impl::resetLocked() {
     }
     devices.clear();
     channels.clear();
+    channelSlots.clear();
     devicesByName.clear();
     nextWorldId = 1;
     nextSequence = 0;

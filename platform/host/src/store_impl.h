@@ -105,6 +105,13 @@ struct Store::Impl {
 
     std::unordered_map<Id, Device> devices;
     std::unordered_map<Id, Channel> channels;
+    // The same channels by id for the ids below kSlottedIds (the ids the
+    // store assigns itself, from a counter), so that the read of a value,
+    // made for every served entry on every request, finds its channel
+    // without hashing. Null where no channel has that id; an element of
+    // `channels` keeps its address until it is erased.
+    static constexpr Id kSlottedIds = 1 << 16;
+    std::vector<Channel*> channelSlots;
     // Devices of one name by creation order: the first is the one a look-up
     // by name finds.
     std::unordered_map<std::string, std::map<std::uint64_t, Id>> devicesByName;
@@ -188,7 +195,9 @@ struct Store::Impl {
     /* getChannelCValue, counted and subject to faults as every client call,
      * with one look-up of the channel for the count and the value. */
     kq::CValue readChannelValueLocked(Id channel);
-    /* The same, taking the lock itself. */
+    /* A channel with an id of kSlottedIds or more; null when there is none. */
+    [[gnu::noinline]] Channel* unslottedChannelLocked(Id id);
+    /* readChannelValueLocked(), taking the lock itself. */
     kq::CValue readChannelValue(Id channel);
     /* What readChannelValueLocked() does for a channel that is missing (null)
      * or while faults are armed: kept out of the path of every other read. */
