@@ -289,22 +289,25 @@ void ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity
             --it;
         }
     }
-    // The covered entries are one run of the index: found first, copied at
-    // once (a range of 125 registers is up to 125 entries).
-    auto last = it;
-    std::uint32_t expected = address;  // where the next entry must start for a write
-    bool hole = false;
-    for (; last != index.end(); ++last) {
-        EntryDefinition const& definition = (*last)->definition;
-        if (definition.address >= end) {
-            break;
-        }
-        hole |= definition.address != expected;
-        expected = definition.end();
-    }
+    // The covered entries are one run of the index, found by a second binary
+    // search and copied at once (a range of 125 registers is up to 125
+    // entries); only a write looks at each of them, for holes.
+    auto const last = std::lower_bound(
+        it, index.end(), end,
+        [](ServedEntry const* e, std::uint32_t a) { return e->definition.address < a; });
     result.entries.assign(it, last);
-    hole = hole || expected != end;
-    bool const endsInside = expected > end;  // the last entry runs past the range
+    bool hole = false;
+    if (write) {
+        std::uint32_t expected = address;  // where the next entry must start
+        for (ServedEntry const* entry : result.entries) {
+            hole = hole || entry->definition.address != expected;
+            expected = entry->definition.end();
+        }
+        hole = hole || expected != end;
+    }
+    // The last entry runs past the range.
+    bool const endsInside =
+        !result.entries.empty() && result.entries.back()->definition.end() > end;
     if (result.entries.empty() || endsInside || (write && hole)) {
         result.entries.clear();
         result.exception = kIllegalDataAddress;
