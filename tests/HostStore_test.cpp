@@ -640,7 +640,7 @@ TEST_F(HostStoreTest, ClientReadsWhileAnotherThreadWritesNeverSeeAHalfWrittenVal
     std::string const first(64, 'a');
     std::string const second(96, 'b');
     Id const ch = store.addChannel(store.addDevice("UPS"), "Text", kq::CValue(first));
-    constexpr int kRounds = 2000;
+    constexpr int kRounds = 20000;
     std::thread writer([&] {
         for (int i = 0; i < kRounds; ++i) {
             store.setChannelValue(ch, kq::CValue(i % 2 == 0 ? second : first), false);
