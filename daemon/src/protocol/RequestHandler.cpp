@@ -117,6 +117,20 @@ void place(Words const& words, std::size_t size, std::size_t offset, bool regist
     }
 }
 
+/* The words of an available register entry straight into their place;
+ * inline in the range's loop, since it is most of what a read does. */
+inline void placeRegisters(ServedEntry const& entry, modbus::RegistersDataAccessor const& encoder,
+                           Answer& answer) {
+    std::size_t const size = entry.definition.size;
+    std::vector<std::uint16_t> const words = encoder.getData();
+    std::uint16_t* const to = answer.registers.data() + (entry.definition.address - answer.address);
+    if (size == 1 && !words.empty()) {
+        *to = words.front();  // most entries: without a call to memmove
+    } else {
+        std::copy_n(words.begin(), std::min(words.size(), size), to);
+    }
+}
+
 /* One write's line in the audit trail and in the log, where a client's
  * repeated writes to one entry are summarised under `key`. */
 struct AuditLine {
@@ -256,8 +270,11 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
             std::uint8_t code = 0;
             if (registers && encoder != nullptr) {
                 // What nearly every read is, without a call of its own.
-                code = encoder->isDataAvailable() ? readRegisters(*entry, *encoder, answer)
-                                                  : readUnavailable(*entry, answer);
+                if (encoder->isDataAvailable()) {
+                    placeRegisters(*entry, *encoder, answer);
+                } else {
+                    code = readUnavailable(*entry, answer);
+                }
             } else {
                 code = readEntry(*entry, answer);
             }
@@ -320,21 +337,6 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
         place(entry.encoder.registers->getData(), size, offset, registers, answer);
     } else {
         place(entry.encoder.discretes->getData(), size, offset, registers, answer);
-    }
-    return 0;
-}
-
-/* The words of an available register entry straight into their place. */
-std::uint8_t RequestHandler::readRegisters(ServedEntry const& entry,
-                                           modbus::RegistersDataAccessor const& encoder,
-                                           Answer& answer) {
-    std::size_t const size = entry.definition.size;
-    std::vector<std::uint16_t> const words = encoder.getData();
-    std::uint16_t* const to = answer.registers.data() + (entry.definition.address - answer.address);
-    if (size == 1 && !words.empty()) {
-        *to = words.front();  // most entries: without a call to memmove
-    } else {
-        std::copy_n(words.begin(), std::min(words.size(), size), to);
     }
     return 0;
 }
