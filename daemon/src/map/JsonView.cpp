@@ -1,0 +1,211 @@
+#include "JsonView.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace tarsel::daemon {
+
+namespace {
+
+using simdjson::dom::element_type;
+
+/* Whether the text has the number -0: a '-' where a value may start (at the
+ * beginning or after '[', ':', ',' or white space) followed by a '0' that no
+ * digit, fraction or exponent continues. Inside a string such a "-0" counts
+ * too, which only sends that document the slower way; "threshold-0" does not. */
+bool hasNegativeZero(std::string const& text) {
+    char const* const first = text.data();
+    char const* const last = first + text.size();
+    char const* at = first;
+    while ((at = static_cast<char const*>(std::memchr(at, '-', last - at))) != nullptr) {
+        char const before = at == first ? ' ' : at[-1];
+        ++at;
+        bool const startsValue = before == '[' || before == ':' || before == ',' || before == ' ' ||
+                                 before == '\t' || before == '\n' || before == '\r';
+        if (!startsValue || at == last || *at != '0') {
+            continue;
+        }
+        char const next = at + 1 == last ? ' ' : at[1];
+        bool const continues =
+            (next >= '0' && next <= '9') || next == '.' || next == 'e' || next == 'E';
+        if (!continues) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Whether an object of the document, at any depth, names a field twice. */
+class RepeatedNames {
+  public:
+    bool in(simdjson::dom::element element) {
+        if (element.type() == element_type::ARRAY) {
+            for (auto const child : simdjson::dom::array(element)) {
+                if (in(child)) {
+                    return true;
+                }
+            }
+        } else if (element.type() == element_type::OBJECT) {
+            return inObject(simdjson::dom::object(element));
+        }
+        return false;
+    }
+
+  private:
+    // Objects up to this size are compared pair by pair, which costs less
+    // than sorting their names.
+    static constexpr std::size_t kPairwise = 16;
+
+    bool inObject(simdjson::dom::object object) {
+        std::size_t const first = m_names.size();
+        for (auto const field : object) {
+            m_names.push_back(field.key);
+            if (in(field.value)) {
+                return true;
+            }
+        }
+        auto const begin = m_names.begin() + static_cast<std::ptrdiff_t>(first);
+        bool repeated = false;
+        if (m_names.size() - first <= kPairwise) {
+            for (auto at = begin; !repeated && at != m_names.end(); ++at) {
+                repeated = std::find(at + 1, m_names.end(), *at) != m_names.end();
+            }
+        } else {
+            std::sort(begin, m_names.end());
+            repeated = std::adjacent_find(begin, m_names.end()) != m_names.end();
+        }
+        m_names.resize(first);
+        return repeated;
+    }
+
+    // The names of the objects being walked, innermost last.
+    std::vector<std::string_view> m_names;
+};
+
+}  // namespace
+
+bool JsonView::is_number_integer() const {
+    auto const kind = type();
+    return kind == element_type::INT64 || kind == element_type::UINT64;
+}
+
+bool JsonView::is_number_unsigned() const {
+    auto const kind = type();
+    return kind == element_type::UINT64 ||
+           (kind == element_type::INT64 && std::int64_t(m_element) >= 0);
+}
+
+template <>
+std::string JsonView::get<std::string>() const {
+    return std::string(text_view());
+}
+
+template <>
+double JsonView::get<double>() const {
+    switch (type()) {
+        case element_type::INT64:
+            return static_cast<double>(std::int64_t(m_element));
+        case element_type::UINT64:
+            return static_cast<double>(std::uint64_t(m_element));
+        default:
+            return double(m_element);
+    }
+}
+
+template <>
+long long JsonView::get<long long>() const {
+    switch (type()) {
+        case element_type::INT64:
+            return std::int64_t(m_element);
+        case element_type::UINT64:
+            return static_cast<long long>(std::uint64_t(m_element));
+        default:
+            return static_cast<long long>(double(m_element));
+    }
+}
+
+template <>
+unsigned long long JsonView::get<unsigned long long>() const {
+    switch (type()) {
+        case element_type::INT64:
+            return static_cast<unsigned long long>(std::int64_t(m_element));
+        case element_type::UINT64:
+            return std::uint64_t(m_element);
+        default:
+            return static_cast<unsigned long long>(double(m_element));
+    }
+}
+
+template <>
+unsigned JsonView::get<unsigned>() const {
+    return static_cast<unsigned>(get<unsigned long long>());
+}
+
+template <>
+bool JsonView::get<bool>() const {
+    return bool(m_element);
+}
+
+JsonView::Found JsonView::find(std::string_view key) const {
+    if (!is_object()) {
+        return Found();
+    }
+    for (auto const field : simdjson::dom::object(m_element)) {
+        if (field.key == key) {
+            return Found(JsonView(field.value));
+        }
+    }
+    return Found();
+}
+
+bool JsonView::operator==(int number) const {
+    return is_number() && get<double>() == number;
+}
+
+bool JsonView::operator==(char const* text) const {
+    return is_string() && text_view() == text;
+}
+
+JsonView JsonView::operator[](std::size_t index) const {
+    return JsonView(simdjson::dom::array(m_element).at(index).value_unsafe());
+}
+
+std::size_t JsonView::size() const {
+    switch (type()) {
+        case element_type::ARRAY:
+            return simdjson::dom::array(m_element).size();
+        case element_type::OBJECT:
+            return simdjson::dom::object(m_element).size();
+        case element_type::NULL_VALUE:
+            return 0;
+        default:
+            return 1;
+    }
+}
+
+JsonView::ArrayIterator JsonView::begin() const {
+    simdjson::dom::array const array(m_element);
+    return ArrayIterator(array.begin(), array.end());
+}
+
+std::string JsonView::dump() const {
+    return simdjson::minify(m_element);
+}
+
+std::optional<JsonDocument> JsonDocument::parse(std::string const& text) {
+    if (hasNegativeZero(text)) {
+        return std::nullopt;
+    }
+    JsonDocument document;
+    document.m_parser = std::make_unique<simdjson::dom::parser>();
+    if (document.m_parser->parse(text).get(document.m_root) != simdjson::SUCCESS) {
+        return std::nullopt;
+    }
+    if (RepeatedNames().in(document.m_root)) {
+        return std::nullopt;
+    }
+    return document;
+}
+
+}  // namespace tarsel::daemon
