@@ -69,7 +69,7 @@ TEST(JsonViewTest, FindsFieldsAndWalksArraysInOrder) {
     EXPECT_FALSE(list[std::size_t{2}]["k"].get<bool>());
     std::string names;
     for (auto const& item : root.items()) {
-        names += item.key() + ",";
+        names.append(item.key()).append(",");
     }
     EXPECT_EQ(names, "name,list,none,");
 }

@@ -91,7 +91,7 @@ std::vector<IdentificationObjectDefinition> parseIdentification(
     std::array<bool, kObjectNames.size()> named{};
     check.text(section, "comment", "identification", false);
     for (auto const& item : section.items()) {
-        std::string const name = item.key();
+        std::string const name(item.key());
         std::string const where = "identification." + name;
         if (name == "comment") {
             continue;

@@ -117,10 +117,10 @@ std::optional<bool> JsonChecker::boolean(Json const& object, char const* key,
 
 template <class Json>
 void JsonChecker::unknownFields(Json const& object, std::string const& where,
-                                std::set<std::string> const& allowed, std::string const& context) {
+                                FieldNames const& allowed, std::string const& context) {
     for (auto const& item : object.items()) {
-        if (allowed.count(item.key()) == 0) {
-            error(field(where, item.key().c_str()), "unknown field" + context);
+        if (allowed.find(item.key()) == allowed.end()) {
+            error(field(where, std::string(item.key()).c_str()), "unknown field" + context);
         }
     }
 }
@@ -135,18 +135,18 @@ bool JsonChecker::expectObject(Json const& value, std::string const& where) {
 }
 
 /* The two readings the loaders check. */
-#define TARSEL_JSON_CHECKER_READS(Json)                                                         \
-    template std::optional<long long> JsonChecker::integer(                                     \
-        Json const&, char const*, std::string const&, long long, long long, bool);              \
-    template std::optional<double> JsonChecker::number(Json const&, char const*,                \
-                                                       std::string const&, bool);               \
-    template std::optional<std::string> JsonChecker::text(Json const&, char const*,             \
-                                                          std::string const&, bool);            \
-    template std::optional<bool> JsonChecker::boolean(Json const&, char const*,                 \
-                                                      std::string const&, bool);                \
-    template void JsonChecker::unknownFields(Json const&, std::string const&,                   \
-                                             std::set<std::string> const&, std::string const&); \
-    template bool JsonChecker::expectObject(Json const&, std::string const&);                   \
+#define TARSEL_JSON_CHECKER_READS(Json)                                                          \
+    template std::optional<long long> JsonChecker::integer(                                      \
+        Json const&, char const*, std::string const&, long long, long long, bool);               \
+    template std::optional<double> JsonChecker::number(Json const&, char const*,                 \
+                                                       std::string const&, bool);                \
+    template std::optional<std::string> JsonChecker::text(Json const&, char const*,              \
+                                                          std::string const&, bool);             \
+    template std::optional<bool> JsonChecker::boolean(Json const&, char const*,                  \
+                                                      std::string const&, bool);                 \
+    template void JsonChecker::unknownFields(Json const&, std::string const&, FieldNames const&, \
+                                             std::string const&);                                \
+    template bool JsonChecker::expectObject(Json const&, std::string const&);                    \
     template std::string JsonChecker::shortDump(Json const&);
 
 TARSEL_JSON_CHECKER_READS(nlohmann::json)

@@ -13,6 +13,9 @@ namespace tarsel::daemon {
 
 class JsonView;
 
+/* Field names, looked up by std::string or std::string_view. */
+using FieldNames = std::set<std::string, std::less<>>;
+
 /* The reads work on a nlohmann::json or on a JsonView (a document parsed by
  * simdjson): one checking code serves both readings of a file. */
 class JsonChecker {
@@ -40,8 +43,8 @@ class JsonChecker {
 
     /* Reports every key of the object that is not in allowed. */
     template <class Json>
-    void unknownFields(Json const& object, std::string const& where,
-                       std::set<std::string> const& allowed, std::string const& context);
+    void unknownFields(Json const& object, std::string const& where, FieldNames const& allowed,
+                       std::string const& context);
 
     /* Reports a value that is not an object; true when it is one. */
     template <class Json>

@@ -107,7 +107,7 @@ class JsonView::ArrayIterator {
 class JsonView::Item {
   public:
     explicit Item(simdjson::dom::key_value_pair field) : m_field(field) {}
-    std::string key() const { return std::string(m_field.key); }
+    std::string_view key() const { return m_field.key; }
     JsonView value() const { return JsonView(m_field.value); }
 
   private:

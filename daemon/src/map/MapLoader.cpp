@@ -29,11 +29,10 @@ constexpr long long kMaxReadBits = 2000;
 constexpr long long kMaxWriteBits = 1968;
 constexpr long long kTableSize = 65536;
 
-std::set<std::string> const kCommonFields = {"name",        "comment",   "table",
-                                             "address",     "encoder",   "unit",
-                                             "unavailable", "allowRead", "allowWrite"};
+FieldNames const kCommonFields = {"name", "comment",     "table",     "address",   "encoder",
+                                  "unit", "unavailable", "allowRead", "allowWrite"};
 
-std::set<std::string> encoderFields(EncoderKind kind) {
+FieldNames encoderFields(EncoderKind kind) {
     switch (kind) {
         case EncoderKind::Float:
             return {"source", "multiplier", "byteOrder"};
@@ -64,10 +63,10 @@ std::set<std::string> encoderFields(EncoderKind kind) {
 
 /* Every field an entry of the encoder may have: built once per encoder, not
  * once per entry (a map has thousands of entries and a handful of encoders). */
-std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
+FieldNames const& allowedEntryFields(EncoderKind kind) {
     // Maps are loaded on more than one thread (a reload, a UPS's own map).
     static std::mutex guard;
-    static std::map<EncoderKind, std::set<std::string>> built;
+    static std::map<EncoderKind, FieldNames> built;
     std::lock_guard<std::mutex> lock(guard);
     auto found = built.find(kind);
     if (found == built.end()) {
@@ -80,8 +79,8 @@ std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
     return found->second;
 }
 
-std::set<std::string> const kSourceFields = {"device",    "path",  "channel", "data",
-                                             "attribute", "alarm", "comment"};
+FieldNames const kSourceFields = {"device",    "path",  "channel", "data",
+                                  "attribute", "alarm", "comment"};
 
 std::uint16_t fixedSize(EncoderKind kind) {
     switch (kind) {
