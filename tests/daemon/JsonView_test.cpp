@@ -80,18 +80,50 @@ TEST(JsonDocumentTest, TextThatIsNotJsonIsRefused) {
     }
 }
 
-// nlohmann keeps the last of repeated names where simdjson keeps both: such a
-// document is left to nlohmann.
-TEST(JsonDocumentTest, RepeatedFieldNamesAtAnyDepthAreRefused) {
-    EXPECT_FALSE(JsonDocument::parse(R"({"a": 1, "b": 2, "a": 3})"));
-    EXPECT_FALSE(JsonDocument::parse(R"({"entries": [{}, {"x": {"y": 1, "y": 1}}]})"));
+bool repeats(std::string const& text) {
+    auto const document = JsonDocument::parse(text);
+    return document && document->hasRepeatedNames();
+}
+
+// nlohmann keeps the last of repeated names where simdjson keeps both.
+TEST(JsonDocumentTest, RepeatedFieldNamesAreFoundAtAnyDepth) {
+    EXPECT_TRUE(repeats(R"({"a": 1, "b": 2, "a": 3})"));
+    EXPECT_TRUE(repeats(R"({"entries": [{}, {"x": {"y": 1, "y": 1}}]})"));
     std::string wide = "{";
     for (int i = 0; i < 40; ++i) {
         wide += "\"k" + std::to_string(i) + "\": " + std::to_string(i) + ",";
     }
-    EXPECT_TRUE(JsonDocument::parse(wide + "\"last\": 0}"));
-    EXPECT_FALSE(JsonDocument::parse(wide + "\"k17\": 0}"));
-    EXPECT_TRUE(JsonDocument::parse(R"({"a": {"a": {"a": 1}}, "b": [{"a": 1}, {"a": 2}]})"));
+    EXPECT_FALSE(repeats(wide + "\"last\": 0}"));
+    EXPECT_TRUE(repeats(wide + "\"k17\": 0}"));
+    EXPECT_FALSE(repeats(R"({"a": {"a": {"a": 1}}, "b": [{"a": 1}, {"a": 2}]})"));
+}
+
+/* Whether two values have the same type everywhere and compare equal. */
+void expectSameJson(nlohmann::json const& actual, nlohmann::json const& expected,
+                    std::string const& where) {
+    ASSERT_EQ(actual.type(), expected.type()) << where;
+    EXPECT_EQ(actual, expected) << where;
+    if (expected.is_object()) {
+        ASSERT_EQ(actual.size(), expected.size()) << where;
+        for (auto const& item : expected.items()) {
+            expectSameJson(actual.at(item.key()), item.value(), where + "." + item.key());
+        }
+    } else if (expected.is_array()) {
+        ASSERT_EQ(actual.size(), expected.size()) << where;
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            expectSameJson(actual[i], expected[i], where + "[" + std::to_string(i) + "]");
+        }
+    }
+}
+
+TEST(JsonViewTest, ToJsonGivesWhatNlohmannsParseGivesTypesIncluded) {
+    std::string const text =
+        R"({"devices": [{"id": 2, "name": "UPS", "channels": {"A": 1.5, "B": -3, "C": 7,
+            "D": true, "E": "text", "F": null, "G": 18446744073709551615, "H": 2.0}}],
+            "events": [], "list": [[], {}, [0, -0.0, 1e-3]], "twice": 1, "twice": [2]})";
+    auto const document = JsonDocument::parse(text);
+    ASSERT_TRUE(document);
+    expectSameJson(document->root().toJson(), nlohmann::json::parse(text), "root");
 }
 
 // To nlohmann -0 is an integer that is not unsigned; simdjson cannot tell it

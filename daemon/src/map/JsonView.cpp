@@ -152,7 +152,10 @@ JsonView::Found JsonView::find(std::string_view key) const {
         return Found();
     }
     for (auto const field : simdjson::dom::object(m_element)) {
-        if (field.key == key) {
+        // Compared in line: field names are short, and most differ in length
+        // or in their first letter.
+        if (field.key.size() == key.size() &&
+            std::equal(key.begin(), key.end(), field.key.begin())) {
             return Found(JsonView(field.value));
         }
     }
@@ -193,6 +196,46 @@ std::string JsonView::dump() const {
     return simdjson::minify(m_element);
 }
 
+nlohmann::json JsonView::toJson() const {
+    using json = nlohmann::json;
+    switch (type()) {
+        case element_type::OBJECT: {
+            json result = json::object();
+            auto& fields = result.get_ref<json::object_t&>();
+            // Assigned in the document's order, so that of a repeated name
+            // the last stays, as in nlohmann's reading.
+            for (auto const field : simdjson::dom::object(m_element)) {
+                fields.insert_or_assign(std::string(field.key), JsonView(field.value).toJson());
+            }
+            return result;
+        }
+        case element_type::ARRAY: {
+            json result = json::array();
+            auto& elements = result.get_ref<json::array_t&>();
+            for (auto const element : simdjson::dom::array(m_element)) {
+                elements.push_back(JsonView(element).toJson());
+            }
+            return result;
+        }
+        case element_type::STRING:
+            return json(text_view());
+        case element_type::INT64: {
+            std::int64_t const number(m_element);
+            // JsonDocument refuses -0, so a number from 0 up had no sign.
+            return number >= 0 ? json(static_cast<std::uint64_t>(number)) : json(number);
+        }
+        case element_type::UINT64:
+            return json(std::uint64_t(m_element));
+        case element_type::DOUBLE:
+            return json(double(m_element));
+        case element_type::BOOL:
+            return json(bool(m_element));
+        case element_type::NULL_VALUE:
+            break;
+    }
+    return json();
+}
+
 std::optional<JsonDocument> JsonDocument::parse(std::string const& text) {
     if (hasNegativeZero(text)) {
         return std::nullopt;
@@ -202,10 +245,11 @@ std::optional<JsonDocument> JsonDocument::parse(std::string const& text) {
     if (document.m_parser->parse(text).get(document.m_root) != simdjson::SUCCESS) {
         return std::nullopt;
     }
-    if (RepeatedNames().in(document.m_root)) {
-        return std::nullopt;
-    }
     return document;
+}
+
+bool JsonDocument::hasRepeatedNames() const {
+    return RepeatedNames().in(m_root);
 }
 
 }  // namespace tarsel::daemon

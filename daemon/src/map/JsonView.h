@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include <simdjson.h>
+#include <nlohmann/json.hpp>
 
 namespace tarsel::daemon {
 
@@ -64,6 +65,10 @@ class JsonView {
 
     /* The value as compact JSON text. */
     std::string dump() const;
+
+    /* The value as the nlohmann::json that nlohmann's own parse of the text
+     * gives: a non-negative integer unsigned, a negative one signed. */
+    nlohmann::json toJson() const;
 
   private:
     simdjson::dom::element_type type() const { return m_element.type(); }
@@ -166,12 +171,14 @@ bool JsonView::get<bool>() const;
 /* A parsed document whose values are read through JsonView. */
 class JsonDocument {
   public:
-    /* Parses text; nothing when simdjson finds it invalid or when its
-     * reading could differ from nlohmann's: a repeated field name in an
-     * object (nlohmann keeps the last, simdjson both) or the number -0
-     * (an integer that is not unsigned to nlohmann, which simdjson cannot
-     * tell from 0). */
+    /* Parses text; nothing when simdjson finds it invalid or when it has
+     * the number -0 (an integer that is not unsigned to nlohmann, which
+     * simdjson cannot tell from 0). */
     static std::optional<JsonDocument> parse(std::string const& text);
+
+    /* Whether an object, at any depth, names a field twice: nlohmann keeps
+     * the last, JsonView::find() the first and items() both. */
+    bool hasRepeatedNames() const;
 
     JsonView root() const { return JsonView(m_root); }
 

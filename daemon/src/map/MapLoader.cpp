@@ -670,7 +670,7 @@ MapError::MapError(std::vector<std::string> errors)
 
 std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& text) {
     auto const document = JsonDocument::parse(text);
-    if (!document) {
+    if (!document || document->hasRepeatedNames()) {
         return std::nullopt;
     }
     MapParser<JsonView> parser;

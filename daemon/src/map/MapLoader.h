@@ -27,7 +27,8 @@ class MapError : public std::runtime_error {
 RegisterMapDefinition parseRegisterMap(std::string const& text);
 
 /* The map read with simdjson; nothing when simdjson cannot read the text the
- * way nlohmann does (see JsonDocument) or when the map has any error. */
+ * way nlohmann does (see JsonDocument: -0, a field name repeated in an object)
+ * or when the map has any error. */
 std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& text);
 
 /* The map read with nlohmann alone; throws MapError with every error. */
