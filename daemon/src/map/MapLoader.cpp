@@ -6,7 +6,6 @@
 #include <map>
 #include <mutex>
 #include <set>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -61,19 +60,30 @@ FieldNames encoderFields(EncoderKind kind) {
     return {};
 }
 
-/* Every field an entry of the encoder may have: built once per encoder, not
- * once per entry (a map has thousands of entries and a handful of encoders). */
-FieldNames const& allowedEntryFields(EncoderKind kind) {
+std::string quoted(std::string const& text) {
+    return "\"" + text + "\"";
+}
+
+/* Every field an entry of the encoder may have, and the words an unknown one
+ * is reported with. */
+struct EntryFields {
+    FieldNames allowed;
+    std::string context;  // " for encoder \"float\""
+};
+
+/* Built once per encoder, not once per entry (a map has thousands of entries
+ * and a handful of encoders). */
+EntryFields const& entryFields(EncoderKind kind) {
     // Maps are loaded on more than one thread (a reload, a UPS's own map).
     static std::mutex guard;
-    static std::map<EncoderKind, FieldNames> built;
+    static std::map<EncoderKind, EntryFields> built;
     std::lock_guard<std::mutex> lock(guard);
     auto found = built.find(kind);
     if (found == built.end()) {
-        auto allowed = kCommonFields;
+        EntryFields fields{kCommonFields, " for encoder " + quoted(encoderName(kind))};
         auto const own = encoderFields(kind);
-        allowed.insert(own.begin(), own.end());
-        found = built.emplace(kind, std::move(allowed)).first;
+        fields.allowed.insert(own.begin(), own.end());
+        found = built.emplace(kind, std::move(fields)).first;
     }
     // A node of a std::map stays where it is: the reference outlives the lock.
     return found->second;
@@ -92,10 +102,6 @@ std::uint16_t fixedSize(EncoderKind kind) {
         default:
             return 1;
     }
-}
-
-std::string quoted(std::string const& text) {
-    return "\"" + text + "\"";
 }
 
 /* Reads a map from either reading of its JSON (see parseRegisterMap). */
@@ -241,8 +247,8 @@ std::optional<EntryDefinition> MapParser<Json>::parseEntry(Json const& value,
     if (!parseHeader(value, definition)) {
         return std::nullopt;
     }
-    m_check.unknownFields(value, where, allowedEntryFields(definition.encoder),
-                          " for encoder " + quoted(encoderName(definition.encoder)));
+    EntryFields const& fields = entryFields(definition.encoder);
+    m_check.unknownFields(value, where, fields.allowed, fields.context);
     if (value.contains("unavailable")) {
         definition.unavailable =
             parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
@@ -713,9 +719,24 @@ std::string readTextFile(std::string const& path) {
     if (!in) {
         throw std::runtime_error("cannot read " + path);
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    // Read straight into the string: a map or scenario of thousands of
+    // entries is megabytes, which a string stream would copy. A file whose
+    // size is known is read at once, anything else (a pipe) in blocks.
+    std::string text;
+    in.seekg(0, std::ios::end);
+    auto const size = static_cast<std::streamoff>(in.tellg());
+    in.seekg(0, std::ios::beg);
+    if (size > 0 && in) {
+        text.resize(static_cast<std::size_t>(size));
+        in.read(text.data(), size);
+        text.resize(static_cast<std::size_t>(in.gcount()));
+    }
+    in.clear();
+    char block[65536];
+    while (in.read(block, sizeof block) || in.gcount() > 0) {
+        text.append(block, static_cast<std::size_t>(in.gcount()));
+    }
+    return text;
 }
 
 }  // namespace tarsel::daemon
