@@ -242,7 +242,11 @@ std::optional<JsonDocument> JsonDocument::parse(std::string const& text) {
     }
     JsonDocument document;
     document.m_parser = std::make_unique<simdjson::dom::parser>();
-    if (document.m_parser->parse(text).get(document.m_root) != simdjson::SUCCESS) {
+    // Always copied into simdjson's zero-padded buffer: parsing the string in
+    // place would read the uninitialised bytes past its end, up to its capacity.
+    constexpr bool kCopy = true;
+    if (document.m_parser->parse(text.data(), text.size(), kCopy).get(document.m_root) !=
+        simdjson::SUCCESS) {
         return std::nullopt;
     }
     return document;
