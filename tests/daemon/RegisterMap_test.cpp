@@ -2,9 +2,15 @@
 // kind of error, each pinning the message that names the entry.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "EmbeddedDefaults.h"
 #include "MapLoader.h"
@@ -524,6 +530,51 @@ TEST(RegisterMapTest, NegativeZeroInASubDevicePathIsRefused) {
             "source": {"device": 2, "path": [-0], "channel": "V"}})"));
     EXPECT_TRUE(
         contains(errors, "entries[0].source.path: expected an array of sub-device indexes"));
+}
+
+/* Text of every byte value, longer than one read block. */
+std::string largeText() {
+    std::string text;
+    for (int i = 0; i < 200000; ++i) {
+        text.push_back(static_cast<char>(i * 7 % 256));
+    }
+    return text;
+}
+
+std::string tempPath(char const* name) {
+    return ::testing::TempDir() + "/" + name + "-" + std::to_string(::getpid());
+}
+
+TEST(RegisterMapTest, ReadTextFileReadsAFileWhole) {
+    std::string const path = tempPath("whole");
+    std::string const text = largeText();
+    std::ofstream(path, std::ios::binary) << text;
+    EXPECT_EQ(readTextFile(path), text);
+    std::ofstream(path, std::ios::binary | std::ios::trunc).flush();
+    EXPECT_EQ(readTextFile(path), "");
+    std::remove(path.c_str());
+}
+
+// A pipe has no size to read at once: it is read block by block.
+TEST(RegisterMapTest, ReadTextFileReadsAPipeToItsEnd) {
+    std::string const path = tempPath("fifo");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    std::string const text = largeText();
+    std::thread writer([&] { std::ofstream(path, std::ios::binary) << text; });
+    std::string const read = readTextFile(path);
+    writer.join();
+    EXPECT_EQ(read, text);
+    std::remove(path.c_str());
+}
+
+TEST(RegisterMapTest, ReadTextFileNamesAFileItCannotRead) {
+    std::string const path = tempPath("missing");
+    try {
+        readTextFile(path);
+        ADD_FAILURE() << "a missing file was read";
+    } catch (std::runtime_error const& error) {
+        EXPECT_EQ(std::string(error.what()), "cannot read " + path);
+    }
 }
 
 }  // namespace
