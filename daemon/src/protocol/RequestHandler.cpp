@@ -131,6 +131,18 @@ inline void placeRegisters(ServedEntry const& entry, modbus::RegistersDataAccess
     }
 }
 
+/* The bits of an available discrete entry straight into their place, one
+ * byte (0 or 1) each, as the answer keeps them. */
+inline void placeBits(ServedEntry const& entry, modbus::DiscretesDataAccessor const& encoder,
+                      Answer& answer) {
+    std::vector<std::uint8_t> const values = encoder.getData();
+    std::size_t const count = std::min<std::size_t>(values.size(), entry.definition.size);
+    std::uint8_t* const to = answer.bits.data() + (entry.definition.address - answer.address);
+    for (std::size_t i = 0; i < count; ++i) {
+        to[i] = values[i] != 0 ? 1 : 0;
+    }
+}
+
 /* One write's line in the audit trail and in the log, where a client's
  * repeated writes to one entry are summarised under `key`. */
 struct AuditLine {
@@ -267,11 +279,18 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         for (ServedEntry const* entry : coverage.entries) {
             reading = entry;
             modbus::RegistersDataAccessor const* const encoder = entry->encoder.registers.get();
+            modbus::DiscretesDataAccessor const* const bits = entry->encoder.discretes.get();
             std::uint8_t code = 0;
+            // What nearly every read is, without a call of its own.
             if (registers && encoder != nullptr) {
-                // What nearly every read is, without a call of its own.
                 if (encoder->isDataAvailable()) {
                     placeRegisters(*entry, *encoder, answer);
+                } else {
+                    code = readUnavailable(*entry, answer);
+                }
+            } else if (!registers && bits != nullptr && encoder == nullptr) {
+                if (bits->isDataAvailable()) {
+                    placeBits(*entry, *bits, answer);
                 } else {
                     code = readUnavailable(*entry, answer);
                 }

@@ -18,9 +18,11 @@ void putWord(std::vector<std::uint8_t>& out, std::uint16_t value) {
 void putPackedBits(std::vector<std::uint8_t>& out, std::vector<std::uint8_t> const& bits) {
     std::size_t const first = out.size();
     out.resize(first + (bits.size() + 7) / 8, 0);
+    // Through a local pointer, as putBody() writes words.
+    std::uint8_t* const packed = out.data() + first;
     for (std::size_t i = 0; i < bits.size(); ++i) {
         if (bits[i] != 0) {
-            out[first + i / 8] = static_cast<std::uint8_t>(out[first + i / 8] | (1u << (i % 8)));
+            packed[i / 8] = static_cast<std::uint8_t>(packed[i / 8] | (1u << (i % 8)));
         }
     }
 }

@@ -370,6 +370,27 @@ template <typename Storage>
         storage);
 }
 
+/* as_bool() of every other alternative, out of line like readFloat(). */
+template <typename Storage>
+[[gnu::noinline]] bool readBool(Storage const& storage) {
+    return std::visit(Overloaded{
+                          [](std::monostate) { return false; },
+                          [](bool b) { return b; },
+                          [](CTimestamp t) { return t.microseconds != 0; },
+                          [](std::string const& s) { return textToBool(s); },
+                          [](CValue::Bytes const&) -> bool { throwConversion("bytes", "bool"); },
+                          [](auto v) {
+                              // NaN compares unequal to everything, so test it first: NaN is false.
+                              if constexpr (std::is_floating_point_v<decltype(v)>) {
+                                  return !std::isnan(v) && v != 0;
+                              } else {
+                                  return v != 0;
+                              }
+                          },
+                      },
+                      storage);
+}
+
 /* Reads a stored alternative as a double (floats widen exactly). */
 template <typename Storage>
 double readDouble(Storage const& storage) {
@@ -387,27 +408,15 @@ double readDouble(Storage const& storage) {
 
 }  // namespace
 
-bool CValue::as_bool() const {
-    return std::visit(Overloaded{
-                          [](std::monostate) { return false; },
-                          [](bool b) { return b; },
-                          [](CTimestamp t) { return t.microseconds != 0; },
-                          [](std::string const& s) { return textToBool(s); },
-                          [](Bytes const&) -> bool { throwConversion("bytes", "bool"); },
-                          [](auto v) {
-                              // NaN compares unequal to everything, so test it first: NaN is false.
-                              if constexpr (std::is_floating_point_v<decltype(v)>) {
-                                  return !std::isnan(v) && v != 0;
-                              } else {
-                                  return v != 0;
-                              }
-                          },
-                      },
-                      m_value);
-}
-
 // The readers a served map calls on every request answer a value of their own
 // type before any conversion is considered.
+
+bool CValue::as_bool() const {
+    if (bool const* same = std::get_if<bool>(&m_value)) {
+        return *same;
+    }
+    return readBool(m_value);
+}
 
 int CValue::as_int32() const {
     if (int const* same = std::get_if<int>(&m_value)) {
