@@ -1,5 +1,6 @@
 #include "ResponseEncoder.h"
 
+#include <cstring>
 #include <stdexcept>
 
 namespace tarsel::daemon {
@@ -74,14 +75,18 @@ void encodeResponse(std::uint8_t const* request, std::size_t length, Answer cons
     }
     frame.clear();
     frame.reserve(kMaxFrame);
-    frame.insert(frame.end(), request, request + 4);  // transaction and protocol id
-    putWord(frame, 0);                                // the length, set below
-    frame.push_back(request[6]);                      // unit id
+    // The header and the function code written in place, not byte by byte.
+    frame.resize(kHeaderLength + 1);
+    std::uint8_t* const head = frame.data();
+    std::memcpy(head, request, 4);  // transaction and protocol id
+    head[4] = 0;                    // the length, set below
+    head[5] = 0;
+    head[6] = request[6];  // unit id
     if (answer.exception != 0) {
-        frame.push_back(static_cast<std::uint8_t>(answer.function | 0x80));
+        head[7] = static_cast<std::uint8_t>(answer.function | 0x80);
         frame.push_back(answer.exception);
     } else {
-        frame.push_back(answer.function);
+        head[7] = answer.function;
         putBody(frame, request + kHeaderLength, answer);
     }
     // Unit id and PDU.
