@@ -177,22 +177,34 @@ std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uin
 Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
     m_origin = &origin;
-    // Built in place: the string keeps its storage from request to request.
-    char fields[48];
-    char const* const fieldsEnd = writeFrameFields(fields, frame, length);
-    m_fields.clear();
-    m_fields.append("client=", 7)
-        .append(origin.client)
-        .append(fields, static_cast<std::size_t>(fieldsEnd - fields));
+    m_frame = frame;
+    m_frameLength = length;
+    m_fieldsBuilt = false;
     Answer const answer = decide(frame, length);
-    m_origin = nullptr;
     if (answer.exception != 0 && m_log.verbose()) {
-        m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
+        m_log.debug("exception " + std::to_string(answer.exception) + "; " + fields());
     }
+    m_origin = nullptr;
+    m_frame = nullptr;
     if (!answer.deferred) {
         countAnswer(answer.function, answer.exception);
     }
     return answer;
+}
+
+/* Built on the first line about the request, in place: most requests log
+ * nothing, and the string keeps its storage from request to request. */
+std::string const& RequestHandler::fields() {
+    if (!m_fieldsBuilt) {
+        char frameFields[48];
+        char const* const end = writeFrameFields(frameFields, m_frame, m_frameLength);
+        m_fields.clear();
+        m_fields.append("client=", 7)
+            .append(m_origin->client)
+            .append(frameFields, static_cast<std::size_t>(end - frameFields));
+        m_fieldsBuilt = true;
+    }
+    return m_fields;
 }
 
 void RequestHandler::countAnswer(std::uint8_t function, std::uint8_t exception) {
@@ -398,7 +410,7 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         // Before the map is consulted: a stranger learns nothing of it.
         m_log.limited(Log::Level::Warning, "refused writes",
                       "write to " + std::string(tableName(table)) + " " +
-                          std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+                          std::to_string(answer.address) + ": refused (" + why + "); " + fields());
         return refuse(answer, ec::kIllegalFunction);
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
@@ -481,7 +493,7 @@ Answer RequestHandler::writeRemote(Answer answer, ServedEntry const& entry,
                              tableName(definition.table) + " " +
                              std::to_string(definition.address) + ": " + currentValue(entry) +
                              " -> " + readableValue(definition, part) + ": ";
-    std::string const tail = "; " + m_fields;
+    std::string const tail = "; " + fields();
     std::string const key = "writes of " + definition.name + " by " + addressOf(m_origin->client);
     std::string const bound = std::to_string(m_replies->bound().count()) + " ms";
     AuditLine const note{m_auditTrail, &m_log, key};
@@ -528,7 +540,7 @@ std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* opera
     m_log.limited(Log::Level::Error,
                   std::string(operation) + " failures of " + entry.definition.name,
                   entry.definition.path + " \"" + entry.definition.name + "\": " + operation +
-                      " failed: " + what + "; answered Server Device Failure; " + m_fields);
+                      " failed: " + what + "; answered Server Device Failure; " + fields());
     return ec::kServerDeviceFailure;
 }
 
@@ -568,7 +580,7 @@ std::string RequestHandler::writeRefusal(Table table,
 Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
     m_log.limited(Log::Level::Warning, "refused reads",
                   "read of " + std::string(tableName(*tableOf(answer.function))) + " " +
-                      std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+                      std::to_string(answer.address) + ": refused (" + why + "); " + fields());
     return refuse(std::move(answer), ec::kIllegalFunction);
 }
 
@@ -595,7 +607,7 @@ void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
     std::string const line =
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + before + " -> " +
-        readableValue(entry.definition, written) + ": " + outcome + "; " + m_fields;
+        readableValue(entry.definition, written) + ": " + outcome + "; " + fields();
     if (m_auditTrail != nullptr) {
         m_auditTrail->record(line);
     }
@@ -613,7 +625,7 @@ void RequestHandler::auditRefused(ServedEntry const& entry,
     std::string const line =
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
-        readableValue(entry.definition, written) + ": refused (" + why + "); " + m_fields;
+        readableValue(entry.definition, written) + ": refused (" + why + "); " + fields();
     if (m_auditTrail != nullptr) {
         m_auditTrail->record(line);
     }
