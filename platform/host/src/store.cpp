@@ -244,7 +244,7 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
     Channel const& channel = channelLocked(id);
-    return kq::CChannel{channel.id, channel.device, channel.name, channel.value, channel.record};
+    return kq::CChannel{channel.id, channel.device, channel.name, channel.value, channel.record()};
 }
 
 void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
@@ -254,7 +254,7 @@ void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& 
 }
 
 void Store::Impl::setAlarmEnabledLocked(Id id, bool enabled, Events& events) {
-    channelLocked(id).alarm.enabled = enabled;
+    channelLocked(id).alarmToChange().enabled = enabled;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelState, id, id, {}});
 }
 
@@ -264,28 +264,28 @@ void Store::Impl::setAlarmThresholdLocked(Id id, cdsapi::TriggerId trigger, floa
     if (static_cast<std::uint32_t>(trigger) > 3) {
         throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
     }
-    channel.alarm.thresholds[trigger] = value;
+    channel.alarmToChange().thresholds[trigger] = value;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdFlagLocked(Id id, bool flag, Events& events) {
-    channelLocked(id).alarm.thresholdFlag = flag;
+    channelLocked(id).alarmToChange().thresholdFlag = flag;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmHysteresisLocked(Id id, float hysteresis, Events& events) {
-    channelLocked(id).alarm.hysteresis = hysteresis;
+    channelLocked(id).alarmToChange().hysteresis = hysteresis;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmLevelLocked(Id id, std::int32_t level, Events& events) {
-    channelLocked(id).alarm.level = level;
+    channelLocked(id).alarmToChange().level = level;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record,
                                        Events& events) {
-    channelLocked(id).record = record;
+    channelLocked(id).setRecord(record);
     events.push_back(Event{Kind::Alarm, 0, id, id, {}});
 }
 
@@ -293,10 +293,35 @@ void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> co
 
 Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     Id const id = nextSubscriptionId++;
-    subscription->info.subscriptionId = id;
-    subscribersLocked(subscription->kind, subscription->info.target).push_back(subscription);
+    subscription->id = id;
+    subscribersLocked(subscription->kind, subscription->target).push_back(subscription);
     subscriptions.emplace(id, std::move(subscription));
     return id;
+}
+
+std::string const* Store::Impl::clientNameLocked(std::string const& name) {
+    return &*clientNames.insert(name).first;
+}
+
+namespace {
+
+char const* kindName(Store::Impl::Kind kind) {
+    switch (kind) {
+        case Store::Impl::Kind::Channel:
+            return "channel";
+        case Store::Impl::Kind::Device:
+            return "device";
+        case Store::Impl::Kind::Alarm:
+            return "alarm";
+    }
+    return "";
+}
+
+}  // namespace
+
+SubscriptionInfo Store::Impl::Subscription::info() const {
+    return SubscriptionInfo{id, kindName(kind), type, target,
+                            clientName != nullptr ? *clientName : std::string()};
 }
 
 std::vector<Store::Impl::SubscriptionPtr>& Store::Impl::subscribersLocked(Kind kind, Id target) {
@@ -305,7 +330,7 @@ std::vector<Store::Impl::SubscriptionPtr>& Store::Impl::subscribersLocked(Kind k
 
 void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
     auto& byTarget = subscribersByTarget[static_cast<std::size_t>(subscription.kind)];
-    auto const list = byTarget.find(subscription.info.target);
+    auto const list = byTarget.find(subscription.target);
     if (list == byTarget.end()) {
         return;
     }
@@ -349,7 +374,7 @@ Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
         auto const direct = byTarget.find(event.target);
         if (direct != byTarget.end()) {
             for (SubscriptionPtr const& subscription : direct->second) {
-                if (event.kind == Kind::Alarm || subscription->info.type == event.type) {
+                if (event.kind == Kind::Alarm || subscription->type == event.type) {
                     delivery.subscribers.push_back(subscription);
                 }
             }
@@ -363,15 +388,14 @@ Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
                     continue;
                 }
                 for (SubscriptionPtr const& subscription : inherited->second) {
-                    if (subscription->includeSubDevices && subscription->info.type == event.type) {
+                    if (subscription->includeSubDevices && subscription->type == event.type) {
                         delivery.subscribers.push_back(subscription);
                     }
                 }
             }
-            std::sort(delivery.subscribers.begin(), delivery.subscribers.end(),
-                      [](SubscriptionPtr const& a, SubscriptionPtr const& b) {
-                          return a->info.subscriptionId < b->info.subscriptionId;
-                      });
+            std::sort(
+                delivery.subscribers.begin(), delivery.subscribers.end(),
+                [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->id < b->id; });
         }
         if (!delivery.subscribers.empty()) {
             deliveries.push_back(std::move(delivery));
@@ -399,19 +423,20 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                     event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
                 if (channel != channels.end()) {
                     value = channel->second.value;
-                    record = channel->second.record;
+                    record = channel->second.record();
                 }
             }
             try {
                 switch (event.kind) {
                     case Kind::Channel:
-                        subscription->onChannel(event.subject, value);
+                        std::get<ChannelCallback>(subscription->callback)(event.subject, value);
                         break;
                     case Kind::Device:
-                        subscription->onDevice(event.subject);
+                        std::get<DeviceCallback>(subscription->callback)(event.subject);
                         break;
                     case Kind::Alarm:
-                        subscription->onAlarm(kq::CAlarmUpdate{event.subject, record});
+                        std::get<AlarmCallback>(subscription->callback)(
+                            kq::CAlarmUpdate{event.subject, record});
                         break;
                 }
             } catch (...) {
@@ -653,7 +678,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 
 AlarmSettings Store::alarmSettings(Id channel) const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    return m_impl->channelLocked(channel).alarm;
+    return m_impl->channelLocked(channel).alarm();
 }
 
 void Store::raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify) {
@@ -671,7 +696,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
-    return it != m_impl->channels.end() ? it->second.record : std::nullopt;
+    return it != m_impl->channels.end() ? it->second.record() : std::nullopt;
 }
 
 void Store::notifyChannel(Id channel, kq::sub::subscription_type type) {
@@ -735,7 +760,7 @@ std::vector<SubscriptionInfo> Store::subscriptions() const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
     for (auto const& [id, subscription] : m_impl->subscriptions) {
-        open.push_back(subscription->info);
+        open.push_back(subscription->info());
     }
     return open;
 }
@@ -744,8 +769,9 @@ std::size_t Store::subscriptionCount(std::string const& kind, int type, Id targe
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     return static_cast<std::size_t>(std::count_if(
         m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
-            SubscriptionInfo const& info = entry.second->info;
-            return info.kind == kind && info.type == type && info.target == target;
+            Impl::Subscription const& subscription = *entry.second;
+            return kindName(subscription.kind) == kind && subscription.type == type &&
+                   subscription.target == target;
         }));
 }
 

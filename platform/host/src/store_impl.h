@@ -17,11 +17,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "cdshost/store.h"
@@ -46,27 +48,66 @@ struct Store::Impl {
         Id device = 0;
         std::string name;
         kq::CValue value;
-        AlarmSettings alarm;
-        std::optional<kq::CAlarmRecord> record;
         // getChannelCValue calls on this channel while it exists: the hottest
         // call is counted where its look-up lands anyway, and the count moves
         // to callCountById when the channel goes (eraseChannelLocked).
         std::size_t valueReads = 0;
+
+        /* The alarm settings: every one at its default until one is set. */
+        AlarmSettings const& alarm() const {
+            static AlarmSettings const defaults;
+            return m_alarm ? m_alarm->settings : defaults;
+        }
+        AlarmSettings& alarmToChange() { return alarmPart().settings; }
+        std::optional<kq::CAlarmRecord> record() const {
+            return m_alarm ? m_alarm->record : std::nullopt;
+        }
+        void setRecord(std::optional<kq::CAlarmRecord> const& record) {
+            if (record || m_alarm) {
+                alarmPart().record = record;
+            }
+        }
+
+      private:
+        // Only the channels whose alarm is set up or raised carry one: a UPS
+        // of thousands of channels has values in almost all of them.
+        struct AlarmPart {
+            AlarmSettings settings;
+            std::optional<kq::CAlarmRecord> record;
+        };
+        AlarmPart& alarmPart() {
+            if (!m_alarm) {
+                m_alarm = std::make_unique<AlarmPart>();
+            }
+            return *m_alarm;
+        }
+        std::unique_ptr<AlarmPart> m_alarm;
     };
 
     enum class Kind { Channel, Device, Alarm };
 
+    using ChannelCallback = std::function<void(Id, kq::CValue)>;
+    using DeviceCallback = std::function<void(Id)>;
+    using AlarmCallback = std::function<void(kq::CAlarmUpdate const&)>;
+
+    // One per open subscription, and a map of thousands of entries opens one
+    // per channel: what the accounting shows (SubscriptionInfo) is put
+    // together when asked, from the kind and the client's interned name.
     struct Subscription {
-        SubscriptionInfo info;
+        Id id = 0;
+        Id target = 0;  // the id given to the subscribe call
+        int type = 0;   // kq::sub::subscription_type; 0 for alarms
         Kind kind = Kind::Channel;
         bool includeSubDevices = false;
-        std::function<void(Id, kq::CValue)> onChannel;
-        std::function<void(Id)> onDevice;
-        std::function<void(kq::CAlarmUpdate const&)> onAlarm;
         bool open = true;
+        std::string const* clientName = nullptr;  // in clientNames
+        // The callback of the kind, in Kind's order.
+        std::variant<ChannelCallback, DeviceCallback, AlarmCallback> callback;
         // Threads inside this subscription's callback right now; unsubscribe()
         // from any other thread waits until they are out.
         std::vector<std::thread::id> delivering;
+
+        SubscriptionInfo info() const;
     };
     using SubscriptionPtr = std::shared_ptr<Subscription>;
 
@@ -116,6 +157,9 @@ struct Store::Impl {
     // so that a change finds its subscribers without looking at the others.
     std::array<std::unordered_map<Id, std::vector<SubscriptionPtr>>, 3> subscribersByTarget;
     Id nextSubscriptionId = 1;
+    // The clients' names, each kept once for all of its subscriptions; never
+    // shrinks (a process has a handful of clients).
+    std::set<std::string, std::less<>> clientNames;
 
     struct CallKey {
         Operation operation;
@@ -171,6 +215,7 @@ struct Store::Impl {
 
     // ---- Subscriptions ----------------------------------------------------
     Id subscribeLocked(SubscriptionPtr subscription);
+    std::string const* clientNameLocked(std::string const& name);
     std::vector<SubscriptionPtr>& subscribersLocked(Kind kind, Id target);
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
