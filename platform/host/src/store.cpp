@@ -211,7 +211,6 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     }
     Id const newId = id != 0 ? id : nextFreeIdLocked();
     Channel channel;
-    channel.id = newId;
     channel.device = deviceId;
     channel.name = name;
     channel.value = value;
@@ -244,7 +243,7 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
     Channel const& channel = channelLocked(id);
-    return kq::CChannel{channel.id, channel.device, channel.name, channel.value, channel.record()};
+    return kq::CChannel{id, channel.device, channel.name, channel.value, channel.record()};
 }
 
 void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
@@ -294,7 +293,8 @@ void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> co
 Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     Id const id = nextSubscriptionId++;
     subscription->id = id;
-    subscribersLocked(subscription->kind, subscription->target).push_back(subscription);
+    subscribersByTarget[static_cast<std::size_t>(subscription->kind)].emplace(subscription->target,
+                                                                              subscription);
     subscriptions.emplace(id, std::move(subscription));
     return id;
 }
@@ -324,24 +324,14 @@ SubscriptionInfo Store::Impl::Subscription::info() const {
                             clientName != nullptr ? *clientName : std::string()};
 }
 
-std::vector<Store::Impl::SubscriptionPtr>& Store::Impl::subscribersLocked(Kind kind, Id target) {
-    return subscribersByTarget[static_cast<std::size_t>(kind)][target];
-}
-
 void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
     auto& byTarget = subscribersByTarget[static_cast<std::size_t>(subscription.kind)];
-    auto const list = byTarget.find(subscription.target);
-    if (list == byTarget.end()) {
-        return;
-    }
-    auto& subscribers = list->second;
-    subscribers.erase(std::remove_if(subscribers.begin(), subscribers.end(),
-                                     [&](SubscriptionPtr const& candidate) {
-                                         return candidate.get() == &subscription;
-                                     }),
-                      subscribers.end());
-    if (subscribers.empty()) {
-        byTarget.erase(list);
+    auto const [first, last] = byTarget.equal_range(subscription.target);
+    auto const found = std::find_if(first, last, [&](auto const& candidate) {
+        return candidate.second.get() == &subscription;
+    });
+    if (found != last) {
+        byTarget.erase(found);
     }
 }
 
@@ -371,28 +361,28 @@ Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
         Delivery delivery{event, {}};
         // Subscriptions on the target itself, of the event's type (alarm
         // subscriptions have one type only).
-        auto const direct = byTarget.find(event.target);
-        if (direct != byTarget.end()) {
-            for (SubscriptionPtr const& subscription : direct->second) {
-                if (event.kind == Kind::Alarm || subscription->type == event.type) {
-                    delivery.subscribers.push_back(subscription);
-                }
+        auto const [first, last] = byTarget.equal_range(event.target);
+        for (auto direct = first; direct != last; ++direct) {
+            SubscriptionPtr const& subscription = direct->second;
+            if (event.kind == Kind::Alarm || subscription->type == event.type) {
+                delivery.subscribers.push_back(subscription);
             }
         }
         // A device's change also reaches subscriptions on its ancestors that
-        // include sub-devices; every subscriber is called in opening order.
-        if (event.kind == Kind::Device && !event.ancestors.empty()) {
+        // include sub-devices.
+        if (event.kind == Kind::Device) {
             for (Id const ancestor : event.ancestors) {
-                auto const inherited = byTarget.find(ancestor);
-                if (inherited == byTarget.end()) {
-                    continue;
-                }
-                for (SubscriptionPtr const& subscription : inherited->second) {
+                auto const [from, to] = byTarget.equal_range(ancestor);
+                for (auto inherited = from; inherited != to; ++inherited) {
+                    SubscriptionPtr const& subscription = inherited->second;
                     if (subscription->includeSubDevices && subscription->type == event.type) {
                         delivery.subscribers.push_back(subscription);
                     }
                 }
             }
+        }
+        // Every subscriber is called in opening order; the index keeps none.
+        if (delivery.subscribers.size() > 1) {
             std::sort(
                 delivery.subscribers.begin(), delivery.subscribers.end(),
                 [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->id < b->id; });
@@ -468,6 +458,9 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (it->second.valueReads != 0) {
         callCountById[CallKey{Operation::getChannelCValue, id}] += it->second.valueReads;
     }
+    if (it->second.subscribes != 0) {
+        callCountById[CallKey{Operation::subscribeChannel, id}] += it->second.subscribes;
+    }
     channels.erase(it);
 }
 
@@ -491,9 +484,19 @@ kq::CValue Store::Impl::readChannelValueLocked(Id id) {
 void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
     ++callCount[static_cast<std::size_t>(operation)];
     if (id) {
-        ++callCountById[CallKey{operation, *id}];
+        countCallLocked(operation, *id);
     }
     checkFaultsLocked(operation, id);
+}
+
+void Store::Impl::countCallLocked(Operation operation, Id id) {
+    if (operation == Operation::subscribeChannel) {
+        if (auto const channel = channels.find(id); channel != channels.end()) {
+            ++channel->second.subscribes;
+            return;
+        }
+    }
+    ++callCountById[CallKey{operation, id}];
 }
 
 void Store::Impl::checkFaultsLocked(Operation operation, std::optional<Id> id) {
@@ -739,9 +742,11 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
     std::lock_guard<std::mutex> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
-    if (known == Operation::getChannelCValue) {
-        if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
+    if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
+        if (known == Operation::getChannelCValue) {
             count += channel->second.valueReads;
+        } else if (known == Operation::subscribeChannel) {
+            count += channel->second.subscribes;
         }
     }
     return count;
@@ -753,6 +758,7 @@ void Store::resetCalls() {
     m_impl->callCountById.clear();
     for (auto& [id, channel] : m_impl->channels) {
         channel.valueReads = 0;
+        channel.subscribes = 0;
     }
 }
 

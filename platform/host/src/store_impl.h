@@ -44,7 +44,6 @@ struct Store::Impl {
     };
 
     struct Channel {
-        Id id = 0;
         Id device = 0;
         std::string name;
         kq::CValue value;
@@ -52,6 +51,9 @@ struct Store::Impl {
         // call is counted where its look-up lands anyway, and the count moves
         // to callCountById when the channel goes (eraseChannelLocked).
         std::size_t valueReads = 0;
+        // subscribeChannel calls likewise: a map opens one subscription per
+        // channel it serves, and a count here costs no node of its own.
+        std::size_t subscribes = 0;
 
         /* The alarm settings: every one at its default until one is set. */
         AlarmSettings const& alarm() const {
@@ -153,9 +155,11 @@ struct Store::Impl {
 
     // Ordered by id, and ids only grow: iteration order is opening order.
     std::map<Id, SubscriptionPtr> subscriptions;
-    // The same subscriptions by kind and target, each list in opening order,
-    // so that a change finds its subscribers without looking at the others.
-    std::array<std::unordered_map<Id, std::vector<SubscriptionPtr>>, 3> subscribersByTarget;
+    // The same subscriptions by kind and target, so that a change finds its
+    // subscribers without looking at the others. One node per subscription,
+    // no list per target: almost every target has a single subscription of a
+    // kind. A change sorts what it finds into opening order (planLocked).
+    std::array<std::unordered_multimap<Id, SubscriptionPtr>, 3> subscribersByTarget;
     Id nextSubscriptionId = 1;
     // The clients' names, each kept once for all of its subscriptions; never
     // shrinks (a process has a handful of clients).
@@ -216,7 +220,6 @@ struct Store::Impl {
     // ---- Subscriptions ----------------------------------------------------
     Id subscribeLocked(SubscriptionPtr subscription);
     std::string const* clientNameLocked(std::string const& name);
-    std::vector<SubscriptionPtr>& subscribersLocked(Kind kind, Id target);
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
      * is still inside its callback. */
@@ -229,6 +232,9 @@ struct Store::Impl {
     // ---- Accounting and faults (lock held) ---------------------------------
     /* Counts a client call and throws if a fault is armed for it. */
     void enterCallLocked(Operation operation, std::optional<Id> id);
+    /* Counts a call made with an id, on the channel itself where it has a
+     * counter for the operation. */
+    void countCallLocked(Operation operation, Id id);
     /* getChannelCValue, counted and subject to faults as every client call,
      * with one look-up of the channel for the count and the value. */
     kq::CValue readChannelValueLocked(Id channel);
