@@ -204,6 +204,23 @@ TEST_F(HostStoreTest, AlarmSettingsAreStoredPerChannel) {
     EXPECT_EQ(s.level, 7);
 }
 
+TEST_F(HostStoreTest, ChannelsAreFoundByNameAsTheirDeviceGrowsAndShrinks) {
+    Id const ups = store.addDevice("UPS");
+    std::vector<Id> ids;
+    for (int i = 0; i < 2000; ++i) {
+        ids.push_back(store.addChannel(ups, "Sensor." + std::to_string(i)));
+    }
+    for (int i = 0; i < 2000; i += 2) {
+        store.removeChannel(ids[static_cast<std::size_t>(i)]);
+    }
+    for (int i = 0; i < 2000; ++i) {
+        Id const expected = i % 2 == 0 ? 0 : ids[static_cast<std::size_t>(i)];
+        EXPECT_EQ(store.channelId(ups, "Sensor." + std::to_string(i)), expected) << i;
+    }
+    Id const again = store.addChannel(ups, "Sensor.0");
+    EXPECT_EQ(store.channelId(ups, "Sensor.0"), again);
+}
+
 TEST_F(HostStoreTest, AlarmSettingsOfAChannelNeverSetUpAreTheDefaults) {
     Id const ch = store.addChannel(store.addDevice("UPS"), "C");
     cdshost::AlarmSettings const s = store.alarmSettings(ch);

@@ -76,19 +76,21 @@ struct EntryDefinition {
     std::uint16_t address = 0;
     std::uint16_t size = 1;  // registers or discretes
     EncoderKind encoder = EncoderKind::Float;
+    // (Declared here and below in the order that leaves no padding: a served
+    // map keeps one definition per entry.)
+    std::uint16_t byteOrder = 0;
     std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
-    std::uint16_t byteOrder = 0;
     // float32 always, int32 and uint32 when the map names one: the daemon's
     // own encoder in this layout instead of the library's byte order.
     std::optional<WireLayout> layout;
     RareText unit;            // for the description: "V", "Hz", "%"; may be empty
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
+    bool invert = false;
     std::uint32_t mask = 0;
     std::optional<unsigned int> defaultValue;
-    bool invert = false;
     RareText function;     // composites
     RareText description;  // composite-registers: the representation label
     UnavailablePolicy unavailable;

@@ -214,9 +214,9 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     channel.device = deviceId;
     channel.name = name;
     channel.value = value;
-    channels.emplace(newId, std::move(channel));
+    Channel const& stored = channels.emplace(newId, std::move(channel)).first->second;
     device.channels.push_back(newId);
-    device.channelsByName.emplace(name, newId);
+    device.channelsByName.emplace(stored.name, newId);
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
     return newId;
 }

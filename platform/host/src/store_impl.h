@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
@@ -38,7 +39,10 @@ struct Store::Impl {
         Id parent = 0;
         std::vector<Id> subDevices;  // in the order they were added
         std::vector<Id> channels;    // likewise
-        std::unordered_map<std::string, Id> channelsByName;
+        // Views of the names the channels hold (a channel's node never moves
+        // and its name never changes): the name is stored once, not twice.
+        // A channel leaves this index before it is erased.
+        std::unordered_map<std::string_view, Id> channelsByName;
         std::map<cdsapi::DeviceAttribute, std::string> attributes;
         std::uint64_t sequence = 0;  // creation order, for the name look-up
     };
