@@ -13,6 +13,7 @@
 namespace {
 
 using tarsel::daemon::EntryDefinition;
+using tarsel::daemon::MostlyOne;
 using tarsel::daemon::RareOptional;
 using tarsel::daemon::RareText;
 
@@ -96,6 +97,28 @@ TEST(RareOptionalTest, ACopyKeepsItsValueWhenTheOriginalChanges) {
     EXPECT_EQ(*copy, (std::vector<int>{1}));
     original = std::nullopt;
     EXPECT_TRUE(copy);
+}
+
+TEST(MostlyOneTest, HoldsOneElementInPlaceAndMoreInOrder) {
+    int a = 1;
+    int b = 2;
+    int c = 3;
+    MostlyOne<int const*> list;
+    EXPECT_TRUE(list.empty());
+    list = {&a};
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0], &a);
+    std::vector<int*> const three{&a, &b, &c};
+    list.assign(three.begin(), three.end());
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0], &a);
+    EXPECT_EQ(list[1], &b);
+    EXPECT_EQ(list[2], &c);
+    list = {};
+    EXPECT_TRUE(list.empty());
+    MostlyOne<int const*> const copy = MostlyOne<int const*>{&b, &c};
+    EXPECT_EQ(copy.size(), 2u);
+    EXPECT_EQ(copy[1], &c);
 }
 
 TEST(EntryDefinitionTest, TheFieldsMostEntriesLeaveOutCostOnePointerEach) {

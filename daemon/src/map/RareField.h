@@ -4,11 +4,14 @@
 // entries keeps every entry's definition for as long as it is served.
 #pragma once
 
+#include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace tarsel::daemon {
 
@@ -108,6 +111,48 @@ class RareOptional {
 
   private:
     std::unique_ptr<T> m_value;
+};
+
+/* A list that almost always holds one element (an entry's data accessors:
+ * more than one only for the composites): the first is kept in place, the
+ * others on the heap only when there are any. */
+template <typename T>
+class MostlyOne {
+  public:
+    MostlyOne() = default;
+    MostlyOne(std::initializer_list<T> items) { assign(items.begin(), items.end()); }
+    MostlyOne& operator=(std::initializer_list<T> items) {
+        assign(items.begin(), items.end());
+        return *this;
+    }
+
+    template <typename Iterator>
+    void assign(Iterator first, Iterator last) {
+        m_count = 0;
+        m_more.reset();
+        std::vector<T> more;
+        for (; first != last; ++first) {
+            if (m_count++ == 0) {
+                m_first = *first;
+            } else {
+                more.push_back(*first);
+            }
+        }
+        if (!more.empty()) {
+            m_more = std::move(more);
+        }
+    }
+
+    std::size_t size() const { return m_count; }
+    bool empty() const { return m_count == 0; }
+    T const& operator[](std::size_t index) const {
+        return index == 0 ? m_first : (*m_more)[index - 1];
+    }
+
+  private:
+    T m_first{};
+    RareOptional<std::vector<T>> m_more;
+    std::size_t m_count = 0;
 };
 
 }  // namespace tarsel::daemon
