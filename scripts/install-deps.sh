@@ -15,7 +15,7 @@ set_name="${1:-test}"
 
 run_packages=(
     build-essential cmake pkg-config
-    libmodbus-dev nlohmann-json3-dev libssl-dev
+    libmodbus-dev nlohmann-json3-dev libsimdjson-dev libssl-dev
     libupsclient-dev libcli11-dev libsystemd-dev
 )
 test_packages=(

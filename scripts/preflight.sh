@@ -68,6 +68,7 @@ run_checks() {
     need_command pkg-config pkg-config
     need_file /usr/include/modbus/modbus.h libmodbus-dev
     need_file /usr/include/nlohmann/json.hpp nlohmann-json3-dev
+    need_file /usr/include/simdjson.h libsimdjson-dev
     need_file /usr/include/upsclient.h libupsclient-dev
     need_file /usr/include/openssl/ssl.h libssl-dev
     need_file /usr/include/CLI/CLI.hpp libcli11-dev

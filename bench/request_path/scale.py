@@ -12,9 +12,13 @@ channel, from address 0 on, then measures:
 and, for start-up and shutdown, the CPU time the daemon itself used (user and
 system, from /proc and wait4), which a loaded machine does not inflate as much.
 It prints the throughput on the largest map as a ratio of that on the
-smallest.
+smallest. With --callgrind it instead runs the daemon under valgrind's
+callgrind and prints the instructions it executes from its start until a read
+is answered, and from SIGTERM to its exit: figures that the machine's load
+does not change.
 
 Usage: bench/request_path/scale.py [--build build/bench] [--sizes 125,5000,10000]
+       [--callgrind]
 """
 import argparse
 import json
@@ -119,15 +123,63 @@ def measure(args, client, size, directory):
             "fc3x2": statistics.median(rates[2]), "fc3x125": statistics.median(rates[125])}
 
 
+def callgrind_totals(path):
+    with open(path) as dump:
+        for line in dump:
+            if line.startswith(("summary:", "totals:")):
+                return int(line.split()[1])
+    raise RuntimeError(f"no totals in {path}")
+
+
+def measure_instructions(args, client, size, directory):
+    """Instructions from the start until a read is answered (the first read
+    included), and from SIGTERM to the exit."""
+    scenario, register_map = write_world(directory, size)
+    port = free_port()
+    out = os.path.join(directory, f"callgrind-{size}")
+    daemon = subprocess.Popen(
+        ["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}",
+         os.path.join(args.build, "daemon", "tarsel-modbusd"),
+         "--map", register_map, "--scenario", scenario, "--port", str(port)],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        deadline = time.monotonic() + 600
+        while load(client, port, 2, 1) is None:
+            if time.monotonic() > deadline or daemon.poll() is not None:
+                sys.exit(f"scale: the {size}-entry map was not served under callgrind")
+            time.sleep(0.05)
+        # The dump ends the start-up's count; zeroing starts the shutdown's.
+        subprocess.run(["callgrind_control", "--dump=startup", str(daemon.pid)], check=True,
+                       capture_output=True)
+        subprocess.run(["callgrind_control", "--zero", str(daemon.pid)], check=True,
+                       capture_output=True)
+        daemon.send_signal(signal.SIGTERM)
+        daemon.wait(timeout=600)
+    finally:
+        if daemon.poll() is None:
+            daemon.kill()
+            daemon.wait()
+    return callgrind_totals(out + ".1"), callgrind_totals(out)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench")
     parser.add_argument("--sizes", default="125,5000,10000")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--requests", type=int, default=5000)
+    parser.add_argument("--callgrind", action="store_true")
     args = parser.parse_args()
     client = os.path.join(args.build, "bench", "bench_load_client")
     sizes = [int(size) for size in args.sizes.split(",")]
+    if args.callgrind:
+        print("| entries | start-up instructions | shutdown instructions |")
+        print("|---|---|---|")
+        with tempfile.TemporaryDirectory() as directory:
+            for size in sizes:
+                startup, shutdown = measure_instructions(args, client, size, directory)
+                print(f"| {size} | {startup / 1e6:.1f} M | {shutdown / 1e6:.1f} M |", flush=True)
+        return
     print(f"load average {os.getloadavg()[0]:.1f} at the start (wall-clock figures grow with it; "
           "CPU figures are the daemon's own user and system time)\n")
     print("| entries | start-up | start-up CPU | shutdown | shutdown CPU | RSS | FC3 x2 | FC3 x125 |")

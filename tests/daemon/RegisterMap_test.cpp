@@ -2,8 +2,15 @@
 // kind of error, each pinning the message that names the entry.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include "EmbeddedDefaults.h"
 #include "MapLoader.h"
@@ -406,6 +413,168 @@ TEST(RegisterMapTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
     EXPECT_TRUE(contains(errors,
                          "map: not valid JSON: [json.exception.out_of_range.406] number "
                          "overflow parsing '4.44e3333'"));
+}
+
+/* Everything a definition holds, as text, to compare two readings. */
+std::string render(SourceDefinition const& source) {
+    std::ostringstream out;
+    out << static_cast<int>(source.kind) << ' ' << describeSource(source) << ' '
+        << describeDevice(source.device) << ' ' << source.device.id.value_or(0) << ' '
+        << source.device.name << ' ' << source.device.path.size() << ' ' << source.channel << ' '
+        << static_cast<int>(source.dataType) << ' ' << static_cast<int>(source.attribute) << ' '
+        << static_cast<int>(source.alarmType);
+    return out.str();
+}
+
+std::string render(UnavailablePolicy const& policy) {
+    return std::to_string(static_cast<int>(policy.mode)) + "/" + std::to_string(policy.word) + "/" +
+           std::to_string(policy.code);
+}
+
+std::string render(std::optional<CidrList> const& list) {
+    if (!list) {
+        return "-";
+    }
+    std::string text;
+    for (auto const& cidr : *list) {
+        text += std::to_string(cidr.network) + "/" + std::to_string(cidr.mask) + ",";
+    }
+    return text;
+}
+
+std::string render(RegisterMapDefinition const& map) {
+    std::ostringstream out;
+    out << map.description << '|' << render(map.unavailable) << '\n';
+    for (auto const& entry : map.entries) {
+        out << entry.name << '|' << entry.path << '|' << static_cast<int>(entry.table) << '|'
+            << entry.address << '|' << entry.size << '|' << static_cast<int>(entry.encoder) << '|'
+            << entry.multiplier << '|' << entry.offset << '|' << entry.byteOrder << '|'
+            << (entry.layout ? static_cast<int>(*entry.layout) : -1) << '|' << entry.unit << '|'
+            << entry.useBitmask << '|' << static_cast<int>(entry.bitmaskOp) << '|' << entry.mask
+            << '|' << entry.defaultValue.value_or(0xDEAD) << '|' << entry.invert << '|'
+            << entry.function << '|' << entry.description << '|' << render(entry.unavailable) << '|'
+            << render(entry.allowRead) << '|' << render(entry.allowWrite);
+        for (auto const& source : entry.sources) {
+            out << '|' << render(source);
+        }
+        out << '\n';
+    }
+    for (auto const& object : map.identification) {
+        out << int{object.id} << '|' << object.text << '|'
+            << (object.source ? render(*object.source) : "-") << '\n';
+    }
+    return out.str();
+}
+
+// A map that is read quickly must give what nlohmann's reading gives.
+void expectBothReadingsAlike(std::string const& text, std::string const& name) {
+    auto const quick = parseRegisterMapQuickly(text);
+    ASSERT_TRUE(quick) << name << " was not read quickly";
+    EXPECT_EQ(render(*quick), render(parseRegisterMapWithNlohmann(text))) << name;
+}
+
+TEST(RegisterMapTest, ShippedMapsReadQuicklyGiveWhatNlohmannsReadingGives) {
+    expectBothReadingsAlike(embeddedMap(), "the built-in map");
+    for (std::string const file : {"ups-map.json", "nut-ups-map.json"}) {
+        expectBothReadingsAlike(readTextFile(std::string(TARSEL_DAEMON_MAPS_DIR) + "/" + file),
+                                file);
+    }
+}
+
+TEST(RegisterMapTest, EveryOptionReadQuicklyGivesWhatNlohmannsReadingGives) {
+    std::string const map = R"({"description": "options", "comment": "c",
+        "unavailable": {"mode": "exception", "code": 6},
+        "identification": {"VendorName": {"text": "T"}, "ProductCode": {"text": "P"},
+                           "MajorMinorRevision": {"source": {"device": "UPS",
+                                                  "attribute": "model"}}},
+        "entries": [
+        {"name": "f", "table": "holding-registers", "address": 0, "encoder": "float",
+         "multiplier": 0.5, "byteOrder": 1.0, "unit": "V", "comment": "x",
+         "allowRead": ["10.0.0.0/8", "127.0.0.1"], "allowWrite": [],
+         "source": {"device": 2, "path": [0, 3], "channel": "A", "data": "alarm-threshold-0"}},
+        {"table": "input-registers", "address": 2, "encoder": "float32", "layout": "CDAB",
+         "unavailable": {"mode": "sentinel", "word": 0},
+         "source": {"device": "UPS", "channel": "B"}},
+        {"name": "u", "table": "holding-registers", "address": 4, "encoder": "uint16",
+         "bitmask": "xor", "mask": 4294967295, "default": 7,
+         "source": {"device": 2, "channel": "C", "alarm": "trigger"}},
+        {"name": "s", "table": "input-registers", "address": 5, "encoder": "string", "size": 4,
+         "source": {"device": 2, "attribute": 3}},
+        {"name": "b", "table": "coils", "address": 1, "encoder": "boolean", "invert": true,
+         "source": {"device": 2, "channel": "D"}},
+        {"name": "h", "table": "holding-registers", "address": 9, "encoder": "float16",
+         "offset": -40, "multiplier": 10, "source": {"device": 2, "channel": "E"}}
+    ]})";
+    expectBothReadingsAlike(map, "the map of every option");
+}
+
+TEST(RegisterMapTest, MapWithAnErrorIsNotReadQuickly) {
+    EXPECT_FALSE(parseRegisterMapQuickly(mapWith(
+        R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
+            "source": {"device": 2, "channel": "V"}, "colour": "red"})")));
+    EXPECT_FALSE(parseRegisterMapQuickly("{\"entries\": ["));
+}
+
+// nlohmann keeps the last of two fields of one name; the map keeps reading so.
+TEST(RegisterMapTest, RepeatedFieldTakesItsLastValue) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
+            "address": 20, "source": {"device": 2, "channel": "V"}})"));
+    EXPECT_EQ(map.entries.at(0).address, 20);
+}
+
+// -0 is no sub-device index to nlohmann (not an unsigned number).
+TEST(RegisterMapTest, NegativeZeroInASubDevicePathIsRefused) {
+    auto const errors = errorsOf(mapWith(
+        R"({"name": "v", "table": "holding-registers", "address": 10, "encoder": "float",
+            "source": {"device": 2, "path": [-0], "channel": "V"}})"));
+    EXPECT_TRUE(
+        contains(errors, "entries[0].source.path: expected an array of sub-device indexes"));
+}
+
+/* Text of every byte value, longer than one read block. */
+std::string largeText() {
+    std::string text;
+    for (int i = 0; i < 200000; ++i) {
+        text.push_back(static_cast<char>(i * 7 % 256));
+    }
+    return text;
+}
+
+std::string tempPath(char const* name) {
+    return ::testing::TempDir() + "/" + name + "-" + std::to_string(::getpid());
+}
+
+TEST(RegisterMapTest, ReadTextFileReadsAFileWhole) {
+    std::string const path = tempPath("whole");
+    std::string const text = largeText();
+    std::ofstream(path, std::ios::binary) << text;
+    EXPECT_EQ(readTextFile(path), text);
+    std::ofstream(path, std::ios::binary | std::ios::trunc).flush();
+    EXPECT_EQ(readTextFile(path), "");
+    std::remove(path.c_str());
+}
+
+// A pipe has no size to read at once: it is read block by block.
+TEST(RegisterMapTest, ReadTextFileReadsAPipeToItsEnd) {
+    std::string const path = tempPath("fifo");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    std::string const text = largeText();
+    std::thread writer([&] { std::ofstream(path, std::ios::binary) << text; });
+    std::string const read = readTextFile(path);
+    writer.join();
+    EXPECT_EQ(read, text);
+    std::remove(path.c_str());
+}
+
+TEST(RegisterMapTest, ReadTextFileNamesAFileItCannotRead) {
+    std::string const path = tempPath("missing");
+    try {
+        readTextFile(path);
+        ADD_FAILURE() << "a missing file was read";
+    } catch (std::runtime_error const& error) {
+        EXPECT_EQ(std::string(error.what()), "cannot read " + path);
+    }
 }
 
 }  // namespace

@@ -166,5 +166,21 @@ TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
         << errors[0];
 }
 
+// The file is read quickly with simdjson, but as nlohmann reads it: the last
+// of two fields of one name stays.
+TEST(ScenarioTest, RepeatedChannelTakesItsLastValue) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 1, "W": 5, "V": 2}}]})");
+    p.player.seed();
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(2));
+    EXPECT_EQ(store().channelValue(store().channelId(2, "W")), kq::CValue(5));
+}
+
+TEST(ScenarioTest, TextThatIsNotJsonIsReportedInNlohmannsWords) {
+    auto const errors = errorsOf(R"({"devices": [)");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].rfind("scenario: not valid JSON: [json.exception.parse_error.101]", 0), 0u)
+        << errors[0];
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

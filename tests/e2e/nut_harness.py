@@ -10,6 +10,7 @@ import socket
 import subprocess
 import tempfile
 import time
+import unittest
 
 DRIVERS = "/lib/nut"
 UPSD = os.path.join(DRIVERS, "upsd")
@@ -165,3 +166,21 @@ class Upsd:
 
     def __exit__(self, *exc):
         self.stop()
+
+
+class GatewayWithUpsdTest(unittest.TestCase):
+    """A test case that may start a upsd, a daemon and one client of it: what it
+    started is stopped after each test, the client first, upsd last."""
+
+    def setUp(self):
+        self.upsd = None
+        self.daemon = None
+        self.client = None
+
+    def tearDown(self):
+        if self.client is not None:
+            self.client.close()
+        if self.daemon is not None and self.daemon.alive():
+            self.daemon.stop()
+        if self.upsd is not None:
+            self.upsd.stop()

@@ -15,7 +15,7 @@ from pymodbus.payload import BinaryPayloadDecoder
 from pymodbus.repl.client.mclient import ModbusTcpClient as ExtendedClient
 
 from harness import Daemon
-from nut_harness import NUT_MAP, Upsd, demo_dev
+from nut_harness import NUT_MAP, GatewayWithUpsdTest, Upsd, demo_dev
 
 POLL_S = 0.5
 SERVED_LIMIT_S = POLL_S + 1.0
@@ -70,20 +70,7 @@ def dev_without(lines_starting):
                    if not line.startswith(tuple(lines_starting)))
 
 
-class NutTest(unittest.TestCase):
-    def setUp(self):
-        self.upsd = None
-        self.daemon = None
-        self.client = None
-
-    def tearDown(self):
-        if self.client is not None:
-            self.client.close()
-        if self.daemon is not None and self.daemon.alive():
-            self.daemon.stop()
-        if self.upsd is not None:
-            self.upsd.stop()
-
+class NutTest(GatewayWithUpsdTest):
     def start(self, upses, args=()):
         self.upsd = Upsd(upses)
         nut_args = []

@@ -16,7 +16,7 @@ import urllib.error
 import urllib.request
 
 from harness import DAEMON, Daemon, poll_until, running_ups
-from nut_harness import NUT_MAP, Upsd, demo_dev
+from nut_harness import NUT_MAP, GatewayWithUpsdTest, Upsd, demo_dev
 
 HTTP_ARGS = ["--http-listen", "127.0.0.1:0"]
 # The shipped scenario detects its UPS after about 3 s; a loaded machine
@@ -71,20 +71,7 @@ def samples(text):
     return values
 
 
-class ObserveTest(unittest.TestCase):
-    def setUp(self):
-        self.daemon = None
-        self.client = None
-        self.upsd = None
-
-    def tearDown(self):
-        if self.client is not None:
-            self.client.close()
-        if self.daemon is not None and self.daemon.alive():
-            self.daemon.stop()
-        if self.upsd is not None:
-            self.upsd.stop()
-
+class ObserveTest(GatewayWithUpsdTest):
     def start(self, **kwargs):
         kwargs["args"] = list(kwargs.get("args", ())) + HTTP_ARGS
         self.daemon = Daemon(**kwargs)

@@ -4,12 +4,11 @@
 #include <array>
 
 #include "DeviceIdentification.h"
+#include "JsonView.h"
 
 namespace tarsel::daemon {
 
 namespace {
-
-using json = nlohmann::json;
 
 constexpr std::array<char const*, 7> kObjectNames = {
     "VendorName",  "ProductCode", "MajorMinorRevision", "VendorUrl",
@@ -38,10 +37,11 @@ void checkSourceKind(SourceDefinition const& source, std::string const& where, J
     }
 }
 
-std::optional<IdentificationObjectDefinition> parseObject(json const& value,
+template <class Json>
+std::optional<IdentificationObjectDefinition> parseObject(Json const& value,
                                                           std::string const& where, std::uint8_t id,
                                                           JsonChecker& check,
-                                                          SourceParser const& parseSource) {
+                                                          SourceParser<Json> const& parseSource) {
     if (!check.expectObject(value, where)) {
         return std::nullopt;
     }
@@ -81,16 +81,17 @@ std::vector<std::string> identificationObjectNames() {
     return {kObjectNames.begin(), kObjectNames.end()};
 }
 
-std::vector<IdentificationObjectDefinition> parseIdentification(json const& section,
-                                                                JsonChecker& check,
-                                                                SourceParser const& parseSource) {
+template <class Json>
+std::vector<IdentificationObjectDefinition> parseIdentification(
+    Json const& section, JsonChecker& check, SourceParser<Json> const& parseSource) {
     std::vector<IdentificationObjectDefinition> objects;
     if (!check.expectObject(section, "identification")) {
         return objects;
     }
     std::array<bool, kObjectNames.size()> named{};
     check.text(section, "comment", "identification", false);
-    for (auto const& [name, value] : section.items()) {
+    for (auto const& item : section.items()) {
+        std::string const name(item.key());
         std::string const where = "identification." + name;
         if (name == "comment") {
             continue;
@@ -102,7 +103,7 @@ std::vector<IdentificationObjectDefinition> parseIdentification(json const& sect
             continue;
         }
         named[*id] = true;
-        if (auto object = parseObject(value, where, *id, check, parseSource)) {
+        if (auto object = parseObject(item.value(), where, *id, check, parseSource)) {
             objects.push_back(std::move(*object));
         }
     }
@@ -117,5 +118,10 @@ std::vector<IdentificationObjectDefinition> parseIdentification(json const& sect
               [](auto const& a, auto const& b) { return a.id < b.id; });
     return objects;
 }
+
+template std::vector<IdentificationObjectDefinition> parseIdentification(
+    nlohmann::json const&, JsonChecker&, SourceParser<nlohmann::json> const&);
+template std::vector<IdentificationObjectDefinition> parseIdentification(
+    JsonView const&, JsonChecker&, SourceParser<JsonView> const&);
 
 }  // namespace tarsel::daemon

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "JsonView.h"
+
 namespace tarsel::daemon {
 
 void JsonChecker::error(std::string const& where, std::string const& what) {
@@ -12,8 +14,9 @@ std::string JsonChecker::field(std::string const& where, char const* key) {
     return where.empty() ? std::string(key) : where + "." + key;
 }
 
-std::string JsonChecker::shortDump(json const& value) {
-    std::string text = value.dump();
+namespace {
+
+std::string shortened(std::string text) {
     constexpr std::size_t kLimit = 40;
     if (text.size() > kLimit) {
         text = text.substr(0, kLimit) + "...";
@@ -21,30 +24,34 @@ std::string JsonChecker::shortDump(json const& value) {
     return text;
 }
 
-JsonChecker::json const* JsonChecker::find(json const& object, char const* key,
-                                           std::string const& where, bool required) {
-    auto const it = object.find(key);
-    if (it == object.end()) {
-        if (required) {
-            error(where.empty() ? "map" : where, std::string("missing field \"") + key + "\"");
-        }
-        return nullptr;
-    }
-    return &*it;
+}  // namespace
+
+template <class Json>
+std::string JsonChecker::shortDump(Json const& value) {
+    return shortened(value.dump());
 }
 
-std::optional<long long> JsonChecker::integer(json const& object, char const* key,
+void JsonChecker::missing(char const* key, std::string const& where) {
+    error(where.empty() ? "map" : where, std::string("missing field \"") + key + "\"");
+}
+
+template <class Json>
+std::optional<long long> JsonChecker::integer(Json const& object, char const* key,
                                               std::string const& where, long long min,
                                               long long max, bool required) {
-    json const* value = find(object, key, where, required);
-    if (value == nullptr) {
+    auto const found = object.find(key);
+    if (found == object.end()) {
+        if (required) {
+            missing(key, where);
+        }
         return std::nullopt;
     }
-    bool const isInteger =
-        value->is_number_integer() ||
-        (value->is_number_float() && std::floor(value->get<double>()) == value->get<double>());
+    Json const* value = &*found;
+    bool const isInteger = value->is_number_integer() ||
+                           (value->is_number_float() && std::floor(value->template get<double>()) ==
+                                                            value->template get<double>());
     if (isInteger) {
-        double const number = value->get<double>();
+        double const number = value->template get<double>();
         if (number >= static_cast<double>(min) && number <= static_cast<double>(max)) {
             return static_cast<long long>(number);
         }
@@ -54,61 +61,98 @@ std::optional<long long> JsonChecker::integer(json const& object, char const* ke
     return std::nullopt;
 }
 
-std::optional<double> JsonChecker::number(json const& object, char const* key,
+template <class Json>
+std::optional<double> JsonChecker::number(Json const& object, char const* key,
                                           std::string const& where, bool required) {
-    json const* value = find(object, key, where, required);
-    if (value == nullptr) {
+    auto const found = object.find(key);
+    if (found == object.end()) {
+        if (required) {
+            missing(key, where);
+        }
         return std::nullopt;
     }
+    Json const* value = &*found;
     if (!value->is_number()) {
         error(field(where, key), "expected a number, got " + shortDump(*value));
         return std::nullopt;
     }
-    return value->get<double>();
+    return value->template get<double>();
 }
 
-std::optional<std::string> JsonChecker::text(json const& object, char const* key,
+template <class Json>
+std::optional<std::string> JsonChecker::text(Json const& object, char const* key,
                                              std::string const& where, bool required) {
-    json const* value = find(object, key, where, required);
-    if (value == nullptr) {
+    auto const found = object.find(key);
+    if (found == object.end()) {
+        if (required) {
+            missing(key, where);
+        }
         return std::nullopt;
     }
+    Json const* value = &*found;
     if (!value->is_string()) {
         error(field(where, key), "expected a string, got " + shortDump(*value));
         return std::nullopt;
     }
-    return value->get<std::string>();
+    return value->template get<std::string>();
 }
 
-std::optional<bool> JsonChecker::boolean(json const& object, char const* key,
+template <class Json>
+std::optional<bool> JsonChecker::boolean(Json const& object, char const* key,
                                          std::string const& where, bool required) {
-    json const* value = find(object, key, where, required);
-    if (value == nullptr) {
+    auto const found = object.find(key);
+    if (found == object.end()) {
+        if (required) {
+            missing(key, where);
+        }
         return std::nullopt;
     }
+    Json const* value = &*found;
     if (!value->is_boolean()) {
         error(field(where, key), "expected true or false, got " + shortDump(*value));
         return std::nullopt;
     }
-    return value->get<bool>();
+    return value->template get<bool>();
 }
 
-void JsonChecker::unknownFields(json const& object, std::string const& where,
-                                std::set<std::string> const& allowed, std::string const& context) {
+template <class Json>
+void JsonChecker::unknownFields(Json const& object, std::string const& where,
+                                FieldNames const& allowed, std::string const& context) {
     for (auto const& item : object.items()) {
-        if (allowed.count(item.key()) == 0) {
-            error(field(where, item.key().c_str()), "unknown field" + context);
+        if (allowed.find(item.key()) == allowed.end()) {
+            error(field(where, std::string(item.key()).c_str()), "unknown field" + context);
         }
     }
 }
 
-bool JsonChecker::expectObject(json const& value, std::string const& where) {
+template <class Json>
+bool JsonChecker::expectObject(Json const& value, std::string const& where) {
     if (value.is_object()) {
         return true;
     }
     error(where, "expected an object, got " + shortDump(value));
     return false;
 }
+
+/* The two readings the loaders check. */
+#define TARSEL_JSON_CHECKER_READS(Json)                                                          \
+    template std::optional<long long> JsonChecker::integer(                                      \
+        Json const&, char const*, std::string const&, long long, long long, bool);               \
+    template std::optional<double> JsonChecker::number(Json const&, char const*,                 \
+                                                       std::string const&, bool);                \
+    template std::optional<std::string> JsonChecker::text(Json const&, char const*,              \
+                                                          std::string const&, bool);             \
+    template std::optional<bool> JsonChecker::boolean(Json const&, char const*,                  \
+                                                      std::string const&, bool);                 \
+    template void JsonChecker::unknownFields(Json const&, std::string const&, FieldNames const&, \
+                                             std::string const&);                                \
+    template bool JsonChecker::expectObject(Json const&, std::string const&);                    \
+    template std::string JsonChecker::shortDump(Json const&);
+
+TARSEL_JSON_CHECKER_READS(nlohmann::json)
+TARSEL_JSON_CHECKER_READS(JsonView)
+
+#undef TARSEL_JSON_CHECKER_READS
 
 std::string joinChoices(std::vector<std::string> const& choices) {
     std::string text;

@@ -11,6 +11,13 @@
 
 namespace tarsel::daemon {
 
+class JsonView;
+
+/* Field names, looked up by std::string or std::string_view. */
+using FieldNames = std::set<std::string, std::less<>>;
+
+/* The reads work on a nlohmann::json or on a JsonView (a document parsed by
+ * simdjson): one checking code serves both readings of a file. */
 class JsonChecker {
   public:
     using json = nlohmann::json;
@@ -21,27 +28,34 @@ class JsonChecker {
 
     /* Each read returns nothing when the field is absent (reporting it when
      * required) or of the wrong type (always reported). */
-    std::optional<long long> integer(json const& object, char const* key, std::string const& where,
+    template <class Json>
+    std::optional<long long> integer(Json const& object, char const* key, std::string const& where,
                                      long long min, long long max, bool required);
-    std::optional<double> number(json const& object, char const* key, std::string const& where,
+    template <class Json>
+    std::optional<double> number(Json const& object, char const* key, std::string const& where,
                                  bool required);
-    std::optional<std::string> text(json const& object, char const* key, std::string const& where,
+    template <class Json>
+    std::optional<std::string> text(Json const& object, char const* key, std::string const& where,
                                     bool required);
-    std::optional<bool> boolean(json const& object, char const* key, std::string const& where,
+    template <class Json>
+    std::optional<bool> boolean(Json const& object, char const* key, std::string const& where,
                                 bool required);
 
     /* Reports every key of the object that is not in allowed. */
-    void unknownFields(json const& object, std::string const& where,
-                       std::set<std::string> const& allowed, std::string const& context);
+    template <class Json>
+    void unknownFields(Json const& object, std::string const& where, FieldNames const& allowed,
+                       std::string const& context);
 
     /* Reports a value that is not an object; true when it is one. */
-    bool expectObject(json const& value, std::string const& where);
+    template <class Json>
+    bool expectObject(Json const& value, std::string const& where);
 
     static std::string field(std::string const& where, char const* key);
-    static std::string shortDump(json const& value);
+    template <class Json>
+    static std::string shortDump(Json const& value);
 
   private:
-    json const* find(json const& object, char const* key, std::string const& where, bool required);
+    void missing(char const* key, std::string const& where);
 
     std::vector<std::string> m_errors;
 };

@@ -6,13 +6,13 @@
 #include <map>
 #include <mutex>
 #include <set>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
 #include "Conversions.h"
 #include "IdentificationLoader.h"
 #include "JsonChecks.h"
+#include "JsonView.h"
 
 namespace tarsel::daemon {
 
@@ -28,11 +28,10 @@ constexpr long long kMaxReadBits = 2000;
 constexpr long long kMaxWriteBits = 1968;
 constexpr long long kTableSize = 65536;
 
-std::set<std::string> const kCommonFields = {"name",        "comment",   "table",
-                                             "address",     "encoder",   "unit",
-                                             "unavailable", "allowRead", "allowWrite"};
+FieldNames const kCommonFields = {"name", "comment",     "table",     "address",   "encoder",
+                                  "unit", "unavailable", "allowRead", "allowWrite"};
 
-std::set<std::string> encoderFields(EncoderKind kind) {
+FieldNames encoderFields(EncoderKind kind) {
     switch (kind) {
         case EncoderKind::Float:
             return {"source", "multiplier", "byteOrder"};
@@ -61,26 +60,37 @@ std::set<std::string> encoderFields(EncoderKind kind) {
     return {};
 }
 
-/* Every field an entry of the encoder may have: built once per encoder, not
- * once per entry (a map has thousands of entries and a handful of encoders). */
-std::set<std::string> const& allowedEntryFields(EncoderKind kind) {
+std::string quoted(std::string const& text) {
+    return "\"" + text + "\"";
+}
+
+/* Every field an entry of the encoder may have, and the words an unknown one
+ * is reported with. */
+struct EntryFields {
+    FieldNames allowed;
+    std::string context;  // " for encoder \"float\""
+};
+
+/* Built once per encoder, not once per entry (a map has thousands of entries
+ * and a handful of encoders). */
+EntryFields const& entryFields(EncoderKind kind) {
     // Maps are loaded on more than one thread (a reload, a UPS's own map).
     static std::mutex guard;
-    static std::map<EncoderKind, std::set<std::string>> built;
+    static std::map<EncoderKind, EntryFields> built;
     std::lock_guard<std::mutex> lock(guard);
     auto found = built.find(kind);
     if (found == built.end()) {
-        auto allowed = kCommonFields;
+        EntryFields fields{kCommonFields, " for encoder " + quoted(encoderName(kind))};
         auto const own = encoderFields(kind);
-        allowed.insert(own.begin(), own.end());
-        found = built.emplace(kind, std::move(allowed)).first;
+        fields.allowed.insert(own.begin(), own.end());
+        found = built.emplace(kind, std::move(fields)).first;
     }
     // A node of a std::map stays where it is: the reference outlives the lock.
     return found->second;
 }
 
-std::set<std::string> const kSourceFields = {"device",    "path",  "channel", "data",
-                                             "attribute", "alarm", "comment"};
+FieldNames const kSourceFields = {"device",    "path",  "channel", "data",
+                                  "attribute", "alarm", "comment"};
 
 std::uint16_t fixedSize(EncoderKind kind) {
     switch (kind) {
@@ -94,41 +104,40 @@ std::uint16_t fixedSize(EncoderKind kind) {
     }
 }
 
-std::string quoted(std::string const& text) {
-    return "\"" + text + "\"";
-}
-
+/* Reads a map from either reading of its JSON (see parseRegisterMap). */
+template <class Json>
 class MapParser {
   public:
-    RegisterMapDefinition parse(json const& root);
+    RegisterMapDefinition parse(Json const& root);
     std::vector<std::string> const& errors() const { return m_check.errors(); }
 
   private:
-    UnavailablePolicy parsePolicy(json const& value, std::string const& where,
+    UnavailablePolicy parsePolicy(Json const& value, std::string const& where,
                                   UnavailablePolicy policy);
-    std::optional<CidrList> parseAllowList(json const& entry, char const* key,
+    std::optional<CidrList> parseAllowList(Json const& entry, char const* key,
                                            std::string const& where);
-    std::optional<EntryDefinition> parseEntry(json const& value, std::string const& where,
+    std::optional<EntryDefinition> parseEntry(Json const& value, std::string const& where,
                                               UnavailablePolicy const& mapPolicy);
-    bool parseHeader(json const& value, EntryDefinition& definition);
-    void parseOptions(json const& value, EntryDefinition& definition);
-    void parseSingleSource(json const& value, EntryDefinition& definition);
-    void parseScaling(json const& value, EntryDefinition& definition);
-    void parseByteOrder(json const& value, EntryDefinition& definition);
-    void parseLayout(json const& value, EntryDefinition& definition);
-    void parseUint16Options(json const& value, EntryDefinition& definition);
-    void parseComposite(json const& value, EntryDefinition& definition);
-    void parseStringSize(json const& value, EntryDefinition& definition);
-    std::optional<SourceDefinition> parseSource(json const& value, std::string const& where);
-    bool parseDevice(json const& value, std::string const& where, DeviceRef& device);
-    void parseSourceKind(json const& value, std::string const& where, SourceDefinition& source);
+    bool parseHeader(Json const& value, EntryDefinition& definition);
+    void parseOptions(Json const& value, EntryDefinition& definition);
+    void parseSingleSource(Json const& value, EntryDefinition& definition);
+    void parseScaling(Json const& value, EntryDefinition& definition);
+    void parseByteOrder(Json const& value, EntryDefinition& definition);
+    void parseLayout(Json const& value, EntryDefinition& definition);
+    void parseUint16Options(Json const& value, EntryDefinition& definition);
+    void parseComposite(Json const& value, EntryDefinition& definition);
+    void parseStringSize(Json const& value, EntryDefinition& definition);
+    std::optional<SourceDefinition> parseSource(Json const& value, std::string const& where);
+    bool parseDevice(Json const& value, std::string const& where, DeviceRef& device);
+    void parseSourceKind(Json const& value, std::string const& where, SourceDefinition& source);
     bool checkFit(EntryDefinition const& definition);
     void checkOverlaps(std::vector<EntryDefinition> const& entries);
 
     JsonChecker m_check;
 };
 
-RegisterMapDefinition MapParser::parse(json const& root) {
+template <class Json>
+RegisterMapDefinition MapParser<Json>::parse(Json const& root) {
     RegisterMapDefinition map;
     if (!m_check.expectObject(root, "map")) {
         return map;
@@ -137,8 +146,8 @@ RegisterMapDefinition MapParser::parse(json const& root) {
                           {"description", "comment", "unavailable", "entries", "identification"},
                           " of the map");
     if (root.contains("identification")) {
-        map.identification = parseIdentification(
-            root["identification"], m_check, [this](json const& value, std::string const& where) {
+        map.identification = parseIdentification<Json>(
+            root["identification"], m_check, [this](Json const& value, std::string const& where) {
                 return parseSource(value, where);
             });
     }
@@ -155,10 +164,12 @@ RegisterMapDefinition MapParser::parse(json const& root) {
         m_check.error("entries", "expected an array, got " + JsonChecker::shortDump(*entries));
         return map;
     }
-    std::vector<EntryDefinition> placed;
-    for (std::size_t i = 0; i < entries->size(); ++i) {
-        std::string const where = "entries[" + std::to_string(i) + "]";
-        if (auto entry = parseEntry((*entries)[i], where, map.unavailable)) {
+    map.entries.reserve(entries->size());
+    std::size_t index = 0;
+    // Element by element: indexing a simdjson array walks it from the start.
+    for (auto const& element : *entries) {
+        std::string const where = "entries[" + std::to_string(index++) + "]";
+        if (auto entry = parseEntry(element, where, map.unavailable)) {
             map.entries.push_back(std::move(*entry));
         }
     }
@@ -166,8 +177,9 @@ RegisterMapDefinition MapParser::parse(json const& root) {
     return map;
 }
 
-UnavailablePolicy MapParser::parsePolicy(json const& value, std::string const& where,
-                                         UnavailablePolicy policy) {
+template <class Json>
+UnavailablePolicy MapParser<Json>::parsePolicy(Json const& value, std::string const& where,
+                                               UnavailablePolicy policy) {
     if (!m_check.expectObject(value, where)) {
         return policy;
     }
@@ -195,13 +207,14 @@ UnavailablePolicy MapParser::parsePolicy(json const& value, std::string const& w
 }
 
 /* An array of networks ("10.0.0.0/8", "192.168.1.7"); [] lets nobody. */
-std::optional<CidrList> MapParser::parseAllowList(json const& entry, char const* key,
-                                                  std::string const& where) {
+template <class Json>
+std::optional<CidrList> MapParser<Json>::parseAllowList(Json const& entry, char const* key,
+                                                        std::string const& where) {
     if (!entry.contains(key)) {
         return std::nullopt;
     }
     std::string const path = where + "." + key;
-    json const& value = entry[key];
+    Json const& value = entry[key];
     if (!value.is_array()) {
         m_check.error(path, "expected an array of IPv4 networks such as \"10.0.0.0/8\"");
         return std::nullopt;
@@ -209,7 +222,7 @@ std::optional<CidrList> MapParser::parseAllowList(json const& entry, char const*
     CidrList list;
     for (std::size_t i = 0; i < value.size(); ++i) {
         auto const cidr =
-            value[i].is_string() ? Cidr::parse(value[i].get<std::string>()) : std::nullopt;
+            value[i].is_string() ? Cidr::parse(value[i].template get<std::string>()) : std::nullopt;
         if (!cidr) {
             m_check.error(path + "[" + std::to_string(i) + "]",
                           "expected an IPv4 address or network such as \"10.0.0.0/8\"");
@@ -220,8 +233,10 @@ std::optional<CidrList> MapParser::parseAllowList(json const& entry, char const*
     return list;
 }
 
-std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::string const& where,
-                                                     UnavailablePolicy const& mapPolicy) {
+template <class Json>
+std::optional<EntryDefinition> MapParser<Json>::parseEntry(Json const& value,
+                                                           std::string const& where,
+                                                           UnavailablePolicy const& mapPolicy) {
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
@@ -232,8 +247,8 @@ std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::str
     if (!parseHeader(value, definition)) {
         return std::nullopt;
     }
-    m_check.unknownFields(value, where, allowedEntryFields(definition.encoder),
-                          " for encoder " + quoted(encoderName(definition.encoder)));
+    EntryFields const& fields = entryFields(definition.encoder);
+    m_check.unknownFields(value, where, fields.allowed, fields.context);
     if (value.contains("unavailable")) {
         definition.unavailable =
             parsePolicy(value["unavailable"], where + ".unavailable", mapPolicy);
@@ -257,7 +272,8 @@ std::optional<EntryDefinition> MapParser::parseEntry(json const& value, std::str
 }
 
 /* Name, table, address and encoder; false when the rest cannot be checked. */
-bool MapParser::parseHeader(json const& value, EntryDefinition& definition) {
+template <class Json>
+bool MapParser<Json>::parseHeader(Json const& value, EntryDefinition& definition) {
     std::string const& where = definition.path;
     definition.name = m_check.text(value, "name", where, false).value_or("");
     definition.unit = m_check.text(value, "unit", where, false).value_or("");
@@ -287,7 +303,8 @@ bool MapParser::parseHeader(json const& value, EntryDefinition& definition) {
     return true;
 }
 
-void MapParser::parseOptions(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseOptions(Json const& value, EntryDefinition& definition) {
     switch (definition.encoder) {
         case EncoderKind::CompositeRegisters:
         case EncoderKind::CompositeDiscretes:
@@ -312,7 +329,8 @@ void MapParser::parseOptions(json const& value, EntryDefinition& definition) {
     parseLayout(value, definition);
 }
 
-void MapParser::parseSingleSource(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseSingleSource(Json const& value, EntryDefinition& definition) {
     auto const source = value.find("source");
     if (source == value.end()) {
         m_check.error(definition.path, "missing field \"source\"");
@@ -323,7 +341,8 @@ void MapParser::parseSingleSource(json const& value, EntryDefinition& definition
     }
 }
 
-void MapParser::parseScaling(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseScaling(Json const& value, EntryDefinition& definition) {
     if (auto const multiplier = m_check.number(value, "multiplier", definition.path, false)) {
         if (*multiplier == 0.0 || !std::isfinite(*multiplier)) {
             m_check.error(definition.path + ".multiplier", "must be a finite number other than 0");
@@ -335,7 +354,8 @@ void MapParser::parseScaling(json const& value, EntryDefinition& definition) {
     }
 }
 
-void MapParser::parseByteOrder(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseByteOrder(Json const& value, EntryDefinition& definition) {
     auto const order = value.find("byteOrder");
     if (order == value.end()) {
         return;
@@ -353,7 +373,8 @@ void MapParser::parseByteOrder(json const& value, EntryDefinition& definition) {
 
 /* float32 always has a layout (ABCD unless named); int32 and uint32 have one
  * only when named, which selects the daemon's encoder over the library's. */
-void MapParser::parseLayout(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseLayout(Json const& value, EntryDefinition& definition) {
     if (definition.encoder == EncoderKind::Float32) {
         definition.layout = WireLayout::ABCD;
     }
@@ -375,7 +396,8 @@ void MapParser::parseLayout(json const& value, EntryDefinition& definition) {
     }
 }
 
-void MapParser::parseUint16Options(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseUint16Options(Json const& value, EntryDefinition& definition) {
     definition.useBitmask =
         value.contains("bitmask") || value.contains("mask") || value.contains("default");
     if (!definition.useBitmask) {
@@ -403,13 +425,15 @@ void MapParser::parseUint16Options(json const& value, EntryDefinition& definitio
     }
 }
 
-void MapParser::parseStringSize(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseStringSize(Json const& value, EntryDefinition& definition) {
     if (auto const size = m_check.integer(value, "size", definition.path, 1, kTableSize, true)) {
         definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
     }
 }
 
-void MapParser::parseComposite(json const& value, EntryDefinition& definition) {
+template <class Json>
+void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definition) {
     std::string const& where = definition.path;
     definition.description = m_check.text(value, "description", where, false).value_or("");
     auto const sources = value.find("sources");
@@ -460,8 +484,9 @@ void MapParser::parseComposite(json const& value, EntryDefinition& definition) {
     }
 }
 
-std::optional<SourceDefinition> MapParser::parseSource(json const& value,
-                                                       std::string const& where) {
+template <class Json>
+std::optional<SourceDefinition> MapParser<Json>::parseSource(Json const& value,
+                                                             std::string const& where) {
     if (!m_check.expectObject(value, where)) {
         return std::nullopt;
     }
@@ -478,16 +503,18 @@ std::optional<SourceDefinition> MapParser::parseSource(json const& value,
     return source;
 }
 
-bool MapParser::parseDevice(json const& value, std::string const& where, DeviceRef& device) {
+template <class Json>
+bool MapParser<Json>::parseDevice(Json const& value, std::string const& where, DeviceRef& device) {
     auto const it = value.find("device");
     if (it == value.end()) {
         m_check.error(where, "missing field \"device\"");
         return false;
     }
-    if (it->is_number_unsigned() || (it->is_number_integer() && it->get<long long>() >= 0)) {
-        device.id = it->get<unsigned long long>();
-    } else if (it->is_string() && !it->get<std::string>().empty()) {
-        device.name = it->get<std::string>();
+    if (it->is_number_unsigned() ||
+        (it->is_number_integer() && it->template get<long long>() >= 0)) {
+        device.id = it->template get<unsigned long long>();
+    } else if (it->is_string() && !it->template get<std::string>().empty()) {
+        device.name = it->template get<std::string>();
     } else {
         m_check.error(where + ".device",
                       "expected a device id (integer) or a device name (non-empty string), got " +
@@ -505,9 +532,9 @@ bool MapParser::parseDevice(json const& value, std::string const& where, DeviceR
     bool valid = path->is_array();
     for (std::size_t i = 0; valid && i < path->size(); ++i) {
         valid = (*path)[i].is_number_unsigned() &&
-                (*path)[i].get<unsigned long long>() <= 0xFFFFFFFFULL;
+                (*path)[i].template get<unsigned long long>() <= 0xFFFFFFFFULL;
         if (valid) {
-            device.path.push_back((*path)[i].get<unsigned int>());
+            device.path.push_back((*path)[i].template get<unsigned int>());
         }
     }
     if (!valid) {
@@ -519,8 +546,9 @@ bool MapParser::parseDevice(json const& value, std::string const& where, DeviceR
     return valid;
 }
 
-void MapParser::parseSourceKind(json const& value, std::string const& where,
-                                SourceDefinition& source) {
+template <class Json>
+void MapParser<Json>::parseSourceKind(Json const& value, std::string const& where,
+                                      SourceDefinition& source) {
     if (value.contains("attribute")) {
         source.kind = SourceKind::Attribute;
         for (char const* key : {"channel", "data", "alarm"}) {
@@ -528,12 +556,13 @@ void MapParser::parseSourceKind(json const& value, std::string const& where,
                 m_check.error(where + "." + key, "not allowed with \"attribute\"");
             }
         }
-        json const& attribute = value["attribute"];
+        Json const& attribute = value["attribute"];
         if (attribute.is_number_unsigned() &&
-            attribute.get<unsigned long long>() <= 0xFFFFFFFFULL) {
-            source.attribute = static_cast<cdsapi::DeviceAttribute>(attribute.get<unsigned>());
+            attribute.template get<unsigned long long>() <= 0xFFFFFFFFULL) {
+            source.attribute =
+                static_cast<cdsapi::DeviceAttribute>(attribute.template get<unsigned>());
         } else if (auto const named = attribute.is_string()
-                                          ? attributeFromName(attribute.get<std::string>())
+                                          ? attributeFromName(attribute.template get<std::string>())
                                           : std::nullopt) {
             source.attribute = *named;
         } else {
@@ -573,7 +602,8 @@ std::string unitOf(Table table) {
 }
 
 /* Whether the encoder suits the table and the entry fits inside it. */
-bool MapParser::checkFit(EntryDefinition const& definition) {
+template <class Json>
+bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
     if (isRegisterEncoder(definition.encoder) != isRegisterTable(definition.table)) {
         m_check.error(
             definition.path,
@@ -611,7 +641,8 @@ bool MapParser::checkFit(EntryDefinition const& definition) {
     return true;
 }
 
-void MapParser::checkOverlaps(std::vector<EntryDefinition> const& entries) {
+template <class Json>
+void MapParser<Json>::checkOverlaps(std::vector<EntryDefinition> const& entries) {
     std::map<Table, std::vector<EntryDefinition const*>> byTable;
     for (auto const& entry : entries) {
         byTable[entry.table].push_back(&entry);
@@ -643,7 +674,20 @@ MapError::MapError(std::vector<std::string> errors)
                                         : "invalid register map: " + errors.front()),
       m_errors(std::move(errors)) {}
 
-RegisterMapDefinition parseRegisterMap(std::string const& text) {
+std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& text) {
+    auto const document = JsonDocument::parse(text);
+    if (!document || document->hasRepeatedNames()) {
+        return std::nullopt;
+    }
+    MapParser<JsonView> parser;
+    RegisterMapDefinition map = parser.parse(document->root());
+    if (!parser.errors().empty()) {
+        return std::nullopt;
+    }
+    return map;
+}
+
+RegisterMapDefinition parseRegisterMapWithNlohmann(std::string const& text) {
     json root;
     try {
         root = json::parse(text);
@@ -651,7 +695,7 @@ RegisterMapDefinition parseRegisterMap(std::string const& text) {
         // A syntax error, or a number too large for a double (out_of_range).
         throw MapError({std::string("map: not valid JSON: ") + error.what()});
     }
-    MapParser parser;
+    MapParser<json> parser;
     RegisterMapDefinition map = parser.parse(root);
     if (!parser.errors().empty()) {
         throw MapError(parser.errors());
@@ -659,14 +703,40 @@ RegisterMapDefinition parseRegisterMap(std::string const& text) {
     return map;
 }
 
+RegisterMapDefinition parseRegisterMap(std::string const& text) {
+    // simdjson reads a large map several times faster than nlohmann builds its
+    // tree. A map it cannot read, or with any problem, is read again with
+    // nlohmann, so the errors keep the wording, the syntax messages and the
+    // order of fields that nlohmann's reading gives them.
+    if (auto map = parseRegisterMapQuickly(text)) {
+        return std::move(*map);
+    }
+    return parseRegisterMapWithNlohmann(text);
+}
+
 std::string readTextFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         throw std::runtime_error("cannot read " + path);
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    // Read straight into the string: a map or scenario of thousands of
+    // entries is megabytes, which a string stream would copy. A file whose
+    // size is known is read at once, anything else (a pipe) in blocks.
+    std::string text;
+    in.seekg(0, std::ios::end);
+    auto const size = static_cast<std::streamoff>(in.tellg());
+    in.seekg(0, std::ios::beg);
+    if (size > 0 && in) {
+        text.resize(static_cast<std::size_t>(size));
+        in.read(text.data(), size);
+        text.resize(static_cast<std::size_t>(in.gcount()));
+    }
+    in.clear();
+    char block[65536];
+    while (in.read(block, sizeof block) || in.gcount() > 0) {
+        text.append(block, static_cast<std::size_t>(in.gcount()));
+    }
+    return text;
 }
 
 }  // namespace tarsel::daemon

@@ -2,6 +2,7 @@
 // served: every error is collected, each naming the entry and what is wrong.
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,8 +21,18 @@ class MapError : public std::runtime_error {
     std::vector<std::string> m_errors;
 };
 
-/* Parses and validates the JSON text of a map; throws MapError. */
+/* Parses and validates the JSON text of a map; throws MapError. Reads it
+ * with parseRegisterMapQuickly, and a map that this does not accept with
+ * parseRegisterMapWithNlohmann, whose errors it throws. */
 RegisterMapDefinition parseRegisterMap(std::string const& text);
+
+/* The map read with simdjson; nothing when simdjson cannot read the text the
+ * way nlohmann does (see JsonDocument: -0, a field name repeated in an object)
+ * or when the map has any error. */
+std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& text);
+
+/* The map read with nlohmann alone; throws MapError with every error. */
+RegisterMapDefinition parseRegisterMapWithNlohmann(std::string const& text);
 
 /* Reads a file; throws std::runtime_error when it cannot be read. */
 std::string readTextFile(std::string const& path);

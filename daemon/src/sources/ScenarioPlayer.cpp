@@ -26,6 +26,19 @@ json const& pick(json const& body, std::size_t run) {
     return body["value"];
 }
 
+/* The object or array the field holds, or an empty one; unlike
+ * json::value(), without copying it (a device may have thousands of
+ * channels). */
+json const& fieldOrEmpty(json const& object, char const* key, json::value_t type) {
+    static json const kNoObject = json::object();
+    static json const kNoArray = json::array();
+    auto const found = object.find(key);
+    if (found != object.end()) {
+        return *found;
+    }
+    return type == json::value_t::array ? kNoArray : kNoObject;
+}
+
 }  // namespace
 
 ScenarioPlayer::ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log)
@@ -187,10 +200,9 @@ cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
     cdshost::Id const id = m_store.addDevice(name, device.value("id", 0ULL), parent, kSilent);
     created.emplace_back(id, parent);
     m_names[name] = id;
-    // value() returns a copy: keep it alive for the loops over its items.
-    json const attributes = device.value("attributes", json::object());
-    json const channels = device.value("channels", json::object());
-    json const alarms = device.value("alarms", json::object());
+    json const& attributes = fieldOrEmpty(device, "attributes", json::value_t::object);
+    json const& channels = fieldOrEmpty(device, "channels", json::value_t::object);
+    json const& alarms = fieldOrEmpty(device, "alarms", json::value_t::object);
     for (auto const& item : attributes.items()) {
         m_store.setDeviceAttribute(id, attributeFromName(item.key()).value(),
                                    item.value().get<std::string>(), kSilent);
@@ -205,7 +217,7 @@ cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
         }
         applyAlarmSettings(channel, item.value(), kSilent);
     }
-    json const subDevices = device.value("subDevices", json::array());
+    json const& subDevices = fieldOrEmpty(device, "subDevices", json::value_t::array);
     for (auto const& sub : subDevices) {
         buildDevice(sub, id, created);
     }
