@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -201,6 +202,50 @@ TEST_F(HostStoreTest, AlarmSettingsAreStoredPerChannel) {
     EXPECT_TRUE(s.thresholdFlag);
     EXPECT_EQ(s.hysteresis, 1.5f);
     EXPECT_EQ(s.level, 7);
+}
+
+TEST_F(HostStoreTest, ChannelsAreFoundByNameAsTheirDeviceGrowsAndShrinks) {
+    Id const ups = store.addDevice("UPS");
+    std::vector<Id> ids;
+    for (int i = 0; i < 2000; ++i) {
+        ids.push_back(store.addChannel(ups, "Sensor." + std::to_string(i)));
+    }
+    for (int i = 0; i < 2000; i += 2) {
+        store.removeChannel(ids[static_cast<std::size_t>(i)]);
+    }
+    for (int i = 0; i < 2000; ++i) {
+        Id const expected = i % 2 == 0 ? 0 : ids[static_cast<std::size_t>(i)];
+        EXPECT_EQ(store.channelId(ups, "Sensor." + std::to_string(i)), expected) << i;
+    }
+    Id const again = store.addChannel(ups, "Sensor.0");
+    EXPECT_EQ(store.channelId(ups, "Sensor.0"), again);
+}
+
+TEST_F(HostStoreTest, AlarmSettingsOfAChannelNeverSetUpAreTheDefaults) {
+    Id const ch = store.addChannel(store.addDevice("UPS"), "C");
+    cdshost::AlarmSettings const s = store.alarmSettings(ch);
+    EXPECT_FALSE(s.enabled);
+    EXPECT_EQ(s.thresholds[cdsapi::TriggerHighWarning], 0.0f);
+    EXPECT_FALSE(s.thresholdFlag);
+    EXPECT_EQ(s.hysteresis, 0.0f);
+    EXPECT_EQ(s.level, 0);
+    EXPECT_EQ(store.alarmRecord(ch), std::nullopt);
+    store.clearAlarm(ch);
+    EXPECT_EQ(store.alarmRecord(ch), std::nullopt);
+    EXPECT_FALSE(inBand.getChannelAlarmEnabled(ch));
+    EXPECT_EQ(inBand.getChannelAlarmHysteresis(ch), 0.0f);
+}
+
+TEST_F(HostStoreTest, SettingOneAlarmSettingLeavesTheOthersAtTheirDefaults) {
+    Id const ch = store.addChannel(store.addDevice("UPS"), "C");
+    store.setAlarmHysteresis(ch, 2.5f);
+    cdshost::AlarmSettings const s = store.alarmSettings(ch);
+    EXPECT_EQ(s.hysteresis, 2.5f);
+    EXPECT_FALSE(s.enabled);
+    EXPECT_EQ(s.level, 0);
+    EXPECT_EQ(store.alarmRecord(ch), std::nullopt);
+    Id const other = store.addChannel(store.addDevice("UPS 2"), "C");
+    EXPECT_EQ(store.alarmSettings(other).hysteresis, 0.0f);
 }
 
 TEST_F(HostStoreTest, AlarmThresholdOfUnknownTriggerThrows) {
@@ -817,6 +862,25 @@ TEST_F(HostStoreTest, ResetCallsClearsTheChannelReadsOfExistingChannels) {
     EXPECT_EQ(store.calls("getChannelCValue", a), 0u);
     (void)inBand.getChannelCValue(a);
     EXPECT_EQ(store.calls("getChannelCValue", a), 1u);
+}
+
+TEST_F(HostStoreTest, SubscribeCallsOnAChannelStayCountedWhenItGoesAndComesBack) {
+    Id const ups = store.addDevice("UPS");
+    Id const a = store.addChannel(ups, "A", kq::CValue(1), 40);
+    watchChannel(a, kq::sub::ChannelValue, "x");
+    watchChannel(a, kq::sub::ChannelState, "y");
+    watchChannel(99, kq::sub::ChannelValue, "no channel");
+    EXPECT_EQ(store.calls("subscribeChannel", a), 2u);
+    store.removeChannel(a);
+    EXPECT_EQ(store.calls("subscribeChannel", a), 2u);
+    store.addChannel(ups, "A", kq::CValue(1), a);
+    watchChannel(a, kq::sub::ChannelValue, "z");
+    EXPECT_EQ(store.calls("subscribeChannel", a), 3u);
+    EXPECT_EQ(store.calls("subscribeChannel", 99), 1u);
+    EXPECT_EQ(store.calls("subscribeChannel"), 4u);
+    store.resetCalls();
+    EXPECT_EQ(store.calls("subscribeChannel", a), 0u);
+    EXPECT_EQ(store.calls("subscribeChannel", 99), 0u);
 }
 
 TEST_F(HostStoreTest, AccountingOfAnOperationTheClientDoesNotHaveThrowsInvalidArgument) {

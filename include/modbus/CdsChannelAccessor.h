@@ -95,11 +95,15 @@ class TARSEL_MODBUS_EXPORT CdsChannelAccessor : public CdsDataAccessor {
     static SubscriptionIdRegistry m_mapChannelAccessorDeviceCreationSubscriberId;
 
   private:
+    // The sub-device path and the device name: only an accessor that has one
+    // or the other carries them, so that the many accessors of a large map
+    // that find their device by id alone stay small.
+    struct Route;
+
     unsigned long long m_deviceId;
     unsigned long long m_channelDeviceId;
-    std::vector<unsigned int> m_subDeviceIndexes;
+    std::unique_ptr<Route const> m_route;
     std::string m_channelName;
-    std::string m_deviceName;
     DataType m_dataType;
     bool m_isExisting;
     unsigned long long m_channelId;

@@ -31,6 +31,11 @@ CdsChannelAccessor::AccessorRegistry
 CdsChannelAccessor::SubscriptionIdRegistry
     CdsChannelAccessor::m_mapChannelAccessorDeviceCreationSubscriberId;
 
+struct CdsChannelAccessor::Route {
+    std::vector<unsigned int> subDeviceIndexes;
+    std::string deviceName;
+};
+
 namespace {
 
 using Id = unsigned long long;
@@ -268,7 +273,7 @@ CdsChannelAccessor::CdsChannelAccessor(unsigned long long deviceId,
                                        std::string const& channelName, DataType dataType)
     : m_deviceId(deviceId),
       m_channelDeviceId(kUnknownDevice),
-      m_subDeviceIndexes(subDeviceIndexes),
+      m_route(std::make_unique<Route const>(Route{subDeviceIndexes, {}})),
       m_channelName(channelName),
       m_dataType(dataType),
       m_isExisting(false),
@@ -280,8 +285,8 @@ CdsChannelAccessor::CdsChannelAccessor(std::string const& deviceName,
                                        std::string const& channelName, DataType dataType)
     : m_deviceId(kUnknownDevice),
       m_channelDeviceId(kUnknownDevice),
+      m_route(std::make_unique<Route const>(Route{{}, deviceName})),
       m_channelName(channelName),
-      m_deviceName(deviceName),
       m_dataType(dataType),
       m_isExisting(false),
       m_channelId(0) {
@@ -371,8 +376,11 @@ void CdsChannelAccessor::callbackUpdateChannelValue(kq::CValue const& value) {
 // ---- Detection -------------------------------------------------------------------
 
 void CdsChannelAccessor::detectChannel() {
+    // An accessor of a device by id alone has no route: the empty one.
+    static Route const none;
+    Route const& route = m_route ? *m_route : none;
     std::optional<Id> const searched =
-        findSearchedDevice(m_deviceId, m_deviceName, m_subDeviceIndexes);
+        findSearchedDevice(m_deviceId, route.deviceName, route.subDeviceIndexes);
     if (!searched) {
         // The device (or a sub-device of the path) is missing: wait for the top
         // device to be created.

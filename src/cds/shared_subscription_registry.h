@@ -25,33 +25,33 @@ using Registry = std::map<unsigned long long, std::set<Accessor*>>;
 /* The ids each accessor is registered under in one registry, kept in step by
  * add() and remove() (the only two that change a registry), so that leaving
  * every id costs the ids the accessor holds rather than a walk of the whole
- * registry: tearing down a map of thousands of entries stays linear. */
+ * registry: tearing down a map of thousands of entries stays linear. One node
+ * per (accessor, id) pair and no list per accessor: almost every accessor sits
+ * under a single id, and a map of thousands of entries keeps this index for
+ * as long as it is served. */
 template <typename Accessor>
-std::unordered_map<Accessor const*, std::vector<unsigned long long>>& placementsIn(
-    Registry<Accessor> const& registry) {
-    static std::unordered_map<void const*,
-                              std::unordered_map<Accessor const*, std::vector<unsigned long long>>>
-        byRegistry;
+using Placements = std::unordered_multimap<Accessor const*, unsigned long long>;
+
+template <typename Accessor>
+Placements<Accessor>& placementsIn(Registry<Accessor> const& registry) {
+    static std::unordered_map<void const*, Placements<Accessor>> byRegistry;
     return byRegistry[&registry];
 }
 
 template <typename Accessor>
 void notePlacement(Registry<Accessor> const& registry, Accessor const* accessor,
                    unsigned long long id) {
-    placementsIn(registry)[accessor].push_back(id);
+    placementsIn(registry).emplace(accessor, id);
 }
 
 template <typename Accessor>
 void forgetPlacement(Registry<Accessor> const& registry, Accessor const* accessor,
                      unsigned long long id) {
     auto& placements = placementsIn(registry);
-    auto const found = placements.find(accessor);
-    if (found == placements.end()) {
-        return;
-    }
-    auto& ids = found->second;
-    ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
-    if (ids.empty()) {
+    auto const [first, last] = placements.equal_range(accessor);
+    auto const found =
+        std::find_if(first, last, [id](auto const& placement) { return placement.second == id; });
+    if (found != last) {
         placements.erase(found);
     }
 }
@@ -131,13 +131,15 @@ template <typename Accessor>
 void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accessors,
                       std::map<unsigned long long, unsigned long long>& subscriptionIds,
                       Accessor* accessor) noexcept {
-    auto& placements = placementsIn(accessors);
-    auto const found = placements.find(accessor);
-    if (found == placements.end()) {
+    auto const [first, last] = placementsIn(accessors).equal_range(accessor);
+    if (first == last) {
         return;
     }
-    // A copy: each removal below forgets its id in the list.
-    std::vector<unsigned long long> const ids = found->second;
+    // A copy: each removal below forgets its id in the index.
+    std::vector<unsigned long long> ids;
+    for (auto placement = first; placement != last; ++placement) {
+        ids.push_back(placement->second);
+    }
     for (unsigned long long const id : ids) {
         remove(accessors, subscriptionIds, id, accessor);
     }

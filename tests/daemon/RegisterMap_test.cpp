@@ -431,7 +431,7 @@ std::string render(UnavailablePolicy const& policy) {
            std::to_string(policy.code);
 }
 
-std::string render(std::optional<CidrList> const& list) {
+std::string render(RareOptional<CidrList> const& list) {
     if (!list) {
         return "-";
     }

@@ -221,6 +221,14 @@ TEST(ServedMapTest, ReadListsAreKnownPerTableOfTheEntriesThatHaveThem) {
     EXPECT_FALSE(map.hasReadLists(Table::Coils));
 }
 
+TEST(ServedMapTest, HoldsItsEntriesWithoutSpareCapacity) {
+    // Kept for as long as the map is served: sized once, not grown by doubling.
+    TestDaemon daemon(kMap, kCardOnly);
+    auto const& entries = daemon.core().map().entries();
+    EXPECT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries.capacity(), entries.size());
+}
+
 TEST(ServedMapTest, DescriptionBuildsWhatCanBeBuiltFirst) {
     TestDaemon daemon(kMap, kCardOnly);
     addUps();

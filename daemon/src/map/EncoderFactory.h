@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "MapModel.h"
+#include "RareField.h"
 #include "modbus/CdsDataAccessor.h"
 #include "modbus/DiscretesDataAccessor.h"
 #include "modbus/RegistersDataAccessor.h"
@@ -21,7 +22,7 @@ struct BuiltEncoder {
     // Every data accessor of the entry (owned by the encoder), in the order
     // of the definition's sources, so the daemon can ask each whether its
     // item is there.
-    std::vector<modbus::CdsDataAccessor const*> sources;
+    MostlyOne<modbus::CdsDataAccessor const*> sources;
 };
 
 /* A new data accessor for the source; it detects its item at once. */

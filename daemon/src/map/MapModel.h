@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Cidr.h"
+#include "RareField.h"
 #include "WireLayout.h"
 #include "cdsapi/types.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
@@ -39,7 +40,7 @@ enum class EncoderKind {
  * sub-device indexes) or by name. */
 struct DeviceRef {
     std::optional<unsigned long long> id;
-    std::string name;
+    RareText name;
     std::vector<unsigned int> path;
 };
 
@@ -75,26 +76,28 @@ struct EntryDefinition {
     std::uint16_t address = 0;
     std::uint16_t size = 1;  // registers or discretes
     EncoderKind encoder = EncoderKind::Float;
+    // (Declared here and below in the order that leaves no padding: a served
+    // map keeps one definition per entry.)
+    std::uint16_t byteOrder = 0;
     std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
-    std::uint16_t byteOrder = 0;
     // float32 always, int32 and uint32 when the map names one: the daemon's
     // own encoder in this layout instead of the library's byte order.
     std::optional<WireLayout> layout;
-    std::string unit;         // for the description: "V", "Hz", "%"; may be empty
+    RareText unit;            // for the description: "V", "Hz", "%"; may be empty
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
+    bool invert = false;
     std::uint32_t mask = 0;
     std::optional<unsigned int> defaultValue;
-    bool invert = false;
-    std::string function;     // composites
-    std::string description;  // composite-registers: the representation label
+    RareText function;     // composites
+    RareText description;  // composite-registers: the representation label
     UnavailablePolicy unavailable;
     // Who may read or write this entry, on top of the listener's rules;
     // nothing: the listener's rules alone.
-    std::optional<CidrList> allowRead;
-    std::optional<CidrList> allowWrite;
+    RareOptional<CidrList> allowRead;
+    RareOptional<CidrList> allowWrite;
 
     /* First address past the entry. */
     std::uint32_t end() const { return std::uint32_t{address} + size; }

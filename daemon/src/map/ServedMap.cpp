@@ -31,6 +31,16 @@ void fitInPlace(std::vector<std::uint16_t>& words, std::size_t size) {
 
 ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log)
     : m_log(log), m_identification(definition.identification) {
+    // Sized once: a map of thousands of entries keeps these for as long as
+    // it is served, and growing by doubling would leave up to half unused.
+    m_entries.reserve(definition.entries.size());
+    std::array<std::size_t, 4> perTable{};
+    for (auto const& entry : definition.entries) {
+        ++perTable[static_cast<std::size_t>(entry.table)];
+    }
+    for (std::size_t table = 0; table < perTable.size(); ++table) {
+        m_index[table].reserve(perTable[table]);
+    }
     for (auto const& entry : definition.entries) {
         add(entry);
     }

@@ -34,7 +34,7 @@ struct ServedEntry {
     EntryDefinition const definition;
     PushImage image;
     // Why the last attempt to build the encoder failed; empty once built.
-    std::string pendingReason;
+    RareText pendingReason;
     // Declared last so it is destroyed first: the encoder's listener writes
     // into `image`, and the data accessors must leave the data store before
     // anything they could call back into goes away.

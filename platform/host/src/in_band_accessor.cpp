@@ -36,6 +36,17 @@ void requireCallback(Callback const& callback) {
     }
 }
 
+/* A subscription of the calling client, not open yet. */
+Impl::SubscriptionPtr newSubscription(Impl::Kind kind, int type, Id target,
+                                      std::string const& clientName) {
+    auto subscription = std::make_shared<Impl::Subscription>();
+    subscription->kind = kind;
+    subscription->type = type;
+    subscription->target = target;
+    subscription->clientName = store().clientNameLocked(clientName);
+    return subscription;
+}
+
 /* Opens a subscription under the lock and writes its id before any
  * notification can reach it from another thread. */
 void openSubscription(Impl& impl, Impl::SubscriptionPtr subscription,
@@ -113,7 +124,7 @@ void InBandAccessor::setChannelCValue(unsigned long long channelId, kq::CValue c
 
 bool InBandAccessor::getChannelAlarmEnabled(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmEnabled, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm.enabled;
+        return store().channelLocked(channelId).alarm().enabled;
     });
 }
 
@@ -126,7 +137,7 @@ void InBandAccessor::setChannelAlarmEnabled(unsigned long long channelId, bool e
 float InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId,
                                                       TriggerId trigger) {
     return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
-        auto const& alarm = store().channelLocked(channelId).alarm;
+        auto const& alarm = store().channelLocked(channelId).alarm();
         if (static_cast<std::uint32_t>(trigger) > 3) {
             throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
         }
@@ -143,7 +154,7 @@ void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelI
 
 bool InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm.thresholdFlag;
+        return store().channelLocked(channelId).alarm().thresholdFlag;
     });
 }
 
@@ -155,7 +166,7 @@ void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelI
 
 float InBandAccessor::getChannelAlarmHysteresis(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmHysteresis, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm.hysteresis;
+        return store().channelLocked(channelId).alarm().hysteresis;
     });
 }
 
@@ -168,7 +179,7 @@ void InBandAccessor::setChannelAlarmHysteresis(unsigned long long channelId, flo
 LevelAlarm InBandAccessor::getChannelAlarmLevel(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmLevel, channelId, [&](Events&) {
         // By value: a level the enumeration does not name passes through as is.
-        return static_cast<LevelAlarm>(store().channelLocked(channelId).alarm.level);
+        return static_cast<LevelAlarm>(store().channelLocked(channelId).alarm().level);
     });
 }
 
@@ -199,10 +210,8 @@ void InBandAccessor::subscribeChannel(unsigned long long channelId,
     store().clientCall(Operation::subscribeChannel, channelId, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
-        auto subscription = std::make_shared<Impl::Subscription>();
-        subscription->info = cdshost::SubscriptionInfo{0, "channel", type, channelId, m_clientName};
-        subscription->kind = Impl::Kind::Channel;
-        subscription->onChannel = std::move(callback);
+        auto subscription = newSubscription(Impl::Kind::Channel, type, channelId, m_clientName);
+        subscription->callback.emplace<Impl::ChannelCallback>(std::move(callback));
         openSubscription(store(), std::move(subscription), subscriptionId);
     });
 }
@@ -214,11 +223,9 @@ void InBandAccessor::subscribeDevice(unsigned long long deviceId,
     store().clientCall(Operation::subscribeDevice, deviceId, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
-        auto subscription = std::make_shared<Impl::Subscription>();
-        subscription->info = cdshost::SubscriptionInfo{0, "device", type, deviceId, m_clientName};
-        subscription->kind = Impl::Kind::Device;
+        auto subscription = newSubscription(Impl::Kind::Device, type, deviceId, m_clientName);
         subscription->includeSubDevices = includeSubDevices;
-        subscription->onDevice = std::move(callback);
+        subscription->callback.emplace<Impl::DeviceCallback>(std::move(callback));
         openSubscription(store(), std::move(subscription), subscriptionId);
     });
 }
@@ -229,10 +236,8 @@ void InBandAccessor::subscribeDeviceAlarms(unsigned long long id,
     store().clientCall(Operation::subscribeDeviceAlarms, id, [&](Events&) {
         requireSubscriptionIdOut(subscriptionId);
         requireCallback(callback);
-        auto subscription = std::make_shared<Impl::Subscription>();
-        subscription->info = cdshost::SubscriptionInfo{0, "alarm", 0, id, m_clientName};
-        subscription->kind = Impl::Kind::Alarm;
-        subscription->onAlarm = std::move(callback);
+        auto subscription = newSubscription(Impl::Kind::Alarm, 0, id, m_clientName);
+        subscription->callback.emplace<Impl::AlarmCallback>(std::move(callback));
         openSubscription(store(), std::move(subscription), subscriptionId);
     });
 }

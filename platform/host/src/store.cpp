@@ -213,19 +213,18 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     }
     Id const newId = id != 0 ? id : nextFreeIdLocked();
     Channel channel;
-    channel.id = newId;
     channel.device = deviceId;
     channel.name = name;
     channel.value = value;
-    Channel& added = channels.emplace(newId, std::move(channel)).first->second;
+    Channel& stored = channels.emplace(newId, std::move(channel)).first->second;
     if (newId < kSlottedIds) {
         if (channelSlots.size() <= newId) {
             channelSlots.resize(newId + 1, nullptr);
         }
-        channelSlots[newId] = &added;
+        channelSlots[newId] = &stored;
     }
     device.channels.push_back(newId);
-    device.channelsByName.emplace(name, newId);
+    device.channelsByName.emplace(stored.name, newId);
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
     return newId;
 }
@@ -252,7 +251,7 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
     Channel const& channel = channelLocked(id);
-    return kq::CChannel{channel.id, channel.device, channel.name, channel.value, channel.record};
+    return kq::CChannel{id, channel.device, channel.name, channel.value, channel.record()};
 }
 
 void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
@@ -262,7 +261,7 @@ void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& 
 }
 
 void Store::Impl::setAlarmEnabledLocked(Id id, bool enabled, Events& events) {
-    channelLocked(id).alarm.enabled = enabled;
+    channelLocked(id).alarmToChange().enabled = enabled;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelState, id, id, {}});
 }
 
@@ -272,28 +271,28 @@ void Store::Impl::setAlarmThresholdLocked(Id id, cdsapi::TriggerId trigger, floa
     if (static_cast<std::uint32_t>(trigger) > 3) {
         throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
     }
-    channel.alarm.thresholds[trigger] = value;
+    channel.alarmToChange().thresholds[trigger] = value;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdFlagLocked(Id id, bool flag, Events& events) {
-    channelLocked(id).alarm.thresholdFlag = flag;
+    channelLocked(id).alarmToChange().thresholdFlag = flag;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmHysteresisLocked(Id id, float hysteresis, Events& events) {
-    channelLocked(id).alarm.hysteresis = hysteresis;
+    channelLocked(id).alarmToChange().hysteresis = hysteresis;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmLevelLocked(Id id, std::int32_t level, Events& events) {
-    channelLocked(id).alarm.level = level;
+    channelLocked(id).alarmToChange().level = level;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record,
                                        Events& events) {
-    channelLocked(id).record = record;
+    channelLocked(id).setRecord(record);
     events.push_back(Event{Kind::Alarm, 0, id, id, {}});
 }
 
@@ -301,30 +300,46 @@ void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> co
 
 Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     Id const id = nextSubscriptionId++;
-    subscription->info.subscriptionId = id;
-    subscribersLocked(subscription->kind, subscription->info.target).push_back(subscription);
+    subscription->id = id;
+    subscribersByTarget[static_cast<std::size_t>(subscription->kind)].emplace(subscription->target,
+                                                                              subscription);
     subscriptions.emplace(id, std::move(subscription));
     return id;
 }
 
-std::vector<Store::Impl::SubscriptionPtr>& Store::Impl::subscribersLocked(Kind kind, Id target) {
-    return subscribersByTarget[static_cast<std::size_t>(kind)][target];
+std::string const* Store::Impl::clientNameLocked(std::string const& name) {
+    return &*clientNames.insert(name).first;
+}
+
+namespace {
+
+char const* kindName(Store::Impl::Kind kind) {
+    switch (kind) {
+        case Store::Impl::Kind::Channel:
+            return "channel";
+        case Store::Impl::Kind::Device:
+            return "device";
+        case Store::Impl::Kind::Alarm:
+            return "alarm";
+    }
+    return "";
+}
+
+}  // namespace
+
+SubscriptionInfo Store::Impl::Subscription::info() const {
+    return SubscriptionInfo{id, kindName(kind), type, target,
+                            clientName != nullptr ? *clientName : std::string()};
 }
 
 void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
     auto& byTarget = subscribersByTarget[static_cast<std::size_t>(subscription.kind)];
-    auto const list = byTarget.find(subscription.info.target);
-    if (list == byTarget.end()) {
-        return;
-    }
-    auto& subscribers = list->second;
-    subscribers.erase(std::remove_if(subscribers.begin(), subscribers.end(),
-                                     [&](SubscriptionPtr const& candidate) {
-                                         return candidate.get() == &subscription;
-                                     }),
-                      subscribers.end());
-    if (subscribers.empty()) {
-        byTarget.erase(list);
+    auto const [first, last] = byTarget.equal_range(subscription.target);
+    auto const found = std::find_if(first, last, [&](auto const& candidate) {
+        return candidate.second.get() == &subscription;
+    });
+    if (found != last) {
+        byTarget.erase(found);
     }
 }
 
@@ -354,32 +369,31 @@ Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
         Delivery delivery{event, {}};
         // Subscriptions on the target itself, of the event's type (alarm
         // subscriptions have one type only).
-        auto const direct = byTarget.find(event.target);
-        if (direct != byTarget.end()) {
-            for (SubscriptionPtr const& subscription : direct->second) {
-                if (event.kind == Kind::Alarm || subscription->info.type == event.type) {
-                    delivery.subscribers.push_back(subscription);
-                }
+        auto const [first, last] = byTarget.equal_range(event.target);
+        for (auto direct = first; direct != last; ++direct) {
+            SubscriptionPtr const& subscription = direct->second;
+            if (event.kind == Kind::Alarm || subscription->type == event.type) {
+                delivery.subscribers.push_back(subscription);
             }
         }
         // A device's change also reaches subscriptions on its ancestors that
-        // include sub-devices; every subscriber is called in opening order.
-        if (event.kind == Kind::Device && !event.ancestors.empty()) {
+        // include sub-devices.
+        if (event.kind == Kind::Device) {
             for (Id const ancestor : event.ancestors) {
-                auto const inherited = byTarget.find(ancestor);
-                if (inherited == byTarget.end()) {
-                    continue;
-                }
-                for (SubscriptionPtr const& subscription : inherited->second) {
-                    if (subscription->includeSubDevices && subscription->info.type == event.type) {
+                auto const [from, to] = byTarget.equal_range(ancestor);
+                for (auto inherited = from; inherited != to; ++inherited) {
+                    SubscriptionPtr const& subscription = inherited->second;
+                    if (subscription->includeSubDevices && subscription->type == event.type) {
                         delivery.subscribers.push_back(subscription);
                     }
                 }
             }
-            std::sort(delivery.subscribers.begin(), delivery.subscribers.end(),
-                      [](SubscriptionPtr const& a, SubscriptionPtr const& b) {
-                          return a->info.subscriptionId < b->info.subscriptionId;
-                      });
+        }
+        // Every subscriber is called in opening order; the index keeps none.
+        if (delivery.subscribers.size() > 1) {
+            std::sort(
+                delivery.subscribers.begin(), delivery.subscribers.end(),
+                [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->id < b->id; });
         }
         if (!delivery.subscribers.empty()) {
             deliveries.push_back(std::move(delivery));
@@ -407,19 +421,20 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                     event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
                 if (channel != channels.end()) {
                     value = channel->second.value;
-                    record = channel->second.record;
+                    record = channel->second.record();
                 }
             }
             try {
                 switch (event.kind) {
                     case Kind::Channel:
-                        subscription->onChannel(event.subject, value);
+                        std::get<ChannelCallback>(subscription->callback)(event.subject, value);
                         break;
                     case Kind::Device:
-                        subscription->onDevice(event.subject);
+                        std::get<DeviceCallback>(subscription->callback)(event.subject);
                         break;
                     case Kind::Alarm:
-                        subscription->onAlarm(kq::CAlarmUpdate{event.subject, record});
+                        std::get<AlarmCallback>(subscription->callback)(
+                            kq::CAlarmUpdate{event.subject, record});
                         break;
                 }
             } catch (...) {
@@ -450,6 +465,9 @@ void Store::Impl::eraseChannelLocked(Id id) {
     }
     if (it->second.valueReads != 0) {
         callCountById[CallKey{Operation::getChannelCValue, id}] += it->second.valueReads;
+    }
+    if (it->second.subscribes != 0) {
+        callCountById[CallKey{Operation::subscribeChannel, id}] += it->second.subscribes;
     }
     if (id < channelSlots.size()) {
         channelSlots[id] = nullptr;
@@ -494,9 +512,19 @@ kq::CValue Store::Impl::readAbsentOrFaultedLocked(Id id, Channel* channel) {
 void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
     ++callCount[static_cast<std::size_t>(operation)];
     if (id) {
-        ++callCountById[CallKey{operation, *id}];
+        countCallLocked(operation, *id);
     }
     checkFaultsLocked(operation, id);
+}
+
+void Store::Impl::countCallLocked(Operation operation, Id id) {
+    if (operation == Operation::subscribeChannel) {
+        if (auto const channel = channels.find(id); channel != channels.end()) {
+            ++channel->second.subscribes;
+            return;
+        }
+    }
+    ++callCountById[CallKey{operation, id}];
 }
 
 void Store::Impl::checkFaultsLocked(Operation operation, std::optional<Id> id) {
@@ -693,7 +721,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 
 AlarmSettings Store::alarmSettings(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    return m_impl->channelLocked(channel).alarm;
+    return m_impl->channelLocked(channel).alarm();
 }
 
 void Store::raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify) {
@@ -711,7 +739,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
-    return it != m_impl->channels.end() ? it->second.record : std::nullopt;
+    return it != m_impl->channels.end() ? it->second.record() : std::nullopt;
 }
 
 void Store::notifyChannel(Id channel, kq::sub::subscription_type type) {
@@ -754,9 +782,11 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
-    if (known == Operation::getChannelCValue) {
-        if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
+    if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
+        if (known == Operation::getChannelCValue) {
             count += channel->second.valueReads;
+        } else if (known == Operation::subscribeChannel) {
+            count += channel->second.subscribes;
         }
     }
     return count;
@@ -768,6 +798,7 @@ void Store::resetCalls() {
     m_impl->callCountById.clear();
     for (auto& [id, channel] : m_impl->channels) {
         channel.valueReads = 0;
+        channel.subscribes = 0;
     }
 }
 
@@ -775,7 +806,7 @@ std::vector<SubscriptionInfo> Store::subscriptions() const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
     for (auto const& [id, subscription] : m_impl->subscriptions) {
-        open.push_back(subscription->info);
+        open.push_back(subscription->info());
     }
     return open;
 }
@@ -784,8 +815,9 @@ std::size_t Store::subscriptionCount(std::string const& kind, int type, Id targe
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     return static_cast<std::size_t>(std::count_if(
         m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
-            SubscriptionInfo const& info = entry.second->info;
-            return info.kind == kind && info.type == type && info.target == target;
+            Impl::Subscription const& subscription = *entry.second;
+            return kindName(subscription.kind) == kind && subscription.type == type &&
+                   subscription.target == target;
         }));
 }
 

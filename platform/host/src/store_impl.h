@@ -17,11 +17,14 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "cdshost/store.h"
@@ -37,37 +40,81 @@ struct Store::Impl {
         Id parent = 0;
         std::vector<Id> subDevices;  // in the order they were added
         std::vector<Id> channels;    // likewise
-        std::unordered_map<std::string, Id> channelsByName;
+        // Views of the names the channels hold (a channel's node never moves
+        // and its name never changes): the name is stored once, not twice.
+        // A channel leaves this index before it is erased.
+        std::unordered_map<std::string_view, Id> channelsByName;
         std::map<cdsapi::DeviceAttribute, std::string> attributes;
         std::uint64_t sequence = 0;  // creation order, for the name look-up
     };
 
     struct Channel {
-        Id id = 0;
         Id device = 0;
         std::string name;
         kq::CValue value;
-        AlarmSettings alarm;
-        std::optional<kq::CAlarmRecord> record;
         // getChannelCValue calls on this channel while it exists: the hottest
         // call is counted where its look-up lands anyway, and the count moves
         // to callCountById when the channel goes (eraseChannelLocked).
         std::size_t valueReads = 0;
+        // subscribeChannel calls likewise: a map opens one subscription per
+        // channel it serves, and a count here costs no node of its own.
+        std::size_t subscribes = 0;
+
+        /* The alarm settings: every one at its default until one is set. */
+        AlarmSettings const& alarm() const {
+            static AlarmSettings const defaults;
+            return m_alarm ? m_alarm->settings : defaults;
+        }
+        AlarmSettings& alarmToChange() { return alarmPart().settings; }
+        std::optional<kq::CAlarmRecord> record() const {
+            return m_alarm ? m_alarm->record : std::nullopt;
+        }
+        void setRecord(std::optional<kq::CAlarmRecord> const& record) {
+            if (record || m_alarm) {
+                alarmPart().record = record;
+            }
+        }
+
+      private:
+        // Only the channels whose alarm is set up or raised carry one: a UPS
+        // of thousands of channels has values in almost all of them.
+        struct AlarmPart {
+            AlarmSettings settings;
+            std::optional<kq::CAlarmRecord> record;
+        };
+        AlarmPart& alarmPart() {
+            if (!m_alarm) {
+                m_alarm = std::make_unique<AlarmPart>();
+            }
+            return *m_alarm;
+        }
+        std::unique_ptr<AlarmPart> m_alarm;
     };
 
     enum class Kind { Channel, Device, Alarm };
 
+    using ChannelCallback = std::function<void(Id, kq::CValue)>;
+    using DeviceCallback = std::function<void(Id)>;
+    using AlarmCallback = std::function<void(kq::CAlarmUpdate const&)>;
+
+    // One per open subscription, and a map of thousands of entries opens one
+    // per channel: what the accounting shows (SubscriptionInfo) is put
+    // together when asked, from the kind and the client's interned name.
     struct Subscription {
-        SubscriptionInfo info;
+        Id id = 0;
+        Id target = 0;  // the id given to the subscribe call
+        int type = 0;   // kq::sub::subscription_type; 0 for alarms
         Kind kind = Kind::Channel;
         bool includeSubDevices = false;
-        std::function<void(Id, kq::CValue)> onChannel;
-        std::function<void(Id)> onDevice;
-        std::function<void(kq::CAlarmUpdate const&)> onAlarm;
         bool open = true;
+        std::string const* clientName = nullptr;  // in clientNames
+        // The callback of the kind, in Kind's order.
+        std::variant<ChannelCallback, DeviceCallback, AlarmCallback> callback;
         // Threads inside this subscription's callback right now; unsubscribe()
         // from any other thread waits until they are out.
         std::vector<std::thread::id> delivering;
+
+        SubscriptionInfo info() const;
     };
     using SubscriptionPtr = std::shared_ptr<Subscription>;
 
@@ -120,10 +167,15 @@ struct Store::Impl {
 
     // Ordered by id, and ids only grow: iteration order is opening order.
     std::map<Id, SubscriptionPtr> subscriptions;
-    // The same subscriptions by kind and target, each list in opening order,
-    // so that a change finds its subscribers without looking at the others.
-    std::array<std::unordered_map<Id, std::vector<SubscriptionPtr>>, 3> subscribersByTarget;
+    // The same subscriptions by kind and target, so that a change finds its
+    // subscribers without looking at the others. One node per subscription,
+    // no list per target: almost every target has a single subscription of a
+    // kind. A change sorts what it finds into opening order (planLocked).
+    std::array<std::unordered_multimap<Id, SubscriptionPtr>, 3> subscribersByTarget;
     Id nextSubscriptionId = 1;
+    // The clients' names, each kept once for all of its subscriptions; never
+    // shrinks (a process has a handful of clients).
+    std::set<std::string, std::less<>> clientNames;
 
     struct CallKey {
         Operation operation;
@@ -179,7 +231,7 @@ struct Store::Impl {
 
     // ---- Subscriptions ----------------------------------------------------
     Id subscribeLocked(SubscriptionPtr subscription);
-    std::vector<SubscriptionPtr>& subscribersLocked(Kind kind, Id target);
+    std::string const* clientNameLocked(std::string const& name);
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
      * is still inside its callback. */
@@ -192,6 +244,9 @@ struct Store::Impl {
     // ---- Accounting and faults (lock held) ---------------------------------
     /* Counts a client call and throws if a fault is armed for it. */
     void enterCallLocked(Operation operation, std::optional<Id> id);
+    /* Counts a call made with an id, on the channel itself where it has a
+     * counter for the operation. */
+    void countCallLocked(Operation operation, Id id);
     /* getChannelCValue, counted and subject to faults as every client call,
      * with one look-up of the channel for the count and the value. */
     kq::CValue readChannelValueLocked(Id channel);
