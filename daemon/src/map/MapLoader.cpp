@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -720,21 +721,27 @@ std::string readTextFile(std::string const& path) {
         throw std::runtime_error("cannot read " + path);
     }
     // Read straight into the string: a map or scenario of thousands of
-    // entries is megabytes, which a string stream would copy. A file whose
-    // size is known is read at once, anything else (a pipe) in blocks.
+    // entries is megabytes, which a string stream would copy. A regular
+    // file's size lets it be read at once; anything else (a pipe, or a
+    // directory, whose "size" on ext4 is 2^63 - 1) is read in blocks. The
+    // size is only a hint: a file that grows meanwhile is read to its end.
     std::string text;
-    in.seekg(0, std::ios::end);
-    auto const size = static_cast<std::streamoff>(in.tellg());
-    in.seekg(0, std::ios::beg);
-    if (size > 0 && in) {
+    std::error_code statError;
+    std::uintmax_t const size = std::filesystem::is_regular_file(path, statError)
+                                    ? std::filesystem::file_size(path, statError)
+                                    : 0;
+    if (!statError && size > 0) {
         text.resize(static_cast<std::size_t>(size));
-        in.read(text.data(), size);
+        in.read(text.data(), static_cast<std::streamsize>(size));
         text.resize(static_cast<std::size_t>(in.gcount()));
     }
-    in.clear();
     char block[65536];
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<std::size_t>(in.gcount()));
+    }
+    // A read that failed, not one that reached the end: a directory.
+    if (in.bad()) {
+        throw std::runtime_error("cannot read " + path);
     }
     return text;
 }
