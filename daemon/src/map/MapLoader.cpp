@@ -221,15 +221,18 @@ std::optional<CidrList> MapParser<Json>::parseAllowList(Json const& entry, char 
         return std::nullopt;
     }
     CidrList list;
-    for (std::size_t i = 0; i < value.size(); ++i) {
+    std::size_t index = 0;
+    // Element by element, as every array here (see parse).
+    for (auto const& element : value) {
         auto const cidr =
-            value[i].is_string() ? Cidr::parse(value[i].template get<std::string>()) : std::nullopt;
+            element.is_string() ? Cidr::parse(element.template get<std::string>()) : std::nullopt;
         if (!cidr) {
-            m_check.error(path + "[" + std::to_string(i) + "]",
+            m_check.error(path + "[" + std::to_string(index) + "]",
                           "expected an IPv4 address or network such as \"10.0.0.0/8\"");
-            continue;
+        } else {
+            list.push_back(*cidr);
         }
-        list.push_back(*cidr);
+        ++index;
     }
     return list;
 }
@@ -444,8 +447,9 @@ void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definit
         m_check.error(where + ".sources",
                       "expected a non-empty array, got " + JsonChecker::shortDump(*sources));
     } else {
-        for (std::size_t i = 0; i < sources->size(); ++i) {
-            auto source = parseSource((*sources)[i], where + ".sources[" + std::to_string(i) + "]");
+        std::size_t index = 0;
+        for (auto const& element : *sources) {
+            auto source = parseSource(element, where + ".sources[" + std::to_string(index++) + "]");
             if (source) {
                 definition.sources.push_back(std::move(*source));
             }
@@ -531,11 +535,14 @@ bool MapParser<Json>::parseDevice(Json const& value, std::string const& where, D
         return false;
     }
     bool valid = path->is_array();
-    for (std::size_t i = 0; valid && i < path->size(); ++i) {
-        valid = (*path)[i].is_number_unsigned() &&
-                (*path)[i].template get<unsigned long long>() <= 0xFFFFFFFFULL;
-        if (valid) {
-            device.path.push_back((*path)[i].template get<unsigned int>());
+    if (valid) {
+        for (auto const& element : *path) {
+            valid = element.is_number_unsigned() &&
+                    element.template get<unsigned long long>() <= 0xFFFFFFFFULL;
+            if (!valid) {
+                break;
+            }
+            device.path.push_back(element.template get<unsigned int>());
         }
     }
     if (!valid) {
