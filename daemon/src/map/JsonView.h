@@ -43,8 +43,9 @@ class JsonView {
     template <class T>
     T get() const;
 
-    /* A field of an object. A JsonDocument has no repeated field names, so
-     * this is the one nlohmann's reading would find too. */
+    /* A field of an object: the first of its name, where nlohmann's reading
+     * keeps the last. The map is read this way only from a document without
+     * repeated names (JsonDocument::hasRepeatedNames), where the two agree. */
     Found find(std::string_view key) const;
     bool contains(std::string_view key) const;
     /* The field, which must exist (as for a const nlohmann::json). There is
