@@ -73,6 +73,7 @@ run_checks() {
     need_file /usr/include/openssl/ssl.h libssl-dev
     need_file /usr/include/CLI/CLI.hpp libcli11-dev
     need_file /usr/include/systemd/sd-daemon.h libsystemd-dev
+    need_file /usr/include/mimalloc.h libmimalloc-dev
 }
 
 test_checks() {

@@ -133,6 +133,35 @@ TEST(EncoderSupportTest, ScaleAndOffsetRoundsTheProductBeforeAddingTheOffset) {
     EXPECT_EQ(modbus::detail::scaleAndOffset(4097.0f, 4097.0f, -16785408.0f), 0.0f);
 }
 
+TEST(EncoderSupportTest, RoundMagnitudeAgreesWithRoundfAcrossTheFloats) {
+    using modbus::detail::roundMagnitude;
+    auto const fromBits = [](std::uint32_t bits) {
+        float value = 0.0f;
+        std::memcpy(&value, &bits, sizeof value);
+        return value;
+    };
+    std::size_t checked = 0;
+    // Every 251st non-negative float up to the infinity, then both sides of
+    // every half below 2^17, where rounding decides the register.
+    for (std::uint64_t bits = 0; bits <= 0x7F800000u; bits += 251) {
+        float const value = fromBits(static_cast<std::uint32_t>(bits));
+        ASSERT_EQ(roundMagnitude(value), std::round(value)) << value;
+        ++checked;
+    }
+    for (int whole = 0; whole < (1 << 17); ++whole) {
+        float const half = static_cast<float>(whole) + 0.5f;
+        for (float const value : {std::nextafter(half, 0.0f), half, std::nextafter(half, 1e9f)}) {
+            ASSERT_EQ(roundMagnitude(value), std::round(value)) << value;
+            ++checked;
+        }
+    }
+    EXPECT_GT(checked, 8'000'000u);
+    float const infinity = std::numeric_limits<float>::infinity();
+    EXPECT_EQ(roundMagnitude(infinity), infinity);
+    EXPECT_TRUE(std::isnan(roundMagnitude(std::numeric_limits<float>::quiet_NaN())));
+    EXPECT_EQ(roundMagnitude(8388607.5f), 8388608.0f);  // the last float with a fraction
+}
+
 TEST(EncoderSupportTest, RoundedMagnitudeRegisterRoundsHalvesAwayFromZero) {
     using modbus::detail::roundedMagnitudeRegister;
     EXPECT_EQ(roundedMagnitudeRegister(0.5f), 1u);

@@ -679,6 +679,59 @@ TEST_F(HostStoreTest, ConcurrentWritersAndReadersSeeEveryChange) {
     EXPECT_EQ(store.channelValue(ch), kq::CValue(kWrites));
 }
 
+TEST_F(HostStoreTest, ClientReadsWhileAnotherThreadWritesNeverSeeAHalfWrittenValue) {
+    // Strings longer than any small-string buffer: a read that overlapped a
+    // write without the lock would copy a freed or half-built string.
+    std::string const first(64, 'a');
+    std::string const second(96, 'b');
+    Id const ch = store.addChannel(store.addDevice("UPS"), "Text", kq::CValue(first));
+    constexpr int kRounds = 20000;
+    std::thread writer([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            store.setChannelValue(ch, kq::CValue(i % 2 == 0 ? second : first), false);
+        }
+    });
+    int torn = 0;
+    for (int i = 0; i < kRounds; ++i) {
+        std::string const read = inBand.getChannelCValue(ch).as_string();
+        torn += read == first || read == second ? 0 : 1;
+    }
+    writer.join();
+    EXPECT_EQ(torn, 0);
+    EXPECT_EQ(inBand.getChannelCValue(ch), kq::CValue(first));  // the last write (i odd)
+}
+
+TEST_F(HostStoreTest, ChannelsWithLargeIdsChosenByTheCallerAreReadLikeAssignedOnes) {
+    Id const device = store.addDevice("UPS");
+    Id const assigned = store.addChannel(device, "Assigned", kq::CValue(1.5f));
+    Id const large = store.addChannel(device, "Large", kq::CValue(2.5f), 70000);
+    Id const huge = store.addChannel(device, "Huge", kq::CValue(3.5f), 0x123456789ULL);
+    EXPECT_EQ(inBand.getChannelCValue(assigned), kq::CValue(1.5f));
+    EXPECT_EQ(inBand.getChannelCValue(large), kq::CValue(2.5f));
+    EXPECT_EQ(inBand.getChannelCValue(huge), kq::CValue(3.5f));
+    EXPECT_EQ(store.calls("getChannelCValue", large), 1u);
+    EXPECT_EQ(store.calls("getChannelCValue", huge), 1u);
+}
+
+TEST_F(HostStoreTest, ClientReadOfARemovedChannelThrowsNotFoundWhateverItsId) {
+    Id const device = store.addDevice("UPS");
+    Id const assigned = store.addChannel(device, "Assigned", kq::CValue(1));
+    Id const chosen = store.addChannel(device, "Chosen", kq::CValue(2), 90000);
+    store.removeChannel(assigned);
+    store.removeChannel(chosen);
+    EXPECT_THROW(inBand.getChannelCValue(assigned), cdshost::NotFound);
+    EXPECT_THROW(inBand.getChannelCValue(chosen), cdshost::NotFound);
+    EXPECT_EQ(store.calls("getChannelCValue", assigned), 1u);
+}
+
+TEST_F(HostStoreTest, ClientReadAfterResetFindsTheChannelThatNowHasTheId) {
+    Id const before = store.addChannel(store.addDevice("UPS"), "Old", kq::CValue(1));
+    store.reset();
+    Id const after = store.addChannel(store.addDevice("UPS"), "New", kq::CValue(2));
+    ASSERT_EQ(after, before);  // assigned ids start again from 1 after a reset
+    EXPECT_EQ(inBand.getChannelCValue(after), kq::CValue(2));
+}
+
 TEST_F(HostStoreTest, UnsubscribeFromAnotherThreadWaitsForARunningCallback) {
     Id const ch = store.addChannel(store.addDevice("UPS"), "C");
     std::mutex m;

@@ -26,6 +26,7 @@ class TARSEL_MODBUS_EXPORT CdsInBandAccessor {
     CdsInBandAccessor& operator=(CdsInBandAccessor const&) = delete;
 
   private:
+    static CdsInBandAccessor& firstInstance();
     CdsInBandAccessor();
     ~CdsInBandAccessor() = default;
 

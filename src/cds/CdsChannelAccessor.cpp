@@ -224,6 +224,35 @@ void redetectAll(std::set<CdsChannelAccessor*> const& accessors,
     }
 }
 
+/* One alarm setting of a channel as the accessor delivers it; an invalid
+ * value for a DataType that binds nothing. Each case returns its value as it
+ * is built, never copied on its way out. Out of line: a value's read is then
+ * one short call. */
+[[gnu::noinline]] kq::CValue readAlarmSetting(DataType dataType, Id channelId) {
+    if (static_cast<int>(dataType) > kLastBoundDataType) {
+        return {};
+    }
+    cdsapi::InBandAccessor& inBand = CdsInBandAccessor::getInstance().inBand();
+    switch (dataType) {
+        case DataType::Value:
+            return inBand.getChannelCValue(channelId);
+        case DataType::AlarmEnabled:
+            return inBand.getChannelAlarmEnabled(channelId);
+        case DataType::AlarmThreshold0:
+        case DataType::AlarmThreshold1:
+        case DataType::AlarmThreshold2:
+        case DataType::AlarmThreshold3:
+            return inBand.getChannelAlarmTriggerThreshold(channelId, triggerOf(dataType));
+        case DataType::AlarmThresholdEnabled:
+            return inBand.getChannelAlarmTriggerThreshold(channelId);
+        case DataType::AlarmHysteresis:
+            return inBand.getChannelAlarmHysteresis(channelId);
+        case DataType::AlarmLevel:
+            return static_cast<int>(inBand.getChannelAlarmLevel(channelId));
+    }
+    return {};
+}
+
 }  // namespace
 
 // ---- Construction and destruction ---------------------------------------------
@@ -284,30 +313,15 @@ bool CdsChannelAccessor::isExitingInCds() const {
 }
 
 kq::CValue CdsChannelAccessor::getCValue() const {
-    if (!m_isExisting || static_cast<int>(m_dataType) > kLastBoundDataType) {
+    if (!m_isExisting) {
         return {};
     }
-    // Each case returns its value as it is built: a served value is read on
-    // every request, so it is never copied on its way out.
-    cdsapi::InBandAccessor& inBand = CdsInBandAccessor::getInstance().inBand();
-    switch (m_dataType) {
-        case DataType::Value:
-            return inBand.getChannelCValue(m_channelId);
-        case DataType::AlarmEnabled:
-            return inBand.getChannelAlarmEnabled(m_channelId);
-        case DataType::AlarmThreshold0:
-        case DataType::AlarmThreshold1:
-        case DataType::AlarmThreshold2:
-        case DataType::AlarmThreshold3:
-            return inBand.getChannelAlarmTriggerThreshold(m_channelId, triggerOf(m_dataType));
-        case DataType::AlarmThresholdEnabled:
-            return inBand.getChannelAlarmTriggerThreshold(m_channelId);
-        case DataType::AlarmHysteresis:
-            return inBand.getChannelAlarmHysteresis(m_channelId);
-        case DataType::AlarmLevel:
-            return static_cast<int>(inBand.getChannelAlarmLevel(m_channelId));
+    // What nearly every read asks, on its own so that it costs one call: the
+    // alarm settings are read by a function of their own.
+    if (m_dataType == DataType::Value) {
+        return CdsInBandAccessor::getInstance().inBand().getChannelCValue(m_channelId);
     }
-    return {};
+    return readAlarmSetting(m_dataType, m_channelId);
 }
 
 void CdsChannelAccessor::setCValue(kq::CValue const& value) {

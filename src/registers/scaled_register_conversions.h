@@ -21,11 +21,25 @@ inline float scaleAndOffset(float value, float multiplier, float offset) {
     return product + offset;
 }
 
+/* roundf() of a magnitude (zero or more, infinity or NaN), without the call
+ * into the maths library: below 2^23 the integral part is exact as an int32
+ * and the fraction left over is exact too, so comparing it with one half
+ * rounds half away from zero exactly as roundf(); from 2^23 on every float is
+ * integral already (an infinity and a NaN are returned as they are, as
+ * roundf() returns them). */
+inline float roundMagnitude(float magnitude) {
+    if (!(magnitude < 8388608.0f)) {  // 2^23
+        return magnitude;
+    }
+    float const whole = static_cast<float>(static_cast<std::int32_t>(magnitude));
+    return magnitude - whole >= 0.5f ? whole + 1.0f : whole;
+}
+
 /* The register of a scaled float: its magnitude rounded half away from zero
  * (roundf), saturated to 32 bits unsigned, low 16 bits kept. Sending the
  * magnitude of a negative result is intended (-3.6 is sent as 4). */
 inline std::uint16_t roundedMagnitudeRegister(float scaled) {
-    float const rounded = std::round(std::fabs(scaled));  // the float overload: roundf
+    float const rounded = roundMagnitude(std::fabs(scaled));
     return low16(saturatingTruncate<std::uint32_t>(rounded));
 }
 

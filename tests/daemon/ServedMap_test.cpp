@@ -177,6 +177,50 @@ TEST(ServedMapTest, CoverIntoAKeptCoverageKeepsNothingOfTheRangeBefore) {
     EXPECT_TRUE(kept.entries.empty());
 }
 
+TEST(ServedMapTest, RangeThatEndsInsideAnEntryIsIllegalDataAddressForReadsAndWrites) {
+    TestDaemon daemon(kMap, kCardOnly);
+    ServedMap const& map = daemon.core().map();
+    for (bool const write : {false, true}) {
+        Coverage const coverage = map.cover(Table::HoldingRegisters, 0, 3, write);  // into "model"
+        EXPECT_EQ(coverage.exception, 2) << write;
+        EXPECT_TRUE(coverage.entries.empty()) << write;
+    }
+}
+
+TEST(ServedMapTest, RangeWithAHoleIsServedToReadsButIllegalForWrites) {
+    char const* const holed = R"({"entries": [
+      {"name": "a", "table": "holding-registers", "address": 0, "encoder": "int16",
+       "source": {"device": 2, "channel": "T"}},
+      {"name": "b", "table": "holding-registers", "address": 3, "encoder": "int16",
+       "source": {"device": 2, "channel": "T"}}
+    ]})";
+    TestDaemon daemon(holed, kCardOnly);
+    ServedMap const& map = daemon.core().map();
+    Coverage const read = map.cover(Table::HoldingRegisters, 0, 4, false);
+    EXPECT_EQ(read.exception, 0);
+    ASSERT_EQ(read.entries.size(), 2u);
+    EXPECT_EQ(read.entries[0]->definition.name, "a");
+    EXPECT_EQ(read.entries[1]->definition.name, "b");
+    EXPECT_EQ(map.cover(Table::HoldingRegisters, 0, 4, true).exception, 2);
+    EXPECT_EQ(map.cover(Table::HoldingRegisters, 0, 5, false).exception, 0);  // a hole at the end
+    EXPECT_EQ(map.cover(Table::HoldingRegisters, 0, 5, true).exception, 2);
+    EXPECT_EQ(map.cover(Table::HoldingRegisters, 3, 1, true).exception, 0);
+}
+
+TEST(ServedMapTest, ReadListsAreKnownPerTableOfTheEntriesThatHaveThem) {
+    char const* const listed = R"({"entries": [
+      {"name": "a", "table": "holding-registers", "address": 0, "encoder": "int16",
+       "source": {"device": 2, "channel": "T"}, "allowRead": ["127.0.0.1"]},
+      {"name": "b", "table": "input-registers", "address": 0, "encoder": "int16",
+       "source": {"device": 2, "channel": "T"}}
+    ]})";
+    TestDaemon daemon(listed, kCardOnly);
+    ServedMap const& map = daemon.core().map();
+    EXPECT_TRUE(map.hasReadLists(Table::HoldingRegisters));
+    EXPECT_FALSE(map.hasReadLists(Table::InputRegisters));
+    EXPECT_FALSE(map.hasReadLists(Table::Coils));
+}
+
 TEST(ServedMapTest, HoldsItsEntriesWithoutSpareCapacity) {
     // Kept for as long as the map is served: sized once, not grown by doubling.
     TestDaemon daemon(kMap, kCardOnly);

@@ -8,6 +8,10 @@
 
 #include <malloc.h>
 
+#ifdef TARSEL_HAVE_MIMALLOC
+#include <mimalloc.h>
+#endif
+
 #include "AuditTrail.h"
 #include "Configuration.h"
 #include "DaemonCore.h"
@@ -68,6 +72,16 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
  * scenario) back to the system: the allocator would otherwise keep it as
  * resident memory for the daemon's whole life. */
 void releaseFreedMemory() {
+#ifdef TARSEL_HAVE_MIMALLOC
+    // mimalloc keeps the memory of emptied pages resident for reuse (9 MiB
+    // more than glibc at 10,000 entries). From here on a page that empties
+    // is handed back at once; asked only now, so that loading does not pay
+    // for it, and the pages a request allocates from stay in use. Then what
+    // it can hand back of what loading freed.
+    mi_option_set_enabled(mi_option_page_reset, true);
+    mi_option_set(mi_option_decommit_delay, 0);
+    mi_collect(true);
+#endif
 #ifdef __GLIBC__
     ::malloc_trim(0);
 #endif

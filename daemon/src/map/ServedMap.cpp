@@ -97,7 +97,9 @@ std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
 /* Keeps the table's entries in address order; maps list them in order, so
  * this is an append. An entry at an address already indexed replaces it. */
 void ServedMap::index(ServedEntry& entry) {
-    auto& entries = m_index[static_cast<std::size_t>(entry.definition.table)];
+    auto const table = static_cast<std::size_t>(entry.definition.table);
+    auto& entries = m_index[table];
+    m_readListed[table] = m_readListed[table] || entry.definition.allowRead.has_value();
     std::uint16_t const address = entry.definition.address;
     auto const at = std::lower_bound(
         entries.begin(), entries.end(), address,
@@ -297,14 +299,23 @@ void ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity
             --it;
         }
     }
-    std::uint32_t expected = address;  // where the next entry must start for a write
+    // The covered entries are one run of the index, found by a second binary
+    // search and copied at once (a range of 125 registers is up to 125
+    // entries); only a write looks at each of them, for holes.
+    auto const last = std::lower_bound(
+        it, index.end(), end,
+        [](ServedEntry const* e, std::uint32_t a) { return e->definition.address < a; });
+    result.entries.assign(it, last);
     bool hole = false;
-    for (; it != index.end() && (*it)->definition.address < end; ++it) {
-        hole = hole || (*it)->definition.address != expected;
-        expected = (*it)->definition.end();
-        result.entries.push_back(*it);
+    if (write) {
+        std::uint32_t expected = address;  // where the next entry must start
+        for (ServedEntry const* entry : result.entries) {
+            hole = hole || entry->definition.address != expected;
+            expected = entry->definition.end();
+        }
+        hole = hole || expected != end;
     }
-    hole = hole || expected != end;
+    // The last entry runs past the range.
     bool const endsInside =
         !result.entries.empty() && result.entries.back()->definition.end() > end;
     if (result.entries.empty() || endsInside || (write && hole)) {

@@ -74,6 +74,10 @@ class ServedMap {
 
     std::uint64_t totalPushes() const;
 
+    /* Whether any entry of the table has an allow list for reads: when none
+     * has, a read's entries need not be checked one by one. */
+    bool hasReadLists(Table table) const { return m_readListed[static_cast<std::size_t>(table)]; }
+
     /* Entries whose encoder is not built yet (counted as they change, so
      * asking costs nothing however large the map). */
     std::size_t pendingCount() const { return m_pending; }
@@ -105,6 +109,8 @@ class ServedMap {
     // Per table, the entries in address order: a request range is one binary
     // search and a walk over neighbours in memory.
     std::array<std::vector<ServedEntry*>, 4> m_index;
+    // Per table, whether an entry of it has its own allow list for reads.
+    std::array<bool, 4> m_readListed{};
     // Entries without an encoder; add(), buildPending() and rebuild() keep it.
     std::size_t m_pending = 0;
     std::vector<IdentificationObjectDefinition> m_identification;

@@ -117,6 +117,32 @@ void place(Words const& words, std::size_t size, std::size_t offset, bool regist
     }
 }
 
+/* The words of an available register entry straight into their place;
+ * inline in the range's loop, since it is most of what a read does. */
+inline void placeRegisters(ServedEntry const& entry, modbus::RegistersDataAccessor const& encoder,
+                           Answer& answer) {
+    std::size_t const size = entry.definition.size;
+    std::vector<std::uint16_t> const words = encoder.getData();
+    std::uint16_t* const to = answer.registers.data() + (entry.definition.address - answer.address);
+    if (size == 1 && !words.empty()) {
+        *to = words.front();  // most entries: without a call to memmove
+    } else {
+        std::copy_n(words.begin(), std::min(words.size(), size), to);
+    }
+}
+
+/* The bits of an available discrete entry straight into their place, one
+ * byte (0 or 1) each, as the answer keeps them. */
+inline void placeBits(ServedEntry const& entry, modbus::DiscretesDataAccessor const& encoder,
+                      Answer& answer) {
+    std::vector<std::uint8_t> const values = encoder.getData();
+    std::size_t const count = std::min<std::size_t>(values.size(), entry.definition.size);
+    std::uint8_t* const to = answer.bits.data() + (entry.definition.address - answer.address);
+    for (std::size_t i = 0; i < count; ++i) {
+        to[i] = values[i] != 0 ? 1 : 0;
+    }
+}
+
 /* One write's line in the audit trail and in the log, where a client's
  * repeated writes to one entry are summarised under `key`. */
 struct AuditLine {
@@ -151,22 +177,34 @@ std::vector<std::uint16_t> partOf(ServedEntry const& entry, std::vector<std::uin
 Answer RequestHandler::handle(std::uint8_t const* frame, std::size_t length,
                               RequestOrigin const& origin) {
     m_origin = &origin;
-    // Built in place: the string keeps its storage from request to request.
-    char fields[48];
-    char const* const fieldsEnd = writeFrameFields(fields, frame, length);
-    m_fields.clear();
-    m_fields.append("client=", 7)
-        .append(origin.client)
-        .append(fields, static_cast<std::size_t>(fieldsEnd - fields));
+    m_frame = frame;
+    m_frameLength = length;
+    m_fieldsBuilt = false;
     Answer const answer = decide(frame, length);
-    m_origin = nullptr;
     if (answer.exception != 0 && m_log.verbose()) {
-        m_log.debug("exception " + std::to_string(answer.exception) + "; " + m_fields);
+        m_log.debug("exception " + std::to_string(answer.exception) + "; " + fields());
     }
+    m_origin = nullptr;
+    m_frame = nullptr;
     if (!answer.deferred) {
         countAnswer(answer.function, answer.exception);
     }
     return answer;
+}
+
+/* Built on the first line about the request, in place: most requests log
+ * nothing, and the string keeps its storage from request to request. */
+std::string const& RequestHandler::fields() {
+    if (!m_fieldsBuilt) {
+        char frameFields[48];
+        char const* const end = writeFrameFields(frameFields, m_frame, m_frameLength);
+        m_fields.clear();
+        m_fields.append("client=", 7)
+            .append(m_origin->client)
+            .append(frameFields, static_cast<std::size_t>(end - frameFields));
+        m_fieldsBuilt = true;
+    }
+    return m_fields;
 }
 
 void RequestHandler::countAnswer(std::uint8_t function, std::uint8_t exception) {
@@ -232,8 +270,10 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     if (coverage.exception != 0) {
         return refuse(answer, coverage.exception);
     }
-    if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
-        return refuseRead(answer, why);
+    if (m_map.hasReadLists(table)) {
+        if (std::string const why = readRefusal(table, coverage.entries); !why.empty()) {
+            return refuseRead(answer, why);
+        }
     }
     // Holes between entries read as 0.
     if (isRegisterTable(table)) {
@@ -243,10 +283,38 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         reuse(answer.bits, m_spareBits);
         answer.bits.assign(answer.quantity, 0);
     }
-    for (ServedEntry const* entry : coverage.entries) {
-        if (std::uint8_t const code = readEntry(*entry, answer)) {
-            return refuse(answer, code);
+    // One try around the whole range rather than one per entry: what an
+    // encoder throws names the entry being read.
+    ServedEntry const* reading = nullptr;
+    bool const registers = isRegisterTable(table);
+    try {
+        for (ServedEntry const* entry : coverage.entries) {
+            reading = entry;
+            modbus::RegistersDataAccessor const* const encoder = entry->encoder.registers.get();
+            modbus::DiscretesDataAccessor const* const bits = entry->encoder.discretes.get();
+            std::uint8_t code = 0;
+            // What nearly every read is, without a call of its own.
+            if (registers && encoder != nullptr) {
+                if (encoder->isDataAvailable()) {
+                    placeRegisters(*entry, *encoder, answer);
+                } else {
+                    code = readUnavailable(*entry, answer);
+                }
+            } else if (!registers && bits != nullptr && encoder == nullptr) {
+                if (bits->isDataAvailable()) {
+                    placeBits(*entry, *bits, answer);
+                } else {
+                    code = readUnavailable(*entry, answer);
+                }
+            } else {
+                code = readEntry(*entry, answer);
+            }
+            if (code != 0) {
+                return refuse(answer, code);
+            }
         }
+    } catch (std::exception const& error) {
+        return refuse(answer, failure(*reading, "read", error.what()));
     }
     return answer;
 }
@@ -285,29 +353,36 @@ Answer RequestHandler::identify(Answer answer, std::uint8_t const* pdu, std::siz
 }
 
 /* Copies one entry's value into the answer; returns an exception code or 0.
- * What the encoder returns is read where it is, never copied. */
+ * What the encoder returns is read where it is, never copied. What an
+ * encoder throws leaves for the caller, which knows the entry. */
 std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer) {
+    if (!available(entry)) {
+        return readUnavailable(entry, answer);
+    }
     std::size_t const offset = entry.definition.address - answer.address;
     std::size_t const size = entry.definition.size;
     // Every entry of a request is in the table the function reads.
     bool const registers =
         answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
-    try {
-        if (!available(entry)) {
-            UnavailablePolicy const& policy = entry.definition.unavailable;
-            if (policy.mode == UnavailablePolicy::Mode::Exception) {
-                return policy.code;
-            }
-            // Sentinel, not-implemented marker or, for a discrete, 0.
-            place(unavailableWords(entry.definition), size, offset, registers, answer);
-        } else if (entry.encoder.registers) {
-            place(entry.encoder.registers->getData(), size, offset, registers, answer);
-        } else {
-            place(entry.encoder.discretes->getData(), size, offset, registers, answer);
-        }
-    } catch (std::exception const& error) {
-        return failure(entry, "read", error.what());
+    if (entry.encoder.registers) {
+        place(entry.encoder.registers->getData(), size, offset, registers, answer);
+    } else {
+        place(entry.encoder.discretes->getData(), size, offset, registers, answer);
     }
+    return 0;
+}
+
+/* What an entry that is not available answers: its exception, or its
+ * sentinel, not-implemented marker or, for a discrete, 0 in its place. */
+std::uint8_t RequestHandler::readUnavailable(ServedEntry const& entry, Answer& answer) {
+    UnavailablePolicy const& policy = entry.definition.unavailable;
+    if (policy.mode == UnavailablePolicy::Mode::Exception) {
+        return policy.code;
+    }
+    bool const registers =
+        answer.function == kReadHoldingRegisters || answer.function == kReadInputRegisters;
+    place(unavailableWords(entry.definition), entry.definition.size,
+          entry.definition.address - answer.address, registers, answer);
     return 0;
 }
 
@@ -335,7 +410,7 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         // Before the map is consulted: a stranger learns nothing of it.
         m_log.limited(Log::Level::Warning, "refused writes",
                       "write to " + std::string(tableName(table)) + " " +
-                          std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+                          std::to_string(answer.address) + ": refused (" + why + "); " + fields());
         return refuse(answer, ec::kIllegalFunction);
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
@@ -418,7 +493,7 @@ Answer RequestHandler::writeRemote(Answer answer, ServedEntry const& entry,
                              tableName(definition.table) + " " +
                              std::to_string(definition.address) + ": " + currentValue(entry) +
                              " -> " + readableValue(definition, part) + ": ";
-    std::string const tail = "; " + m_fields;
+    std::string const tail = "; " + fields();
     std::string const key = "writes of " + definition.name + " by " + addressOf(m_origin->client);
     std::string const bound = std::to_string(m_replies->bound().count()) + " ms";
     AuditLine const note{m_auditTrail, &m_log, key};
@@ -465,7 +540,7 @@ std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* opera
     m_log.limited(Log::Level::Error,
                   std::string(operation) + " failures of " + entry.definition.name,
                   entry.definition.path + " \"" + entry.definition.name + "\": " + operation +
-                      " failed: " + what + "; answered Server Device Failure; " + m_fields);
+                      " failed: " + what + "; answered Server Device Failure; " + fields());
     return ec::kServerDeviceFailure;
 }
 
@@ -505,7 +580,7 @@ std::string RequestHandler::writeRefusal(Table table,
 Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
     m_log.limited(Log::Level::Warning, "refused reads",
                   "read of " + std::string(tableName(*tableOf(answer.function))) + " " +
-                      std::to_string(answer.address) + ": refused (" + why + "); " + m_fields);
+                      std::to_string(answer.address) + ": refused (" + why + "); " + fields());
     return refuse(std::move(answer), ec::kIllegalFunction);
 }
 
@@ -532,7 +607,7 @@ void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
     std::string const line =
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + before + " -> " +
-        readableValue(entry.definition, written) + ": " + outcome + "; " + m_fields;
+        readableValue(entry.definition, written) + ": " + outcome + "; " + fields();
     if (m_auditTrail != nullptr) {
         m_auditTrail->record(line);
     }
@@ -550,7 +625,7 @@ void RequestHandler::auditRefused(ServedEntry const& entry,
     std::string const line =
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
-        readableValue(entry.definition, written) + ": refused (" + why + "); " + m_fields;
+        readableValue(entry.definition, written) + ": refused (" + why + "); " + fields();
     if (m_auditTrail != nullptr) {
         m_auditTrail->record(line);
     }

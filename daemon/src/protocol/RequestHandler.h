@@ -108,6 +108,7 @@ class RequestHandler {
     Answer identify(Answer answer, std::uint8_t const* pdu, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
+    std::uint8_t readUnavailable(ServedEntry const& entry, Answer& answer);
     std::uint8_t readyToWrite(ServedEntry& entry, std::vector<std::uint16_t> const& part);
     std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
     Answer writeRemote(Answer answer, ServedEntry const& entry,
@@ -133,10 +134,15 @@ class RequestHandler {
     RemoteWrites* m_remote = nullptr;
     DeferredReplies* m_replies = nullptr;
     Metrics* m_metrics = nullptr;
-    // "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
-    // being answered, for every line about it.
-    std::string m_fields;
+    /* "client=127.0.0.1:40212 unit=1 function=3 address=20": the request
+     * being answered, for every line about it; during handle() only. */
+    std::string const& fields();
+
+    std::string m_fields;  // what fields() built for the request, if it was asked
+    bool m_fieldsBuilt = false;
     RequestOrigin const* m_origin = nullptr;  // during handle() only
+    std::uint8_t const* m_frame = nullptr;    // likewise
+    std::size_t m_frameLength = 0;
     // Kept from one request to the next for their storage alone.
     Coverage m_readCoverage;
     std::vector<std::uint16_t> m_spareRegisters;

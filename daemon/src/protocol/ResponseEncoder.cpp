@@ -1,5 +1,6 @@
 #include "ResponseEncoder.h"
 
+#include <cstring>
 #include <stdexcept>
 
 namespace tarsel::daemon {
@@ -18,9 +19,11 @@ void putWord(std::vector<std::uint8_t>& out, std::uint16_t value) {
 void putPackedBits(std::vector<std::uint8_t>& out, std::vector<std::uint8_t> const& bits) {
     std::size_t const first = out.size();
     out.resize(first + (bits.size() + 7) / 8, 0);
+    // Through a local pointer, as putBody() writes words.
+    std::uint8_t* const packed = out.data() + first;
     for (std::size_t i = 0; i < bits.size(); ++i) {
         if (bits[i] != 0) {
-            out[first + i / 8] = static_cast<std::uint8_t>(out[first + i / 8] | (1u << (i % 8)));
+            packed[i / 8] = static_cast<std::uint8_t>(packed[i / 8] | (1u << (i % 8)));
         }
     }
 }
@@ -36,11 +39,14 @@ void putBody(std::vector<std::uint8_t>& out, std::uint8_t const* requestPdu, Ans
         case 3:
         case 4: {
             out.push_back(static_cast<std::uint8_t>(answer.registers.size() * 2));
-            std::size_t at = out.size();
+            std::size_t const at = out.size();
             out.resize(at + answer.registers.size() * 2);
+            // Through a local pointer: a store through the vector's own
+            // would make the compiler reload its data pointer every byte.
+            std::uint8_t* byte = out.data() + at;
             for (std::uint16_t const word : answer.registers) {
-                out[at++] = static_cast<std::uint8_t>(word >> 8);
-                out[at++] = static_cast<std::uint8_t>(word & 0xFF);
+                *byte++ = static_cast<std::uint8_t>(word >> 8);
+                *byte++ = static_cast<std::uint8_t>(word & 0xFF);
             }
             break;
         }
@@ -69,14 +75,18 @@ void encodeResponse(std::uint8_t const* request, std::size_t length, Answer cons
     }
     frame.clear();
     frame.reserve(kMaxFrame);
-    frame.insert(frame.end(), request, request + 4);  // transaction and protocol id
-    putWord(frame, 0);                                // the length, set below
-    frame.push_back(request[6]);                      // unit id
+    // The header and the function code written in place, not byte by byte.
+    frame.resize(kHeaderLength + 1);
+    std::uint8_t* const head = frame.data();
+    std::memcpy(head, request, 4);  // transaction and protocol id
+    head[4] = 0;                    // the length, set below
+    head[5] = 0;
+    head[6] = request[6];  // unit id
     if (answer.exception != 0) {
-        frame.push_back(static_cast<std::uint8_t>(answer.function | 0x80));
+        head[7] = static_cast<std::uint8_t>(answer.function | 0x80);
         frame.push_back(answer.exception);
     } else {
-        frame.push_back(answer.function);
+        head[7] = answer.function;
         putBody(frame, request + kHeaderLength, answer);
     }
     // Unit id and PDU.

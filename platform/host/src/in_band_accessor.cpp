@@ -15,6 +15,7 @@ namespace {
 
 using cdshost::Id;
 using cdshost::Operation;
+using cdshost::StoreLock;
 using Impl = cdshost::Store::Impl;
 using Events = Impl::Events;
 
@@ -112,9 +113,7 @@ kq::CValue InBandAccessor::getChannelCValue(unsigned long long channelId) {
     // The hottest call of a served map: one look-up of the store, for the
     // count and the value. A read changes nothing, so there is nothing to
     // deliver afterwards.
-    Impl& impl = store();
-    std::lock_guard<std::mutex> lock(impl.mutex);
-    return impl.readChannelValueLocked(channelId);
+    return store().readChannelValue(channelId);
 }
 
 void InBandAccessor::setChannelCValue(unsigned long long channelId, kq::CValue const& value) {
@@ -247,7 +246,7 @@ void InBandAccessor::unsubscribe(unsigned long long subscriptionId) {
     // Not through clientCall: ending a subscription may have to wait, with the
     // lock released, for a delivery on another thread.
     Impl& impl = store();
-    std::unique_lock<std::mutex> lock(impl.mutex);
+    std::unique_lock<StoreLock> lock(impl.mutex);
     impl.enterCallLocked(Operation::unsubscribe, subscriptionId);
     // 0 is never handed out: it is what a caller holds for a subscription that
     // was never opened, so there is nothing to end.

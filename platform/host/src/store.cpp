@@ -43,6 +43,8 @@ Operation requireOperation(std::string const& name) {
 // object, so code that still reaches for the store afterwards (an accessor in
 // a static destroyed later) gets an exception instead of a dead object.
 std::atomic<bool> g_storeDestroyed{false};
+// The store once built: what instance() answers from then on.
+std::atomic<Store*> g_store{nullptr};
 
 }  // namespace
 
@@ -214,7 +216,13 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
     channel.device = deviceId;
     channel.name = name;
     channel.value = value;
-    Channel const& stored = channels.emplace(newId, std::move(channel)).first->second;
+    Channel& stored = channels.emplace(newId, std::move(channel)).first->second;
+    if (newId < kSlottedIds) {
+        if (channelSlots.size() <= newId) {
+            channelSlots.resize(newId + 1, nullptr);
+        }
+        channelSlots[newId] = &stored;
+    }
     device.channels.push_back(newId);
     device.channelsByName.emplace(stored.name, newId);
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
@@ -335,7 +343,7 @@ void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
     }
 }
 
-void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock) {
+void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock) {
     auto const it = subscriptions.find(subscriptionId);
     if (it == subscriptions.end()) {
         throw NotFound("no subscription " + idText(subscriptionId));
@@ -404,7 +412,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
             kq::CValue value;
             std::optional<kq::CAlarmRecord> record;
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 if (!subscription->open) {
                     continue;
                 }
@@ -435,7 +443,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                 }
             }
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 auto& threads = subscription->delivering;
                 threads.erase(
                     std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
@@ -461,24 +469,44 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (it->second.subscribes != 0) {
         callCountById[CallKey{Operation::subscribeChannel, id}] += it->second.subscribes;
     }
+    if (id < channelSlots.size()) {
+        channelSlots[id] = nullptr;
+    }
     channels.erase(it);
+}
+
+kq::CValue Store::Impl::readChannelValue(Id id) {
+    std::lock_guard<StoreLock> lock(mutex);
+    return readChannelValueLocked(id);
 }
 
 kq::CValue Store::Impl::readChannelValueLocked(Id id) {
     ++callCount[static_cast<std::size_t>(Operation::getChannelCValue)];
+    Channel* const channel =
+        id < channelSlots.size() ? channelSlots[id] : unslottedChannelLocked(id);
+    if (channel == nullptr || !faults.empty()) {
+        return readAbsentOrFaultedLocked(id, channel);
+    }
+    ++channel->valueReads;
+    return channel->value;
+}
+
+Store::Impl::Channel* Store::Impl::unslottedChannelLocked(Id id) {
     auto const it = channels.find(id);
-    if (it != channels.end()) {
-        ++it->second.valueReads;
+    return it != channels.end() ? &it->second : nullptr;
+}
+
+kq::CValue Store::Impl::readAbsentOrFaultedLocked(Id id, Channel* channel) {
+    if (channel != nullptr) {
+        ++channel->valueReads;
     } else {
         ++callCountById[CallKey{Operation::getChannelCValue, id}];
     }
-    if (!faults.empty()) {
-        checkFaultsLocked(Operation::getChannelCValue, id);
-    }
-    if (it == channels.end()) {
+    checkFaultsLocked(Operation::getChannelCValue, id);
+    if (channel == nullptr) {
         throwNoChannel(id);
     }
-    return it->second.value;
+    return channel->value;
 }
 
 void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
@@ -538,6 +566,7 @@ void Store::Impl::resetLocked() {
     }
     devices.clear();
     channels.clear();
+    channelSlots.clear();
     devicesByName.clear();
     nextWorldId = 1;
     nextSequence = 0;
@@ -557,15 +586,26 @@ Store::~Store() {
 }
 
 Store& Store::instance() {
+    // Every client call starts here: once the store is built it is one load
+    // and one test, without the guard of the function-local static.
+    if (Store* const built = g_store.load(std::memory_order_acquire);
+        built != nullptr && !g_storeDestroyed.load(std::memory_order_relaxed)) {
+        return *built;
+    }
+    return firstInstance();
+}
+
+Store& Store::firstInstance() {
     static Store store;
     if (g_storeDestroyed) {
         throw std::logic_error("the simulated data store is gone: the process is exiting");
     }
+    g_store.store(&store, std::memory_order_release);
     return store;
 }
 
 void Store::reset() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->resetLocked();
 }
 
@@ -586,12 +626,12 @@ void Store::renameDevice(Id device, std::string const& name, bool notify) {
 }
 
 bool Store::hasDevice(Id device) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->devices.count(device) != 0;
 }
 
 std::vector<Id> Store::subDevices(Id device) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->deviceLocked(device).subDevices;
 }
 
@@ -604,7 +644,7 @@ void Store::setDeviceAttribute(Id device, cdsapi::DeviceAttribute attribute,
 
 std::optional<std::string> Store::deviceAttribute(Id device,
                                                   cdsapi::DeviceAttribute attribute) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->devices.find(device);
     if (it == m_impl->devices.end()) {
         return std::nullopt;
@@ -629,12 +669,12 @@ void Store::removeChannel(Id channel, bool notify) {
 }
 
 bool Store::hasChannel(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channels.count(channel) != 0;
 }
 
 Id Store::channelId(Id device, std::string const& name) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channelIdLocked(device, name);
 }
 
@@ -645,7 +685,7 @@ void Store::setChannelValue(Id channel, kq::CValue const& value, bool notify) {
 }
 
 kq::CValue Store::channelValue(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
     return it != m_impl->channels.end() ? it->second.value : kq::CValue();
 }
@@ -680,7 +720,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 }
 
 AlarmSettings Store::alarmSettings(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->channelLocked(channel).alarm();
 }
 
@@ -697,7 +737,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 }
 
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->channels.find(channel);
     return it != m_impl->channels.end() ? it->second.record() : std::nullopt;
 }
@@ -722,12 +762,12 @@ void Store::notifyAlarm(Id channel) {
 
 std::size_t Store::calls(std::string const& operation) const {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->callCount[static_cast<std::size_t>(known)];
 }
 
 std::map<std::string, std::size_t> Store::callsByOperation() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::map<std::string, std::size_t> called;
     for (std::size_t i = 0; i < kOperationCount; ++i) {
         if (m_impl->callCount[i] != 0) {
@@ -739,7 +779,7 @@ std::map<std::string, std::size_t> Store::callsByOperation() const {
 
 std::size_t Store::calls(std::string const& operation, Id id) const {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
     if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
@@ -753,7 +793,7 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
 }
 
 void Store::resetCalls() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
     for (auto& [id, channel] : m_impl->channels) {
@@ -763,7 +803,7 @@ void Store::resetCalls() {
 }
 
 std::vector<SubscriptionInfo> Store::subscriptions() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
     for (auto const& [id, subscription] : m_impl->subscriptions) {
         open.push_back(subscription->info());
@@ -772,7 +812,7 @@ std::vector<SubscriptionInfo> Store::subscriptions() const {
 }
 
 std::size_t Store::subscriptionCount(std::string const& kind, int type, Id target) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return static_cast<std::size_t>(std::count_if(
         m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
             Impl::Subscription const& subscription = *entry.second;
@@ -782,12 +822,12 @@ std::size_t Store::subscriptionCount(std::string const& kind, int type, Id targe
 }
 
 std::size_t Store::subscriptionCount() const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     return m_impl->subscriptions.size();
 }
 
 std::size_t Store::connections(std::string const& clientName) const {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->connectionCount.find(clientName);
     return it != m_impl->connectionCount.end() ? it->second : 0;
 }
@@ -795,7 +835,7 @@ std::size_t Store::connections(std::string const& clientName) const {
 void Store::failNext(std::string const& operation, std::size_t times, std::optional<Id> id,
                      FaultKind kind) {
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.push_back(Impl::Fault{known, id, times, kind});
 }
 
@@ -804,7 +844,7 @@ void Store::failCall(std::string const& operation, std::size_t nth, FaultKind ki
         throw std::invalid_argument("failCall counts calls from 1");
     }
     Operation const known = requireOperation(operation);
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.push_back(Impl::Fault{known, std::nullopt, 1, kind, nth - 1});
 }
 
@@ -813,12 +853,12 @@ void Store::failAlways(std::string const& operation, std::optional<Id> id, Fault
 }
 
 void Store::answerName(std::string const& name, Id id) {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->nameAnswers[name] = id;
 }
 
 void Store::clearFaults() {
-    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->faults.clear();
     m_impl->nameAnswers.clear();
 }

@@ -29,6 +29,7 @@
 
 #include "cdshost/store.h"
 #include "operation.h"
+#include "store_lock.h"
 
 namespace cdshost {
 
@@ -146,11 +147,18 @@ struct Store::Impl {
     };
 
     // ---- State (all guarded by mutex) -----------------------------------
-    mutable std::mutex mutex;
-    std::condition_variable deliveryEnded;
+    mutable StoreLock mutex;
+    std::condition_variable_any deliveryEnded;
 
     std::unordered_map<Id, Device> devices;
     std::unordered_map<Id, Channel> channels;
+    // The same channels by id for the ids below kSlottedIds (the ids the
+    // store assigns itself, from a counter), so that the read of a value,
+    // made for every served entry on every request, finds its channel
+    // without hashing. Null where no channel has that id; an element of
+    // `channels` keeps its address until it is erased.
+    static constexpr Id kSlottedIds = 1 << 16;
+    std::vector<Channel*> channelSlots;
     // Devices of one name by creation order: the first is the one a look-up
     // by name finds.
     std::unordered_map<std::string, std::map<std::uint64_t, Id>> devicesByName;
@@ -227,7 +235,7 @@ struct Store::Impl {
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
      * is still inside its callback. */
-    void unsubscribeLocked(Id subscriptionId, std::unique_lock<std::mutex>& lock);
+    void unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock);
     Deliveries planLocked(Events const& events) const;
     /* Calls the subscribers; lock NOT held. Rethrows the first exception a
      * callback threw, once every subscriber has been called. */
@@ -242,6 +250,13 @@ struct Store::Impl {
     /* getChannelCValue, counted and subject to faults as every client call,
      * with one look-up of the channel for the count and the value. */
     kq::CValue readChannelValueLocked(Id channel);
+    /* A channel with an id of kSlottedIds or more; null when there is none. */
+    [[gnu::noinline]] Channel* unslottedChannelLocked(Id id);
+    /* readChannelValueLocked(), taking the lock itself. */
+    kq::CValue readChannelValue(Id channel);
+    /* What readChannelValueLocked() does for a channel that is missing (null)
+     * or while faults are armed: kept out of the path of every other read. */
+    [[gnu::noinline]] kq::CValue readAbsentOrFaultedLocked(Id id, Channel* channel);
     /* Throws if a fault is armed for the call (counted already). */
     void checkFaultsLocked(Operation operation, std::optional<Id> id);
     /* Erases a channel, keeping the calls counted on it. */
@@ -274,7 +289,7 @@ struct Store::Impl {
         using Result = decltype(body(std::declval<Events&>()));
         if constexpr (std::is_void_v<Result>) {
             {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 Events events;
                 if (operation) {
                     enterCallLocked(*operation, id);
@@ -289,7 +304,7 @@ struct Store::Impl {
             }
         } else {
             Result result = [&] {
-                std::lock_guard<std::mutex> lock(mutex);
+                std::lock_guard<StoreLock> lock(mutex);
                 Events events;
                 if (operation) {
                     enterCallLocked(*operation, id);

@@ -334,7 +334,7 @@ Overloaded(Fs...) -> Overloaded<Fs...>;
 
 /* Reads a stored alternative as the integer type T. */
 template <typename T, typename Storage>
-T readInteger(Storage const& storage, char const* target) {
+[[gnu::noinline]] T readInteger(Storage const& storage, char const* target) {
     return std::visit(
         Overloaded{
             [](std::monostate) -> T { return 0; },
@@ -351,6 +351,44 @@ T readInteger(Storage const& storage, char const* target) {
             },
         },
         storage);
+}
+
+/* as_float() of every other alternative: out of line, so that a float
+ * itself is answered without the conversions' stack frame. */
+template <typename Storage>
+[[gnu::noinline]] float readFloat(Storage const& storage) {
+    return std::visit(
+        Overloaded{
+            [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
+            [](CTimestamp t) { return static_cast<float>(t.microseconds); },
+            // Parsed straight into a float: going through a double first could round twice.
+            [](std::string const& s) { return textToFloating<float>(s, "float"); },
+            [](CValue::Bytes const&) -> float { throwConversion("bytes", "float"); },
+            [](double d) { return narrowToFloat(d); },
+            [](auto v) { return static_cast<float>(v); },  // float itself and every integer
+        },
+        storage);
+}
+
+/* as_bool() of every other alternative, out of line like readFloat(). */
+template <typename Storage>
+[[gnu::noinline]] bool readBool(Storage const& storage) {
+    return std::visit(Overloaded{
+                          [](std::monostate) { return false; },
+                          [](bool b) { return b; },
+                          [](CTimestamp t) { return t.microseconds != 0; },
+                          [](std::string const& s) { return textToBool(s); },
+                          [](CValue::Bytes const&) -> bool { throwConversion("bytes", "bool"); },
+                          [](auto v) {
+                              // NaN compares unequal to everything, so test it first: NaN is false.
+                              if constexpr (std::is_floating_point_v<decltype(v)>) {
+                                  return !std::isnan(v) && v != 0;
+                              } else {
+                                  return v != 0;
+                              }
+                          },
+                      },
+                      storage);
 }
 
 /* Reads a stored alternative as a double (floats widen exactly). */
@@ -370,26 +408,20 @@ double readDouble(Storage const& storage) {
 
 }  // namespace
 
+// The readers a served map calls on every request answer a value of their own
+// type before any conversion is considered.
+
 bool CValue::as_bool() const {
-    return std::visit(Overloaded{
-                          [](std::monostate) { return false; },
-                          [](bool b) { return b; },
-                          [](CTimestamp t) { return t.microseconds != 0; },
-                          [](std::string const& s) { return textToBool(s); },
-                          [](Bytes const&) -> bool { throwConversion("bytes", "bool"); },
-                          [](auto v) {
-                              // NaN compares unequal to everything, so test it first: NaN is false.
-                              if constexpr (std::is_floating_point_v<decltype(v)>) {
-                                  return !std::isnan(v) && v != 0;
-                              } else {
-                                  return v != 0;
-                              }
-                          },
-                      },
-                      m_value);
+    if (bool const* same = std::get_if<bool>(&m_value)) {
+        return *same;
+    }
+    return readBool(m_value);
 }
 
 int CValue::as_int32() const {
+    if (int const* same = std::get_if<int>(&m_value)) {
+        return *same;
+    }
     return readInteger<int>(m_value, "int32");
 }
 
@@ -398,6 +430,9 @@ long long CValue::as_int64() const {
 }
 
 unsigned int CValue::as_uint32() const {
+    if (unsigned int const* same = std::get_if<unsigned int>(&m_value)) {
+        return *same;
+    }
     return readInteger<unsigned int>(m_value, "uint32");
 }
 
@@ -406,17 +441,10 @@ unsigned long long CValue::as_uint64() const {
 }
 
 float CValue::as_float() const {
-    return std::visit(
-        Overloaded{
-            [](std::monostate) { return 0.0f; }, [](bool b) { return b ? 1.0f : 0.0f; },
-            [](CTimestamp t) { return static_cast<float>(t.microseconds); },
-            // Parsed straight into a float: going through a double first could round twice.
-            [](std::string const& s) { return textToFloating<float>(s, "float"); },
-            [](Bytes const&) -> float { throwConversion("bytes", "float"); },
-            [](double d) { return narrowToFloat(d); },
-            [](auto v) { return static_cast<float>(v); },  // float itself and every integer
-        },
-        m_value);
+    if (float const* same = std::get_if<float>(&m_value)) {
+        return *same;
+    }
+    return readFloat(m_value);
 }
 
 double CValue::as_double() const {

@@ -244,6 +244,7 @@ class Store {
   private:
     Store();
     ~Store();
+    static Store& firstInstance();
     std::unique_ptr<Impl> m_impl;
 };
 
