@@ -577,5 +577,21 @@ TEST(RegisterMapTest, ReadTextFileNamesAFileItCannotRead) {
     }
 }
 
+// A directory opens like a file but has no text; its size on ext4 is no
+// length (2^63 - 1), which once made the read ask for that much memory.
+TEST(RegisterMapTest, ReadTextFileNamesADirectoryItCannotRead) {
+    std::string const path = tempPath("directory");
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+    try {
+        readTextFile(path);
+        ADD_FAILURE() << "a directory was read";
+    } catch (std::runtime_error const& error) {
+        EXPECT_EQ(std::string(error.what()), "cannot read " + path);
+    } catch (std::exception const& error) {
+        ADD_FAILURE() << "a directory gave " << error.what();
+    }
+    ::rmdir(path.c_str());
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

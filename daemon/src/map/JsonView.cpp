@@ -170,10 +170,6 @@ bool JsonView::operator==(char const* text) const {
     return is_string() && text_view() == text;
 }
 
-JsonView JsonView::operator[](std::size_t index) const {
-    return JsonView(simdjson::dom::array(m_element).at(index).value_unsafe());
-}
-
 std::size_t JsonView::size() const {
     switch (type()) {
         case element_type::ARRAY:

@@ -43,15 +43,15 @@ class JsonView {
     template <class T>
     T get() const;
 
-    /* A field of an object. A JsonDocument has no repeated field names, so
-     * this is the one nlohmann's reading would find too. */
+    /* A field of an object: the first of its name, where nlohmann's reading
+     * keeps the last. The map is read this way only from a document without
+     * repeated names (JsonDocument::hasRepeatedNames), where the two agree. */
     Found find(std::string_view key) const;
     bool contains(std::string_view key) const;
-    /* The field, which must exist (as for a const nlohmann::json). */
+    /* The field, which must exist (as for a const nlohmann::json). There is
+     * no element by position: that walks a simdjson array from its start, so
+     * arrays are read with begin()/end(). */
     JsonView operator[](std::string_view key) const;
-    /* The element at index: linear in the index, so loops over large arrays
-     * use begin()/end(). */
-    JsonView operator[](std::size_t index) const;
     std::size_t size() const;
     bool empty() const { return size() == 0; }
     ArrayIterator begin() const;

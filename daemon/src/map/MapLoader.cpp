@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -220,15 +221,18 @@ std::optional<CidrList> MapParser<Json>::parseAllowList(Json const& entry, char 
         return std::nullopt;
     }
     CidrList list;
-    for (std::size_t i = 0; i < value.size(); ++i) {
+    std::size_t index = 0;
+    // Element by element, as every array here (see parse).
+    for (auto const& element : value) {
         auto const cidr =
-            value[i].is_string() ? Cidr::parse(value[i].template get<std::string>()) : std::nullopt;
+            element.is_string() ? Cidr::parse(element.template get<std::string>()) : std::nullopt;
         if (!cidr) {
-            m_check.error(path + "[" + std::to_string(i) + "]",
+            m_check.error(path + "[" + std::to_string(index) + "]",
                           "expected an IPv4 address or network such as \"10.0.0.0/8\"");
-            continue;
+        } else {
+            list.push_back(*cidr);
         }
-        list.push_back(*cidr);
+        ++index;
     }
     return list;
 }
@@ -443,8 +447,9 @@ void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definit
         m_check.error(where + ".sources",
                       "expected a non-empty array, got " + JsonChecker::shortDump(*sources));
     } else {
-        for (std::size_t i = 0; i < sources->size(); ++i) {
-            auto source = parseSource((*sources)[i], where + ".sources[" + std::to_string(i) + "]");
+        std::size_t index = 0;
+        for (auto const& element : *sources) {
+            auto source = parseSource(element, where + ".sources[" + std::to_string(index++) + "]");
             if (source) {
                 definition.sources.push_back(std::move(*source));
             }
@@ -530,11 +535,14 @@ bool MapParser<Json>::parseDevice(Json const& value, std::string const& where, D
         return false;
     }
     bool valid = path->is_array();
-    for (std::size_t i = 0; valid && i < path->size(); ++i) {
-        valid = (*path)[i].is_number_unsigned() &&
-                (*path)[i].template get<unsigned long long>() <= 0xFFFFFFFFULL;
-        if (valid) {
-            device.path.push_back((*path)[i].template get<unsigned int>());
+    if (valid) {
+        for (auto const& element : *path) {
+            valid = element.is_number_unsigned() &&
+                    element.template get<unsigned long long>() <= 0xFFFFFFFFULL;
+            if (!valid) {
+                break;
+            }
+            device.path.push_back(element.template get<unsigned int>());
         }
     }
     if (!valid) {
@@ -720,21 +728,27 @@ std::string readTextFile(std::string const& path) {
         throw std::runtime_error("cannot read " + path);
     }
     // Read straight into the string: a map or scenario of thousands of
-    // entries is megabytes, which a string stream would copy. A file whose
-    // size is known is read at once, anything else (a pipe) in blocks.
+    // entries is megabytes, which a string stream would copy. A regular
+    // file's size lets it be read at once; anything else (a pipe, or a
+    // directory, whose "size" on ext4 is 2^63 - 1) is read in blocks. The
+    // size is only a hint: a file that grows meanwhile is read to its end.
     std::string text;
-    in.seekg(0, std::ios::end);
-    auto const size = static_cast<std::streamoff>(in.tellg());
-    in.seekg(0, std::ios::beg);
-    if (size > 0 && in) {
+    std::error_code statError;
+    std::uintmax_t const size = std::filesystem::is_regular_file(path, statError)
+                                    ? std::filesystem::file_size(path, statError)
+                                    : 0;
+    if (!statError && size > 0) {
         text.resize(static_cast<std::size_t>(size));
-        in.read(text.data(), size);
+        in.read(text.data(), static_cast<std::streamsize>(size));
         text.resize(static_cast<std::size_t>(in.gcount()));
     }
-    in.clear();
     char block[65536];
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<std::size_t>(in.gcount()));
+    }
+    // A read that failed, not one that reached the end: a directory.
+    if (in.bad()) {
+        throw std::runtime_error("cannot read " + path);
     }
     return text;
 }
