@@ -491,6 +491,43 @@ TEST_F(CdsapiClientTest, UnsubscribeTwiceThrowsTheSecondTime) {
     EXPECT_EQ(store.calls("unsubscribe", s), 2u);
 }
 
+TEST_F(CdsapiClientTest, UnsubscribeCallsAreCountedPerIdForEveryKindOfId) {
+    // Ids handed out, ids never handed out (ahead of the next one) and 0 are
+    // each counted on their own, and resetCalls() forgets all of them.
+    std::vector<Id> opened;
+    for (int i = 0; i < 3; ++i) {
+        Id s = 0;
+        inBand.subscribeDevice(
+            ups, [](Id) {}, kq::sub::DeviceChanged, false, &s);
+        opened.push_back(s);
+    }
+    Id const ahead = opened.back() + 1000;
+    inBand.unsubscribe(opened[2]);
+    inBand.unsubscribe(opened[0]);
+    EXPECT_THROW(inBand.unsubscribe(opened[0]), cdshost::NotFound);
+    EXPECT_THROW(inBand.unsubscribe(ahead), cdshost::NotFound);
+    inBand.unsubscribe(0);
+
+    EXPECT_EQ(store.calls("unsubscribe", opened[0]), 2u);
+    EXPECT_EQ(store.calls("unsubscribe", opened[1]), 0u);
+    EXPECT_EQ(store.calls("unsubscribe", opened[2]), 1u);
+    EXPECT_EQ(store.calls("unsubscribe", ahead), 1u);
+    EXPECT_EQ(store.calls("unsubscribe", 0), 1u);
+    EXPECT_EQ(store.calls("unsubscribe"), 5u);
+
+    // A subscription opened after the counting started is counted too.
+    Id late = 0;
+    inBand.subscribeDevice(
+        ups, [](Id) {}, kq::sub::DeviceChanged, false, &late);
+    inBand.unsubscribe(late);
+    EXPECT_EQ(store.calls("unsubscribe", late), 1u);
+
+    store.resetCalls();
+    EXPECT_EQ(store.calls("unsubscribe", opened[0]), 0u);
+    EXPECT_EQ(store.calls("unsubscribe", ahead), 0u);
+    EXPECT_EQ(store.calls("unsubscribe", late), 0u);
+}
+
 TEST_F(CdsapiClientTest, UnsubscribedCallbackIsNotCalledAgain) {
     int calls = 0;
     Id s = 0;

@@ -115,10 +115,15 @@ void remove(std::map<unsigned long long, std::set<Accessor*>>& accessors,
     try {
         // If unsubscribe() throws, both entries stay with an empty set, and the
         // next add for the id reuses them without opening a new subscription.
-        // Intended: there is never more than one subscription per id.
-        inBand().unsubscribe(subscriptionIds[id]);
-        subscriptionIds.erase(id);
-        accessors.erase(id);
+        // Intended: there is never more than one subscription per id. The
+        // look-up inserts (an id without a subscription is ended as 0), and
+        // both entries are erased through the iterators already found: a map
+        // of thousands of entries leaves its registries one id after another
+        // when it is torn down.
+        auto const subscription = subscriptionIds.try_emplace(id, 0).first;
+        inBand().unsubscribe(subscription->second);
+        subscriptionIds.erase(subscription);
+        accessors.erase(entry);
     } catch (...) {
     }
 }

@@ -524,6 +524,13 @@ void Store::Impl::countCallLocked(Operation operation, Id id) {
             return;
         }
     }
+    if (operation == Operation::unsubscribe && id != 0 && id < nextSubscriptionId) {
+        if (unsubscribesById.size() < nextSubscriptionId) {
+            unsubscribesById.resize(static_cast<std::size_t>(nextSubscriptionId));
+        }
+        ++unsubscribesById[static_cast<std::size_t>(id)];
+        return;
+    }
     ++callCountById[CallKey{operation, id}];
 }
 
@@ -572,6 +579,7 @@ void Store::Impl::resetLocked() {
     nextSequence = 0;
     callCount.fill(0);
     callCountById.clear();
+    unsubscribesById.clear();
     connectionCount.clear();
     faults.clear();
     nameAnswers.clear();
@@ -782,6 +790,9 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     auto const it = m_impl->callCountById.find(Impl::CallKey{known, id});
     std::size_t count = it != m_impl->callCountById.end() ? it->second : 0;
+    if (known == Operation::unsubscribe && id < m_impl->unsubscribesById.size()) {
+        count += m_impl->unsubscribesById[static_cast<std::size_t>(id)];
+    }
     if (auto const channel = m_impl->channels.find(id); channel != m_impl->channels.end()) {
         if (known == Operation::getChannelCValue) {
             count += channel->second.valueReads;
@@ -796,6 +807,7 @@ void Store::resetCalls() {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
+    m_impl->unsubscribesById.clear();
     for (auto& [id, channel] : m_impl->channels) {
         channel.valueReads = 0;
         channel.subscribes = 0;

@@ -192,6 +192,12 @@ struct Store::Impl {
     };
     std::array<std::size_t, kOperationCount> callCount{};
     std::unordered_map<CallKey, std::size_t, CallKeyHash> callCountById;
+    // unsubscribe calls on the subscription ids handed out so far, by id: a
+    // map served for hours ends all of its subscriptions when the daemon
+    // stops, and a slot here costs no node and no rehash of callCountById.
+    // Ids never handed out (0, ids ahead of nextSubscriptionId) are counted
+    // in callCountById.
+    std::vector<std::uint32_t> unsubscribesById;
     std::map<std::string, std::size_t> connectionCount;
     std::vector<Fault> faults;
     std::map<std::string, Id> nameAnswers;
