@@ -936,6 +936,49 @@ TEST_F(HostStoreTest, SubscriptionsListOpenOnesInOpeningOrder) {
     EXPECT_EQ(open[1].target, 30u);
 }
 
+TEST_F(HostStoreTest, SubscriptionsKeepOpeningOrderAndIdsWhenMostEndInAnyOrder) {
+    // Ending subscriptions in the middle, from the front and from the back, far
+    // more than stay open, must neither lose nor reorder the open ones, and an
+    // ended id stays unknown.
+    std::vector<Id> opened;
+    for (Id channel = 1; channel <= 60; ++channel) {
+        opened.push_back(watchChannel(channel, kq::sub::ChannelValue, "c"));
+    }
+    std::vector<Id> kept;
+    for (std::size_t i = 0; i < opened.size(); ++i) {
+        if (i % 7 == 3) {
+            kept.push_back(opened[i]);
+        }
+    }
+    for (std::size_t i = 0; i < opened.size(); i += 2) {  // every other one, front to back
+        if (i % 7 != 3) {
+            inBand.unsubscribe(opened[i]);
+        }
+    }
+    for (std::size_t i = opened.size() - 1; i < opened.size(); i -= 2) {  // the rest, back to front
+        if (i % 7 != 3) {
+            inBand.unsubscribe(opened[i]);
+        }
+    }
+    std::vector<cdshost::SubscriptionInfo> const open = store.subscriptions();
+    ASSERT_EQ(open.size(), kept.size());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(open[i].subscriptionId, kept[i]);
+    }
+    EXPECT_EQ(store.subscriptionCount(), kept.size());
+    EXPECT_THROW(inBand.unsubscribe(opened[0]), cdshost::NotFound);
+    EXPECT_THROW(inBand.unsubscribe(opened[1]), cdshost::NotFound);
+    // Ids keep growing after the compaction, and the open ones can be ended.
+    Id const more = watchChannel(61, kq::sub::ChannelValue, "c");
+    EXPECT_GT(more, opened.back());
+    for (Id const id : kept) {
+        EXPECT_NO_THROW(inBand.unsubscribe(id));
+    }
+    inBand.unsubscribe(more);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+    EXPECT_TRUE(store.subscriptions().empty());
+}
+
 TEST_F(HostStoreTest, SubscriptionCountByKindTypeAndTarget) {
     watchChannel(10, kq::sub::ChannelValue, "a");
     watchChannel(10, kq::sub::ChannelValue, "b");

@@ -193,9 +193,6 @@ BuiltEncoder makeEncoder(EntryDefinition const& entry) {
         CdsDataAccessor* raw = source.get();
         built.sources = {raw};
         built.registers = makeSingleRegisters(entry, source.release());
-        if (entry.encoder == EncoderKind::String) {
-            built.unwiredSource = raw;
-        }
         built.registers->setByteOrder(static_cast<modbus::ByteOrder>(entry.byteOrder));
     }
     return built;

@@ -25,10 +25,6 @@ std::string idText(Id id) {
     throw NotFound("no channel " + idText(id));
 }
 
-bool isOtherThread(std::thread::id id) {
-    return id != std::this_thread::get_id();
-}
-
 // A test that counts or breaks an operation the client does not have (a typo)
 // would count nothing and pass; it is told instead.
 Operation requireOperation(std::string const& name) {
@@ -224,7 +220,7 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
         channelSlots[newId] = &stored;
     }
     device.channels.push_back(newId);
-    device.channelsByName.emplace(stored.name, newId);
+    device.channelsByName.insert(NamedId{&stored.name, newId});
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
     return newId;
 }
@@ -233,7 +229,7 @@ void Store::Impl::removeChannelLocked(Id id, Events& events) {
     Channel const& channel = channelLocked(id);
     Id const deviceId = channel.device;
     Device& device = deviceLocked(deviceId);
-    device.channelsByName.erase(channel.name);
+    device.channelsByName.erase(NamedId{&channel.name, id});
     eraseChannelLocked(id);
     auto& list = device.channels;
     list.erase(std::remove(list.begin(), list.end(), id), list.end());
@@ -245,8 +241,8 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
     if (it == devices.end()) {
         return 0;
     }
-    auto const channel = it->second.channelsByName.find(name);
-    return channel != it->second.channelsByName.end() ? channel->second : 0;
+    auto const channel = it->second.channelsByName.find(NamedId{&name, 0});
+    return channel != it->second.channelsByName.end() ? channel->id : 0;
 }
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
@@ -303,7 +299,7 @@ Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     subscription->id = id;
     subscribersByTarget[static_cast<std::size_t>(subscription->kind)].emplace(subscription->target,
                                                                               subscription);
-    subscriptions.emplace(id, std::move(subscription));
+    subscriptions.add(id, std::move(subscription));
     return id;
 }
 
@@ -344,22 +340,20 @@ void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
 }
 
 void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock) {
-    auto const it = subscriptions.find(subscriptionId);
-    if (it == subscriptions.end()) {
+    SubscriptionPtr const* const found = subscriptions.find(subscriptionId);
+    if (found == nullptr) {
         throw NotFound("no subscription " + idText(subscriptionId));
     }
-    SubscriptionPtr const subscription = it->second;
+    SubscriptionPtr const subscription = *found;
     subscription->open = false;
     forgetSubscriberLocked(*subscription);
-    subscriptions.erase(it);
+    subscriptions.erase(subscriptionId);
     // A delivery on another thread may be inside the callback right now; once
     // we return, the caller may free what the callback uses. The delivering
     // thread itself (a callback ending its own or another subscription) must
     // not wait for itself.
-    deliveryEnded.wait(lock, [&] {
-        return std::none_of(subscription->delivering.begin(), subscription->delivering.end(),
-                            isOtherThread);
-    });
+    deliveryEnded.wait(
+        lock, [&] { return !subscription->delivering.anyOtherThan(std::this_thread::get_id()); });
 }
 
 Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
@@ -416,7 +410,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                 if (!subscription->open) {
                     continue;
                 }
-                subscription->delivering.push_back(std::this_thread::get_id());
+                subscription->delivering.enter(std::this_thread::get_id());
                 auto const channel =
                     event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
                 if (channel != channels.end()) {
@@ -444,9 +438,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
             }
             {
                 std::lock_guard<StoreLock> lock(mutex);
-                auto& threads = subscription->delivering;
-                threads.erase(
-                    std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
+                subscription->delivering.leave(std::this_thread::get_id());
             }
             deliveryEnded.notify_all();
         }
@@ -564,9 +556,7 @@ void Store::Impl::throwFaultLocked(std::vector<Fault>::iterator fault, Operation
 }
 
 void Store::Impl::resetLocked() {
-    for (auto& [id, subscription] : subscriptions) {
-        subscription->open = false;
-    }
+    subscriptions.forEach([](SubscriptionPtr const& subscription) { subscription->open = false; });
     subscriptions.clear();
     for (auto& byTarget : subscribersByTarget) {
         byTarget.clear();
@@ -817,20 +807,21 @@ void Store::resetCalls() {
 std::vector<SubscriptionInfo> Store::subscriptions() const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
-    for (auto const& [id, subscription] : m_impl->subscriptions) {
-        open.push_back(subscription->info());
-    }
+    m_impl->subscriptions.forEach(
+        [&](Impl::SubscriptionPtr const& subscription) { open.push_back(subscription->info()); });
     return open;
 }
 
 std::size_t Store::subscriptionCount(std::string const& kind, int type, Id target) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    return static_cast<std::size_t>(std::count_if(
-        m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
-            Impl::Subscription const& subscription = *entry.second;
-            return kindName(subscription.kind) == kind && subscription.type == type &&
-                   subscription.target == target;
-        }));
+    std::size_t count = 0;
+    m_impl->subscriptions.forEach([&](Impl::SubscriptionPtr const& subscription) {
+        count += kindName(subscription->kind) == kind && subscription->type == type &&
+                         subscription->target == target
+                     ? 1
+                     : 0;
+    });
+    return count;
 }
 
 std::size_t Store::subscriptionCount() const {
