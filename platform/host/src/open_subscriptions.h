@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <deque>
+#include <iterator>
 #include <utility>
 
 #include "cdshost/store.h"
@@ -32,14 +33,14 @@ class OpenSubscriptions {
 
     /* The subscription of `id`; null when none is open with it. */
     Pointer const* find(Id id) const {
-        auto const slot = lowerBound(id);
+        auto const slot = locate(id);
         return slot != m_slots.end() && slot->id == id && slot->subscription ? &slot->subscription
                                                                              : nullptr;
     }
 
     /* Ends the subscription of `id`; false when none is open with it. */
     bool erase(Id id) {
-        auto const slot = lowerBound(id);
+        auto const slot = locate(id);
         if (slot == m_slots.end() || slot->id != id || !slot->subscription) {
             return false;
         }
@@ -72,14 +73,19 @@ class OpenSubscriptions {
         Pointer subscription;  // empty once ended
     };
 
-    typename std::deque<Slot>::const_iterator lowerBound(Id id) const {
-        return std::lower_bound(m_slots.begin(), m_slots.end(), id,
+    /* The slot of `id`, or where it would be. The newest is tried first: a
+     * map torn down last entry first ends its newest subscription each time,
+     * and a binary search over the blocks costs tenfold. */
+    template <typename Slots>
+    static auto locateIn(Slots& slots, Id id) {
+        if (!slots.empty() && slots.back().id == id) {
+            return std::prev(slots.end());
+        }
+        return std::lower_bound(slots.begin(), slots.end(), id,
                                 [](Slot const& slot, Id wanted) { return slot.id < wanted; });
     }
-    typename std::deque<Slot>::iterator lowerBound(Id id) {
-        return std::lower_bound(m_slots.begin(), m_slots.end(), id,
-                                [](Slot const& slot, Id wanted) { return slot.id < wanted; });
-    }
+    typename std::deque<Slot>::const_iterator locate(Id id) const { return locateIn(m_slots, id); }
+    typename std::deque<Slot>::iterator locate(Id id) { return locateIn(m_slots, id); }
 
     void dropEmptySlots() {
         // The ends first: a map torn down last entry first ends its
