@@ -262,6 +262,25 @@ TEST_F(HostStoreTest, RaiseAndClearAlarmSetTheRecord) {
     EXPECT_FALSE(store.alarmRecord(ch).has_value());
 }
 
+TEST_F(HostStoreTest, AChannelAddedAgainUnderTheSameIdStartsWithoutTheOldAlarm) {
+    // The alarm of a channel is kept apart from the channel; it must go with it.
+    Id const ups = store.addDevice("UPS");
+    Id const ch = store.addChannel(ups, "C", {}, 500);
+    store.setAlarmEnabled(ch, true);
+    store.setAlarmLevel(ch, 3);
+    store.raiseAlarm(ch, kq::CAlarmRecord{7, true});
+    Id const other = store.addChannel(ups, "D");
+    store.setAlarmHysteresis(other, 2.5f);
+    store.removeChannel(ch);
+    EXPECT_FALSE(store.alarmRecord(ch).has_value());
+    EXPECT_THROW(store.alarmSettings(ch), cdshost::NotFound);
+    ASSERT_EQ(store.addChannel(ups, "C", {}, 500), ch);
+    EXPECT_FALSE(store.alarmSettings(ch).enabled);
+    EXPECT_EQ(store.alarmSettings(ch).level, 0);
+    EXPECT_FALSE(store.alarmRecord(ch).has_value());
+    EXPECT_EQ(store.alarmSettings(other).hysteresis, 2.5f);
+}
+
 TEST_F(HostStoreTest, DeviceAttributeIsEmptyUntilSet) {
     Id const ups = store.addDevice("UPS");
     EXPECT_FALSE(store.deviceAttribute(ups, cdsapi::AttributeModel).has_value());

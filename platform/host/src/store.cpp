@@ -247,7 +247,7 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
     Channel const& channel = channelLocked(id);
-    return kq::CChannel{id, channel.device, channel.name, channel.value, channel.record()};
+    return kq::CChannel{id, channel.device, channel.name, channel.value, recordLocked(id)};
 }
 
 void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
@@ -256,39 +256,63 @@ void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& 
     events.push_back(Event{Kind::Channel, kq::sub::ChannelValue, id, id, {}});
 }
 
+AlarmSettings const& Store::Impl::alarmLocked(Id id) {
+    channelLocked(id);  // throws NotFound for a missing channel
+    static AlarmSettings const defaults;
+    auto const part = alarmParts.find(id);
+    return part != alarmParts.end() ? part->second.settings : defaults;
+}
+
+AlarmSettings& Store::Impl::alarmToChangeLocked(Id id) {
+    channelLocked(id);
+    return alarmParts[id].settings;
+}
+
+std::optional<kq::CAlarmRecord> Store::Impl::recordLocked(Id id) const {
+    auto const part = alarmParts.find(id);
+    return part != alarmParts.end() ? part->second.record : std::nullopt;
+}
+
+void Store::Impl::setRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record) {
+    channelLocked(id);
+    if (record || alarmParts.count(id) != 0) {
+        alarmParts[id].record = record;
+    }
+}
+
 void Store::Impl::setAlarmEnabledLocked(Id id, bool enabled, Events& events) {
-    channelLocked(id).alarmToChange().enabled = enabled;
+    alarmToChangeLocked(id).enabled = enabled;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelState, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdLocked(Id id, cdsapi::TriggerId trigger, float value,
                                           Events& events) {
-    Channel& channel = channelLocked(id);
+    channelLocked(id);  // a missing channel is reported before a bad trigger
     if (static_cast<std::uint32_t>(trigger) > 3) {
         throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
     }
-    channel.alarmToChange().thresholds[trigger] = value;
+    alarmToChangeLocked(id).thresholds[trigger] = value;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdFlagLocked(Id id, bool flag, Events& events) {
-    channelLocked(id).alarmToChange().thresholdFlag = flag;
+    alarmToChangeLocked(id).thresholdFlag = flag;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmHysteresisLocked(Id id, float hysteresis, Events& events) {
-    channelLocked(id).alarmToChange().hysteresis = hysteresis;
+    alarmToChangeLocked(id).hysteresis = hysteresis;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmLevelLocked(Id id, std::int32_t level, Events& events) {
-    channelLocked(id).alarmToChange().level = level;
+    alarmToChangeLocked(id).level = level;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record,
                                        Events& events) {
-    channelLocked(id).setRecord(record);
+    setRecordLocked(id, record);
     events.push_back(Event{Kind::Alarm, 0, id, id, {}});
 }
 
@@ -415,7 +439,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                     event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
                 if (channel != channels.end()) {
                     value = channel->second.value;
-                    record = channel->second.record();
+                    record = recordLocked(event.subject);
                 }
             }
             try {
@@ -464,6 +488,7 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (id < channelSlots.size()) {
         channelSlots[id] = nullptr;
     }
+    alarmParts.erase(id);
     channels.erase(it);
 }
 
@@ -564,6 +589,7 @@ void Store::Impl::resetLocked() {
     devices.clear();
     channels.clear();
     channelSlots.clear();
+    alarmParts.clear();
     devicesByName.clear();
     nextWorldId = 1;
     nextSequence = 0;
@@ -719,7 +745,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 
 AlarmSettings Store::alarmSettings(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    return m_impl->channelLocked(channel).alarm();
+    return m_impl->alarmLocked(channel);
 }
 
 void Store::raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify) {
@@ -736,8 +762,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    auto const it = m_impl->channels.find(channel);
-    return it != m_impl->channels.end() ? it->second.record() : std::nullopt;
+    return m_impl->recordLocked(channel);
 }
 
 void Store::notifyChannel(Id channel, kq::sub::subscription_type type) {

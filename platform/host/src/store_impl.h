@@ -82,36 +82,18 @@ struct Store::Impl {
         // subscribeChannel calls likewise: a map opens one subscription per
         // channel it serves, and a count here costs no node of its own.
         std::size_t subscribes = 0;
+        // The alarm settings and record are kept apart (alarmParts): a
+        // pointer to them here took the channel's node into the allocator's
+        // next size class.
+    };
 
-        /* The alarm settings: every one at its default until one is set. */
-        AlarmSettings const& alarm() const {
-            static AlarmSettings const defaults;
-            return m_alarm ? m_alarm->settings : defaults;
-        }
-        AlarmSettings& alarmToChange() { return alarmPart().settings; }
-        std::optional<kq::CAlarmRecord> record() const {
-            return m_alarm ? m_alarm->record : std::nullopt;
-        }
-        void setRecord(std::optional<kq::CAlarmRecord> const& record) {
-            if (record || m_alarm) {
-                alarmPart().record = record;
-            }
-        }
-
-      private:
-        // Only the channels whose alarm is set up or raised carry one: a UPS
-        // of thousands of channels has values in almost all of them.
-        struct AlarmPart {
-            AlarmSettings settings;
-            std::optional<kq::CAlarmRecord> record;
-        };
-        AlarmPart& alarmPart() {
-            if (!m_alarm) {
-                m_alarm = std::make_unique<AlarmPart>();
-            }
-            return *m_alarm;
-        }
-        std::unique_ptr<AlarmPart> m_alarm;
+    // The alarm of a channel whose alarm is set up or raised, by channel id;
+    // every other channel's settings are the defaults and it has no record.
+    // A UPS of thousands of channels has values in almost all of them and an
+    // alarm in few. A channel's part goes with the channel.
+    struct AlarmPart {
+        AlarmSettings settings;
+        std::optional<kq::CAlarmRecord> record;
     };
 
     enum class Kind : std::uint8_t { Channel, Device, Alarm };
@@ -184,6 +166,7 @@ struct Store::Impl {
     // `channels` keeps its address until it is erased.
     static constexpr Id kSlottedIds = 1 << 16;
     std::vector<Channel*> channelSlots;
+    std::unordered_map<Id, AlarmPart> alarmParts;
     // Devices of one name by creation order: the first is the one a look-up
     // by name finds.
     std::unordered_map<std::string, std::map<std::uint64_t, Id>> devicesByName;
@@ -249,6 +232,13 @@ struct Store::Impl {
     void removeChannelLocked(Id channel, Events& events);
     Id channelIdLocked(Id device, std::string const& name) const;
     kq::CChannel channelSnapshotLocked(Id channel);
+    /* The alarm settings of a channel (NotFound when there is none): every
+     * one at its default until one is set. */
+    AlarmSettings const& alarmLocked(Id channel);
+    AlarmSettings& alarmToChangeLocked(Id channel);
+    /* The alarm record of a channel; none for a channel that is missing. */
+    std::optional<kq::CAlarmRecord> recordLocked(Id channel) const;
+    void setRecordLocked(Id channel, std::optional<kq::CAlarmRecord> const& record);
     void setChannelValueLocked(Id channel, kq::CValue const& value, Events& events);
 
     void setAlarmEnabledLocked(Id channel, bool enabled, Events& events);
