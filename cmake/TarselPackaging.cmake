@@ -80,9 +80,6 @@ if(TARGET tarsel-modbusd)
         "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
         "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"
         "libupsclient6 (>= 2.8.0)" "libssl3 (>= 3.0.0)" "libsimdjson14 (>= 3.0.1)")
-    if(TARSEL_MODBUS_WITH_SYSTEMD)
-        list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libsystemd0")
-    endif()
     if(TARSEL_MODBUS_WITH_MIMALLOC)
         list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libmimalloc2.0 (>= 2.0.9)")
     endif()

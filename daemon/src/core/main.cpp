@@ -161,9 +161,10 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     extras.http = http.get();
     releaseFreedMemory();
     notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
-                ":" + std::to_string(server.port()));
+                    ":" + std::to_string(server.port()),
+                log);
     int const status = runEventLoop(core, servers, signals, log, options.runSeconds, extras);
-    notifyStopping();
+    notifyStopping(log);
     return status;
 }
 
