@@ -76,6 +76,8 @@ if(TARGET tarsel-modbusd)
     list(APPEND CPACK_COMPONENTS_ALL daemon)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME tarsel-modbusd)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
+    # libupsclient6 is loaded by the program for --nut, not linked (no
+    # NEEDED entry): named here all the same.
     set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
         "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
         "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"
