@@ -90,6 +90,7 @@ test_checks() {
     need_command arm-linux-gnueabihf-g++ g++-arm-linux-gnueabihf
     need_command qemu-arm qemu-user
     need_command mbpoll mbpoll
+    need_command strace strace
     need_file /lib/nut/upsd nut-server
     need_file /lib/nut/dummy-ups nut-server
     need_command upsc nut-client
