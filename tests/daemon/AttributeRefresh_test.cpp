@@ -45,6 +45,19 @@ std::vector<std::uint16_t> readInputs(TestDaemon& daemon, std::uint16_t address,
     return answer.registers;
 }
 
+/* A map of `count` one-register entries over the UPS's model, from input
+ * register 0 on: more than the refresh rebuilds in one call. */
+std::string modelEntries(int count) {
+    std::string entries;
+    for (int i = 0; i < count; ++i) {
+        entries +=
+            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
+            std::to_string(i) +
+            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
+    }
+    return R"({"entries": [)" + entries + "]}";
+}
+
 void setAttribute(cdsapi::DeviceAttribute attribute, std::string const& value) {
     cdshost::Store::instance().setDeviceAttribute(2, attribute, value);
 }
@@ -182,14 +195,7 @@ TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
 }
 
 TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
-    std::string entries;
-    for (int i = 0; i < 12; ++i) {
-        entries +=
-            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
-            std::to_string(i) +
-            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
-    }
-    TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
+    TestDaemon daemon(modelEntries(12), kUps);
     setAttribute(cdsapi::AttributeLocation, "Hall");
     Clock::time_point const now = Clock::now();
     EXPECT_EQ(daemon.core().refreshAttributeEntries(now), AttributeRefresh::kMaxPerRun);
@@ -199,14 +205,7 @@ TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
 }
 
 TEST(AttributeRefreshTest, WhatARunFindsDueIsWhatDueAnswersRightAfterIt) {
-    std::string entries;
-    for (int i = 0; i < 12; ++i) {
-        entries +=
-            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
-            std::to_string(i) +
-            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
-    }
-    TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
+    TestDaemon daemon(modelEntries(12), kUps);
     DaemonCore& core = daemon.core();
     auto const sameAsDue = [&core] {
         return core.attributeRefreshDueAfterLastRun() == core.attributeRefreshDue();
