@@ -16,7 +16,7 @@ set_name="${1:-test}"
 run_packages=(
     build-essential cmake pkg-config
     libmodbus-dev nlohmann-json3-dev libsimdjson-dev libssl-dev
-    libupsclient-dev libcli11-dev libsystemd-dev libmimalloc-dev
+    libupsclient-dev libcli11-dev libmimalloc-dev
 )
 test_packages=(
     "${run_packages[@]}"

@@ -72,7 +72,6 @@ run_checks() {
     need_file /usr/include/upsclient.h libupsclient-dev
     need_file /usr/include/openssl/ssl.h libssl-dev
     need_file /usr/include/CLI/CLI.hpp libcli11-dev
-    need_file /usr/include/systemd/sd-daemon.h libsystemd-dev
     need_file /usr/include/mimalloc.h libmimalloc-dev
 }
 
