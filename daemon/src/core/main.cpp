@@ -32,6 +32,7 @@
 #include "TlsContext.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
+#include "sources/nut/UpsClientLibrary.h"
 
 namespace {
 
@@ -164,9 +165,10 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     extras.http = http.get();
     releaseFreedMemory();
     notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
-                ":" + std::to_string(server.port()));
+                    ":" + std::to_string(server.port()),
+                log);
     int const status = runEventLoop(core, servers, signals, log, options.runSeconds, extras);
-    notifyStopping();
+    notifyStopping(log);
     return status;
 }
 
@@ -201,6 +203,12 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     configuration.map = RegisterMapDefinition{};
     configuration.upsMaps.clear();
     configuration.scenario.reset();
+    // NUT's client library is loaded only now, and only for --nut: a daemon
+    // that cannot poll the UPSes it was asked to serve says so and stops.
+    if (!options.nutUpses.empty() && !nut::UpsClientLibrary::instance().loaded()) {
+        log.error("--nut: " + nut::UpsClientLibrary::instance().failure());
+        return 1;
+    }
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {
