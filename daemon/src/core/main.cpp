@@ -71,7 +71,8 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
 
 /* Hands the heap freed by loading (the parsed JSON of the map and the
  * scenario) back to the system: the allocator would otherwise keep it as
- * resident memory for the daemon's whole life. */
+ * resident memory for the daemon's whole life. Once the map is built, and
+ * after every reload. */
 void releaseFreedMemory() {
 #ifdef TARSEL_HAVE_MIMALLOC
     // mimalloc keeps the memory of emptied pages resident for reuse (9 MiB
@@ -155,8 +156,10 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     }
     std::unique_ptr<HttpServer> const http = openHttp(options, core, servers, metrics, log);
     // The same call that built this configuration builds the next one.
+    // A reload frees as much as loading did at start (the files, the old
+    // maps): handed back the same way.
     Reloader reloader([&args] { return loadConfiguration(args); }, options, core,
-                      {&server, secure.get()}, &metrics, log);
+                      {&server, secure.get()}, &metrics, log, releaseFreedMemory);
     LoopExtras extras;
     extras.reload = [&reloader] { reloader.reload(); };
     extras.http = http.get();
