@@ -76,13 +76,12 @@ if(TARGET tarsel-modbusd)
     list(APPEND CPACK_COMPONENTS_ALL daemon)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME tarsel-modbusd)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
+    # libupsclient6 is loaded by the program for --nut, not linked (no
+    # NEEDED entry): named here all the same.
     set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
         "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
         "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"
         "libupsclient6 (>= 2.8.0)" "libssl3 (>= 3.0.0)" "libsimdjson14 (>= 3.0.1)")
-    if(TARSEL_MODBUS_WITH_SYSTEMD)
-        list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libsystemd0")
-    endif()
     if(TARSEL_MODBUS_WITH_MIMALLOC)
         list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libmimalloc2.0 (>= 2.0.9)")
     endif()

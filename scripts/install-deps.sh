@@ -16,7 +16,7 @@ set_name="${1:-test}"
 run_packages=(
     build-essential cmake pkg-config
     libmodbus-dev nlohmann-json3-dev libsimdjson-dev libssl-dev
-    libupsclient-dev libcli11-dev libsystemd-dev libmimalloc-dev
+    libupsclient-dev libcli11-dev libmimalloc-dev
 )
 test_packages=(
     "${run_packages[@]}"
@@ -26,7 +26,7 @@ test_packages=(
     nut-server nut-client
     clang-format clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
-    lintian systemd man-db
+    lintian systemd man-db strace
 )
 
 case "$set_name" in

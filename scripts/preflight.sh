@@ -72,7 +72,6 @@ run_checks() {
     need_file /usr/include/upsclient.h libupsclient-dev
     need_file /usr/include/openssl/ssl.h libssl-dev
     need_file /usr/include/CLI/CLI.hpp libcli11-dev
-    need_file /usr/include/systemd/sd-daemon.h libsystemd-dev
     need_file /usr/include/mimalloc.h libmimalloc-dev
 }
 
@@ -91,6 +90,7 @@ test_checks() {
     need_command arm-linux-gnueabihf-g++ g++-arm-linux-gnueabihf
     need_command qemu-arm qemu-user
     need_command mbpoll mbpoll
+    need_command strace strace
     need_file /lib/nut/upsd nut-server
     need_file /lib/nut/dummy-ups nut-server
     need_command upsc nut-client

@@ -743,6 +743,18 @@ TEST_F(HostStoreTest, ClientReadOfARemovedChannelThrowsNotFoundWhateverItsId) {
     EXPECT_EQ(store.calls("getChannelCValue", assigned), 1u);
 }
 
+TEST_F(HostStoreTest, ClientReadAfterItsDeviceIsRemovedThrowsAndTheIdCanBeGivenAgain) {
+    Id const first = store.addDevice("UPS");
+    Id const chosen = store.addChannel(first, "Chosen", kq::CValue(1), 500);
+    Id const assigned = store.addChannel(first, "Assigned", kq::CValue(2));
+    store.removeDevice(first);
+    EXPECT_THROW(inBand.getChannelCValue(chosen), cdshost::NotFound);
+    EXPECT_THROW(inBand.getChannelCValue(assigned), cdshost::NotFound);
+    Id const again = store.addChannel(store.addDevice("UPS 2"), "Again", kq::CValue(3), chosen);
+    ASSERT_EQ(again, chosen);
+    EXPECT_EQ(inBand.getChannelCValue(again), kq::CValue(3));
+}
+
 TEST_F(HostStoreTest, ClientReadAfterResetFindsTheChannelThatNowHasTheId) {
     Id const before = store.addChannel(store.addDevice("UPS"), "Old", kq::CValue(1));
     store.reset();

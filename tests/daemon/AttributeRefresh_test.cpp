@@ -45,6 +45,19 @@ std::vector<std::uint16_t> readInputs(TestDaemon& daemon, std::uint16_t address,
     return answer.registers;
 }
 
+/* A map of `count` one-register entries over the UPS's model, from input
+ * register 0 on: more than the refresh rebuilds in one call. */
+std::string modelEntries(int count) {
+    std::string entries;
+    for (int i = 0; i < count; ++i) {
+        entries +=
+            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
+            std::to_string(i) +
+            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
+    }
+    return R"({"entries": [)" + entries + "]}";
+}
+
 void setAttribute(cdsapi::DeviceAttribute attribute, std::string const& value) {
     cdshost::Store::instance().setDeviceAttribute(2, attribute, value);
 }
@@ -182,20 +195,41 @@ TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
 }
 
 TEST(AttributeRefreshTest, RebuildsPerCallAreBounded) {
-    std::string entries;
-    for (int i = 0; i < 12; ++i) {
-        entries +=
-            std::string(i > 0 ? "," : "") + R"({"table": "input-registers", "address": )" +
-            std::to_string(i) +
-            R"(, "encoder": "string", "size": 1, "source": {"device": 2, "attribute": "model"}})";
-    }
-    TestDaemon daemon(R"({"entries": [)" + entries + "]}", kUps);
+    TestDaemon daemon(modelEntries(12), kUps);
     setAttribute(cdsapi::AttributeLocation, "Hall");
     Clock::time_point const now = Clock::now();
     EXPECT_EQ(daemon.core().refreshAttributeEntries(now), AttributeRefresh::kMaxPerRun);
     EXPECT_LE(*daemon.core().attributeRefreshDue(), now);  // the rest on the next pass
     EXPECT_EQ(daemon.core().refreshAttributeEntries(now), 12u - AttributeRefresh::kMaxPerRun);
     EXPECT_EQ(daemon.ask(request(4, 0, 12)).registers, std::vector<std::uint16_t>(12, 0x5254));
+}
+
+TEST(AttributeRefreshTest, WhatARunFindsDueIsWhatDueAnswersRightAfterIt) {
+    TestDaemon daemon(modelEntries(12), kUps);
+    DaemonCore& core = daemon.core();
+    auto const sameAsDue = [&core] {
+        return core.attributeRefreshDueAfterLastRun() == core.attributeRefreshDue();
+    };
+    EXPECT_TRUE(sameAsDue());  // before any run: asked of the entries
+    Clock::time_point const start = Clock::now();
+    core.refreshAttributeEntries(start);
+    EXPECT_FALSE(core.attributeRefreshDueAfterLastRun());  // nothing stale
+    setAttribute(cdsapi::AttributeLocation, "Hall");
+    ASSERT_EQ(core.refreshAttributeEntries(start), AttributeRefresh::kMaxPerRun);
+    ASSERT_TRUE(core.attributeRefreshDueAfterLastRun());  // the rest, at once
+    EXPECT_TRUE(sameAsDue());
+    ASSERT_EQ(core.refreshAttributeEntries(start), 12u - AttributeRefresh::kMaxPerRun);
+    EXPECT_FALSE(core.attributeRefreshDueAfterLastRun());
+    EXPECT_TRUE(sameAsDue());
+    setAttribute(cdsapi::AttributeLocation, "Roof");  // too soon to rebuild again
+    ASSERT_EQ(core.refreshAttributeEntries(start + std::chrono::milliseconds(100)), 0u);
+    ASSERT_TRUE(core.attributeRefreshDueAfterLastRun());
+    EXPECT_EQ(*core.attributeRefreshDueAfterLastRun(), start + AttributeRefresh::kMinInterval);
+    EXPECT_TRUE(sameAsDue());
+    cdshost::Store::instance().removeDevice(2);  // stale, and nothing to rebuild it from
+    ASSERT_EQ(core.refreshAttributeEntries(start + AttributeRefresh::kMinInterval), 0u);
+    ASSERT_TRUE(core.attributeRefreshDueAfterLastRun());
+    EXPECT_TRUE(sameAsDue());
 }
 
 TEST(AttributeRefreshTest, TheEventLoopServesAnAttributeChangedByTheScenarioWithinASecond) {

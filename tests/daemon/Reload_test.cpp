@@ -293,6 +293,29 @@ TEST_F(ReloaderTest, AGoodMapReplacesTheRunningOneAndTheOutcomeIsLogged) {
     EXPECT_EQ(subscriptionsOn({"T", "Label"}), 0u);
 }
 
+TEST_F(ReloaderTest, WhatAReloadFreedIsHandedBackAfterItWhetherAppliedOrRefused) {
+    // The daemon hands the freed heap back to the system here, as it does
+    // once the map is built at start: by the time it runs, the outcome is
+    // counted and the replaced map's encoders are gone.
+    std::vector<std::string> handedBack;
+    auto const afterReload = [&] {
+        handedBack.push_back(
+            std::to_string(m_metrics.reloads(ReloadOutcome::Applied)) + " applied, " +
+            std::to_string(m_metrics.reloads(ReloadOutcome::Refused)) + " refused, " +
+            std::to_string(subscriptionsOn({"T", "Label"})) + " subscriptions of map A");
+    };
+    Reloader reload([this] { return loadConfiguration(m_args); }, parseOptions(m_args),
+                    m_daemon.core(), {}, &m_metrics, m_daemon.log(), afterReload);
+    ASSERT_GT(subscriptionsOn({"T", "Label"}), 0u);
+    m_mapFile.write(kMapB);
+    EXPECT_TRUE(reload.reload());
+    m_mapFile.write("{");
+    EXPECT_FALSE(reload.reload());
+    EXPECT_EQ(handedBack,
+              (std::vector<std::string>{"1 applied, 0 refused, 0 subscriptions of map A",
+                                        "1 applied, 1 refused, 0 subscriptions of map A"}));
+}
+
 TEST_F(ReloaderTest, ABadMapIsRefusedWithEveryErrorLoggedAndTheRunningMapKept) {
     RequestHandler* const running = &m_daemon.core().handler();
     std::size_t const subscriptions = cdshost::Store::instance().subscriptionCount();

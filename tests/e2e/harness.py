@@ -59,9 +59,11 @@ def poll_until(condition, attempts=100, interval=0.05):
 class Daemon:
     """One tarsel-modbusd process with its own files and a free port."""
 
-    def __init__(self, map_json=None, scenario_json=None, args=(), verbose=True):
+    def __init__(self, map_json=None, scenario_json=None, args=(), verbose=True, wrapper=()):
+        """wrapper: a command the daemon runs under (strace, say); its own
+        output must not go to stderr, which carries the daemon's log."""
         self._dir = tempfile.TemporaryDirectory(prefix="tarsel-e2e-")
-        command = [DAEMON, "--port", "0", "--run-seconds", str(SAFETY_RUN_S)]
+        command = [*wrapper, DAEMON, "--port", "0", "--run-seconds", str(SAFETY_RUN_S)]
         if verbose:
             command.append("--verbose")
         if map_json is not None:

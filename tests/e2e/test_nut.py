@@ -124,6 +124,12 @@ class NutTest(GatewayWithUpsdTest):
         self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 0 | 1 << 5])
         self.assertEqual(self.listener_failures(), [], "after start")
 
+    def test_nuts_client_library_is_loaded_for_nut(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        with open("/proc/%d/maps" % self.daemon.process.pid, encoding="utf-8") as f:
+            maps = f.read()
+        self.assertIn("/libupsclient.so", maps)
+
     def test_every_float_and_32_bit_entry_decodes_big_endian_to_the_dev_files_value(self):
         self.start({"bench": ("bench.dev", demo_dev())})
         with open(NUT_MAP, encoding="utf-8") as f:

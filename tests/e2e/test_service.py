@@ -121,6 +121,22 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual(notify.recv(4096).decode(), "STOPPING=1")
         self.assertEqual(status, 0)
 
+    def test_a_daemon_without_nut_maps_neither_nuts_client_nor_nss_nor_libsystemd(self):
+        # Readiness goes out through a socket of the daemon's own, and NUT's
+        # client library (with the NSS it is built with) is loaded for --nut
+        # only: none of them costs resident memory in a plain daemon.
+        with Daemon(args=("--scenario", "none")) as daemon:
+            with open("/proc/%d/maps" % daemon.process.pid, encoding="utf-8") as f:
+                mapped = {os.path.basename(line.split()[-1]) for line in f
+                          if line.split()[-1].startswith("/")}
+            status, _ = daemon.stop()
+        self.assertEqual(status, 0)
+        self.assertTrue(any(name.startswith("libmodbus.so") for name in mapped), mapped)
+        for library in ("libupsclient.so", "libnss3.so", "libnspr4.so", "libsystemd.so",
+                        "libgcrypt.so", "libzstd.so", "liblzma.so", "liblz4.so", "libcap.so"):
+            self.assertFalse(any(name.startswith(library) for name in mapped),
+                             "%s is mapped: %s" % (library, sorted(mapped)))
+
     def run_with_stderr_as(self, journal_stream_of_stderr):
         """Runs --check with stderr on a file, JOURNAL_STREAM naming that file
         or another one; returns the log."""

@@ -131,6 +131,20 @@ class DaemonPackageTest(unittest.TestCase):
                             "%s comes from %s, none of which is in Depends: %s"
                             % (library, sorted(packages), sorted(depends)))
 
+    def test_depends_name_the_package_of_nuts_client_library_the_program_loads(self):
+        # Loaded for --nut by file name, not linked: no NEEDED entry names it.
+        if not native():
+            self.skipTest("the build machine's dpkg knows only its own architecture's libraries")
+        with open(self.path("usr/bin/tarsel-modbusd"), "rb") as f:
+            loaded = re.findall(rb"libupsclient\.so\.[0-9]+", f.read())
+        self.assertTrue(loaded, "the program names no libupsclient.so.N to load")
+        depends = {re.split(r"[ (]", d.strip())[0] for d in self.field("Depends").split(",")}
+        owners = run("dpkg", "-S", "*/" + loaded[0].decode()).stdout
+        packages = {line.split(":")[0] for line in owners.splitlines()}
+        self.assertTrue(packages & depends,
+                        "%s comes from %s, none of which is in Depends: %s"
+                        % (loaded[0].decode(), sorted(packages), sorted(depends)))
+
     def test_lintian_reports_no_errors(self):
         result = run("lintian", "--fail-on", "error", "--no-tag-display-limit", self.deb,
                      timeout=300)

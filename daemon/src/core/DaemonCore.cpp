@@ -144,15 +144,25 @@ std::size_t DaemonCore::refreshAttributeEntries(AttributeRefresh::Clock::time_po
     return rebuilt;
 }
 
-std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDue() const {
+std::optional<AttributeRefresh::Clock::time_point> DaemonCore::earliestRefresh(
+    std::optional<AttributeRefresh::Clock::time_point> (AttributeRefresh::*ask)() const) const {
     std::optional<AttributeRefresh::Clock::time_point> due;
     for (auto const& refresh : m_served->refresh) {
-        auto const next = refresh->due();
+        auto const next = ((*refresh).*ask)();
         if (next && (!due || *next < *due)) {
             due = next;
         }
     }
     return due;
+}
+
+std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDue() const {
+    return earliestRefresh(&AttributeRefresh::due);
+}
+
+std::optional<AttributeRefresh::Clock::time_point> DaemonCore::attributeRefreshDueAfterLastRun()
+    const {
+    return earliestRefresh(&AttributeRefresh::dueAfterLastRun);
 }
 
 void DaemonCore::logFloatLayout() {

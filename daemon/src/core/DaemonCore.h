@@ -109,12 +109,19 @@ class DaemonCore {
     std::size_t refreshAttributeEntries(AttributeRefresh::Clock::time_point now);
     /* When refreshAttributeEntries() has work next; nothing while none. */
     std::optional<AttributeRefresh::Clock::time_point> attributeRefreshDue() const;
+    /* The same as known at the end of the last refreshAttributeEntries(),
+     * without asking the entries again (see AttributeRefresh). */
+    std::optional<AttributeRefresh::Clock::time_point> attributeRefreshDueAfterLastRun() const;
 
     /* Builds what can be built by now first, so the description shows the
      * map as a request would find it. */
     std::string describe(DescribeFormat format);
 
   private:
+    /* The earliest time any map's refresh gives when asked `ask`. */
+    std::optional<AttributeRefresh::Clock::time_point> earliestRefresh(
+        std::optional<AttributeRefresh::Clock::time_point> (AttributeRefresh::*ask)() const) const;
+
     /* The maps served and their handlers, replaced whole by a reload. The
      * order of the members is the order of destruction, reversed: handlers
      * before their maps, further units before the first. */

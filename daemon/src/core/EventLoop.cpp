@@ -117,7 +117,7 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         auto next =
             earlier(earlier(earlier(earlier(deadline, source ? source->nextDue() : std::nullopt),
                                     retry.due(core)),
-                            core.attributeRefreshDue()),
+                            core.attributeRefreshDueAfterLastRun()),
                     core.deferredReplies().nextDeadline());
         // A listener left alone while descriptors ran out is polled again
         // when its pause is over.

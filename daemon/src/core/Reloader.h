@@ -27,11 +27,14 @@ class Reloader {
     /* Builds a new configuration; throws ConfigurationError or any
      * std::exception when it cannot. */
     using Load = std::function<Configuration()>;
+    /* Run after every reload, applied or refused, once what it loaded and
+     * what it replaced are freed; nothing: nothing is run. */
+    using AfterReload = std::function<void()>;
 
     /* `running`: the options the daemon runs with now. The core, the
      * listeners, the metrics (may be null) and the log must outlive it. */
     Reloader(Load load, Options running, DaemonCore& core, ReloadListeners listeners,
-             Metrics* metrics, Log& log);
+             Metrics* metrics, Log& log, AfterReload afterReload = {});
 
     /* Loads and applies; logs every error and one line with the outcome.
      * True when the new maps are served. Only on the loop's thread, between
@@ -39,6 +42,7 @@ class Reloader {
     bool reload();
 
   private:
+    bool loadAndApply();
     bool refuse(std::vector<std::string> const& errors, std::string const& why);
     void apply(Configuration const& next, ServedConfig const& served);
 
@@ -48,6 +52,7 @@ class Reloader {
     ReloadListeners m_listeners;
     Metrics* m_metrics;
     Log& m_log;
+    AfterReload m_afterReload;
 };
 
 }  // namespace tarsel::daemon

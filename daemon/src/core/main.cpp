@@ -32,6 +32,7 @@
 #include "TlsContext.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
+#include "sources/nut/UpsClientLibrary.h"
 
 namespace {
 
@@ -82,7 +83,8 @@ void returnFreedMemoryPromptly() {
 
 /* Hands the heap freed by loading (the parsed JSON of the map and the
  * scenario) back to the system: the allocator would otherwise keep it as
- * resident memory for the daemon's whole life. */
+ * resident memory for the daemon's whole life. Once the map is built, and
+ * after every reload. */
 void releaseFreedMemory() {
 #ifdef TARSEL_HAVE_MIMALLOC
     // mimalloc keeps the memory of emptied pages resident for reuse (9 MiB
@@ -165,16 +167,19 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     }
     std::unique_ptr<HttpServer> const http = openHttp(options, core, servers, metrics, log);
     // The same call that built this configuration builds the next one.
+    // A reload frees as much as loading did at start (the files, the old
+    // maps): handed back the same way.
     Reloader reloader([&args] { return loadConfiguration(args); }, options, core,
-                      {&server, secure.get()}, &metrics, log);
+                      {&server, secure.get()}, &metrics, log, releaseFreedMemory);
     LoopExtras extras;
     extras.reload = [&reloader] { reloader.reload(); };
     extras.http = http.get();
     releaseFreedMemory();
     notifyReady("serving unit id " + std::to_string(options.unitId) + " on " + options.listen +
-                ":" + std::to_string(server.port()));
+                    ":" + std::to_string(server.port()),
+                log);
     int const status = runEventLoop(core, servers, signals, log, options.runSeconds, extras);
-    notifyStopping();
+    notifyStopping(log);
     return status;
 }
 
@@ -209,6 +214,12 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     configuration.map = RegisterMapDefinition{};
     configuration.upsMaps.clear();
     configuration.scenario.reset();
+    // NUT's client library is loaded only now, and only for --nut: a daemon
+    // that cannot poll the UPSes it was asked to serve says so and stops.
+    if (!options.nutUpses.empty() && !nut::UpsClientLibrary::instance().loaded()) {
+        log.error("--nut: " + nut::UpsClientLibrary::instance().failure());
+        return 1;
+    }
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {

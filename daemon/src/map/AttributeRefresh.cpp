@@ -54,21 +54,29 @@ bool AttributeRefresh::devicesPresent(ServedEntry const& entry) {
 
 std::size_t AttributeRefresh::run(Clock::time_point now) {
     std::size_t rebuilt = 0;
+    std::optional<Clock::time_point> next;
     for (Watched& watched : m_watched) {
-        if (rebuilt == kMaxPerRun) {
-            break;
-        }
-        if (now < watched.next || !lostAttribute(*watched.entry)) {
+        if (!lostAttribute(*watched.entry)) {
             continue;
         }
-        // Asking the data store is rate-limited too, for a device that is
-        // gone as much as for one that changes all the time.
-        watched.next = now + kMinInterval;
-        if (devicesPresent(*watched.entry)) {
-            m_map.rebuild(*watched.entry);
-            ++rebuilt;
+        if (rebuilt < kMaxPerRun && now >= watched.next) {
+            // Asking the data store is rate-limited too, for a device that is
+            // gone as much as for one that changes all the time.
+            watched.next = now + kMinInterval;
+            if (devicesPresent(*watched.entry)) {
+                m_map.rebuild(*watched.entry);
+                ++rebuilt;
+                if (!lostAttribute(*watched.entry)) {
+                    continue;
+                }
+            }
+        }
+        if (!next || watched.next < *next) {
+            next = watched.next;
         }
     }
+    m_ran = true;
+    m_dueAfterRun = next;
     return rebuilt;
 }
 
@@ -84,6 +92,10 @@ std::optional<AttributeRefresh::Clock::time_point> AttributeRefresh::due() const
         }
     }
     return next;
+}
+
+std::optional<AttributeRefresh::Clock::time_point> AttributeRefresh::dueAfterLastRun() const {
+    return m_ran ? m_dueAfterRun : due();
 }
 
 }  // namespace tarsel::daemon

@@ -37,6 +37,12 @@ class AttributeRefresh {
     /* When run() has work next; nothing while no entry is stale. */
     std::optional<Clock::time_point> due() const;
 
+    /* What due() answers right after the last run(), found by run() in the
+     * same walk over the entries: the loop asks it once the pass's changes
+     * are in, so each pass walks the entries once, not twice. Before the
+     * first run(), due(). */
+    std::optional<Clock::time_point> dueAfterLastRun() const;
+
     /* True when the entry reads a device attribute that the library reports
      * as not existing while every device it names is there: rebuilding it
      * serves it again. */
@@ -55,6 +61,8 @@ class AttributeRefresh {
 
     ServedMap& m_map;
     std::vector<Watched> m_watched;
+    bool m_ran = false;
+    std::optional<Clock::time_point> m_dueAfterRun;
 };
 
 }  // namespace tarsel::daemon

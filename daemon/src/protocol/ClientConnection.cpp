@@ -107,6 +107,12 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
         }
         m_input.insert(m_input.end(), chunk, chunk + received);
         m_lastHeard = now;
+        // A plain socket that gave less than asked has nothing left: asking
+        // again would only hear EAGAIN, one system call more per request.
+        // poll() says when more comes, or when the client has hung up.
+        if (!m_tls && static_cast<std::size_t>(received) < sizeof chunk) {
+            break;
+        }
     }
     return ReadStatus::Open;
 }

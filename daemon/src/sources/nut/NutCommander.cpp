@@ -1,13 +1,8 @@
-// upsclient.h uses uint16_t without including its header.
-#include <cstdint>
-
-#include <sys/time.h>
-#include <upsclient.h>
-
 #include <algorithm>
 #include <thread>
 
 #include "Commander.h"
+#include "sources/nut/UpsClientLibrary.h"
 
 namespace tarsel::daemon::nut {
 
@@ -24,19 +19,23 @@ class Session {
   public:
     Session(Endpoint const& endpoint, std::chrono::seconds connectTimeout,
             Clock::time_point deadline)
-        : m_deadline(deadline) {
+        : m_library(UpsClientLibrary::instance()), m_deadline(deadline) {
+        if (!m_library.loaded()) {
+            m_failure = m_library.failure();
+            return;
+        }
         timeval tv{};
         tv.tv_sec = static_cast<time_t>(connectTimeout.count());
         m_open =
-            upscli_tryconnect(&m_connection, endpoint.host.c_str(), endpoint.port, 0, &tv) >= 0;
+            m_library.tryconnect(&m_connection, endpoint.host.c_str(), endpoint.port, 0, &tv) >= 0;
         if (!m_open) {
-            m_failure = upscli_strerror(&m_connection);
-            upscli_disconnect(&m_connection);
+            m_failure = m_library.strerror(&m_connection);
+            m_library.disconnect(&m_connection);
         }
     }
     ~Session() {
         if (m_open) {
-            upscli_disconnect(&m_connection);
+            m_library.disconnect(&m_connection);
         }
     }
     Session(Session const&) = delete;
@@ -54,13 +53,13 @@ class Session {
             m_failure = "no answer in time";
             return std::nullopt;
         }
-        if (upscli_sendline_timeout(&m_connection, sent.c_str(), sent.size(), wait) < 0) {
-            m_failure = upscli_strerror(&m_connection);
+        if (m_library.sendline_timeout(&m_connection, sent.c_str(), sent.size(), wait) < 0) {
+            m_failure = m_library.strerror(&m_connection);
             return std::nullopt;
         }
         char buffer[kLineLength] = {};
-        if (upscli_readline_timeout(&m_connection, buffer, sizeof buffer, secondsLeft()) < 0) {
-            m_failure = upscli_strerror(&m_connection);
+        if (m_library.readline_timeout(&m_connection, buffer, sizeof buffer, secondsLeft()) < 0) {
+            m_failure = m_library.strerror(&m_connection);
             return std::nullopt;
         }
         std::string answer = buffer;
@@ -81,6 +80,7 @@ class Session {
         return static_cast<time_t>(std::chrono::ceil<std::chrono::seconds>(left).count());
     }
 
+    UpsClientLibrary const& m_library;
     Clock::time_point const m_deadline;
     UPSCONN_t m_connection{};
     bool m_open = false;

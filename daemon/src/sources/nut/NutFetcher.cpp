@@ -1,31 +1,19 @@
-// The fetcher over NUT's client library (libupsclient): one TCP connection
+// The fetcher over NUT's client library (libupsclient, loaded at the first
+// fetcher: UpsClientLibrary): one TCP connection
 // per UPS, opened again after any failure. Nothing waits for ever: the
 // connect is bounded by our timeout, and the library itself waits at most
 // 5 s for each line of an answer and never for a send, so a upsd that takes
 // a request and never answers it (SIGSTOPped, say) costs one such wait, not
 // a hung thread. (NUT's C++ client blocks on reads without a bound.)
-// upsclient.h uses uint16_t without including its header.
-#include <cstdint>
-
-#include <sys/time.h>
-#include <upsclient.h>
-
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "Poller.h"
+#include "sources/nut/UpsClientLibrary.h"
 
 namespace tarsel::daemon::nut {
 
 namespace {
-
-/* The library's global set-up, once for the process, before any thread
- * connects. No certificates: upsd on this machine or the local network. */
-void initialiseClientLibrary() {
-    static std::once_flag once;
-    std::call_once(once, [] { upscli_init(0, nullptr, nullptr, nullptr); });
-}
 
 timeval toTimeval(std::chrono::seconds timeout) {
     timeval tv{};
@@ -36,9 +24,9 @@ timeval toTimeval(std::chrono::seconds timeout) {
 class NutFetcher : public Fetcher {
   public:
     NutFetcher(Endpoint endpoint, std::chrono::seconds timeout)
-        : m_endpoint(std::move(endpoint)), m_timeout(timeout) {
-        initialiseClientLibrary();
-    }
+        : m_library(UpsClientLibrary::instance()),
+          m_endpoint(std::move(endpoint)),
+          m_timeout(timeout) {}
 
     ~NutFetcher() override { disconnect(); }
 
@@ -51,14 +39,14 @@ class NutFetcher : public Fetcher {
             return reading;
         }
         char const* query[] = {"VAR", m_endpoint.ups.c_str()};
-        if (upscli_list_start(&m_connection, 2, query) < 0) {
+        if (m_library.list_start(&m_connection, 2, query) < 0) {
             return failure();
         }
         std::size_t count = 0;
         char** answer = nullptr;
         int more = 0;
         // Each line is VAR <ups> <name> <value>.
-        while ((more = upscli_list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+        while ((more = m_library.list_next(&m_connection, 2, query, &count, &answer)) == 1) {
             if (count >= 4) {
                 reading.variables.emplace(answer[2], answer[3]);
             }
@@ -80,14 +68,14 @@ class NutFetcher : public Fetcher {
     /* LIST CMD: each line is CMD <ups> <command>. */
     bool listCommands() {
         char const* query[] = {"CMD", m_endpoint.ups.c_str()};
-        if (upscli_list_start(&m_connection, 2, query) < 0) {
+        if (m_library.list_start(&m_connection, 2, query) < 0) {
             return false;
         }
         std::vector<std::string> commands;
         std::size_t count = 0;
         char** answer = nullptr;
         int more = 0;
-        while ((more = upscli_list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+        while ((more = m_library.list_next(&m_connection, 2, query, &count, &answer)) == 1) {
             if (count >= 3) {
                 commands.emplace_back(answer[2]);
             }
@@ -102,7 +90,7 @@ class NutFetcher : public Fetcher {
     /* upsd answered LIST CMD with an error that concerns the list only (a
      * upsd that keeps commands to itself): the UPS simply offers none. */
     bool commandsRefused() {
-        switch (upscli_upserror(&m_connection)) {
+        switch (m_library.upserror(&m_connection)) {
             case UPSCLI_ERR_ACCESSDENIED:
             case UPSCLI_ERR_INVLISTTYPE:
             case UPSCLI_ERR_UNKCOMMAND:
@@ -119,12 +107,17 @@ class NutFetcher : public Fetcher {
         if (m_connected) {
             return true;
         }
+        if (!m_library.loaded()) {
+            reading.state = Reading::State::Unreachable;
+            reading.detail = m_library.failure();
+            return false;
+        }
         timeval tv = toTimeval(m_timeout);
-        if (upscli_tryconnect(&m_connection, m_endpoint.host.c_str(), m_endpoint.port, 0, &tv) <
+        if (m_library.tryconnect(&m_connection, m_endpoint.host.c_str(), m_endpoint.port, 0, &tv) <
             0) {
             reading.state = Reading::State::Unreachable;
-            reading.detail = upscli_strerror(&m_connection);
-            upscli_disconnect(&m_connection);
+            reading.detail = m_library.strerror(&m_connection);
+            m_library.disconnect(&m_connection);
             return false;
         }
         m_connected = true;
@@ -135,8 +128,8 @@ class NutFetcher : public Fetcher {
     Reading failure() {
         m_commands.reset();
         Reading reading;
-        reading.detail = upscli_strerror(&m_connection);
-        switch (upscli_upserror(&m_connection)) {
+        reading.detail = m_library.strerror(&m_connection);
+        switch (m_library.upserror(&m_connection)) {
             case UPSCLI_ERR_DATASTALE:
             case UPSCLI_ERR_DRVNOTCONN:
                 reading.state = Reading::State::Stale;
@@ -156,11 +149,12 @@ class NutFetcher : public Fetcher {
 
     void disconnect() {
         if (m_connected) {
-            upscli_disconnect(&m_connection);
+            m_library.disconnect(&m_connection);
             m_connected = false;
         }
     }
 
+    UpsClientLibrary const& m_library;
     Endpoint const m_endpoint;
     std::chrono::seconds const m_timeout;
     UPSCONN_t m_connection{};

@@ -1,0 +1,75 @@
+"""What a request costs tarsel-modbusd in system calls, counted by strace.
+
+On the card one core runs the clients' connections and the daemon alike, so
+every system call a request takes is time a client waits. A read is answered
+with three: poll() says the socket is readable, one recv() takes the request,
+one send() answers it.
+"""
+import os
+import re
+import signal
+import tempfile
+import unittest
+
+from harness import Daemon, poll_until, running_ups
+
+REQUESTS = 300
+TRACED = "accept4,poll,recvfrom,sendto"
+LINE = re.compile(r"^(\d+)\s+(\w+)\((.*)\)\s+=\s+(-?\d+)")
+
+
+def calls_on_connection(lines):
+    """The system calls between the daemon's accept of the first client and
+    the recv that finds it gone, as (name, arguments, result); poll()s that
+    timed out (the loop's own timers) are left out."""
+    calls, socket = [], None
+    for line in lines:
+        match = LINE.match(line)
+        if match is None:
+            continue
+        _, name, arguments, result = match.groups()
+        if socket is None:
+            if name == "accept4" and int(result) >= 0:
+                socket = result
+            continue
+        if name == "recvfrom" and arguments.startswith(socket + ",") and result == "0":
+            return calls
+        if name == "poll" and result == "0":
+            continue
+        calls.append((name, arguments, int(result)))
+    return None
+
+
+class SystemCallsTest(unittest.TestCase):
+    def test_a_read_costs_one_poll_one_recv_and_one_send(self):
+        with tempfile.TemporaryDirectory(prefix="tarsel-strace-") as directory:
+            trace = os.path.join(directory, "trace")
+            daemon = Daemon(scenario_json=running_ups(), verbose=False,
+                            wrapper=["strace", "-f", "-qq", "-o", trace, "-e", "trace=" + TRACED])
+            try:
+                client = daemon.client()
+                for _ in range(REQUESTS):
+                    self.assertFalse(client.read_holding_registers(0, count=2, slave=1).isError())
+                client.close()
+                # strace writes a line when the call returns: the daemon's
+                # recv() of the end of stream shows that every answer was sent.
+                lines = poll_until(lambda: (lambda got: got if calls_on_connection(got) is not None
+                                            else None)(open(trace).read().splitlines()))
+                self.assertIsNotNone(lines, "the trace never showed the client leaving")
+                daemon_pid = int(LINE.match(next(l for l in lines if LINE.match(l))).group(1))
+            finally:
+                if "daemon_pid" in locals():
+                    os.kill(daemon_pid, signal.SIGTERM)
+                status, log = daemon.stop()
+            self.assertEqual(status, 0, log)
+        calls = calls_on_connection(lines)
+        counts = {name: sum(1 for call in calls if call[0] == name)
+                  for name in ("poll", "recvfrom", "sendto")}
+        # One poll() more: the one that wakes for the client's hang-up.
+        self.assertEqual(counts, {"poll": REQUESTS + 1, "recvfrom": REQUESTS, "sendto": REQUESTS},
+                         "\n".join(f"{name}({arguments}) = {result}"
+                                   for name, arguments, result in calls[:12]))
+
+
+if __name__ == "__main__":
+    unittest.main()
