@@ -1034,6 +1034,31 @@ TEST_F(HostStoreTest, ConnectionsCountPerClientName) {
     EXPECT_EQ(store.calls("CdsAccessor"), 3u);
 }
 
+TEST_F(HostStoreTest, WithoutCountingPerIdOnlyTotalsAndAChannelsValueReadsAreCounted) {
+    Id const device = store.addDevice("UPS");
+    Id const channel = store.addChannel(device, "Load", kq::CValue(1.5f));
+    store.countCallsPerId(false);
+    Id const subscription = watchChannel(channel, kq::sub::ChannelValue, "v");
+    inBand.unsubscribe(subscription);
+    EXPECT_THROW(inBand.getChannelCValue(channel + 1000), cdshost::NotFound);
+    EXPECT_EQ(inBand.getChannelCValue(channel), kq::CValue(1.5f));
+    EXPECT_EQ(store.calls("subscribeChannel"), 1u);
+    EXPECT_EQ(store.calls("unsubscribe"), 1u);
+    EXPECT_EQ(store.calls("getChannelCValue"), 2u);
+    EXPECT_EQ(store.calls("subscribeChannel", channel), 0u);
+    EXPECT_EQ(store.calls("unsubscribe", subscription), 0u);
+    EXPECT_EQ(store.calls("getChannelCValue", channel + 1000), 0u);
+    EXPECT_EQ(store.calls("getChannelCValue", channel), 1u);  // the channel counts it
+}
+
+TEST_F(HostStoreTest, ResetTurnsCountingPerIdBackOn) {
+    store.countCallsPerId(false);
+    store.reset();
+    Id const device = store.addDevice("UPS");
+    (void)inBand.getDevice(device);
+    EXPECT_EQ(store.calls("getDevice", device), 1u);
+}
+
 // ---- Fault injection --------------------------------------------------------------------
 
 TEST_F(HostStoreTest, FailsTheFirstThreeTimesThenSucceeds) {

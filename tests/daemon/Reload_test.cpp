@@ -114,6 +114,20 @@ TEST(ReloadTest, ReplacingTheMapsClosesEverySubscriptionOfTheOldEncoders) {
     EXPECT_EQ(cdshost::Store::instance().subscriptionCount(), 0u);
 }
 
+TEST(ReloadTest, ReloadsLeaveNoCountPerIdInTheStoreThatWouldGrowWithEveryOne) {
+    TestDaemon daemon(kMapA, kScenario);
+    auto& store = cdshost::Store::instance();
+    std::set<cdshost::Id> const oldMapIds = openIds();
+    ASSERT_FALSE(oldMapIds.empty());
+    std::size_t const unsubscribesBefore = store.calls("unsubscribe");
+    daemon.core().replaceMaps(served(kMapB));
+    ASSERT_GT(store.calls("unsubscribe"), unsubscribesBefore);  // the totals are still counted
+    for (cdshost::Id const id : oldMapIds) {
+        EXPECT_EQ(store.calls("unsubscribe", id), 0u) << "subscription " << id;
+    }
+    daemon.stop();
+}
+
 TEST(ReloadTest, SeveralReloadsInARowLeaveExactlyTheSubscriptionsOfTheMapServed) {
     TestDaemon daemon(kMapA, kScenario);
     auto& store = cdshost::Store::instance();

@@ -59,9 +59,11 @@ def poll_until(condition, attempts=100, interval=0.05):
 class Daemon:
     """One tarsel-modbusd process with its own files and a free port."""
 
-    def __init__(self, map_json=None, scenario_json=None, args=(), verbose=True, wrapper=()):
+    def __init__(self, map_json=None, scenario_json=None, args=(), verbose=True, wrapper=(),
+                 env=None):
         """wrapper: a command the daemon runs under (strace, say); its own
-        output must not go to stderr, which carries the daemon's log."""
+        output must not go to stderr, which carries the daemon's log. env: the
+        daemon's environment, when not this process's."""
         self._dir = tempfile.TemporaryDirectory(prefix="tarsel-e2e-")
         command = [*wrapper, DAEMON, "--port", "0", "--run-seconds", str(SAFETY_RUN_S)]
         if verbose:
@@ -74,7 +76,7 @@ class Daemon:
         self.log_lines = []
         self._lines = queue.Queue()
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.PIPE, text=True)
+                                        stderr=subprocess.PIPE, text=True, env=env)
         # The log is read on a thread of its own so that waiting for a line
         # can be bounded; the thread ends when the daemon closes its stderr.
         self._reader = threading.Thread(target=self._read_log, daemon=True)

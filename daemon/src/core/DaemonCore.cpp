@@ -1,6 +1,7 @@
 #include "DaemonCore.h"
 
 #include "MapWarnings.h"
+#include "cdshost/store.h"
 #include "modbus/PowerDistributionAvailableAccessor.h"
 #include "sources/ScenarioSource.h"
 
@@ -8,6 +9,9 @@ namespace tarsel::daemon {
 
 DaemonCore::DaemonCore(CoreConfig config, Log& log)
     : m_log(log), m_floatLayout(probeFloatLayout()) {
+    // The store lives as long as the daemon: counts kept per id would grow
+    // with every subscription a reload opens, and nothing here reads them.
+    cdshost::Store::instance().countCallsPerId(false);
     logFloatLayout();
     if (config.scenario) {
         auto scenario = std::make_unique<ScenarioSource>(std::move(*config.scenario),

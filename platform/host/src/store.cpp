@@ -516,7 +516,7 @@ Store::Impl::Channel* Store::Impl::unslottedChannelLocked(Id id) {
 kq::CValue Store::Impl::readAbsentOrFaultedLocked(Id id, Channel* channel) {
     if (channel != nullptr) {
         ++channel->valueReads;
-    } else {
+    } else if (countingPerId) {
         ++callCountById[CallKey{Operation::getChannelCValue, id}];
     }
     checkFaultsLocked(Operation::getChannelCValue, id);
@@ -535,6 +535,9 @@ void Store::Impl::enterCallLocked(Operation operation, std::optional<Id> id) {
 }
 
 void Store::Impl::countCallLocked(Operation operation, Id id) {
+    if (!countingPerId) {
+        return;
+    }
     if (operation == Operation::subscribeChannel) {
         if (auto const channel = channels.find(id); channel != channels.end()) {
             ++channel->second.subscribes;
@@ -596,6 +599,7 @@ void Store::Impl::resetLocked() {
     callCount.fill(0);
     callCountById.clear();
     unsubscribesById.clear();
+    countingPerId = true;
     connectionCount.clear();
     faults.clear();
     nameAnswers.clear();
@@ -626,6 +630,11 @@ Store& Store::firstInstance() {
     }
     g_store.store(&store, std::memory_order_release);
     return store;
+}
+
+void Store::countCallsPerId(bool on) {
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
+    m_impl->countingPerId = on;
 }
 
 void Store::reset() {

@@ -206,6 +206,7 @@ struct Store::Impl {
     // Ids never handed out (0, ids ahead of nextSubscriptionId) are counted
     // in callCountById.
     std::vector<std::uint32_t> unsubscribesById;
+    bool countingPerId = true;
     std::map<std::string, std::size_t> connectionCount;
     std::vector<Fault> faults;
     std::map<std::string, Id> nameAnswers;

@@ -200,6 +200,13 @@ class Store {
     /* Every operation called since the last reset, with its count. */
     std::map<std::string, std::size_t> callsByOperation() const;
     void resetCalls();
+    /* Counting per id keeps a count for every id a call ever named, and
+     * subscription ids are never given twice: a store that lives as long as
+     * a daemon, through reload after reload, turns it off. calls(operation,
+     * id) then answers only a channel's value reads, which the channel
+     * itself counts. Totals are always counted. On after construction and
+     * reset(). */
+    void countCallsPerId(bool on);
 
     /* Open subscriptions in the order they were opened. */
     std::vector<SubscriptionInfo> subscriptions() const;
