@@ -262,6 +262,25 @@ TEST_F(HostStoreTest, RaiseAndClearAlarmSetTheRecord) {
     EXPECT_FALSE(store.alarmRecord(ch).has_value());
 }
 
+TEST_F(HostStoreTest, AChannelAddedAgainUnderTheSameIdStartsWithoutTheOldAlarm) {
+    // The alarm of a channel is kept apart from the channel; it must go with it.
+    Id const ups = store.addDevice("UPS");
+    Id const ch = store.addChannel(ups, "C", {}, 500);
+    store.setAlarmEnabled(ch, true);
+    store.setAlarmLevel(ch, 3);
+    store.raiseAlarm(ch, kq::CAlarmRecord{7, true});
+    Id const other = store.addChannel(ups, "D");
+    store.setAlarmHysteresis(other, 2.5f);
+    store.removeChannel(ch);
+    EXPECT_FALSE(store.alarmRecord(ch).has_value());
+    EXPECT_THROW(store.alarmSettings(ch), cdshost::NotFound);
+    ASSERT_EQ(store.addChannel(ups, "C", {}, 500), ch);
+    EXPECT_FALSE(store.alarmSettings(ch).enabled);
+    EXPECT_EQ(store.alarmSettings(ch).level, 0);
+    EXPECT_FALSE(store.alarmRecord(ch).has_value());
+    EXPECT_EQ(store.alarmSettings(other).hysteresis, 2.5f);
+}
+
 TEST_F(HostStoreTest, DeviceAttributeIsEmptyUntilSet) {
     Id const ups = store.addDevice("UPS");
     EXPECT_FALSE(store.deviceAttribute(ups, cdsapi::AttributeModel).has_value());
@@ -946,6 +965,49 @@ TEST_F(HostStoreTest, SubscriptionsListOpenOnesInOpeningOrder) {
     EXPECT_EQ(open[1].kind, "alarm");
     EXPECT_EQ(open[1].type, 0);
     EXPECT_EQ(open[1].target, 30u);
+}
+
+TEST_F(HostStoreTest, SubscriptionsKeepOpeningOrderAndIdsWhenMostEndInAnyOrder) {
+    // Ending subscriptions in the middle, from the front and from the back, far
+    // more than stay open, must neither lose nor reorder the open ones, and an
+    // ended id stays unknown.
+    std::vector<Id> opened;
+    for (Id channel = 1; channel <= 60; ++channel) {
+        opened.push_back(watchChannel(channel, kq::sub::ChannelValue, "c"));
+    }
+    std::vector<Id> kept;
+    for (std::size_t i = 0; i < opened.size(); ++i) {
+        if (i % 7 == 3) {
+            kept.push_back(opened[i]);
+        }
+    }
+    for (std::size_t i = 0; i < opened.size(); i += 2) {  // every other one, front to back
+        if (i % 7 != 3) {
+            inBand.unsubscribe(opened[i]);
+        }
+    }
+    for (std::size_t i = opened.size() - 1; i < opened.size(); i -= 2) {  // the rest, back to front
+        if (i % 7 != 3) {
+            inBand.unsubscribe(opened[i]);
+        }
+    }
+    std::vector<cdshost::SubscriptionInfo> const open = store.subscriptions();
+    ASSERT_EQ(open.size(), kept.size());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(open[i].subscriptionId, kept[i]);
+    }
+    EXPECT_EQ(store.subscriptionCount(), kept.size());
+    EXPECT_THROW(inBand.unsubscribe(opened[0]), cdshost::NotFound);
+    EXPECT_THROW(inBand.unsubscribe(opened[1]), cdshost::NotFound);
+    // Ids keep growing after the compaction, and the open ones can be ended.
+    Id const more = watchChannel(61, kq::sub::ChannelValue, "c");
+    EXPECT_GT(more, opened.back());
+    for (Id const id : kept) {
+        EXPECT_NO_THROW(inBand.unsubscribe(id));
+    }
+    inBand.unsubscribe(more);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+    EXPECT_TRUE(store.subscriptions().empty());
 }
 
 TEST_F(HostStoreTest, SubscriptionCountByKindTypeAndTarget) {

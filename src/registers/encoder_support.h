@@ -99,12 +99,14 @@ inline void stopListening(CdsDataAccessor& source, std::weak_ptr<void> const& in
 template <typename Encoder>
 std::weak_ptr<void> listenToSource(CdsDataAccessor& source, Encoder* encoder) {
     // Lives exactly as long as the installed function (one owner: the
-    // function is moved, never copied, on its way into the source).
-    std::shared_ptr<void> mark = std::make_shared<char>(0);
+    // function is moved, never copied, on its way into the source). The mark
+    // holds the encoder itself, so the function captures one pointer's worth
+    // less: a map of thousands of entries keeps one per encoder.
+    std::shared_ptr<Encoder*> mark = std::make_shared<Encoder*>(encoder);
     std::weak_ptr<void> installed = mark;
     try {
-        source.setUpdateCallback([encoder, mark = std::move(mark)](kq::CValue const& value) {
-            encoder->callbackCdsEvent(value);
+        source.setUpdateCallback([mark = std::move(mark)](kq::CValue const& value) {
+            (*mark)->callbackCdsEvent(value);
         });
     } catch (...) {
         stopListening(source, installed);

@@ -55,7 +55,7 @@ TEST(DaemonCoreTest, TearingDownAfterAPendingEntryWasBuiltClosesEverySubscriptio
 TEST(DaemonCoreTest, StartupReadFillsTheImageWithoutCountingAPush) {
     TestDaemon daemon(kMap, kScenario);
     ServedEntry const& t = entryNamed(daemon.core(), "t");
-    EXPECT_TRUE(t.image.known);
+    EXPECT_TRUE(t.image.known());
     EXPECT_EQ(t.image.words, (std::vector<uint16_t>{0, 5}));
     EXPECT_EQ(t.image.pushes, 0u);
 }

@@ -150,7 +150,7 @@ TEST(ServedMapTest, PendingEntryIsBuiltOnceItsDeviceExistsAndServesTheAttribute)
     // "RT 3000" fitted to 4 registers, then the nominal power as a number
     EXPECT_EQ(answer.registers, (std::vector<uint16_t>{5, 0x5254, 0x2033, 0x3030, 0x3000, 3000}));
     ServedEntry const& model = entryNamed(daemon.core(), "model");
-    EXPECT_TRUE(model.image.known);
+    EXPECT_TRUE(model.image.known());
     EXPECT_EQ(model.image.words, (std::vector<uint16_t>{0x5254, 0x2033, 0x3030, 0x3000}));
     EXPECT_EQ(model.image.pushes, 0u);
     EXPECT_EQ(model.pendingReason, "");
@@ -273,7 +273,7 @@ TEST(ServedMapTest, PushesStayCountedWhenARebuildFails) {
     // A counter never goes down: the pushes the entry received stay counted.
     EXPECT_GE(model.image.pushes, modelPushes);
     EXPECT_GE(daemon.core().map().totalPushes(), total);
-    EXPECT_FALSE(model.image.known);
+    EXPECT_FALSE(model.image.known());
 }
 
 TEST(ServedMapTest, TeardownClosesTheSubscriptionsOfLaterBuiltAndNeverBuiltEntries) {
@@ -337,6 +337,19 @@ TEST(ServedMapTest, EventLoopRetriesPendingEntriesAboutOnceASecond) {
     runLoop(daemon, 1.5);
     EXPECT_FALSE(daemon.core().hasPendingEntries()) << daemon.logText();
     EXPECT_EQ(daemon.ask(request(3, 5, 1)).registers, (std::vector<uint16_t>{3000}));
+}
+
+TEST(ServedEntryTest, StaysWithinTheAllocatorsTwoHundredFiftySixByteClass) {
+    // The map keeps one on the heap per entry for as long as it is served:
+    // one byte more and both allocators round it up to the next class (320
+    // bytes), 64 bytes an entry.
+    EXPECT_LE(sizeof(ServedEntry), 256u);
+}
+
+TEST(ServedEntryTest, SourceDefinitionStaysWithinTheNinetySixByteClass) {
+    // An entry's one source is its own heap block, rounded up to 112 bytes
+    // past 96.
+    EXPECT_LE(sizeof(SourceDefinition), 96u);
 }
 
 }  // namespace

@@ -69,6 +69,18 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     return trail;
 }
 
+/* Asked before anything is loaded: memory of the allocator's segments that
+ * loading frees (the parsed JSON of the map and the scenario lies between
+ * the records that stay) is handed back to the system as soon as it is
+ * free, instead of after a delay. Memory freed before this is set would
+ * stay resident for good: a collect afterwards does not hand back what was
+ * freed under the delay (1.1 MiB more at 10,000 entries). */
+void returnFreedMemoryPromptly() {
+#ifdef TARSEL_HAVE_MIMALLOC
+    mi_option_set(mi_option_decommit_delay, 0);
+#endif
+}
+
 /* Hands the heap freed by loading (the parsed JSON of the map and the
  * scenario) back to the system: the allocator would otherwise keep it as
  * resident memory for the daemon's whole life. Once the map is built, and
@@ -81,7 +93,6 @@ void releaseFreedMemory() {
     // for it, and the pages a request allocates from stay in use. Then what
     // it can hand back of what loading freed.
     mi_option_set_enabled(mi_option_page_reset, true);
-    mi_option_set(mi_option_decommit_delay, 0);
     mi_collect(true);
 #endif
 #ifdef __GLIBC__
@@ -229,6 +240,7 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
 }  // namespace
 
 int main(int argc, char** argv) {
+    returnFreedMemoryPromptly();
     std::vector<std::string> const args(argv + 1, argv + argc);
     LoadedOptions loaded = loadOptions(args);
     if (!loaded.errors.empty()) {

@@ -150,7 +150,7 @@ std::string jsonText(DescribeContext const& context) {
                            {"value", row.value},
                            {"available", row.valueAvailable},
                            {"source", row.source},
-                           {"image", entry->image.known ? json(entry->image.words) : json()},
+                           {"image", entry->image.known() ? json(entry->image.words) : json()},
                            {"pushes", row.pushes},
                            {"note", row.note}});
     }
@@ -206,7 +206,7 @@ DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& co
                        "",
                        false,
                        sourcesText(definition),
-                       entry.image.known ? hexWords(entry.image.words) : "-",
+                       entry.image.known() ? hexWords(entry.image.words) : "-",
                        entry.image.pushes,
                        ""};
     if (!entry.built()) {

@@ -1,5 +1,7 @@
 #include "EncoderFactory.h"
 
+#include <utility>
+
 #include "Conversions.h"
 #include "QuietNumberSource.h"
 #include "Wire32Encoder.h"
@@ -26,40 +28,77 @@ using modbus::CdsDataAccessor;
 using Registers = std::unique_ptr<modbus::RegistersDataAccessor>;
 using Discretes = std::unique_ptr<modbus::DiscretesDataAccessor>;
 
-std::unique_ptr<CdsDataAccessor> makeChannel(SourceDefinition const& s) {
+/* How a data accessor is held: alone (Unique), or shared with its control
+ * block in the same heap block (Shared, for the encoders' shared_ptr
+ * constructors: one block an entry instead of the accessor's and the control
+ * block the raw-pointer constructors allocate). */
+struct Unique {
+    using Pointer = std::unique_ptr<CdsDataAccessor>;
+    template <typename T, typename... Args>
+    static Pointer make(Args&&... args) {
+        return std::make_unique<T>(std::forward<Args>(args)...);
+    }
+};
+struct Shared {
+    using Pointer = std::shared_ptr<CdsDataAccessor>;
+    template <typename T, typename... Args>
+    static Pointer make(Args&&... args) {
+        return std::make_shared<T>(std::forward<Args>(args)...);
+    }
+};
+
+template <typename Holder>
+auto makeChannel(SourceDefinition const& s) {
+    using modbus::CdsChannelAccessor;
     DeviceRef const& d = s.device;
     if (!d.id) {
-        return std::make_unique<modbus::CdsChannelAccessor>(d.name, s.channel, s.dataType);
+        return Holder::template make<CdsChannelAccessor>(d.name.str(), s.channel, s.dataType);
     }
     if (d.path.empty()) {
-        return std::make_unique<modbus::CdsChannelAccessor>(*d.id, s.channel, s.dataType);
+        return Holder::template make<CdsChannelAccessor>(*d.id, s.channel, s.dataType);
     }
-    return std::make_unique<modbus::CdsChannelAccessor>(*d.id, d.path, s.channel, s.dataType);
+    return Holder::template make<CdsChannelAccessor>(*d.id, d.path, s.channel, s.dataType);
 }
 
-std::unique_ptr<CdsDataAccessor> makeAttribute(SourceDefinition const& s) {
+template <typename Holder>
+auto makeAttribute(SourceDefinition const& s) {
+    using modbus::CdsDeviceAccessor;
     DeviceRef const& d = s.device;
     if (!d.id) {
-        return std::make_unique<modbus::CdsDeviceAccessor>(d.name, s.attribute);
+        return Holder::template make<CdsDeviceAccessor>(d.name.str(), s.attribute);
     }
     if (d.path.empty()) {
-        return std::make_unique<modbus::CdsDeviceAccessor>(*d.id, s.attribute);
+        return Holder::template make<CdsDeviceAccessor>(*d.id, s.attribute);
     }
-    return std::make_unique<modbus::CdsDeviceAccessor>(*d.id, d.path, s.attribute);
+    return Holder::template make<CdsDeviceAccessor>(*d.id, d.path, s.attribute);
 }
 
-std::unique_ptr<CdsDataAccessor> makeAlarm(SourceDefinition const& s) {
+template <typename Holder>
+auto makeAlarm(SourceDefinition const& s) {
+    using modbus::CdsAlarmToOneDiscreteAccessor;
     DeviceRef const& d = s.device;
     if (!d.id) {
-        return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(d.name, s.channel,
-                                                                       s.alarmType);
+        return Holder::template make<CdsAlarmToOneDiscreteAccessor>(d.name.str(), s.channel,
+                                                                    s.alarmType);
     }
     if (d.path.empty()) {
-        return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(*d.id, s.channel,
-                                                                       s.alarmType);
+        return Holder::template make<CdsAlarmToOneDiscreteAccessor>(*d.id, s.channel, s.alarmType);
     }
-    return std::make_unique<modbus::CdsAlarmToOneDiscreteAccessor>(*d.id, d.path, s.channel,
-                                                                   s.alarmType);
+    return Holder::template make<CdsAlarmToOneDiscreteAccessor>(*d.id, d.path, s.channel,
+                                                                s.alarmType);
+}
+
+template <typename Holder>
+typename Holder::Pointer makeHeldDataAccessor(SourceDefinition const& source) {
+    switch (source.kind) {
+        case SourceKind::Channel:
+            return makeChannel<Holder>(source);
+        case SourceKind::Attribute:
+            return makeAttribute<Holder>(source);
+        case SourceKind::Alarm:
+            return makeAlarm<Holder>(source);
+    }
+    return nullptr;
 }
 
 /* Raw pointers for the composites, which take ownership of each; if building
@@ -104,37 +143,46 @@ Discretes makeCompositeDiscretes(EntryDefinition const& e, BuiltEncoder& built) 
     return encoder;
 }
 
-Registers makeUint16(EntryDefinition const& e, CdsDataAccessor* source) {
+using SharedSource = std::shared_ptr<CdsDataAccessor>;
+
+Registers makeUint16(EntryDefinition const& e, SharedSource source) {
     if (e.useBitmask) {
-        return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, e.bitmaskOp, e.mask,
-                                                                        e.defaultValue);
+        return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(
+            std::move(source), e.bitmaskOp, e.mask, e.defaultValue);
     }
-    return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(source, e.multiplier);
+    return std::make_unique<modbus::CdsUint32ToOneRegisterAccessor>(std::move(source),
+                                                                    e.multiplier);
 }
 
-/* The one-source register encoders; they take ownership of the source. */
-Registers makeSingleRegisters(EntryDefinition const& e, CdsDataAccessor* source) {
+/* The one-source register encoders but the string ones; they share the
+ * source. */
+Registers makeSingleRegisters(EntryDefinition const& e, SharedSource source) {
     switch (e.encoder) {
         case EncoderKind::Float:
-            return std::make_unique<modbus::CdsFloatAccessor>(source, e.multiplier);
+            return std::make_unique<modbus::CdsFloatAccessor>(std::move(source), e.multiplier);
         case EncoderKind::Int32:
-            return std::make_unique<modbus::CdsInt32Accessor>(source);
+            return std::make_unique<modbus::CdsInt32Accessor>(std::move(source));
         case EncoderKind::Uint32:
-            return std::make_unique<modbus::CdsUint32Accessor>(source);
+            return std::make_unique<modbus::CdsUint32Accessor>(std::move(source));
         case EncoderKind::Float16:
-            return std::make_unique<modbus::CdsFloatToOneRegisterAccessor>(source, e.multiplier,
-                                                                           e.offset);
+            return std::make_unique<modbus::CdsFloatToOneRegisterAccessor>(std::move(source),
+                                                                           e.multiplier, e.offset);
         case EncoderKind::Int16:
-            return std::make_unique<modbus::CdsInt32ToOneRegisterAccessor>(source, e.multiplier);
+            return std::make_unique<modbus::CdsInt32ToOneRegisterAccessor>(std::move(source),
+                                                                           e.multiplier);
         case EncoderKind::Uint16:
-            return makeUint16(e, source);
-        case EncoderKind::String:
-            return std::make_unique<modbus::CdsStringAccessor>(e.size, source);
-        case EncoderKind::NumericString:
-            return std::make_unique<modbus::CdsStringToOneRegisterAccessor>(source);
+            return makeUint16(e, std::move(source));
         default:
             return nullptr;
     }
+}
+
+/* The string encoders; they take ownership of the source. */
+Registers makeStringRegisters(EntryDefinition const& e, CdsDataAccessor* source) {
+    if (e.encoder == EncoderKind::String) {
+        return std::make_unique<modbus::CdsStringAccessor>(e.size, source);
+    }
+    return std::make_unique<modbus::CdsStringToOneRegisterAccessor>(source);
 }
 
 /* The daemon's encoder of an entry with an explicit layout; null for the
@@ -157,15 +205,7 @@ Registers makeLayoutEncoder(EntryDefinition const& e, BuiltEncoder& built) {
 }  // namespace
 
 std::unique_ptr<CdsDataAccessor> makeDataAccessor(SourceDefinition const& source) {
-    switch (source.kind) {
-        case SourceKind::Channel:
-            return makeChannel(source);
-        case SourceKind::Attribute:
-            return makeAttribute(source);
-        case SourceKind::Alarm:
-            return makeAlarm(source);
-    }
-    return nullptr;
+    return makeHeldDataAccessor<Unique>(source);
 }
 
 BuiltEncoder makeEncoder(EntryDefinition const& entry) {
@@ -179,23 +219,27 @@ BuiltEncoder makeEncoder(EntryDefinition const& entry) {
     } else if (entry.encoder == EncoderKind::Boolean) {
         auto modifier =
             entry.invert ? modbus::DiscreteModifier::Invert : modbus::DiscreteModifier::None;
-        auto source = makeDataAccessor(entry.sources.at(0));
+        auto source = makeHeldDataAccessor<Shared>(entry.sources.at(0));
         built.sources = {source.get()};
         built.discretes =
-            std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(source.release(), modifier);
-    } else {
+            std::make_unique<modbus::CdsBooleanToOneDiscreteAccessor>(std::move(source), modifier);
+    } else if (entry.encoder == EncoderKind::String ||
+               entry.encoder == EncoderKind::NumericString) {
         // The raw-pointer constructors take ownership (and delete the accessor
         // themselves if they fail), so it is released straight into them.
         auto source = makeDataAccessor(entry.sources.at(0));
         if (entry.encoder == EncoderKind::NumericString) {
             source = std::make_unique<QuietNumberSource>(std::move(source));
         }
-        CdsDataAccessor* raw = source.get();
-        built.sources = {raw};
-        built.registers = makeSingleRegisters(entry, source.release());
-        if (entry.encoder == EncoderKind::String) {
-            built.unwiredSource = raw;
-        }
+        built.sources = {source.get()};
+        built.registers = makeStringRegisters(entry, source.release());
+        built.registers->setByteOrder(static_cast<modbus::ByteOrder>(entry.byteOrder));
+    } else {
+        // Shared with the encoder from the start: the same constructor as
+        // the raw pointer's, without a control block of its own.
+        auto source = makeHeldDataAccessor<Shared>(entry.sources.at(0));
+        built.sources = {source.get()};
+        built.registers = makeSingleRegisters(entry, std::move(source));
         built.registers->setByteOrder(static_cast<modbus::ByteOrder>(entry.byteOrder));
     }
     return built;

@@ -16,13 +16,11 @@ namespace tarsel::daemon {
 struct BuiltEncoder {
     std::unique_ptr<modbus::RegistersDataAccessor> registers;
     std::unique_ptr<modbus::DiscretesDataAccessor> discretes;
-    // The string encoder does not listen to its data accessor by itself; this
-    // is that data accessor (owned by the encoder) so the caller can wire it.
-    modbus::CdsDataAccessor* unwiredSource = nullptr;
     // Every data accessor of the entry (owned by the encoder), in the order
     // of the definition's sources, so the daemon can ask each whether its
-    // item is there.
-    MostlyOne<modbus::CdsDataAccessor const*> sources;
+    // item is there. The string encoder does not listen to its data accessor
+    // by itself: the caller wires the first one to it.
+    MostlyOne<modbus::CdsDataAccessor*> sources;
 };
 
 /* A new data accessor for the source; it detects its item at once. */

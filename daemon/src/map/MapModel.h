@@ -17,11 +17,12 @@
 
 namespace tarsel::daemon {
 
-/* The four Modbus data tables. */
-enum class Table { Coils, DiscreteInputs, HoldingRegisters, InputRegisters };
+/* The four Modbus data tables. (A byte, as the enums below: a served map
+ * keeps one definition per entry.) */
+enum class Table : std::uint8_t { Coils, DiscreteInputs, HoldingRegisters, InputRegisters };
 
 /* Every encoder a map entry can name. */
-enum class EncoderKind {
+enum class EncoderKind : std::uint8_t {
     Float,               // CdsFloatAccessor
     Int32,               // CdsInt32Accessor
     Uint32,              // CdsUint32Accessor
@@ -44,16 +45,18 @@ struct DeviceRef {
     std::vector<unsigned int> path;
 };
 
-enum class SourceKind { Channel, Attribute, Alarm };
+enum class SourceKind : std::uint8_t { Channel, Attribute, Alarm };
 
 /* One data accessor of an entry. */
 struct SourceDefinition {
-    SourceKind kind = SourceKind::Channel;
     DeviceRef device;
     std::string channel;                                     // Channel, Alarm
     modbus::DataType dataType = modbus::DataType::Value;     // Channel
     cdsapi::DeviceAttribute attribute{};                     // Attribute
     modbus::AlarmType alarmType = modbus::AlarmTypeTrigger;  // Alarm
+    // Last, where it fills what the alignment leaves after the enums above
+    // (a definition keeps one source per entry).
+    SourceKind kind = SourceKind::Channel;
 };
 
 /* What a read of an entry whose value is not available answers. */
@@ -61,39 +64,40 @@ struct UnavailablePolicy {
     // Sentinel: every register the word. NotImplemented: the value each wire
     // type reserves for "no value" (0x8000 for int16, NaN for float32, ...;
     // see UnavailableValues.h). Exception: the code.
-    enum class Mode { Sentinel, NotImplemented, Exception };
+    enum class Mode : std::uint8_t { Sentinel, NotImplemented, Exception };
     Mode mode = Mode::Sentinel;
+    std::uint8_t code = 4;  // Server Device Failure
     // 0xFFFF reads as NaN in a float pair, as -1 or the maximum in integers,
     // and is outside every scaled value the shipped map produces.
     std::uint16_t word = 0xFFFF;
-    std::uint8_t code = 4;  // Server Device Failure
 };
 
 struct EntryDefinition {
     std::string name;
     std::string path;  // where the entry stands in the file, e.g. "entries[3]"
+    // (Declared here and below in the order that leaves no padding: a served
+    // map keeps one definition per entry, and a served entry with its
+    // definition fits the allocator's 256-byte class; see ServedEntry.)
     Table table = Table::HoldingRegisters;
+    EncoderKind encoder = EncoderKind::Float;
     std::uint16_t address = 0;
     std::uint16_t size = 1;  // registers or discretes
-    EncoderKind encoder = EncoderKind::Float;
-    // (Declared here and below in the order that leaves no padding: a served
-    // map keeps one definition per entry.)
     std::uint16_t byteOrder = 0;
+    UnavailablePolicy unavailable;
+    std::uint32_t mask = 0;
     std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
     // float32 always, int32 and uint32 when the map names one: the daemon's
     // own encoder in this layout instead of the library's byte order.
     std::optional<WireLayout> layout;
-    RareText unit;            // for the description: "V", "Hz", "%"; may be empty
+    std::optional<unsigned int> defaultValue;
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
     bool invert = false;
-    std::uint32_t mask = 0;
-    std::optional<unsigned int> defaultValue;
+    RareText unit;         // for the description: "V", "Hz", "%"; may be empty
     RareText function;     // composites
     RareText description;  // composite-registers: the representation label
-    UnavailablePolicy unavailable;
     // Who may read or write this entry, on top of the listener's rules;
     // nothing: the listener's rules alone.
     RareOptional<CidrList> allowRead;

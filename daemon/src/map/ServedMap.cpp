@@ -161,13 +161,13 @@ IdentificationTexts ServedMap::identification() const {
 }
 
 void ServedMap::listen(ServedEntry& entry) {
-    if (entry.encoder.unwiredSource != nullptr) {
+    if (entry.definition.encoder == EncoderKind::String) {
         // The string encoder does not subscribe itself; route its data
         // accessor's updates to it so strings are pushed like every value.
         // Wired before the listener, so the data accessor's immediate call with
         // the current value is not counted as a push, as for the other encoders.
         auto* encoder = static_cast<modbus::CdsStringAccessor*>(entry.encoder.registers.get());
-        entry.encoder.unwiredSource->setUpdateCallback(
+        entry.encoder.sources[0]->setUpdateCallback(
             [encoder](kq::CValue const& value) { encoder->callbackCdsEvent(value); });
     }
     ServedEntry* target = &entry;
@@ -197,7 +197,6 @@ void ServedMap::seedImage(ServedEntry& entry) {
             words.assign(bits.begin(), bits.end());
         }
         entry.image.words = fitToSize(std::move(words), entry.definition.size);
-        entry.image.known = true;
     } catch (std::exception const& error) {
         m_log.warning(label(entry.definition) + ": first read failed: " + error.what());
     }
@@ -240,7 +239,7 @@ std::string readableValue(EntryDefinition const& definition,
 
 void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words) {
     std::vector<std::uint16_t> fitted = fitToSize(std::move(words), entry.definition.size);
-    if (entry.image.known && fitted != entry.image.words &&
+    if (entry.image.known() && fitted != entry.image.words &&
         changeIsWorthAnInfoLine(entry.definition)) {
         // Clients can change a string or a coil as often as they like.
         m_log.limited(Log::Level::Info, "changes of " + entry.definition.name,
@@ -250,7 +249,6 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
                           readableValue(entry.definition, fitted));
     }
     entry.image.words = std::move(fitted);
-    entry.image.known = true;
     ++entry.image.pushes;
     if (!m_log.verbose()) {
         return;  // the line below is for verbose mode only: not even built

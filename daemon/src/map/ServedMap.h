@@ -19,11 +19,18 @@ namespace tarsel::daemon {
 /* What the encoder of an entry last pushed. Discretes are one word (0 or 1)
  * per discrete. */
 struct PushImage {
+    // Empty until a read at start-up or a push filled it; then the entry's
+    // size (at least one word), so its being known needs no flag of its own.
     std::vector<std::uint16_t> words;
     std::uint64_t pushes = 0;  // pushes received since the map was built, rebuilds included
-    bool known = false;        // false until a read at start-up or a push filled it
+
+    bool known() const { return !words.empty(); }
 };
 
+/* One entry of the map as served. A map of thousands of entries keeps one of
+ * these each, on the heap: its fields are laid out so that it stays within
+ * 256 bytes on 64-bit targets, the size class of that many bytes in the
+ * allocators the daemon uses (one more byte takes the next class, 320). */
 struct ServedEntry {
     explicit ServedEntry(EntryDefinition s) : definition(std::move(s)) {}
 

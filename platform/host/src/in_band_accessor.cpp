@@ -123,9 +123,8 @@ void InBandAccessor::setChannelCValue(unsigned long long channelId, kq::CValue c
 }
 
 bool InBandAccessor::getChannelAlarmEnabled(unsigned long long channelId) {
-    return store().clientCall(Operation::getChannelAlarmEnabled, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm().enabled;
-    });
+    return store().clientCall(Operation::getChannelAlarmEnabled, channelId,
+                              [&](Events&) { return store().alarmLocked(channelId).enabled; });
 }
 
 void InBandAccessor::setChannelAlarmEnabled(unsigned long long channelId, bool enabled) {
@@ -137,7 +136,7 @@ void InBandAccessor::setChannelAlarmEnabled(unsigned long long channelId, bool e
 float InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId,
                                                       TriggerId trigger) {
     return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
-        auto const& alarm = store().channelLocked(channelId).alarm();
+        auto const& alarm = store().alarmLocked(channelId);
         if (static_cast<std::uint32_t>(trigger) > 3) {
             throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
         }
@@ -154,7 +153,7 @@ void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelI
 
 bool InBandAccessor::getChannelAlarmTriggerThreshold(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmTriggerThreshold, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm().thresholdFlag;
+        return store().alarmLocked(channelId).thresholdFlag;
     });
 }
 
@@ -165,9 +164,8 @@ void InBandAccessor::setChannelAlarmTriggerThreshold(unsigned long long channelI
 }
 
 float InBandAccessor::getChannelAlarmHysteresis(unsigned long long channelId) {
-    return store().clientCall(Operation::getChannelAlarmHysteresis, channelId, [&](Events&) {
-        return store().channelLocked(channelId).alarm().hysteresis;
-    });
+    return store().clientCall(Operation::getChannelAlarmHysteresis, channelId,
+                              [&](Events&) { return store().alarmLocked(channelId).hysteresis; });
 }
 
 void InBandAccessor::setChannelAlarmHysteresis(unsigned long long channelId, float hysteresis) {
@@ -179,7 +177,7 @@ void InBandAccessor::setChannelAlarmHysteresis(unsigned long long channelId, flo
 LevelAlarm InBandAccessor::getChannelAlarmLevel(unsigned long long channelId) {
     return store().clientCall(Operation::getChannelAlarmLevel, channelId, [&](Events&) {
         // By value: a level the enumeration does not name passes through as is.
-        return static_cast<LevelAlarm>(store().channelLocked(channelId).alarm().level);
+        return static_cast<LevelAlarm>(store().alarmLocked(channelId).level);
     });
 }
 

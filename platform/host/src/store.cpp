@@ -25,10 +25,6 @@ std::string idText(Id id) {
     throw NotFound("no channel " + idText(id));
 }
 
-bool isOtherThread(std::thread::id id) {
-    return id != std::this_thread::get_id();
-}
-
 // A test that counts or breaks an operation the client does not have (a typo)
 // would count nothing and pass; it is told instead.
 Operation requireOperation(std::string const& name) {
@@ -224,7 +220,7 @@ Id Store::Impl::addChannelLocked(Id deviceId, std::string const& name, kq::CValu
         channelSlots[newId] = &stored;
     }
     device.channels.push_back(newId);
-    device.channelsByName.emplace(stored.name, newId);
+    device.channelsByName.insert(NamedId{&stored.name, newId});
     events.push_back(deviceEventLocked(deviceId, kq::sub::DeviceChanged));
     return newId;
 }
@@ -233,7 +229,7 @@ void Store::Impl::removeChannelLocked(Id id, Events& events) {
     Channel const& channel = channelLocked(id);
     Id const deviceId = channel.device;
     Device& device = deviceLocked(deviceId);
-    device.channelsByName.erase(channel.name);
+    device.channelsByName.erase(NamedId{&channel.name, id});
     eraseChannelLocked(id);
     auto& list = device.channels;
     list.erase(std::remove(list.begin(), list.end(), id), list.end());
@@ -245,13 +241,13 @@ Id Store::Impl::channelIdLocked(Id deviceId, std::string const& name) const {
     if (it == devices.end()) {
         return 0;
     }
-    auto const channel = it->second.channelsByName.find(name);
-    return channel != it->second.channelsByName.end() ? channel->second : 0;
+    auto const channel = it->second.channelsByName.find(NamedId{&name, 0});
+    return channel != it->second.channelsByName.end() ? channel->id : 0;
 }
 
 kq::CChannel Store::Impl::channelSnapshotLocked(Id id) {
     Channel const& channel = channelLocked(id);
-    return kq::CChannel{id, channel.device, channel.name, channel.value, channel.record()};
+    return kq::CChannel{id, channel.device, channel.name, channel.value, recordLocked(id)};
 }
 
 void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& events) {
@@ -260,39 +256,63 @@ void Store::Impl::setChannelValueLocked(Id id, kq::CValue const& value, Events& 
     events.push_back(Event{Kind::Channel, kq::sub::ChannelValue, id, id, {}});
 }
 
+AlarmSettings const& Store::Impl::alarmLocked(Id id) {
+    channelLocked(id);  // throws NotFound for a missing channel
+    static AlarmSettings const defaults;
+    auto const part = alarmParts.find(id);
+    return part != alarmParts.end() ? part->second.settings : defaults;
+}
+
+AlarmSettings& Store::Impl::alarmToChangeLocked(Id id) {
+    channelLocked(id);
+    return alarmParts[id].settings;
+}
+
+std::optional<kq::CAlarmRecord> Store::Impl::recordLocked(Id id) const {
+    auto const part = alarmParts.find(id);
+    return part != alarmParts.end() ? part->second.record : std::nullopt;
+}
+
+void Store::Impl::setRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record) {
+    channelLocked(id);
+    if (record || alarmParts.count(id) != 0) {
+        alarmParts[id].record = record;
+    }
+}
+
 void Store::Impl::setAlarmEnabledLocked(Id id, bool enabled, Events& events) {
-    channelLocked(id).alarmToChange().enabled = enabled;
+    alarmToChangeLocked(id).enabled = enabled;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelState, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdLocked(Id id, cdsapi::TriggerId trigger, float value,
                                           Events& events) {
-    Channel& channel = channelLocked(id);
+    channelLocked(id);  // a missing channel is reported before a bad trigger
     if (static_cast<std::uint32_t>(trigger) > 3) {
         throw std::out_of_range("trigger " + std::to_string(trigger) + " is not 0 to 3");
     }
-    channel.alarmToChange().thresholds[trigger] = value;
+    alarmToChangeLocked(id).thresholds[trigger] = value;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmThresholdFlagLocked(Id id, bool flag, Events& events) {
-    channelLocked(id).alarmToChange().thresholdFlag = flag;
+    alarmToChangeLocked(id).thresholdFlag = flag;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmHysteresisLocked(Id id, float hysteresis, Events& events) {
-    channelLocked(id).alarmToChange().hysteresis = hysteresis;
+    alarmToChangeLocked(id).hysteresis = hysteresis;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmLevelLocked(Id id, std::int32_t level, Events& events) {
-    channelLocked(id).alarmToChange().level = level;
+    alarmToChangeLocked(id).level = level;
     events.push_back(Event{Kind::Channel, kq::sub::ChannelSettings, id, id, {}});
 }
 
 void Store::Impl::setAlarmRecordLocked(Id id, std::optional<kq::CAlarmRecord> const& record,
                                        Events& events) {
-    channelLocked(id).setRecord(record);
+    setRecordLocked(id, record);
     events.push_back(Event{Kind::Alarm, 0, id, id, {}});
 }
 
@@ -303,7 +323,7 @@ Id Store::Impl::subscribeLocked(SubscriptionPtr subscription) {
     subscription->id = id;
     subscribersByTarget[static_cast<std::size_t>(subscription->kind)].emplace(subscription->target,
                                                                               subscription);
-    subscriptions.emplace(id, std::move(subscription));
+    subscriptions.add(id, std::move(subscription));
     return id;
 }
 
@@ -344,22 +364,20 @@ void Store::Impl::forgetSubscriberLocked(Subscription const& subscription) {
 }
 
 void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock) {
-    auto const it = subscriptions.find(subscriptionId);
-    if (it == subscriptions.end()) {
+    SubscriptionPtr const* const found = subscriptions.find(subscriptionId);
+    if (found == nullptr) {
         throw NotFound("no subscription " + idText(subscriptionId));
     }
-    SubscriptionPtr const subscription = it->second;
+    SubscriptionPtr const subscription = *found;
     subscription->open = false;
     forgetSubscriberLocked(*subscription);
-    subscriptions.erase(it);
+    subscriptions.erase(subscriptionId);
     // A delivery on another thread may be inside the callback right now; once
     // we return, the caller may free what the callback uses. The delivering
     // thread itself (a callback ending its own or another subscription) must
     // not wait for itself.
-    deliveryEnded.wait(lock, [&] {
-        return std::none_of(subscription->delivering.begin(), subscription->delivering.end(),
-                            isOtherThread);
-    });
+    deliveryEnded.wait(
+        lock, [&] { return !subscription->delivering.anyOtherThan(std::this_thread::get_id()); });
 }
 
 Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {
@@ -416,12 +434,12 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
                 if (!subscription->open) {
                     continue;
                 }
-                subscription->delivering.push_back(std::this_thread::get_id());
+                subscription->delivering.enter(std::this_thread::get_id());
                 auto const channel =
                     event.kind == Kind::Device ? channels.end() : channels.find(event.subject);
                 if (channel != channels.end()) {
                     value = channel->second.value;
-                    record = channel->second.record();
+                    record = recordLocked(event.subject);
                 }
             }
             try {
@@ -444,9 +462,7 @@ void Store::Impl::deliver(Deliveries const& deliveries) {
             }
             {
                 std::lock_guard<StoreLock> lock(mutex);
-                auto& threads = subscription->delivering;
-                threads.erase(
-                    std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
+                subscription->delivering.leave(std::this_thread::get_id());
             }
             deliveryEnded.notify_all();
         }
@@ -472,6 +488,7 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (id < channelSlots.size()) {
         channelSlots[id] = nullptr;
     }
+    alarmParts.erase(id);
     channels.erase(it);
 }
 
@@ -567,9 +584,7 @@ void Store::Impl::throwFaultLocked(std::vector<Fault>::iterator fault, Operation
 }
 
 void Store::Impl::resetLocked() {
-    for (auto& [id, subscription] : subscriptions) {
-        subscription->open = false;
-    }
+    subscriptions.forEach([](SubscriptionPtr const& subscription) { subscription->open = false; });
     subscriptions.clear();
     for (auto& byTarget : subscribersByTarget) {
         byTarget.clear();
@@ -577,6 +592,7 @@ void Store::Impl::resetLocked() {
     devices.clear();
     channels.clear();
     channelSlots.clear();
+    alarmParts.clear();
     devicesByName.clear();
     nextWorldId = 1;
     nextSequence = 0;
@@ -738,7 +754,7 @@ void Store::setAlarmLevel(Id channel, std::int32_t level, bool notify) {
 
 AlarmSettings Store::alarmSettings(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    return m_impl->channelLocked(channel).alarm();
+    return m_impl->alarmLocked(channel);
 }
 
 void Store::raiseAlarm(Id channel, kq::CAlarmRecord const& record, bool notify) {
@@ -755,8 +771,7 @@ void Store::clearAlarm(Id channel, bool notify) {
 
 std::optional<kq::CAlarmRecord> Store::alarmRecord(Id channel) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    auto const it = m_impl->channels.find(channel);
-    return it != m_impl->channels.end() ? it->second.record() : std::nullopt;
+    return m_impl->recordLocked(channel);
 }
 
 void Store::notifyChannel(Id channel, kq::sub::subscription_type type) {
@@ -826,20 +841,21 @@ void Store::resetCalls() {
 std::vector<SubscriptionInfo> Store::subscriptions() const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
     std::vector<SubscriptionInfo> open;
-    for (auto const& [id, subscription] : m_impl->subscriptions) {
-        open.push_back(subscription->info());
-    }
+    m_impl->subscriptions.forEach(
+        [&](Impl::SubscriptionPtr const& subscription) { open.push_back(subscription->info()); });
     return open;
 }
 
 std::size_t Store::subscriptionCount(std::string const& kind, int type, Id target) const {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
-    return static_cast<std::size_t>(std::count_if(
-        m_impl->subscriptions.begin(), m_impl->subscriptions.end(), [&](auto const& entry) {
-            Impl::Subscription const& subscription = *entry.second;
-            return kindName(subscription.kind) == kind && subscription.type == type &&
-                   subscription.target == target;
-        }));
+    std::size_t count = 0;
+    m_impl->subscriptions.forEach([&](Impl::SubscriptionPtr const& subscription) {
+        count += kindName(subscription->kind) == kind && subscription->type == type &&
+                         subscription->target == target
+                     ? 1
+                     : 0;
+    });
+    return count;
 }
 
 std::size_t Store::subscriptionCount() const {

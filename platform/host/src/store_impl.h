@@ -23,27 +23,50 @@
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <variant>
 #include <vector>
 
 #include "cdshost/store.h"
+#include "delivering_threads.h"
+#include "open_subscriptions.h"
 #include "operation.h"
 #include "store_lock.h"
 
 namespace cdshost {
 
 struct Store::Impl {
+    /* A channel in its device's index by name: the address of the channel's
+     * own name (a channel's node never moves and its name never changes) and
+     * its id. Hashed anew from the name whenever needed rather than cached:
+     * 24 bytes a node where a view of the name with a cached hash took 40, and
+     * a UPS of thousands of channels keeps one each. A look-up passes the
+     * address of the name it wants. */
+    struct NamedId {
+        std::string const* name;
+        Id id;
+    };
+    struct NameHash {
+        std::size_t operator()(NamedId const& key) const noexcept {
+            return std::hash<std::string_view>()(*key.name);
+        }
+    };
+    struct SameName {
+        bool operator()(NamedId const& a, NamedId const& b) const noexcept {
+            return *a.name == *b.name;
+        }
+    };
+
     struct Device {
         Id id = 0;
         std::string name;
         Id parent = 0;
         std::vector<Id> subDevices;  // in the order they were added
         std::vector<Id> channels;    // likewise
-        // Views of the names the channels hold (a channel's node never moves
-        // and its name never changes): the name is stored once, not twice.
-        // A channel leaves this index before it is erased.
-        std::unordered_map<std::string_view, Id> channelsByName;
+        // The channels by the names they hold: the name is stored once, not
+        // twice. A channel leaves this index before it is erased.
+        std::unordered_set<NamedId, NameHash, SameName> channelsByName;
         std::map<cdsapi::DeviceAttribute, std::string> attributes;
         std::uint64_t sequence = 0;  // creation order, for the name look-up
     };
@@ -59,39 +82,21 @@ struct Store::Impl {
         // subscribeChannel calls likewise: a map opens one subscription per
         // channel it serves, and a count here costs no node of its own.
         std::size_t subscribes = 0;
-
-        /* The alarm settings: every one at its default until one is set. */
-        AlarmSettings const& alarm() const {
-            static AlarmSettings const defaults;
-            return m_alarm ? m_alarm->settings : defaults;
-        }
-        AlarmSettings& alarmToChange() { return alarmPart().settings; }
-        std::optional<kq::CAlarmRecord> record() const {
-            return m_alarm ? m_alarm->record : std::nullopt;
-        }
-        void setRecord(std::optional<kq::CAlarmRecord> const& record) {
-            if (record || m_alarm) {
-                alarmPart().record = record;
-            }
-        }
-
-      private:
-        // Only the channels whose alarm is set up or raised carry one: a UPS
-        // of thousands of channels has values in almost all of them.
-        struct AlarmPart {
-            AlarmSettings settings;
-            std::optional<kq::CAlarmRecord> record;
-        };
-        AlarmPart& alarmPart() {
-            if (!m_alarm) {
-                m_alarm = std::make_unique<AlarmPart>();
-            }
-            return *m_alarm;
-        }
-        std::unique_ptr<AlarmPart> m_alarm;
+        // The alarm settings and record are kept apart (alarmParts): a
+        // pointer to them here took the channel's node into the allocator's
+        // next size class.
     };
 
-    enum class Kind { Channel, Device, Alarm };
+    // The alarm of a channel whose alarm is set up or raised, by channel id;
+    // every other channel's settings are the defaults and it has no record.
+    // A UPS of thousands of channels has values in almost all of them and an
+    // alarm in few. A channel's part goes with the channel.
+    struct AlarmPart {
+        AlarmSettings settings;
+        std::optional<kq::CAlarmRecord> record;
+    };
+
+    enum class Kind : std::uint8_t { Channel, Device, Alarm };
 
     using ChannelCallback = std::function<void(Id, kq::CValue)>;
     using DeviceCallback = std::function<void(Id)>;
@@ -99,7 +104,9 @@ struct Store::Impl {
 
     // One per open subscription, and a map of thousands of entries opens one
     // per channel: what the accounting shows (SubscriptionInfo) is put
-    // together when asked, from the kind and the client's interned name.
+    // together when asked, from the kind and the client's interned name. Its
+    // fields are in the order that leaves no padding: with the shared
+    // pointer's count it fills the allocator's 112-byte class exactly.
     struct Subscription {
         Id id = 0;
         Id target = 0;  // the id given to the subscribe call
@@ -112,7 +119,7 @@ struct Store::Impl {
         std::variant<ChannelCallback, DeviceCallback, AlarmCallback> callback;
         // Threads inside this subscription's callback right now; unsubscribe()
         // from any other thread waits until they are out.
-        std::vector<std::thread::id> delivering;
+        DeliveringThreads delivering;
 
         SubscriptionInfo info() const;
     };
@@ -159,6 +166,7 @@ struct Store::Impl {
     // `channels` keeps its address until it is erased.
     static constexpr Id kSlottedIds = 1 << 16;
     std::vector<Channel*> channelSlots;
+    std::unordered_map<Id, AlarmPart> alarmParts;
     // Devices of one name by creation order: the first is the one a look-up
     // by name finds.
     std::unordered_map<std::string, std::map<std::uint64_t, Id>> devicesByName;
@@ -166,7 +174,7 @@ struct Store::Impl {
     std::uint64_t nextSequence = 0;
 
     // Ordered by id, and ids only grow: iteration order is opening order.
-    std::map<Id, SubscriptionPtr> subscriptions;
+    OpenSubscriptions<SubscriptionPtr> subscriptions;
     // The same subscriptions by kind and target, so that a change finds its
     // subscribers without looking at the others. One node per subscription,
     // no list per target: almost every target has a single subscription of a
@@ -225,6 +233,13 @@ struct Store::Impl {
     void removeChannelLocked(Id channel, Events& events);
     Id channelIdLocked(Id device, std::string const& name) const;
     kq::CChannel channelSnapshotLocked(Id channel);
+    /* The alarm settings of a channel (NotFound when there is none): every
+     * one at its default until one is set. */
+    AlarmSettings const& alarmLocked(Id channel);
+    AlarmSettings& alarmToChangeLocked(Id channel);
+    /* The alarm record of a channel; none for a channel that is missing. */
+    std::optional<kq::CAlarmRecord> recordLocked(Id channel) const;
+    void setRecordLocked(Id channel, std::optional<kq::CAlarmRecord> const& record);
     void setChannelValueLocked(Id channel, kq::CValue const& value, Events& events);
 
     void setAlarmEnabledLocked(Id channel, bool enabled, Events& events);
