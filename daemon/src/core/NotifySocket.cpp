@@ -9,26 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "Descriptor.h"
+
 namespace tarsel::daemon {
 
 namespace {
-
-/* Closes the socket on every way out. */
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 std::string systemError(char const* call) {
     return std::string(call) + ": " + std::strerror(errno);

@@ -8,26 +8,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Descriptor.h"
+
 namespace tarsel::daemon {
 
 namespace {
-
-/* Closes the descriptor on every way out. */
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 std::string octalMode(mode_t mode) {
     char text[8];
