@@ -15,10 +15,9 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from scale import free_port, load, write_world  # noqa: E402
+from scale import free_port, wait_until_served, write_world  # noqa: E402
 
 
 def rollup(pid):
@@ -55,11 +54,7 @@ def measure(daemon_path, client, size, directory):
                                "--port", str(port)],
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
-        deadline = time.monotonic() + 120
-        while load(client, port, 2, 1) is None:
-            if time.monotonic() > deadline or daemon.poll() is not None:
-                sys.exit(f"libraries: the {size}-entry map was not served")
-            time.sleep(0.01)
+        wait_until_served(daemon, client, port, 120, 0.01, f"libraries: the {size}-entry map")
         return rollup(daemon.pid), per_file(daemon.pid)
     finally:
         daemon.send_signal(signal.SIGTERM)

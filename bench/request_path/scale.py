@@ -70,6 +70,16 @@ def load(client, port, quantity, count):
     return float(result.stdout.split("per_second")[1])
 
 
+def wait_until_served(daemon, client, port, limit_s, pause_s, what):
+    """Asks for a read until one is answered; exits naming `what` when the
+    daemon ends first or limit_s seconds pass."""
+    deadline = time.monotonic() + limit_s
+    while load(client, port, 2, 1) is None:
+        if time.monotonic() > deadline or daemon.poll() is not None:
+            sys.exit(f"{what} was not served")
+        time.sleep(pause_s)
+
+
 def cpu_seconds(pid):
     """User and system CPU time the process has used so far: unlike the wall
     clock, it does not grow with what else the machine runs."""
@@ -95,11 +105,7 @@ def measure(args, client, size, directory):
          "--map", register_map, "--scenario", scenario, "--port", str(port)],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
-        deadline = started + 120
-        while load(client, port, 2, 1) is None:
-            if time.monotonic() > deadline or daemon.poll() is not None:
-                sys.exit(f"scale: the {size}-entry map was not served")
-            time.sleep(0.005)
+        wait_until_served(daemon, client, port, 120, 0.005, f"scale: the {size}-entry map")
         startup = time.monotonic() - started
         startup_cpu = cpu_seconds(daemon.pid)
         rss = resident_kib(daemon.pid)
@@ -143,11 +149,8 @@ def measure_instructions(args, client, size, directory):
          "--map", register_map, "--scenario", scenario, "--port", str(port)],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
-        deadline = time.monotonic() + 600
-        while load(client, port, 2, 1) is None:
-            if time.monotonic() > deadline or daemon.poll() is not None:
-                sys.exit(f"scale: the {size}-entry map was not served under callgrind")
-            time.sleep(0.05)
+        wait_until_served(daemon, client, port, 600, 0.05,
+                          f"scale: the {size}-entry map under callgrind")
         # The dump ends the start-up's count; zeroing starts the shutdown's.
         subprocess.run(["callgrind_control", "--dump=startup", str(daemon.pid)], check=True,
                        capture_output=True)
