@@ -29,7 +29,7 @@
 #include "ServiceNotify.h"
 #include "SignalPipe.h"
 #include "StatusReport.h"
-#include "TlsContext.h"
+#include "TlsModule.h"
 #include "cdshost/store.h"
 #include "sources/nut/NutSource.h"
 #include "sources/nut/UpsClientLibrary.h"
@@ -133,7 +133,7 @@ std::unique_ptr<HttpServer> openHttp(Options const& options, DaemonCore& core,
 }
 
 int serve(Configuration const& configuration, std::vector<std::string> const& args,
-          CoreConfig config, Log& log) {
+          CoreConfig config, TlsModule const* tls, Log& log) {
     Options const& options = configuration.options;
     // Opened first, so that it outlives the handlers that write to it.
     std::unique_ptr<AuditTrail> const audit =
@@ -160,7 +160,7 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
         std::string const address = options.tlsListen.empty() ? options.listen : options.tlsListen;
         secure = std::make_unique<ModbusServer>(
             ListenConfig{address, *options.tlsPort, options.tlsAccess,
-                         std::make_shared<TlsContext const>(options.tls)},
+                         tls->makeContext(options.tls)},
             options.limits, core.handler(), log);
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
@@ -220,6 +220,17 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         log.error("--nut: " + nut::UpsClientLibrary::instance().failure());
         return 1;
     }
+    // The TLS module is loaded only for --tls-port, before anything
+    // listens (--describe listens to nothing); a reload cannot change TLS,
+    // so it keeps this one.
+    std::optional<TlsModule> tls;
+    if (options.tlsPort && !options.describe) {
+        tls.emplace(TlsModule::pathBesideProgram());
+        if (!tls->loaded()) {
+            log.error("--tls-port: " + tls->failure());
+            return kExitBadInput;
+        }
+    }
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {
@@ -230,7 +241,7 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         log.error(std::string("--nut-credentials: ") + error.what());
         return kExitBadInput;
     }
-    int const status = serve(configuration, args, std::move(config), log);
+    int const status = serve(configuration, args, std::move(config), tls ? &*tls : nullptr, log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
              std::to_string(cdshost::Store::instance().subscriptionCount()));

@@ -344,7 +344,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
         std::unique_ptr<TlsSession> tls;
         if (m_tls) {
             try {
-                tls = std::make_unique<TlsSession>(*m_tls, fd);
+                tls = m_tls->accept(fd);
             } catch (std::runtime_error const& error) {
                 m_log.limited(Log::Level::Error, "TLS sessions failed", error.what());
                 ::close(fd);

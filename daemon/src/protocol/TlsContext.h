@@ -1,15 +1,19 @@
-// The server side of Modbus/TCP Security: TLS 1.2 or later, a certificate
-// of our own, client certificates checked against a configured CA, and the
-// client's role read from its certificate's role extension.
+// The server side of Modbus/TCP Security as the daemon sees it: TLS 1.2 or
+// later, a certificate of our own, client certificates checked against a
+// configured CA, and the client's role read from its certificate's role
+// extension. Only the interface lives here: the implementation (over OpenSSL)
+// is a module of its own (tls/, loaded by TlsModule when TLS is configured),
+// so that a daemon without TLS maps neither libssl nor libcrypto. Everything
+// here is inline: the module derives from these classes without linking
+// anything of the daemon.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-
-typedef struct ssl_ctx_st SSL_CTX;
-typedef struct ssl_st SSL;
+#include <utility>
 
 namespace tarsel::daemon {
 
@@ -26,61 +30,65 @@ struct TlsConfig {
 /* The role extension of Modbus/TCP Security client certificates. */
 inline constexpr char kRoleOid[] = "1.3.6.1.4.1.50316.802.1";
 
-class TlsContext {
-  public:
-    /* Loads the files; throws std::runtime_error naming what failed. */
-    explicit TlsContext(TlsConfig config);
-    ~TlsContext();
-
-    TlsContext(TlsContext const&) = delete;
-    TlsContext& operator=(TlsContext const&) = delete;
-
-    SSL_CTX* native() const { return m_context; }
-    /* What a role may do; nothing for a role the configuration does not name. */
-    std::optional<RoleAccess> access(std::string const& role) const;
-
-  private:
-    TlsConfig m_config;
-    SSL_CTX* m_context = nullptr;
-};
-
 /* One client's TLS session over its non-blocking socket. */
 class TlsSession {
   public:
-    TlsSession(TlsContext const& context, int fd);
-    ~TlsSession();
+    virtual ~TlsSession() = default;
 
     TlsSession(TlsSession const&) = delete;
     TlsSession& operator=(TlsSession const&) = delete;
 
     enum class Step { Done, Pending, Failed };
     /* Advances the handshake as far as the socket allows. */
-    Step handshake();
-    bool established() const { return m_established; }
+    virtual Step handshake() = 0;
+    virtual bool established() const = 0;
 
     /* Like recv() and send() on a non-blocking socket: the bytes moved, 0
      * when it would block, -1 when the session is closed or failed. */
-    long read(unsigned char* buffer, std::size_t size);
-    long write(unsigned char const* buffer, std::size_t size);
+    virtual long read(unsigned char* buffer, std::size_t size) = 0;
+    virtual long write(unsigned char const* buffer, std::size_t size) = 0;
 
     /* True when the last operation waits for the socket to take data. */
-    bool wantsWrite() const { return m_wantsWrite; }
+    virtual bool wantsWrite() const = 0;
     /* Why the handshake or the session failed, for the log. */
-    std::string const& failure() const { return m_failure; }
+    virtual std::string const& failure() const = 0;
 
     /* The role of the client's certificate; nothing when it has none. */
-    std::optional<std::string> peerRole() const;
+    virtual std::optional<std::string> peerRole() const = 0;
     /* The subject of the client's certificate, one line. */
-    std::string peerSubject() const;
+    virtual std::string peerSubject() const = 0;
+
+  protected:
+    TlsSession() = default;
+};
+
+/* Our certificate, key and CA, loaded once; a session per accepted client. */
+class TlsContext {
+  public:
+    virtual ~TlsContext() = default;
+
+    TlsContext(TlsContext const&) = delete;
+    TlsContext& operator=(TlsContext const&) = delete;
+
+    /* A server-side session over an accepted client's socket, its handshake
+     * not started; throws std::runtime_error when none can be made. The
+     * session does not own the socket and must not outlive this context. */
+    virtual std::unique_ptr<TlsSession> accept(int fd) const = 0;
+
+    /* What a role may do; nothing for a role the configuration does not name. */
+    std::optional<RoleAccess> access(std::string const& role) const {
+        auto const found = m_roles.find(role);
+        if (found == m_roles.end()) {
+            return std::nullopt;
+        }
+        return found->second;
+    }
+
+  protected:
+    explicit TlsContext(std::map<std::string, RoleAccess> roles) : m_roles(std::move(roles)) {}
 
   private:
-    /* -1 when failed, 0 when it must wait; records why it failed. */
-    long settle(int result);
-
-    SSL* m_ssl = nullptr;
-    bool m_established = false;
-    bool m_wantsWrite = false;
-    std::string m_failure;
+    std::map<std::string, RoleAccess> m_roles;
 };
 
 }  // namespace tarsel::daemon

@@ -1,4 +1,4 @@
-#include "TlsContext.h"
+#include "OpenSslTls.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -30,24 +30,23 @@ using Certificate = std::unique_ptr<X509, void (*)(X509*)>;
 
 }  // namespace
 
-TlsContext::TlsContext(TlsConfig config) : m_config(std::move(config)) {
+OpenSslContext::OpenSslContext(TlsConfig const& config) : TlsContext(config.roles) {
     m_context = SSL_CTX_new(TLS_server_method());
     require(m_context != nullptr, "cannot create a context");
     try {
         require(SSL_CTX_set_min_proto_version(m_context, TLS1_2_VERSION) == 1,
                 "cannot require TLS 1.2");
+        require(SSL_CTX_use_certificate_chain_file(m_context, config.certificateFile.c_str()) == 1,
+                "cannot load the certificate " + config.certificateFile);
         require(
-            SSL_CTX_use_certificate_chain_file(m_context, m_config.certificateFile.c_str()) == 1,
-            "cannot load the certificate " + m_config.certificateFile);
-        require(
-            SSL_CTX_use_PrivateKey_file(m_context, m_config.keyFile.c_str(), SSL_FILETYPE_PEM) == 1,
-            "cannot load the key " + m_config.keyFile);
+            SSL_CTX_use_PrivateKey_file(m_context, config.keyFile.c_str(), SSL_FILETYPE_PEM) == 1,
+            "cannot load the key " + config.keyFile);
         require(SSL_CTX_check_private_key(m_context) == 1,
                 "the key does not match the certificate");
-        require(SSL_CTX_load_verify_locations(m_context, m_config.caFile.c_str(), nullptr) == 1,
-                "cannot load the CA " + m_config.caFile);
-        STACK_OF(X509_NAME)* const names = SSL_load_client_CA_file(m_config.caFile.c_str());
-        require(names != nullptr, "cannot read the CA names of " + m_config.caFile);
+        require(SSL_CTX_load_verify_locations(m_context, config.caFile.c_str(), nullptr) == 1,
+                "cannot load the CA " + config.caFile);
+        STACK_OF(X509_NAME)* const names = SSL_load_client_CA_file(config.caFile.c_str());
+        require(names != nullptr, "cannot read the CA names of " + config.caFile);
         SSL_CTX_set_client_CA_list(m_context, names);
     } catch (...) {
         SSL_CTX_free(m_context);
@@ -66,19 +65,15 @@ TlsContext::TlsContext(TlsConfig config) : m_config(std::move(config)) {
                      SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
 }
 
-TlsContext::~TlsContext() {
+OpenSslContext::~OpenSslContext() {
     SSL_CTX_free(m_context);
 }
 
-std::optional<RoleAccess> TlsContext::access(std::string const& role) const {
-    auto const found = m_config.roles.find(role);
-    if (found == m_config.roles.end()) {
-        return std::nullopt;
-    }
-    return found->second;
+std::unique_ptr<TlsSession> OpenSslContext::accept(int fd) const {
+    return std::make_unique<OpenSslSession>(m_context, fd);
 }
 
-TlsSession::TlsSession(TlsContext const& context, int fd) : m_ssl(SSL_new(context.native())) {
+OpenSslSession::OpenSslSession(SSL_CTX* context, int fd) : m_ssl(SSL_new(context)) {
     if (m_ssl == nullptr || SSL_set_fd(m_ssl, fd) != 1) {
         SSL_free(m_ssl);
         throw std::runtime_error("TLS: cannot create a session: " + lastError());
@@ -86,11 +81,11 @@ TlsSession::TlsSession(TlsContext const& context, int fd) : m_ssl(SSL_new(contex
     SSL_set_accept_state(m_ssl);
 }
 
-TlsSession::~TlsSession() {
+OpenSslSession::~OpenSslSession() {
     SSL_free(m_ssl);
 }
 
-long TlsSession::settle(int result) {
+long OpenSslSession::settle(int result) {
     int const error = SSL_get_error(m_ssl, result);
     m_wantsWrite = error == SSL_ERROR_WANT_WRITE;
     if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
@@ -113,7 +108,7 @@ long TlsSession::settle(int result) {
     return -1;
 }
 
-TlsSession::Step TlsSession::handshake() {
+TlsSession::Step OpenSslSession::handshake() {
     ERR_clear_error();
     int const result = SSL_do_handshake(m_ssl);
     if (result == 1) {
@@ -124,7 +119,7 @@ TlsSession::Step TlsSession::handshake() {
     return settle(result) == 0 ? Step::Pending : Step::Failed;
 }
 
-long TlsSession::read(unsigned char* buffer, std::size_t size) {
+long OpenSslSession::read(unsigned char* buffer, std::size_t size) {
     ERR_clear_error();
     std::size_t done = 0;
     if (SSL_read_ex(m_ssl, buffer, size, &done) == 1) {
@@ -134,7 +129,7 @@ long TlsSession::read(unsigned char* buffer, std::size_t size) {
     return settle(0);
 }
 
-long TlsSession::write(unsigned char const* buffer, std::size_t size) {
+long OpenSslSession::write(unsigned char const* buffer, std::size_t size) {
     ERR_clear_error();
     std::size_t done = 0;
     if (SSL_write_ex(m_ssl, buffer, size, &done) == 1) {
@@ -144,7 +139,7 @@ long TlsSession::write(unsigned char const* buffer, std::size_t size) {
     return settle(0);
 }
 
-std::optional<std::string> TlsSession::peerRole() const {
+std::optional<std::string> OpenSslSession::peerRole() const {
     Certificate const certificate(SSL_get1_peer_certificate(m_ssl), X509_free);
     if (!certificate) {
         return std::nullopt;
@@ -168,7 +163,7 @@ std::optional<std::string> TlsSession::peerRole() const {
                        static_cast<std::size_t>(ASN1_STRING_length(role.get())));
 }
 
-std::string TlsSession::peerSubject() const {
+std::string OpenSslSession::peerSubject() const {
     Certificate const certificate(SSL_get1_peer_certificate(m_ssl), X509_free);
     if (!certificate) {
         return "(none)";
