@@ -11,8 +11,13 @@ namespace tarsel::daemon {
 std::string TlsModule::pathBesideProgram() {
     std::error_code error;
     std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
-    // Without /proc the relative path is tried, and named in the failure.
-    std::filesystem::path const directory = error ? "." : program.parent_path();
+    // Without /proc the path relative to the working directory is tried,
+    // and named in the failure.
+    return pathBeside(error ? "./tarsel-modbusd" : program.string());
+}
+
+std::string TlsModule::pathBeside(std::string const& program) {
+    std::filesystem::path const directory = std::filesystem::path(program).parent_path();
     return (directory / TARSEL_TLS_MODULE_FROM_PROGRAM).lexically_normal().string();
 }
 

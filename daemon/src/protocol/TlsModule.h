@@ -18,6 +18,8 @@ class TlsModule {
      * is installed (and laid out in the build tree) relative to the program,
      * so that a daemon finds its own module and never another build's. */
     static std::string pathBesideProgram();
+    /* The same for a program of that file. */
+    static std::string pathBeside(std::string const& program);
 
     /* Loads the module of that file and checks its table; failure() says
      * why not when it cannot. */

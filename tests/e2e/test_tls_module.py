@@ -1,0 +1,128 @@
+"""The TLS module: tarsel-modbusd loads its OpenSSL code (and with it libssl
+and libcrypto) from a module beside the program, for --tls-port only. A
+daemon without TLS maps none of it; a daemon copied elsewhere looks for the
+module beside the copy, and says which file it could not load and why."""
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+from unittest import mock
+
+import harness
+from harness import DAEMON, Daemon
+from tls_certs import make_certificates
+
+MODULE_FAILURE = re.compile(r'--tls-port: cannot load the TLS module "([^"]+)": (.+)')
+
+
+def mapped_files(pid):
+    """The files mapped into process pid, by full path."""
+    with open("/proc/%d/maps" % pid, encoding="utf-8") as f:
+        return {line.split()[-1] for line in f if line.split()[-1].startswith("/")}
+
+
+def mapped_names(pid):
+    return {os.path.basename(path) for path in mapped_files(pid)}
+
+
+class TlsModuleTest(unittest.TestCase):
+    def setUp(self):
+        self.dir = tempfile.TemporaryDirectory(prefix="tarsel-tls-module-")
+        self.addCleanup(self.dir.cleanup)
+        self.files = make_certificates(self.dir.name)
+
+    def tls_args(self):
+        cert, key = self.files["server"]
+        return ("--tls-port", "0", "--tls-cert", cert, "--tls-key", key,
+                "--tls-ca", self.files["ca"][0], "--tls-role", "operator=read-write")
+
+    def copied_daemon(self):
+        """The build's program copied into a directory of its own, with no
+        module beside it."""
+        program = os.path.join(self.dir.name, "elsewhere", "bin", "tarsel-modbusd")
+        os.makedirs(os.path.dirname(program))
+        shutil.copy2(DAEMON, program)
+        return program
+
+    def start_failing(self, program):
+        """Runs program with TLS until it exits; returns its exit status, its
+        log, and the module file and reason its failure names."""
+        out = subprocess.run([program, "--port", "0", "--scenario", "none", "--run-seconds", "20",
+                              *self.tls_args()], capture_output=True, text=True, timeout=60)
+        found = MODULE_FAILURE.search(out.stderr)
+        self.assertIsNotNone(found, out.stderr)
+        return out.returncode, out.stderr, found.group(1), found.group(2)
+
+    def test_a_daemon_without_tls_maps_neither_libssl_nor_libcrypto_nor_the_module(self):
+        with Daemon(args=("--scenario", "none")) as daemon:
+            mapped = mapped_names(daemon.process.pid)
+            status, _ = daemon.stop()
+        self.assertEqual(status, 0)
+        self.assertTrue(any(name.startswith("libmodbus.so") for name in mapped), mapped)
+        for library in ("libssl.so", "libcrypto.so", "tarsel-modbusd-tls"):
+            self.assertFalse(any(name.startswith(library) for name in mapped),
+                             "%s is mapped: %s" % (library, sorted(mapped)))
+
+    def test_a_daemon_with_tls_maps_its_module_and_openssl(self):
+        with Daemon(args=("--scenario", "none", *self.tls_args())) as daemon:
+            self.assertTrue(daemon.wait_for_log("Modbus/TCP Security (TLS) on 127.0.0.1:"))
+            mapped = mapped_names(daemon.process.pid)
+            status, _ = daemon.stop()
+        self.assertEqual(status, 0)
+        for library in ("libssl.so", "libcrypto.so", "tarsel-modbusd-tls"):
+            self.assertTrue(any(name.startswith(library) for name in mapped),
+                            "%s is not mapped: %s" % (library, sorted(mapped)))
+
+    def test_a_missing_module_is_a_start_up_error_naming_the_file_and_why(self):
+        program = self.copied_daemon()
+        status, log, module, reason = self.start_failing(program)
+        self.assertEqual(status, 2, log)
+        # Looked for beside the copy, not in the build tree it came from.
+        self.assertTrue(module.startswith(self.dir.name + "/elsewhere/"), module)
+        self.assertFalse(os.path.exists(module))
+        self.assertIn("No such file or directory", reason)
+        self.assertNotIn("listening on", log)
+
+    def test_a_broken_module_is_a_start_up_error_with_the_loaders_reason(self):
+        program = self.copied_daemon()
+        _, _, module, _ = self.start_failing(program)
+        os.makedirs(os.path.dirname(module), exist_ok=True)
+        with open(module, "w", encoding="utf-8") as f:
+            f.write("not a shared object\n" * 20)
+        status, log, named, reason = self.start_failing(program)
+        self.assertEqual(status, 2, log)
+        self.assertEqual(named, module)
+        self.assertIn("invalid ELF header", reason)
+        self.assertNotIn("listening on", log)
+
+    def test_a_copied_daemon_serves_tls_with_the_module_beside_it(self):
+        program = self.copied_daemon()
+        _, _, module, _ = self.start_failing(program)
+        # The build's own module, where the build's program finds it.
+        built = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(DAEMON)),
+                                              os.path.relpath(module, os.path.dirname(program))))
+        os.makedirs(os.path.dirname(module), exist_ok=True)
+        shutil.copy2(built, module)
+        with mock.patch.object(harness, "DAEMON", program):
+            with Daemon(args=("--scenario", "none", *self.tls_args())) as daemon:
+                self.assertTrue(daemon.wait_for_log("Modbus/TCP Security (TLS) on 127.0.0.1:"))
+                mapped = mapped_files(daemon.process.pid)
+                status, _ = daemon.stop()
+        self.assertEqual(status, 0)
+        self.assertIn(module, mapped)
+        self.assertNotIn(os.path.realpath(built), mapped)
+
+    def test_without_tls_a_daemon_without_its_module_serves_as_before(self):
+        program = self.copied_daemon()
+        with mock.patch.object(harness, "DAEMON", program):
+            with Daemon(args=("--scenario", "none")) as daemon:
+                daemon.client().close()
+                status, log = daemon.stop()
+        self.assertEqual(status, 0, log)
+        self.assertNotIn("TLS module", log)
+
+
+if __name__ == "__main__":
+    unittest.main()
