@@ -77,7 +77,8 @@ if(TARGET tarsel-modbusd)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME tarsel-modbusd)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
     # libupsclient6 is loaded by the program for --nut, not linked (no
-    # NEEDED entry): named here all the same.
+    # NEEDED entry): named here all the same. libssl3 is the TLS module's
+    # (loaded for --tls-port), not the program's.
     set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
         "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
         "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"

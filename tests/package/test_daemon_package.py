@@ -12,8 +12,10 @@ import shlex
 import shutil
 import signal
 import socket
+import ssl
 import stat
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -24,7 +26,10 @@ UNIT = "usr/lib/systemd/system/tarsel-modbusd.service"
 SETTINGS = "etc/tarsel-modbusd/tarsel-modbusd.json"
 SECRETS = "etc/tarsel-modbusd/secrets.json"
 MAN_PAGE = "usr/share/man/man8/tarsel-modbusd.8.gz"
+# The TLS module, under the package's library directory.
+TLS_MODULE = re.compile(r"(?m) \./(usr/lib/(?:[^ /]+/)?tarsel-modbusd/tarsel-modbusd-tls\.so)$")
 STARTUP_LIMIT_S = 20.0
+E2E_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e")
 
 
 def deb(name):
@@ -125,6 +130,41 @@ class DaemonPackageTest(unittest.TestCase):
             if library.startswith("libtarsel_"):
                 self.assertIn("libtarsel-modbus1", depends)
                 continue
+            owners = run("dpkg", "-S", "*/" + library).stdout
+            packages = {line.split(":")[0] for line in owners.splitlines()}
+            self.assertTrue(packages & depends,
+                            "%s comes from %s, none of which is in Depends: %s"
+                            % (library, sorted(packages), sorted(depends)))
+
+    def tls_module(self):
+        """The TLS module's path in the package, relative to the root."""
+        found = TLS_MODULE.search(run("dpkg-deb", "-c", self.deb).stdout)
+        self.assertIsNotNone(found, "the package holds no TLS module")
+        return found.group(1)
+
+    def test_package_holds_the_tls_module_where_the_program_looks_for_it(self):
+        module = self.tls_module()
+        # The program in the scratch root looks beside itself: it names this
+        # file when it cannot load it.
+        os.rename(self.path(module), self.path(module) + ".away")
+        try:
+            out = run(self.path("usr/bin/tarsel-modbusd"), "--port", "0", "--scenario", "none",
+                      "--run-seconds", "5", "--tls-port", "0", "--tls-cert", "c", "--tls-key",
+                      "k", "--tls-ca", "a", "--tls-role", "r=read-only",
+                      env=dict(os.environ, LD_LIBRARY_PATH=self.path("usr/lib")))
+        finally:
+            os.rename(self.path(module) + ".away", self.path(module))
+        self.assertEqual(out.returncode, 2, out.stderr)
+        self.assertIn('cannot load the TLS module "%s": ' % self.path(module), out.stderr)
+
+    def test_depends_name_the_package_of_every_library_the_tls_module_needs(self):
+        if not native():
+            self.skipTest("the build machine's dpkg knows only its own architecture's libraries")
+        elf = run("readelf", "-d", self.path(self.tls_module())).stdout
+        needed = re.findall(r"\(NEEDED\)\s+Shared library: \[([^\]]+)\]", elf)
+        self.assertIn("libssl.so.3", needed)
+        depends = {re.split(r"[ (]", d.strip())[0] for d in self.field("Depends").split(",")}
+        for library in needed:
             owners = run("dpkg", "-S", "*/" + library).stdout
             packages = {line.split(":")[0] for line in owners.splitlines()}
             self.assertTrue(packages & depends,
@@ -255,6 +295,52 @@ class DaemonPackageTest(unittest.TestCase):
             daemon.send_signal(signal.SIGTERM)
             status = daemon.wait(timeout=30)
             notify.close()
+        self.assertEqual(status, 0)
+
+    def test_packaged_program_serves_tls_with_the_packaged_module(self):
+        sys.path.insert(0, E2E_DIR)
+        from tls_certs import make_certificates
+        work = tempfile.mkdtemp(dir=self.scratch.name)
+        files = make_certificates(work)
+        cert, key = files["server"]
+        command = [self.path("usr/bin/tarsel-modbusd"), "--listen", "127.0.0.1", "--port", "0",
+                   "--run-seconds", "60", "--tls-port", "0", "--tls-cert", cert,
+                   "--tls-key", key, "--tls-ca", files["ca"][0],
+                   "--tls-role", "operator=read-write"]
+        env = dict(os.environ, LD_LIBRARY_PATH=self.path("usr/lib"))
+        env.pop("NOTIFY_SOCKET", None)
+        log_path = os.path.join(work, "log")
+        with open(log_path, "w", encoding="utf-8") as log:
+            daemon = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log, env=env)
+        try:
+            port = None
+            deadline = time.monotonic() + STARTUP_LIMIT_S
+            while port is None and time.monotonic() < deadline and daemon.poll() is None:
+                with open(log_path, encoding="utf-8") as f:
+                    found = re.search(r"Modbus/TCP Security \(TLS\) on 127\.0\.0\.1:(\d+)",
+                                      f.read())
+                port = int(found.group(1)) if found else None
+                time.sleep(0.1)
+            with open(log_path, encoding="utf-8") as f:
+                self.assertIsNotNone(port, f.read())
+            with open("/proc/%d/maps" % daemon.pid, encoding="utf-8") as f:
+                self.assertIn(self.path(self.tls_module()), f.read())
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+            context.load_verify_locations(files["ca"][0])
+            context.check_hostname = False
+            context.load_cert_chain(*files["operator"])
+            with socket.create_connection(("127.0.0.1", port), timeout=10) as raw:
+                with context.wrap_socket(raw) as tls:
+                    # FC4, one register: answered, with the registers or an
+                    # exception, through the module's session.
+                    tls.sendall(bytes.fromhex("000100000006" "0104" "003d" "0001"))
+                    answer = tls.recv(64)
+            self.assertGreaterEqual(len(answer), 9, answer)
+            self.assertEqual(answer[:2], b"\x00\x01")
+            self.assertIn(answer[7], (0x04, 0x84))
+        finally:
+            daemon.send_signal(signal.SIGTERM)
+            status = daemon.wait(timeout=30)
         self.assertEqual(status, 0)
 
 
