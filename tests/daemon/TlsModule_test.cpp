@@ -102,6 +102,22 @@ TEST(TlsModuleTest, AFileThatIsNoLibraryIsAFailureWithTheLoadersReason) {
     EXPECT_EQ(module.failure(), kPrefix + path + "\": invalid ELF header");
 }
 
+TEST(TlsModuleTest, AModuleOfAnotherInterfaceIsRefused) {
+    TlsModule const module(TARSEL_TLS_MODULE_OTHER_INTERFACE);
+    EXPECT_FALSE(module.loaded());
+    EXPECT_EQ(module.failure(), kPrefix + TARSEL_TLS_MODULE_OTHER_INTERFACE +
+                                    "\": it was built for another interface");
+    EXPECT_THROW(module.makeContext(TlsConfig{}), std::logic_error);
+}
+
+TEST(TlsModuleTest, AModuleOfAnotherVersionIsRefusedNamingBothVersions) {
+    TlsModule const module(TARSEL_TLS_MODULE_OTHER_VERSION);
+    EXPECT_FALSE(module.loaded());
+    EXPECT_EQ(module.failure(), kPrefix + TARSEL_TLS_MODULE_OTHER_VERSION +
+                                    "\": it was built for version 0.0.1, this program is " +
+                                    TARSEL_MODBUS_VERSION);
+}
+
 TEST(TlsModuleTest, ALibraryWithoutTheModulesTableIsAFailureNamingTheMissingSymbol) {
     // Any library this process has mapped anyway; it has no table.
     TlsModule const module("libm.so.6");
