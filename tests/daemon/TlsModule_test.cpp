@@ -115,7 +115,7 @@ TEST(TlsModuleTest, AModuleOfAnotherVersionIsRefusedNamingBothVersions) {
     EXPECT_FALSE(module.loaded());
     EXPECT_EQ(module.failure(), kPrefix + TARSEL_TLS_MODULE_OTHER_VERSION +
                                     "\": it was built for version 0.0.1, this program is " +
-                                    TARSEL_MODBUS_VERSION);
+                                    TARSEL_DAEMON_VERSION);
 }
 
 TEST(TlsModuleTest, ALibraryWithoutTheModulesTableIsAFailureNamingTheMissingSymbol) {

@@ -28,7 +28,8 @@ TlsModule::TlsModule(std::string path)
       // contexts stay mapped until the process exits.
       m_handle(::dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE)) {
     if (m_handle == nullptr) {
-        fail(::dlerror());
+        char const* const reason = ::dlerror();
+        fail(reason != nullptr ? reason : "the loader gives no reason");
         return;
     }
     ::dlerror();
@@ -53,9 +54,9 @@ void TlsModule::check(TlsModuleTable const* table) {
         fail("it was built for another interface");
         return;
     }
-    if (std::string(table->version) != TARSEL_MODBUS_VERSION) {
+    if (std::string(table->version) != TARSEL_DAEMON_VERSION) {
         fail(std::string("it was built for version ") + table->version + ", this program is " +
-             TARSEL_MODBUS_VERSION);
+             TARSEL_DAEMON_VERSION);
         return;
     }
     m_table = table;

@@ -10,7 +10,7 @@ std::unique_ptr<tarsel::daemon::TlsContext> makeContext(tarsel::daemon::TlsConfi
 }
 
 constexpr tarsel::daemon::TlsModuleTable kTable{tarsel::daemon::kTlsModuleInterface,
-                                                TARSEL_MODBUS_VERSION, makeContext};
+                                                TARSEL_DAEMON_VERSION, makeContext};
 
 }  // namespace
 
