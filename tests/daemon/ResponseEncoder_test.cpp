@@ -51,6 +51,21 @@ TEST(ResponseEncoderTest, BitReadsPackTheFirstBitIntoTheLowestBit) {
               (Bytes{0, 1, 0, 0, 0, 5, 1, 2, 2, 0b00001101, 0b00000010}));
 }
 
+TEST(ResponseEncoderTest, BitReadsIntoAKeptBufferPackOnlyTheirOwnBits) {
+    // The buffer held set bytes where the packed bits go: a bit that is off
+    // must read as off, not as what the buffer held.
+    Answer words = answerTo(3, 0, 3);
+    words.registers = {0xFFFF, 0xFFFF, 0xFFFF};
+    Bytes kept;
+    Bytes const wordsRequest = request(3, 0, 3);
+    encodeResponse(wordsRequest.data(), wordsRequest.size(), words, kept);
+    Answer bits = answerTo(1, 0, 10);
+    bits.bits = {0, 1, 0, 0, 0, 0, 0, 0, 0, 0};
+    Bytes const bitsRequest = request(1, 0, 10);
+    encodeResponse(bitsRequest.data(), bitsRequest.size(), bits, kept);
+    EXPECT_EQ(kept, (Bytes{0, 1, 0, 0, 0, 5, 1, 1, 2, 0b00000010, 0}));
+}
+
 TEST(ResponseEncoderTest, SingleWritesEchoTheRequest) {
     Bytes const coil = request(5, 3, 0xFF00);
     EXPECT_EQ(encode(coil, answerTo(5, 3, 1)), coil);

@@ -159,6 +159,37 @@ TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
     EXPECT_EQ(p.player.played(), 2u);
 }
 
+TEST(ScenarioTest, AnEventPlaysAtItsTimeToTheNanosecondAndNotBefore) {
+    Player p(R"({"events": [{"at": 0.5, "do": "log", "text": "a"},
+                            {"at": 0.75, "do": "log", "text": "b"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    p.player.start(start);
+    p.player.playDue(start + std::chrono::nanoseconds(499'999'999));
+    EXPECT_EQ(p.player.played(), 0u);
+    p.player.playDue(start + std::chrono::milliseconds(500));
+    EXPECT_EQ(p.player.played(), 1u);
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_EQ(*p.player.nextDue(), start + std::chrono::milliseconds(750));
+    p.player.playDue(start + std::chrono::milliseconds(749));
+    EXPECT_EQ(p.player.played(), 1u);
+    p.player.playDue(start + std::chrono::milliseconds(750));
+    EXPECT_EQ(p.player.played(), 2u);
+}
+
+TEST(ScenarioTest, NextDueCountsFromTheLatestStart) {
+    Player p(R"({"events": [{"at": 2, "do": "log", "text": "a"}]})");
+    auto const first = ScenarioPlayer::Clock::now();
+    p.player.start(first);
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_EQ(*p.player.nextDue(), first + std::chrono::seconds(2));
+    auto const later = first + std::chrono::seconds(10);
+    p.player.start(later);
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_EQ(*p.player.nextDue(), later + std::chrono::seconds(2));
+    p.player.playDue(first + std::chrono::seconds(3));
+    EXPECT_EQ(p.player.played(), 0u);
+}
+
 TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
     auto const errors = errorsOf("80E000000000000000000900004");
     ASSERT_EQ(errors.size(), 1u);

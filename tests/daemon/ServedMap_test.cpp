@@ -177,6 +177,30 @@ TEST(ServedMapTest, CoverIntoAKeptCoverageKeepsNothingOfTheRangeBefore) {
     EXPECT_TRUE(kept.entries.empty());
 }
 
+TEST(ServedMapTest, RangeOverOneRegisterEntriesCoversOneEntryPerRegister) {
+    // Entries at every address: each search must stop at the range's end,
+    // neither short of it nor past it, wherever the range lies in the table.
+    std::string map = R"({"entries": [)";
+    for (int address = 0; address < 9; ++address) {
+        map += (address > 0 ? "," : "") + std::string(R"({"name": "r)") + std::to_string(address) +
+               R"(", "table": "holding-registers", "address": )" + std::to_string(address) +
+               R"(, "encoder": "int16", "source": {"device": 2, "channel": "T"}})";
+    }
+    map += "]}";
+    TestDaemon daemon(map.c_str(), kCardOnly);
+    ServedMap const& served = daemon.core().map();
+    for (std::uint16_t address = 0; address < 9; ++address) {
+        for (std::uint16_t quantity = 1; address + quantity <= 9; ++quantity) {
+            Coverage const coverage =
+                served.cover(Table::HoldingRegisters, address, quantity, true);
+            ASSERT_EQ(coverage.exception, 0) << address << "+" << quantity;
+            ASSERT_EQ(coverage.entries.size(), quantity) << address << "+" << quantity;
+            EXPECT_EQ(coverage.entries.front()->definition.address, address);
+            EXPECT_EQ(coverage.entries.back()->definition.address, address + quantity - 1);
+        }
+    }
+}
+
 TEST(ServedMapTest, RangeThatEndsInsideAnEntryIsIllegalDataAddressForReadsAndWrites) {
     TestDaemon daemon(kMap, kCardOnly);
     ServedMap const& map = daemon.core().map();

@@ -155,28 +155,32 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         if ((fds[0].revents & POLLIN) != 0 && handleSignals(signals, core, log, extras)) {
             return 0;
         }
+        // One reading of the clock serves the whole pass: what runs in it
+        // takes microseconds, and every reading costs about as much as
+        // answering a register.
+        Clock::time_point const now = Clock::now();
         std::size_t first = 1;
         for (std::size_t i = 0; i < servers.size(); ++i) {
             if (ready > 0 || backlog) {
-                servers[i]->serve(fds.data() + first, sizes[i], Clock::now());
+                servers[i]->serve(fds.data() + first, sizes[i], now);
             }
-            servers[i]->expire(Clock::now());
+            servers[i]->expire(now);
             first += sizes[i];
         }
         if (extras.http != nullptr) {
             if (ready > 0) {
-                extras.http->serve(fds.data() + httpFirst, httpCount, Clock::now());
+                extras.http->serve(fds.data() + httpFirst, httpCount, now);
             }
-            extras.http->expire(Clock::now());
+            extras.http->expire(now);
         }
-        bool const played = updateSource(source, Clock::now());
-        retry.run(core, Clock::now(), played);
+        bool const played = updateSource(source, now);
+        retry.run(core, now, played);
         // After the requests and the source: what they changed is served
         // again within this pass when the entry is due.
-        core.refreshAttributeEntries(Clock::now());
+        core.refreshAttributeEntries(now);
         core.watchAvailability();
         log.summarise();
-        if (deadline && Clock::now() >= *deadline) {
+        if (deadline && now >= *deadline) {
             log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");
             return 0;
         }

@@ -67,6 +67,11 @@ void Log::limited(Level level, std::string const& kind, std::string const& text)
 }
 
 void Log::summarise() {
+    // Called on every pass of the loop: without a kind being limited there
+    // is nothing to end, and the clock need not be read.
+    if (m_limiter.idle()) {
+        return;
+    }
     for (auto const& summary : m_limiter.takeEnded(m_clock())) {
         write(static_cast<Level>(summary.tag),
               "... " + groupedThousands(summary.suppressed) + " more \"" + summary.kind +

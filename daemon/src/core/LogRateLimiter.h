@@ -33,6 +33,8 @@ class LogRateLimiter {
     /* The kinds whose window has ended by now with events held back, each
      * once; their windows start again. */
     std::vector<Summary> takeEnded(Clock::time_point now);
+    /* True while no kind has a window open: takeEnded() would find nothing. */
+    bool idle() const { return m_windows.empty(); }
 
   private:
     struct Window {

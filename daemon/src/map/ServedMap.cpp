@@ -40,6 +40,7 @@ ServedMap::ServedMap(RegisterMapDefinition const& definition, Log& log)
     }
     for (std::size_t table = 0; table < perTable.size(); ++table) {
         m_index[table].reserve(perTable[table]);
+        m_starts[table].reserve(perTable[table]);
     }
     for (auto const& entry : definition.entries) {
         add(entry);
@@ -99,15 +100,16 @@ std::optional<std::string> ServedMap::tryBuild(ServedEntry& entry) {
 void ServedMap::index(ServedEntry& entry) {
     auto const table = static_cast<std::size_t>(entry.definition.table);
     auto& entries = m_index[table];
+    auto& starts = m_starts[table];
     m_readListed[table] = m_readListed[table] || entry.definition.allowRead.has_value();
     std::uint16_t const address = entry.definition.address;
-    auto const at = std::lower_bound(
-        entries.begin(), entries.end(), address,
-        [](ServedEntry const* e, std::uint16_t a) { return e->definition.address < a; });
-    if (at != entries.end() && (*at)->definition.address == address) {
-        *at = &entry;
+    auto const at = std::lower_bound(starts.begin(), starts.end(), address);
+    auto const position = at - starts.begin();
+    if (at != starts.end() && *at == address) {
+        entries[static_cast<std::size_t>(position)] = &entry;
     } else {
-        entries.insert(at, &entry);
+        starts.insert(at, address);
+        entries.insert(entries.begin() + position, &entry);
     }
 }
 
@@ -278,32 +280,34 @@ void ServedMap::cover(Table table, std::uint16_t address, std::uint16_t quantity
     result.entries.clear();
     result.exception = 0;
     auto const& index = m_index[static_cast<std::size_t>(table)];
+    auto const& starts = m_starts[static_cast<std::size_t>(table)];
     if (index.empty() || quantity == 0) {
         result.exception = kIllegalDataAddress;
         return;
     }
     std::uint32_t const end = std::uint32_t{address} + quantity;
     // The first entry that starts after `address`.
-    auto it = std::upper_bound(
-        index.begin(), index.end(), address,
-        [](std::uint16_t a, ServedEntry const* e) { return a < e->definition.address; });
-    if (it != index.begin()) {
-        ServedEntry const* before = *std::prev(it);
+    auto first = std::upper_bound(starts.begin(), starts.end(), address);
+    if (first != starts.begin()) {
+        ServedEntry const* before = index[static_cast<std::size_t>(first - starts.begin()) - 1];
         if (before->definition.address < address && before->definition.end() > address) {
             result.exception = kIllegalDataAddress;  // starts inside an entry
             return;
         }
         if (before->definition.address == address) {
-            --it;
+            --first;
         }
     }
     // The covered entries are one run of the index, found by a second binary
     // search and copied at once (a range of 125 registers is up to 125
-    // entries); only a write looks at each of them, for holes.
+    // entries); only a write looks at each of them, for holes. Entries start
+    // at distinct addresses, so at most `quantity` of them start in the
+    // range: the search looks no further.
+    auto const bound = starts.end() - first > quantity ? first + quantity : starts.end();
     auto const last = std::lower_bound(
-        it, index.end(), end,
-        [](ServedEntry const* e, std::uint32_t a) { return e->definition.address < a; });
-    result.entries.assign(it, last);
+        first, bound, end, [](std::uint16_t start, std::uint32_t a) { return start < a; });
+    result.entries.assign(index.begin() + (first - starts.begin()),
+                          index.begin() + (last - starts.begin()));
     bool hole = false;
     if (write) {
         std::uint32_t expected = address;  // where the next entry must start

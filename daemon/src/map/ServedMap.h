@@ -116,6 +116,10 @@ class ServedMap {
     // Per table, the entries in address order: a request range is one binary
     // search and a walk over neighbours in memory.
     std::array<std::vector<ServedEntry*>, 4> m_index;
+    // Per table, the first address of each entry of m_index, in the same
+    // order: the searches of a request read these few packed words instead
+    // of an entry (a cache line of its own) at every step.
+    std::array<std::vector<std::uint16_t>, 4> m_starts;
     // Per table, whether an entry of it has its own allow list for reads.
     std::array<bool, 4> m_readListed{};
     // Entries without an encoder; add(), buildPending() and rebuild() keep it.

@@ -160,8 +160,8 @@ struct AuditLine {
 
 /* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
  * whatever port it connects from. */
-std::string addressOf(std::string const& client) {
-    return client.substr(0, client.rfind(':'));
+std::string addressOf(std::string_view client) {
+    return std::string(client.substr(0, client.rfind(':')));
 }
 
 /* The words of a write that fall on one entry. */
@@ -262,8 +262,8 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
         return refuse(answer, ec::kIllegalDataValue);
     }
     Table const table = *tableOf(answer.function);
-    if (std::string const why = readRefusal(table, {}); !why.empty()) {
-        return refuseRead(answer, why);
+    if (!mayReadTable(table)) {
+        return refuseRead(answer, readRefusal(table, {}));
     }
     Coverage& coverage = m_readCoverage;
     m_map.cover(table, answer.address, answer.quantity, false, coverage);
@@ -509,7 +509,7 @@ Answer RequestHandler::writeRemote(Answer answer, ServedEntry const& entry,
              outcome.exception == 0 ? Log::Level::Info : Log::Level::Warning);
     };
     std::optional<RemoteOutcome> const known =
-        m_remote->start(entry, part, m_origin->client, std::move(done));
+        m_remote->start(entry, part, std::string(m_origin->client), std::move(done));
     if (known) {
         replies->discard(token);
         note(head + known->text + tail,
@@ -544,12 +544,17 @@ std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* opera
     return ec::kServerDeviceFailure;
 }
 
+bool RequestHandler::mayReadTable(Table table) const {
+    RequestOrigin const& origin = *m_origin;
+    return origin.rules == nullptr || origin.rules->mayRead(table, origin.ipv4);
+}
+
 std::string RequestHandler::readRefusal(Table table,
                                         std::vector<ServedEntry*> const& entries) const {
-    RequestOrigin const& origin = *m_origin;
-    if (origin.rules != nullptr && !origin.rules->mayRead(table, origin.ipv4)) {
+    if (!mayReadTable(table)) {
         return "not allowed for this client";
     }
+    RequestOrigin const& origin = *m_origin;
     for (ServedEntry const* entry : entries) {
         if (entry->definition.allowRead &&
             !listContains(*entry->definition.allowRead, origin.ipv4)) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "AccessRules.h"
@@ -53,7 +54,9 @@ struct Answer {
 
 /* Who sent a request, and what it may do. */
 struct RequestOrigin {
-    std::string client = "local";        // "127.0.0.1:40212", for the log
+    // "127.0.0.1:40212", for the log: a view of the connection's own text,
+    // which outlives the requests it sends (no copy per request).
+    std::string_view client = "local";
     std::uint32_t ipv4 = 0x7F000001;     // host byte order
     AccessRules const* rules = nullptr;  // the listener's; none: everything allowed
     bool roleMayWrite = true;            // false for a read-only role of a client certificate
@@ -117,6 +120,8 @@ class RequestHandler {
     std::string currentValue(ServedEntry const& entry) const;
     std::uint8_t failure(ServedEntry const& entry, char const* operation, char const* what);
     /* Why the origin may not read or write there; empty when it may. */
+    /* Whether the client's address may read the table at all. */
+    bool mayReadTable(Table table) const;
     std::string readRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
     std::string writeRefusal(Table table, std::vector<ServedEntry*> const& entries) const;
     void audit(ServedEntry const& entry, std::string const& before,

@@ -1,5 +1,6 @@
 #include "ResponseEncoder.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -11,57 +12,64 @@ constexpr std::size_t kHeaderLength = 7;
 // The largest frame: the header, the function code and 253 bytes.
 constexpr std::size_t kMaxFrame = 260;
 
-void putWord(std::vector<std::uint8_t>& out, std::uint16_t value) {
-    out.push_back(static_cast<std::uint8_t>(value >> 8));
-    out.push_back(static_cast<std::uint8_t>(value & 0xFF));
+std::uint8_t* putWord(std::uint8_t* out, std::uint16_t value) {
+    *out++ = static_cast<std::uint8_t>(value >> 8);
+    *out++ = static_cast<std::uint8_t>(value & 0xFF);
+    return out;
 }
 
-void putPackedBits(std::vector<std::uint8_t>& out, std::vector<std::uint8_t> const& bits) {
-    std::size_t const first = out.size();
-    out.resize(first + (bits.size() + 7) / 8, 0);
-    // Through a local pointer, as putBody() writes words.
-    std::uint8_t* const packed = out.data() + first;
-    for (std::size_t i = 0; i < bits.size(); ++i) {
-        if (bits[i] != 0) {
-            packed[i / 8] = static_cast<std::uint8_t>(packed[i / 8] | (1u << (i % 8)));
-        }
+/* The bytes of the PDU after the function code, so that the frame is sized
+ * once and written through a pointer. */
+std::size_t bodyLength(Answer const& answer) {
+    if (answer.exception != 0) {
+        return 1;
     }
-}
-
-/* Appends the PDU after the function code. */
-void putBody(std::vector<std::uint8_t>& out, std::uint8_t const* requestPdu, Answer const& answer) {
     switch (answer.function) {
         case 1:
         case 2:
-            out.push_back(static_cast<std::uint8_t>((answer.bits.size() + 7) / 8));
-            putPackedBits(out, answer.bits);
-            break;
+            return 1 + (answer.bits.size() + 7) / 8;
         case 3:
-        case 4: {
-            out.push_back(static_cast<std::uint8_t>(answer.registers.size() * 2));
-            std::size_t const at = out.size();
-            out.resize(at + answer.registers.size() * 2);
-            // Through a local pointer: a store through the vector's own
-            // would make the compiler reload its data pointer every byte.
-            std::uint8_t* byte = out.data() + at;
-            for (std::uint16_t const word : answer.registers) {
-                *byte++ = static_cast<std::uint8_t>(word >> 8);
-                *byte++ = static_cast<std::uint8_t>(word & 0xFF);
+        case 4:
+            return 1 + answer.registers.size() * 2;
+        case 0x2B:
+            return answer.body.size();
+        default:  // 5, 6: address and value; 15, 16: the range written
+            return 4;
+    }
+}
+
+/* Writes the PDU after the function code into `out`, which the caller sized
+ * with bodyLength() and filled with zeros. */
+void putBody(std::uint8_t* out, std::uint8_t const* requestPdu, Answer const& answer) {
+    switch (answer.function) {
+        case 1:
+        case 2: {
+            *out++ = static_cast<std::uint8_t>((answer.bits.size() + 7) / 8);
+            for (std::size_t i = 0; i < answer.bits.size(); ++i) {
+                if (answer.bits[i] != 0) {
+                    out[i / 8] = static_cast<std::uint8_t>(out[i / 8] | (1u << (i % 8)));
+                }
             }
             break;
         }
+        case 3:
+        case 4:
+            *out++ = static_cast<std::uint8_t>(answer.registers.size() * 2);
+            for (std::uint16_t const word : answer.registers) {
+                out = putWord(out, word);
+            }
+            break;
         case 5:
         case 6:
             // The answer to a single write is the request itself.
-            out.insert(out.end(), requestPdu + 1, requestPdu + 5);
+            std::memcpy(out, requestPdu + 1, 4);
             break;
         case 0x2B:
             // Read Device Identification: built whole by its own encoder.
-            out.insert(out.end(), answer.body.begin(), answer.body.end());
+            std::copy(answer.body.begin(), answer.body.end(), out);
             break;
         default:  // 15, 16: the range written
-            putWord(out, answer.address);
-            putWord(out, answer.quantity);
+            putWord(putWord(out, answer.address), answer.quantity);
             break;
     }
 }
@@ -73,26 +81,25 @@ void encodeResponse(std::uint8_t const* request, std::size_t length, Answer cons
     if (length < kHeaderLength || answer.function >= 0x80) {
         throw std::logic_error("no Modbus answer can be built for this request");
     }
+    std::size_t const body = bodyLength(answer);
     frame.clear();
     frame.reserve(kMaxFrame);
-    // The header and the function code written in place, not byte by byte.
-    frame.resize(kHeaderLength + 1);
+    // One resize, zeros throughout (the packed bits are set into them).
+    frame.resize(kHeaderLength + 1 + body);
     std::uint8_t* const head = frame.data();
     std::memcpy(head, request, 4);  // transaction and protocol id
-    head[4] = 0;                    // the length, set below
-    head[5] = 0;
+    // Unit id and PDU.
+    std::size_t const following = frame.size() - 6;
+    head[4] = static_cast<std::uint8_t>(following >> 8);
+    head[5] = static_cast<std::uint8_t>(following & 0xFF);
     head[6] = request[6];  // unit id
     if (answer.exception != 0) {
         head[7] = static_cast<std::uint8_t>(answer.function | 0x80);
-        frame.push_back(answer.exception);
+        head[8] = answer.exception;
     } else {
         head[7] = answer.function;
-        putBody(frame, request + kHeaderLength, answer);
+        putBody(head + kHeaderLength + 1, request + kHeaderLength, answer);
     }
-    // Unit id and PDU.
-    std::size_t const following = frame.size() - 6;
-    frame[4] = static_cast<std::uint8_t>(following >> 8);
-    frame[5] = static_cast<std::uint8_t>(following & 0xFF);
 }
 
 std::vector<std::uint8_t> encodeResponse(std::uint8_t const* request, std::size_t length,

@@ -60,6 +60,7 @@ void ScenarioPlayer::seed() {
 
 void ScenarioPlayer::start(Clock::time_point now) {
     m_start = now;
+    m_earliestKnown = false;  // its time counts from the start
 }
 
 ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
@@ -76,21 +77,27 @@ ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
     }
     m_earliest =
         best != nullptr ? static_cast<std::size_t>(best - m_pending.data()) : m_pending.size();
+    m_earliestAt = best != nullptr ? m_start + std::chrono::duration_cast<Clock::duration>(
+                                                   std::chrono::duration<double>(best->next))
+                                   : Clock::time_point::max();
     m_earliestKnown = true;
     return best;
 }
 
 std::optional<ScenarioPlayer::Clock::time_point> ScenarioPlayer::nextDue() const {
     auto* self = const_cast<ScenarioPlayer*>(this);
-    Pending const* next = self->earliest();
-    if (next == nullptr) {
+    if (self->earliest() == nullptr) {
         return std::nullopt;
     }
-    return m_start +
-           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(next->next));
+    return m_earliestAt;
 }
 
 void ScenarioPlayer::playDue(Clock::time_point now) {
+    // The cast to the clock's ticks truncates, so before that time nothing
+    // can be due; from it on, seconds decide exactly as they always did.
+    if (earliest() == nullptr || now < m_earliestAt) {
+        return;
+    }
     double const elapsed = std::chrono::duration<double>(now - m_start).count();
     // Bounded: each run moves the event's time forward or uses up its runs.
     for (Pending* next = earliest(); next != nullptr && next->next <= elapsed; next = earliest()) {
