@@ -190,6 +190,44 @@ TEST(ScenarioTest, NextDueCountsFromTheLatestStart) {
     EXPECT_EQ(p.player.played(), 0u);
 }
 
+TEST(ScenarioTest, AnEventMonthsIntoTheRunPlaysOnceItsSecondsAreReached) {
+    // Past 2^23 s a nanosecond less than the event's time in clock ticks can
+    // already read as the event's time in seconds: the event is due then.
+    Player p(R"({"events": [{"at": 8500000.0000000019, "do": "log", "text": "a"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    p.player.start(start);
+    auto const elapsed = std::chrono::nanoseconds(8'500'000'000'000'001);
+    ASSERT_GE(std::chrono::duration<double>(elapsed).count(), 8500000.0000000019);
+    p.player.playDue(start + elapsed);
+    EXPECT_EQ(p.player.played(), 1u);
+}
+
+TEST(ScenarioTest, NextDueIsTheFirstTickAtWhichTheEventPlays) {
+    // 0.1 three times over is a little more than 0.3: at 300,000,000 ns the
+    // event is not due yet, so the loop must not be told to wake then.
+    for (char const* at : {"0.30000000000000004", "0.5", "8500000.0000000019", "1e-9"}) {
+        Player p(std::string(R"({"events": [{"at": )") + at + R"(, "do": "log", "text": "a"}]})");
+        auto const start = ScenarioPlayer::Clock::now();
+        p.player.start(start);
+        ASSERT_TRUE(p.player.nextDue()) << at;
+        auto const due = *p.player.nextDue();
+        p.player.playDue(due - std::chrono::nanoseconds(1));
+        EXPECT_EQ(p.player.played(), 0u) << at;
+        p.player.playDue(due);
+        EXPECT_EQ(p.player.played(), 1u) << at;
+    }
+}
+
+TEST(ScenarioTest, AnEventBeyondWhatTheClockCanReachIsNeverDue) {
+    Player p(R"({"events": [{"at": 1e300, "do": "log", "text": "a"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    p.player.start(start);
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_GT(*p.player.nextDue(), start + std::chrono::hours(24 * 365 * 100));
+    p.player.playDue(start + std::chrono::hours(24 * 365));
+    EXPECT_EQ(p.player.played(), 0u);
+}
+
 TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
     auto const errors = errorsOf("80E000000000000000000900004");
     ASSERT_EQ(errors.size(), 1u);

@@ -98,8 +98,8 @@ class ScenarioPlayer {
     // Where earliest() found it (past the end: none), until a run changes it.
     std::size_t m_earliest = 0;
     bool m_earliestKnown = false;
-    // The time of that event (max: none), for the loop's questions on
-    // every pass: a comparison instead of arithmetic in seconds.
+    // The first tick at which that event is due (max: none), for the loop's
+    // questions on every pass: a comparison instead of arithmetic in seconds.
     Clock::time_point m_earliestAt = Clock::time_point::max();
     std::map<std::string, unsigned long long> m_names;
     Clock::time_point m_start{};

@@ -39,6 +39,31 @@ json const& fieldOrEmpty(json const& object, char const* key, json::value_t type
     return type == json::value_t::array ? kNoArray : kNoObject;
 }
 
+/* The first time whose elapsed seconds since `start`, as playDue() reads
+ * them, reach `seconds`: the event is due from then on and not before. The
+ * cast to ticks alone can land a tick either side of it (a time that is not
+ * a whole number of nanoseconds; past 2^23 s, one that several ticks read
+ * as); the division rounds monotonically, so a few steps settle it. A time
+ * the clock cannot reach (with room to spare for the steps) is never. */
+ScenarioPlayer::Clock::time_point firstTickAt(ScenarioPlayer::Clock::time_point start,
+                                              double seconds) {
+    using Clock = ScenarioPlayer::Clock;
+    using Seconds = std::chrono::duration<double>;
+    constexpr Clock::duration kTick{1};
+    Clock::duration const room = Clock::time_point::max() - start;
+    if (!(seconds < Seconds(room).count() / 2)) {
+        return Clock::time_point::max();
+    }
+    auto tick = std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
+    while (Seconds(tick).count() < seconds) {
+        tick += kTick;
+    }
+    while (Seconds(tick - kTick).count() >= seconds) {
+        tick -= kTick;
+    }
+    return start + tick;
+}
+
 }  // namespace
 
 ScenarioPlayer::ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log)
@@ -77,9 +102,7 @@ ScenarioPlayer::Pending* ScenarioPlayer::earliest() {
     }
     m_earliest =
         best != nullptr ? static_cast<std::size_t>(best - m_pending.data()) : m_pending.size();
-    m_earliestAt = best != nullptr ? m_start + std::chrono::duration_cast<Clock::duration>(
-                                                   std::chrono::duration<double>(best->next))
-                                   : Clock::time_point::max();
+    m_earliestAt = best != nullptr ? firstTickAt(m_start, best->next) : Clock::time_point::max();
     m_earliestKnown = true;
     return best;
 }
@@ -93,8 +116,8 @@ std::optional<ScenarioPlayer::Clock::time_point> ScenarioPlayer::nextDue() const
 }
 
 void ScenarioPlayer::playDue(Clock::time_point now) {
-    // The cast to the clock's ticks truncates, so before that time nothing
-    // can be due; from it on, seconds decide exactly as they always did.
+    // Before that tick nothing is due; from it on, seconds decide as they
+    // always did.
     if (earliest() == nullptr || now < m_earliestAt) {
         return;
     }
