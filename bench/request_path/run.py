@@ -169,23 +169,49 @@ def callgrind_instructions(out_file):
     raise RuntimeError(f"no totals in {out_file}")
 
 
+# How long a dump asked of callgrind may take to appear.
+DUMP_WAIT_SECONDS = 60
+
+
+def new_dump(workdir, before, pid):
+    """The dump of process `pid` that is not among the names `before`; None
+    while there is none. Callgrind names a process's dumps callgrind.out.<pid>
+    and callgrind.out.<pid>.<n>."""
+    own = f"callgrind.out.{pid}"
+    fresh = [name for name in os.listdir(workdir)
+             if name not in before and (name == own or name.startswith(own + "."))]
+    if len(fresh) > 1:
+        raise RuntimeError(f"more than one new dump of process {pid}: {sorted(fresh)}")
+    return os.path.join(workdir, fresh[0]) if fresh else None
+
+
 def measured_instructions(server, client, request, count, workdir):
     """Instructions the server executes for `count` requests, less what it
     executes idle over the same time."""
+    pid = server.process.pid
+
     def window(action):
-        prefix = os.path.join(workdir, f"{server.process.pid}-{time.monotonic_ns()}")
-        subprocess.run(["callgrind_control", "--zero", str(server.process.pid)],
-                       check=True, capture_output=True)
+        subprocess.run(["callgrind_control", "--zero", str(pid)], check=True, capture_output=True)
         started = time.monotonic()
         action()
         elapsed = time.monotonic() - started
-        subprocess.run(["callgrind_control", f"--dump={prefix}", str(server.process.pid)],
-                       check=True, capture_output=True)
-        time.sleep(0.2)
-        dumps = [f for f in os.listdir(workdir) if f.startswith("callgrind.out") and
-                 os.path.getmtime(os.path.join(workdir, f)) >= started]
-        newest = max(dumps, key=lambda f: os.path.getmtime(os.path.join(workdir, f)))
-        return callgrind_instructions(os.path.join(workdir, newest)), elapsed
+        # The window's own dump, told apart by name from every dump before it
+        # and from other processes' dumps.
+        before = set(os.listdir(workdir))
+        subprocess.run(["callgrind_control", "--dump", str(pid)], check=True,
+                       capture_output=True)
+        deadline = time.monotonic() + DUMP_WAIT_SECONDS
+        while True:
+            dump = new_dump(workdir, before, pid)
+            if dump is not None:
+                try:
+                    return callgrind_instructions(dump), elapsed
+                except RuntimeError:
+                    pass  # still being written
+            if time.monotonic() >= deadline:
+                raise RuntimeError(f"callgrind wrote no whole dump of process {pid} "
+                                   f"within {DUMP_WAIT_SECONDS} s")
+            time.sleep(0.1)
 
     busy, elapsed = window(lambda: load(client, server.port, request, count, 1))
     idle, _ = window(lambda: time.sleep(elapsed))
