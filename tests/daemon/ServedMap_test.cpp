@@ -2,6 +2,9 @@
 // they are served while pending, and how they are built once it appears.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include <nlohmann/json.hpp>
 
 #include "DaemonTestSupport.h"
@@ -197,6 +200,95 @@ TEST(ServedMapTest, RangeOverOneRegisterEntriesCoversOneEntryPerRegister) {
             ASSERT_EQ(coverage.entries.size(), quantity) << address << "+" << quantity;
             EXPECT_EQ(coverage.entries.front()->definition.address, address);
             EXPECT_EQ(coverage.entries.back()->definition.address, address + quantity - 1);
+        }
+    }
+}
+
+/* What cover() answers, worked out entry by entry over the whole list. */
+struct Span {
+    std::uint32_t address;
+    std::uint32_t end;
+};
+std::vector<std::uint32_t> coveredByScan(std::vector<Span> const& spans, std::uint32_t address,
+                                         std::uint32_t quantity, bool write) {
+    std::uint32_t const end = address + quantity;
+    std::vector<std::uint32_t> covered;
+    for (Span const& span : spans) {
+        if (span.address < address && span.end > address) {
+            return {};  // starts inside an entry
+        }
+        if (span.address >= address && span.address < end) {
+            covered.push_back(span.address);
+        }
+    }
+    if (quantity == 0 || covered.empty()) {
+        return {};
+    }
+    std::uint32_t expected = address;
+    for (Span const& span : spans) {
+        if (span.address < address || span.address >= end) {
+            continue;
+        }
+        if (span.end > end || (write && span.address != expected)) {
+            return {};
+        }
+        expected = span.end;
+    }
+    if (write && expected != end) {
+        return {};
+    }
+    return covered;
+}
+
+TEST(ServedMapTest, CoverAgreesWithAScanOfEveryEntryOnMapsWithGapsAndWideEntries) {
+    // Entries of one to four registers with gaps of up to two, in three runs,
+    // the last ending at the last address of the table: every range over and
+    // around them.
+    std::mt19937 random(20261124);
+    std::vector<std::uint32_t> const bases = {0, 1000, 65536 - 40};
+    std::vector<Span> spans;
+    std::string map = R"({"entries": [)";
+    for (std::uint32_t const base : bases) {
+        std::uint32_t at = base;
+        while (true) {
+            std::uint32_t const size = 1 + random() % 4;
+            if (at + size > base + 40) {
+                break;
+            }
+            map += (spans.empty() ? "" : ",") + std::string(R"({"name": "e)") + std::to_string(at) +
+                   R"(", "table": "holding-registers", "address": )" + std::to_string(at) +
+                   R"(, "encoder": "string", "size": )" + std::to_string(size) +
+                   R"(, "source": {"device": 2, "channel": "T"}})";
+            spans.push_back({at, at + size});
+            at += size + random() % 3;
+        }
+    }
+    map += "]}";
+    ASSERT_GE(spans.size(), 30u);
+    ASSERT_EQ(spans.back().end, 65536u) << "the seed no longer reaches the table's end";
+    TestDaemon daemon(map.c_str(), kCardOnly);
+    ServedMap const& served = daemon.core().map();
+    for (std::uint32_t const base : bases) {
+        std::uint32_t const first = base >= 3 ? base - 3 : 0;
+        std::uint32_t const last = std::min<std::uint32_t>(base + 43, 65536);
+        for (std::uint32_t address = first; address < last; ++address) {
+            for (std::uint32_t quantity = 0; quantity <= 20 && address + quantity <= 65536;
+                 ++quantity) {
+                for (bool const write : {false, true}) {
+                    Coverage const coverage =
+                        served.cover(Table::HoldingRegisters, static_cast<std::uint16_t>(address),
+                                     static_cast<std::uint16_t>(quantity), write);
+                    std::vector<std::uint32_t> starts;
+                    for (ServedEntry const* entry : coverage.entries) {
+                        starts.push_back(entry->definition.address);
+                    }
+                    std::vector<std::uint32_t> const expected =
+                        coveredByScan(spans, address, quantity, write);
+                    ASSERT_EQ(starts, expected) << address << "+" << quantity << " " << write;
+                    ASSERT_EQ(coverage.exception, expected.empty() ? 2 : 0)
+                        << address << "+" << quantity << " " << write;
+                }
+            }
         }
     }
 }
