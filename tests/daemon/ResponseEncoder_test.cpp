@@ -88,6 +88,41 @@ TEST(ResponseEncoderTest, ExceptionsSetTheTopBitOfTheFunctionCode) {
     EXPECT_EQ(encode(request(0, 0, 0), zero), (Bytes{0, 1, 0, 0, 0, 3, 1, 0x80, 0x01}));
 }
 
+TEST(ResponseEncoderTest, DeviceIdentificationCarriesItsBodyWholeAndCountsItInTheLength) {
+    Answer answer = answerTo(0x2B, 0, 0);
+    answer.body = {0x0E, 0x01, 0x01, 0x00, 0x00, 0x01, 0x00, 0x03, 'T', 'S', 'L'};
+    Bytes const frame = request(0x2B, 0x0E01, 0, 9);
+    Bytes expected = {0, 1, 0, 0, 0, 13, 9, 0x2B};
+    expected.insert(expected.end(), answer.body.begin(), answer.body.end());
+    EXPECT_EQ(encode(frame, answer), expected);
+}
+
+TEST(ResponseEncoderTest, AnswersOfEveryLengthFollowEachOtherInOneKeptBuffer) {
+    // Longer than the buffer's first reserve, then shorter, then longer again:
+    // each frame is whole, with nothing left of the one before.
+    Answer input = answerTo(4, 0, 127);
+    for (std::uint16_t i = 0; i < 127; ++i) {
+        input.registers.push_back(static_cast<std::uint16_t>(0x0100 + i));
+    }
+    Bytes const inputRequest = request(4, 0, 127);
+    Bytes kept;
+    encodeResponse(inputRequest.data(), inputRequest.size(), input, kept);
+    ASSERT_EQ(kept.size(), 7u + 2u + 254u);
+    EXPECT_EQ(kept[4], 1);
+    EXPECT_EQ(kept[5], 1);  // 257: unit id, function, count and 254 bytes
+    EXPECT_EQ(kept[8], 254);
+    EXPECT_EQ(kept[9 + 2 * 126], 0x01);
+    EXPECT_EQ(kept[9 + 2 * 126 + 1], 126);
+    Bytes const coils = testing::writeCoils(7, std::vector<bool>(9, true));
+    encodeResponse(coils.data(), coils.size(), answerTo(15, 7, 9), kept);
+    EXPECT_EQ(kept, (Bytes{0, 1, 0, 0, 0, 6, 1, 15, 0, 7, 0, 9}));
+    Answer bits = answerTo(1, 0, 17);
+    bits.bits.assign(17, 1);
+    Bytes const bitsRequest = request(1, 0, 17);
+    encodeResponse(bitsRequest.data(), bitsRequest.size(), bits, kept);
+    EXPECT_EQ(kept, (Bytes{0, 1, 0, 0, 0, 6, 1, 1, 3, 0xFF, 0xFF, 0x01}));
+}
+
 TEST(ResponseEncoderTest, RefusesAFunctionCodeThatHasNoExceptionAnswer) {
     Answer answer = answerTo(0x81, 0, 0);
     answer.exception = 0x01;
