@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "ClientConnection.h"
+#include "ScriptedTls.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -170,6 +171,61 @@ TEST_F(ClientConnectionTest, PlacesForAnswersToComeCountAgainstTheOutputLimit) {
         ASSERT_LT(token, 1000u) << "places were reserved without bound";
     }
     EXPECT_EQ(token - 1, 1024u / 12u);
+}
+
+/* A TLS client over a socket pair whose session holds `frames` requests. */
+class TlsClientConnectionTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+        m_peer = fds[1];
+        m_connection = std::make_unique<ClientConnection>(
+            fds[0], PeerAddress{}, m_now, 1024,
+            std::make_unique<testing::ScriptedTlsSession>(fds[0], m_script));
+    }
+    void TearDown() override { ::close(m_peer); }
+
+    /* Takes every whole frame received; returns how many there were. */
+    std::size_t takeAll() {
+        Bytes frame;
+        std::size_t count = 0;
+        while (m_connection->takeFrame(frame) == ClientConnection::FrameStatus::Complete) {
+            ++count;
+        }
+        return count;
+    }
+
+    SteadyClock::time_point m_now{};
+    int m_peer = -1;
+    std::shared_ptr<testing::TlsScript> m_script = std::make_shared<testing::TlsScript>();
+    std::unique_ptr<ClientConnection> m_connection;
+};
+
+TEST_F(TlsClientConnectionTest, ATlsClientIsReadNoFurtherAheadOfItsAnswersThanAPlainOne) {
+    // A client that sends without pause: 1.2 MB of requests ready to read.
+    m_script->input = testing::repeated(kRead, 100'000);
+    ASSERT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Open);
+    // A plain connection stops below 4 KiB plus one read of 4 KiB.
+    EXPECT_LT(m_script->handedOut, 2u * 4096u);
+    EXPECT_FALSE(m_connection->wantsRead());
+}
+
+TEST_F(TlsClientConnectionTest, WhatTheSessionStillHoldsIsReadOnceTheFramesBeforeItAreTaken) {
+    std::size_t const frames = 1000;
+    m_script->input = testing::repeated(kRead, frames);
+    ASSERT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Open);
+    std::size_t taken = takeAll();
+    ASSERT_LT(taken, frames);
+    // The socket shows nothing of what the session holds: the connection
+    // says there is more to read.
+    for (int turn = 0; turn < 100 && m_connection->hasUnreadInput(); ++turn) {
+        ASSERT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Open);
+        taken += takeAll();
+    }
+    EXPECT_EQ(taken, frames);
+    EXPECT_FALSE(m_connection->hasUnreadInput());
+    EXPECT_TRUE(m_connection->wantsRead());
 }
 
 TEST(PeerAddressTest, NamesTheAddressAndPort) {

@@ -12,6 +12,7 @@
 #include "DaemonTestSupport.h"
 #include "DescriptorExhaustion.h"
 #include "ModbusServer.h"
+#include "ScriptedTls.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -75,6 +76,16 @@ class ModbusServerTest : public ::testing::Test {
     }
     void pump() {
         pumpUntil([] { return false; }, 5);
+    }
+
+    /* The server listens for TLS clients instead, whose sessions hand out
+     * what the script holds. */
+    void listenWithTls(std::shared_ptr<testing::TlsScript> const& script) {
+        ListenConfig config;
+        config.port = 0;
+        config.tls = std::make_shared<testing::ScriptedTlsContext>(script);
+        m_server = std::make_unique<ModbusServer>(config, ClientLimits{}, m_daemon.core().handler(),
+                                                  m_daemon.log());
     }
 
     /* Waits until the client's socket has something to read. */
@@ -162,6 +173,29 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     send(next, withTransaction(testing::request(3, 2, 1), 3));
     ASSERT_TRUE(readable(next));
     EXPECT_EQ(answers(next), std::vector<int>{3});
+}
+
+TEST_F(ModbusServerTest, ATlsClientSendingWithoutPauseIsReadOnlyAFewKilobytesAheadOfItsAnswers) {
+    auto const script = std::make_shared<testing::TlsScript>();
+    script->input = testing::repeated(testing::request(3, 2, 1), 100'000);  // 1.2 MB
+    listenWithTls(script);
+    send(connectClient(), {0});  // wakes the server up: the handshake, then reads
+    ASSERT_TRUE(pumpUntil([&] { return script->handedOut > 0; }));
+    // As on a plain connection: below 4 KiB waiting, plus one read.
+    EXPECT_LT(script->handedOut, 2u * 4096u);
+}
+
+TEST_F(ModbusServerTest, EveryRequestATlsSessionHoldsIsAnsweredThoughTheSocketShowsNone) {
+    auto const script = std::make_shared<testing::TlsScript>();
+    std::size_t const requests = 1000;
+    script->input = testing::repeated(testing::request(3, 2, 1), requests);
+    listenWithTls(script);
+    send(connectClient(), {0});
+    std::size_t const answerBytes = 11;  // header, function, count, one register
+    EXPECT_TRUE(pumpUntil([&] { return script->output.size() >= requests * answerBytes; }, 600))
+        << script->output.size() / answerBytes << " answers";
+    EXPECT_EQ(script->output.size(), requests * answerBytes);
+    EXPECT_EQ(script->handedOut, script->input.size());
 }
 
 TEST_F(ModbusServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {

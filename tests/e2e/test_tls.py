@@ -41,6 +41,11 @@ class TlsClient(ModbusTlsClient):
         return data
 
 
+def resident_kib(pid):
+    with open("/proc/%d/status" % pid, encoding="utf-8") as f:
+        return next(int(line.split()[1]) for line in f if line.startswith("VmRSS:"))
+
+
 def text_registers(text, size=16):
     return list(struct.unpack(">%dH" % size, text.ljust(size * 2, b"\0")))
 
@@ -169,6 +174,41 @@ class TlsTest(unittest.TestCase):
                                                  "routines::unsupported protocol"))
 
     def test_plain_modbus_tcp_is_still_served_next_to_tls(self):
+        client = self.daemon.client()
+        self.assertEqual(client.read_input_registers(61, 1, slave=1).registers, [16])
+        client.close()
+
+    def test_a_client_sending_without_pause_is_not_read_far_ahead_of_its_answers(self):
+        # A client with a valid certificate writes requests for 3 s as fast
+        # as TLS takes them and reads no answer. The daemon must read it no
+        # further ahead of its answers than a plain client (a few kilobytes),
+        # not hold everything sent in memory.
+        pid = self.daemon.process.pid
+        before = resident_kib(pid)
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        context.load_verify_locations(self.files["ca"][0])
+        context.check_hostname = False
+        context.load_cert_chain(*self.files["operator"])
+        requests = READ_STATUS * 5000
+        sent, peak = 0, before
+        with socket.create_connection(("127.0.0.1", self.tls_port), timeout=10) as raw:
+            with context.wrap_socket(raw) as tls:
+                tls.settimeout(0.2)
+                deadline = time.monotonic() + 3
+                try:
+                    while time.monotonic() < deadline:
+                        try:
+                            sent += tls.send(requests)
+                        except socket.timeout:
+                            pass
+                        peak = max(peak, resident_kib(pid))
+                except (ConnectionError, ssl.SSLError):
+                    pass  # closed: it reads none of its answers
+        self.assertGreater(sent, 0)
+        self.assertLess(peak - before, 16 * 1024,
+                        "resident memory grew from %d KiB to %d KiB; %d bytes sent"
+                        % (before, peak, sent))
+        # Served as before.
         client = self.daemon.client()
         self.assertEqual(client.read_input_registers(61, 1, slave=1).registers, [16])
         client.close()

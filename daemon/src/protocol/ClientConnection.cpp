@@ -89,9 +89,8 @@ long ClientConnection::rawWrite(std::uint8_t const* buffer, std::size_t size) {
 
 ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point now) {
     std::uint8_t chunk[4096];
-    // A TLS session may hold decrypted bytes the socket no longer shows as
-    // readable: it is read until it would block.
-    while (m_input.size() < kInputLimit || m_tls) {
+    m_unreadInput = false;
+    while (m_input.size() < kInputLimit) {
         long const received = rawRead(chunk, sizeof chunk);
         if (received == 0) {
             return ReadStatus::Closed;
@@ -111,14 +110,18 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
         // again would only hear EAGAIN, one system call more per request.
         // poll() says when more comes, or when the client has hung up.
         if (!m_tls && static_cast<std::size_t>(received) < sizeof chunk) {
-            break;
+            return ReadStatus::Open;
         }
     }
+    // Stopped with enough to answer first. A TLS session may hold more,
+    // decrypted already: the socket no longer shows it as readable, so
+    // whoever serves the client must come back for it (hasUnreadInput()).
+    m_unreadInput = m_tls != nullptr;
     return ReadStatus::Open;
 }
 
 bool ClientConnection::wantsRead() const {
-    return m_input.size() < kInputLimit || m_tls;
+    return m_input.size() < kInputLimit;
 }
 
 ClientConnection::FrameStatus ClientConnection::frontStatus() const {

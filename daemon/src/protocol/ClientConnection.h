@@ -53,6 +53,10 @@ class ClientConnection {
     ReadStatus receive(SteadyClock::time_point now);
     /* False while enough received bytes wait: the socket is left alone. */
     bool wantsRead() const;
+    /* True when the last receive() stopped at its limit on a TLS session,
+     * which may still hold bytes poll() cannot show, and there is room for
+     * them again: receive() must be called without waiting for the socket. */
+    bool hasUnreadInput() const { return m_unreadInput && wantsRead(); }
     /* True when takeFrame() has something to say: a whole frame, or a
      * header that cannot start one. */
     bool hasCompleteFrame() const { return frontStatus() != FrameStatus::Incomplete; }
@@ -111,6 +115,7 @@ class ClientConnection {
     PeerAddress m_peer;
     std::size_t m_outputLimit;
     std::vector<std::uint8_t> m_input;
+    bool m_unreadInput = false;
     /* One answer in the queue: its bytes, or the token of a place reserved
      * for an answer that comes later. */
     struct Slot {

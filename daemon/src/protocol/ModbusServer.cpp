@@ -132,23 +132,26 @@ void ModbusServer::serve(pollfd const* ready, std::size_t count, SteadyClock::ti
             drop(static_cast<std::size_t>(found - m_clients.begin()), why);
         }
     }
-    serveBacklog(served);
+    serveBacklog(served, now);
     deliverSettled();
     if (count > 0 && (ready[0].revents & POLLIN) != 0) {
         acceptAll(now);
     }
 }
 
-/* The clients with whole frames waiting that the sockets did not bring up. */
-void ModbusServer::serveBacklog(std::vector<int> const& served) {
+/* The clients with whole frames waiting, or bytes a TLS session holds, that
+ * the sockets did not bring up. */
+void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::time_point now) {
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         ClientConnection& client = *m_clients[i];
-        if (!client.hasCompleteFrame() ||
+        bool const unread = client.hasUnreadInput();
+        if ((!unread && !client.hasCompleteFrame()) ||
             std::find(served.begin(), served.end(), client.fd()) != served.end()) {
             continue;
         }
         Closing why;
-        if (!answerFrames(client, why)) {
+        bool const open = !unread || client.receive(now) == ClientConnection::ReadStatus::Open;
+        if (!answerFrames(client, why) || !open) {
             drop(i, why);
         }
     }
@@ -156,7 +159,7 @@ void ModbusServer::serveBacklog(std::vector<int> const& served) {
 
 bool ModbusServer::hasBacklog() const {
     return std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
-        return client->hasCompleteFrame() || hasSettled(*client);
+        return client->hasCompleteFrame() || client->hasUnreadInput() || hasSettled(*client);
     });
 }
 

@@ -70,8 +70,8 @@ class ModbusServer {
     std::size_t appendPollSet(std::vector<pollfd>& fds) const;
     /* Serves what poll() reported ready, for the descriptors of pollSet(). */
     void serve(pollfd const* ready, std::size_t count, SteadyClock::time_point now);
-    /* True when a client has whole frames waiting: the loop must come back
-     * at once rather than wait for a socket. */
+    /* True when a client has whole frames waiting, or bytes its TLS session
+     * holds: the loop must come back at once rather than wait for a socket. */
     bool hasBacklog() const;
     /* Drops the clients idle or stuck in a frame for longer than the limits,
      * and listens again once a pause in accepting is over. */
@@ -91,7 +91,7 @@ class ModbusServer {
     };
 
     void acceptAll(SteadyClock::time_point now);
-    void serveBacklog(std::vector<int> const& served);
+    void serveBacklog(std::vector<int> const& served, SteadyClock::time_point now);
     bool makeRoom(SteadyClock::time_point now);
     /* False when the client is to be dropped; `why` says why, if worth a line. */
     bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
