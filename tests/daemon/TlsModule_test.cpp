@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -57,6 +58,19 @@ TEST(TlsModuleTest, AProgramLooksForItsModuleBesideItselfWhereverItIs) {
     EXPECT_EQ(here.rfind("/opt/a/", 0), 0u) << here;
     EXPECT_EQ(there.rfind("/srv/b/", 0), 0u) << there;
     EXPECT_EQ(here.substr(6), there.substr(6));
+}
+
+TEST(TlsModuleTest, ThisProgramLooksBesideItsOwnFile) {
+    std::optional<std::string> const path(TlsModule::pathBesideProgram());
+    ASSERT_TRUE(path);
+    EXPECT_EQ(*path, TlsModule::pathBeside(std::filesystem::read_symlink("/proc/self/exe")));
+}
+
+TEST(TlsModuleTest, AProgramThatCannotReadItsOwnFileLooksForNoModuleAtAll) {
+    // Without /proc a path relative to the working directory would name
+    // whatever file is there, anyone's.
+    std::optional<std::string> const path(TlsModule::pathBesideProgram("/nonexistent/self/exe"));
+    EXPECT_FALSE(path) << *path;
 }
 
 TEST(TlsModuleTest, AContextFromTheModuleThrowsNamingACertificateItCannotLoad) {

@@ -123,6 +123,32 @@ class TlsModuleTest(unittest.TestCase):
         self.assertEqual(status, 0, log)
         self.assertNotIn("TLS module", log)
 
+    def test_a_daemon_that_cannot_read_its_own_file_loads_no_module_from_where_it_runs(self):
+        # Without /proc the program cannot know its own file. A module at
+        # the path relative to the working directory, here the build's own,
+        # could be anyone's there: the daemon refuses to look for one.
+        program = self.copied_daemon()
+        _, _, module, _ = self.start_failing(program)
+        relative = os.path.relpath(module, os.path.dirname(program))
+        built = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(DAEMON)), relative))
+        here = os.path.join(self.dir.name, "work", "here")
+        os.makedirs(here)
+        planted = os.path.normpath(os.path.join(here, relative))
+        os.makedirs(os.path.dirname(planted))
+        shutil.copy2(built, planted)
+        hide_proc = ["unshare", "--mount", "--propagation", "private", "sh", "-c",
+                     'mount -t tmpfs none /proc && exec "$0" "$@"']
+        probe = subprocess.run([*hide_proc, "true"], capture_output=True, text=True, timeout=30)
+        if probe.returncode != 0:
+            self.skipTest("cannot hide /proc in a mount namespace here: " + probe.stderr.strip())
+        out = subprocess.run([*hide_proc, os.path.abspath(DAEMON), "--port", "0", "--scenario",
+                              "none", "--run-seconds", "3", *self.tls_args()],
+                             cwd=here, capture_output=True, text=True, timeout=60)
+        self.assertEqual(out.returncode, 2, out.stderr)
+        self.assertIn("--tls-port: cannot find the TLS module: the program's own file cannot be "
+                      "read from /proc/self/exe", out.stderr)
+        self.assertNotIn("Modbus/TCP Security (TLS) on", out.stderr)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -225,7 +225,14 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     // so it keeps this one.
     std::optional<TlsModule> tls;
     if (options.tlsPort && !options.describe) {
-        tls.emplace(TlsModule::pathBesideProgram());
+        std::optional<std::string> const path = TlsModule::pathBesideProgram();
+        if (!path) {
+            log.error(std::string("--tls-port: cannot find the TLS module: the program's own file "
+                                  "cannot be read from ") +
+                      TlsModule::kProgramLink);
+            return kExitBadInput;
+        }
+        tls.emplace(*path);
         if (!tls->loaded()) {
             log.error("--tls-port: " + tls->failure());
             return kExitBadInput;

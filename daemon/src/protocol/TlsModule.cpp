@@ -8,12 +8,13 @@
 
 namespace tarsel::daemon {
 
-std::string TlsModule::pathBesideProgram() {
+std::optional<std::string> TlsModule::pathBesideProgram(char const* self) {
     std::error_code error;
-    std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
-    // Without /proc the path relative to the working directory is tried,
-    // and named in the failure.
-    return pathBeside(error ? "./tarsel-modbusd" : program.string());
+    std::filesystem::path const program = std::filesystem::read_symlink(self, error);
+    if (error || !program.is_absolute()) {
+        return std::nullopt;
+    }
+    return pathBeside(program.string());
 }
 
 std::string TlsModule::pathBeside(std::string const& program) {

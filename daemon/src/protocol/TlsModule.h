@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "TlsContext.h"
@@ -14,10 +15,16 @@ namespace tarsel::daemon {
 
 class TlsModule {
   public:
+    /* The link to the running program's file. */
+    static constexpr char const* kProgramLink = "/proc/self/exe";
+
     /* Where the program looks for its module: beside itself, as the module
      * is installed (and laid out in the build tree) relative to the program,
-     * so that a daemon finds its own module and never another build's. */
-    static std::string pathBesideProgram();
+     * so that a daemon finds its own module and never another build's. The
+     * program's file is read from the link `self`; nothing when it cannot
+     * be (no /proc): a path relative to the working directory would name
+     * whatever file is there, anyone's. */
+    static std::optional<std::string> pathBesideProgram(char const* self = kProgramLink);
     /* The same for a program of that file. */
     static std::string pathBeside(std::string const& program);
 
