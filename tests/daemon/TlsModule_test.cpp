@@ -132,6 +132,25 @@ TEST(TlsModuleTest, AModuleOfAnotherVersionIsRefusedNamingBothVersions) {
                                     TARSEL_DAEMON_VERSION);
 }
 
+TEST(TlsModuleTest, AModuleWhoseEntryGivesNoTableIsRefused) {
+    TlsModule const module(TARSEL_TLS_MODULE_NULL);
+    EXPECT_FALSE(module.loaded());
+    EXPECT_EQ(module.failure(),
+              kPrefix + TARSEL_TLS_MODULE_NULL + "\": it was built for another interface");
+    EXPECT_THROW(module.makeContext(TlsConfig{}), std::logic_error);
+}
+
+TEST(TlsModuleTest, AModuleWhoseEntryThrowsIsAFailureNamingWhatItThrew) {
+    // The daemon stops with its status for a module it cannot load (2), not
+    // with a run-time failure's (1).
+    std::optional<TlsModule> module;
+    ASSERT_NO_THROW(module.emplace(TARSEL_TLS_MODULE_THROWING));
+    EXPECT_FALSE(module->loaded());
+    EXPECT_EQ(module->failure(),
+              kPrefix + TARSEL_TLS_MODULE_THROWING + "\": its entry failed: no table here");
+    EXPECT_THROW(module->makeContext(TlsConfig{}), std::logic_error);
+}
+
 TEST(TlsModuleTest, ALibraryWithoutTheModulesTableIsAFailureNamingTheMissingSymbol) {
     // Any library this process has mapped anyway; it has no table.
     TlsModule const module("libm.so.6");

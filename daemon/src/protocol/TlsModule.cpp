@@ -39,8 +39,20 @@ TlsModule::TlsModule(std::string path)
         fail(std::string(kTlsModuleEntry) + " is missing");
         return;
     }
-    // POSIX guarantees that a function's address survives this round trip.
-    check(reinterpret_cast<TlsModuleEntry>(entry)());
+    check(tableOf(reinterpret_cast<TlsModuleEntry>(entry)));
+}
+
+TlsModuleTable const* TlsModule::tableOf(TlsModuleEntry entry) {
+    // A module whose entry throws is one that cannot be loaded, not a
+    // failure of the running daemon.
+    try {
+        return entry();
+    } catch (std::exception const& error) {
+        fail(std::string("its entry failed: ") + error.what());
+    } catch (...) {
+        fail("its entry failed");
+    }
+    return nullptr;
 }
 
 TlsModule::~TlsModule() {
@@ -50,6 +62,9 @@ TlsModule::~TlsModule() {
 }
 
 void TlsModule::check(TlsModuleTable const* table) {
+    if (!m_failure.empty()) {
+        return;
+    }
     if (table == nullptr || table->interface != kTlsModuleInterface || table->version == nullptr ||
         table->makeContext == nullptr) {
         fail("it was built for another interface");

@@ -49,6 +49,10 @@ class TlsModule {
 
   private:
     void fail(std::string reason);
+    /* The module's table, from its entry (POSIX guarantees that a
+     * function's address survives the round trip through dlsym()); nothing
+     * when the entry throws, which failure() then says. */
+    TlsModuleTable const* tableOf(TlsModuleEntry entry);
     void check(TlsModuleTable const* table);
 
     std::string m_path;
