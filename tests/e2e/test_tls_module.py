@@ -2,11 +2,14 @@
 and libcrypto) from a module beside the program, for --tls-port only. A
 daemon without TLS maps none of it; a daemon copied elsewhere looks for the
 module beside the copy, and says which file it could not load and why."""
+import fcntl
 import os
+import pty
 import re
 import shutil
 import subprocess
 import tempfile
+import termios
 import unittest
 from unittest import mock
 
@@ -148,6 +151,47 @@ class TlsModuleTest(unittest.TestCase):
         self.assertIn("--tls-port: cannot find the TLS module: the program's own file cannot be "
                       "read from /proc/self/exe", out.stderr)
         self.assertNotIn("Modbus/TCP Security (TLS) on", out.stderr)
+
+    def test_an_encrypted_key_stops_the_daemon_at_start_without_asking_its_terminal(self):
+        # A daemon has no one to type a passphrase: started from a terminal
+        # with an encrypted key, it must not wait on that terminal (SIGTERM
+        # included) but say which key it cannot load and stop.
+        from cryptography.hazmat.primitives import serialization
+        cert, key = self.files["server"]
+        with open(key, "rb") as f:
+            plain = serialization.load_pem_private_key(f.read(), password=None)
+        encrypted = os.path.join(self.dir.name, "encrypted.key")
+        with open(encrypted, "wb") as f:
+            f.write(plain.private_bytes(serialization.Encoding.PEM,
+                                        serialization.PrivateFormat.PKCS8,
+                                        serialization.BestAvailableEncryption(b"secret")))
+        terminal, its_side = pty.openpty()
+        self.addCleanup(os.close, terminal)
+
+        def with_terminal():
+            os.setsid()
+            fcntl.ioctl(its_side, termios.TIOCSCTTY, 0)
+
+        process = subprocess.Popen(
+            [DAEMON, "--port", "0", "--scenario", "none", "--run-seconds", "20", "--tls-port", "0",
+             "--tls-cert", cert, "--tls-key", encrypted, "--tls-ca", self.files["ca"][0],
+             "--tls-role", "operator=read-write"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+            text=True, preexec_fn=with_terminal, pass_fds=(its_side,))
+        os.close(its_side)
+        try:
+            _, log = process.communicate(timeout=15)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.communicate()
+            os.set_blocking(terminal, False)
+            try:
+                shown = os.read(terminal, 200)
+            except OSError:
+                shown = b""
+            self.fail("still running after 15 s; its terminal shows %r" % shown)
+        self.assertEqual(process.returncode, 1, log)
+        self.assertIn("TLS: cannot load the key %s: " % encrypted, log)
 
 
 if __name__ == "__main__":

@@ -28,11 +28,19 @@ void require(bool ok, std::string const& what) {
 
 using Certificate = std::unique_ptr<X509, void (*)(X509*)>;
 
+/* The daemon has no one to type a passphrase: an encrypted key is refused at
+ * once, where OpenSSL would ask for one on the controlling terminal and hold
+ * the start (and SIGTERM with it) until someone answered. */
+int noPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
+    return 0;
+}
+
 }  // namespace
 
 OpenSslContext::OpenSslContext(TlsConfig const& config) : TlsContext(config.roles) {
     m_context = SSL_CTX_new(TLS_server_method());
     require(m_context != nullptr, "cannot create a context");
+    SSL_CTX_set_default_passwd_cb(m_context, noPassphrase);
     try {
         require(SSL_CTX_set_min_proto_version(m_context, TLS1_2_VERSION) == 1,
                 "cannot require TLS 1.2");
