@@ -451,5 +451,26 @@ TEST(ConfigurationTest, SettingsNeedingARestartAreNamed) {
               (std::vector<std::string>{"--nut"}));
 }
 
+TEST(ConfigurationTest, TlsCanBeNeitherAddedNorDroppedNorChangedByAReloadButItsAddressRules) {
+    // The TLS module and its context are made once, at start.
+    std::vector<std::string> const tls = {"--tls-port", "802",          "--tls-cert", "s.pem",
+                                          "--tls-key",  "s.key",        "--tls-ca",   "ca.pem",
+                                          "--tls-role", "op=read-write"};
+    auto with = [&tls](std::vector<std::string> more) {
+        more.insert(more.begin(), tls.begin(), tls.end());
+        return parseOptions(more);
+    };
+    std::string const files = "--tls-cert/--tls-key/--tls-ca/--tls-role";
+    EXPECT_EQ(settingsNeedingRestart(parseOptions({}), with({})),
+              (std::vector<std::string>{"--tls-port", files}));
+    EXPECT_EQ(settingsNeedingRestart(with({}), parseOptions({})),
+              (std::vector<std::string>{"--tls-port", files}));
+    EXPECT_EQ(settingsNeedingRestart(with({}), with({"--tls-role", "viewer=read-only"})),
+              (std::vector<std::string>{files}));
+    EXPECT_EQ(settingsNeedingRestart(with({}), with({"--tls-listen", "127.0.0.2"})),
+              (std::vector<std::string>{"--tls-listen"}));
+    EXPECT_TRUE(settingsNeedingRestart(with({}), with({"--tls-allow-write", "none"})).empty());
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
