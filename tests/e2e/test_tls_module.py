@@ -147,7 +147,11 @@ class TlsModuleTest(unittest.TestCase):
         out = subprocess.run([*hide_proc, os.path.abspath(DAEMON), "--port", "0", "--scenario",
                               "none", "--run-seconds", "3", *self.tls_args()],
                              cwd=here, capture_output=True, text=True, timeout=60)
-        self.assertEqual(out.returncode, 2, out.stderr)
+        # Built with the sanitizers, the daemon's exit status is
+        # LeakSanitizer's, which cannot work without /proc.
+        linked = subprocess.run(["ldd", DAEMON], capture_output=True, text=True).stdout
+        if "libasan" not in linked:
+            self.assertEqual(out.returncode, 2, out.stderr)
         self.assertIn("--tls-port: cannot find the TLS module: the program's own file cannot be "
                       "read from /proc/self/exe", out.stderr)
         self.assertNotIn("Modbus/TCP Security (TLS) on", out.stderr)
