@@ -231,5 +231,30 @@ TEST_F(OpenSslTlsTest, AKeyOfAnotherCertificateIsRefusedNamingTheKeyFileAndWhy) 
     }
 }
 
+TEST_F(OpenSslTlsTest, AnEncryptedKeyIsRefusedWithoutAskingForItsPassphrase) {
+    // Asked on a controlling terminal, the passphrase would hold the start;
+    // without one, OpenSSL's prompt fails with a reason that says nothing
+    // of the key. Refused at once, the key cannot be decrypted.
+    Key const key = newKey();
+    std::string const path = file("encrypted.key");
+    {
+        std::unique_ptr<FILE, decltype(&std::fclose)> out(std::fopen(path.c_str(), "w"),
+                                                          std::fclose);
+        unsigned char passphrase[] = "secret";
+        ASSERT_EQ(PEM_write_PrivateKey(out.get(), key.get(), EVP_aes_256_cbc(), passphrase, 6,
+                                       nullptr, nullptr),
+                  1);
+    }
+    m_config.keyFile = path;
+    try {
+        OpenSslContext const context(m_config);
+        FAIL() << "a context with a key it cannot decrypt";
+    } catch (std::runtime_error const& error) {
+        std::string const what = error.what();
+        EXPECT_EQ(what.rfind("TLS: cannot load the key " + path + ": ", 0), 0u) << what;
+        EXPECT_NE(what.find("bad decrypt"), std::string::npos) << what;
+    }
+}
+
 }  // namespace
 }  // namespace tarsel::daemon
