@@ -219,6 +219,33 @@ TEST_F(OpenSslTlsTest, AClientWithoutACertificateFailsTheHandshakeWithOpenSslsRe
     EXPECT_NE(server->failure().find("certificate"), std::string::npos) << server->failure();
 }
 
+TEST_F(OpenSslTlsTest, AnEstablishedSessionEndsWithACloseNotifyToItsClient) {
+    OpenSslContext const context(m_config);
+    std::unique_ptr<TlsSession> server = context.accept(m_serverFd);
+    Ssl const tls = client("operator", "operator");
+    ASSERT_EQ(handshake(*server, tls.get()), TlsSession::Step::Done) << server->failure();
+    server.reset();
+    // The socket itself stays open: only a close_notify ends the client's
+    // read (TLS 1.3's session tickets before it are taken on the way).
+    char byte = 0;
+    std::size_t read = 0;
+    EXPECT_EQ(SSL_read_ex(tls.get(), &byte, 1, &read), 0);
+    EXPECT_EQ(SSL_get_error(tls.get(), 0), SSL_ERROR_ZERO_RETURN);
+}
+
+TEST_F(OpenSslTlsTest, AClientsCloseNotifyIsAnsweredWithOursWhenTheSessionEnds) {
+    OpenSslContext const context(m_config);
+    std::unique_ptr<TlsSession> server = context.accept(m_serverFd);
+    Ssl const tls = client("operator", "operator");
+    ASSERT_EQ(handshake(*server, tls.get()), TlsSession::Step::Done) << server->failure();
+    ASSERT_EQ(SSL_shutdown(tls.get()), 0);  // sent; the server's not yet heard
+    unsigned char buffer[16] = {};
+    EXPECT_EQ(server->read(buffer, sizeof buffer), -1);
+    EXPECT_EQ(server->failure(), "closed by the client");
+    server.reset();
+    EXPECT_EQ(SSL_shutdown(tls.get()), 1);  // both sides have said it
+}
+
 TEST_F(OpenSslTlsTest, AKeyOfAnotherCertificateIsRefusedNamingTheKeyFileAndWhy) {
     m_config.keyFile = file("ca.key");
     try {

@@ -167,6 +167,21 @@ class TlsTest(unittest.TestCase):
         self.assertIn('certificate "/CN=no-role", role (none): no access configured', log)
         self.assertIn('certificate "/CN=unknown-role", role "intruder": no access configured', log)
 
+    def test_a_client_the_daemon_closes_hears_a_close_notify_not_a_cut_connection(self):
+        cert, key = self.files["unknown-role"]
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        context.load_verify_locations(self.files["ca"][0])
+        context.check_hostname = False
+        context.load_cert_chain(cert, key)
+        # Python may set OpenSSL's option that takes a cut for a close_notify.
+        context.options &= ~getattr(ssl, "OP_IGNORE_UNEXPECTED_EOF", 0)
+        with socket.create_connection(("127.0.0.1", self.tls_port), timeout=5) as raw:
+            # Without ragged EOFs suppressed, recv() gives b"" only after a
+            # close_notify and raises SSLEOFError when the connection is cut.
+            with context.wrap_socket(raw, suppress_ragged_eofs=False) as tls:
+                self.assertEqual(tls.recv(16), b"")
+        self.assertTrue(self.daemon.wait_for_log('role "intruder": no access configured'))
+
     def test_tls_1_1_is_refused(self):
         done = subprocess.run(
             ["openssl", "s_client", "-connect", "127.0.0.1:%d" % self.tls_port, "-tls1_1",

@@ -90,6 +90,16 @@ OpenSslSession::OpenSslSession(SSL_CTX* context, int fd) : m_ssl(SSL_new(context
 }
 
 OpenSslSession::~OpenSslSession() {
+    // An established session ends with our close_notify, so that the client
+    // can tell a session the daemon closed (its role has no access, it was
+    // idle too long) from a connection cut short. One attempt: the socket does
+    // not block, and the client's own close_notify is not waited for. Never
+    // after a fatal error, where OpenSSL must not be asked to shut down.
+    if (m_established && !m_fatal) {
+        ERR_clear_error();
+        SSL_shutdown(m_ssl);
+        ERR_clear_error();
+    }
     SSL_free(m_ssl);
 }
 
@@ -100,6 +110,7 @@ long OpenSslSession::settle(int result) {
         ERR_clear_error();
         return 0;
     }
+    m_fatal = m_fatal || error == SSL_ERROR_SYSCALL || error == SSL_ERROR_SSL;
     if (m_failure.empty()) {
         long const verify = SSL_get_verify_result(m_ssl);
         if (error == SSL_ERROR_ZERO_RETURN) {

@@ -48,6 +48,8 @@ class OpenSslSession final : public TlsSession {
     SSL* m_ssl = nullptr;
     bool m_established = false;
     bool m_wantsWrite = false;
+    // The connection failed in a way after which it must not be shut down.
+    bool m_fatal = false;
     std::string m_failure;
 };
 
