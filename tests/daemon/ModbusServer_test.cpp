@@ -175,6 +175,32 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     EXPECT_EQ(answers(next), std::vector<int>{3});
 }
 
+TEST_F(ModbusServerTest, EveryRequestSentBeforeTheClientEndsItsSideIsAnswered) {
+    int const client = connectClient();
+    std::size_t const requests = 100;  // more than one turn's worth, well below 4 KiB
+    Bytes pipelined;
+    for (std::size_t i = 0; i < requests; ++i) {
+        Bytes const frame =
+            withTransaction(testing::request(3, 2, 1), static_cast<std::uint8_t>(i));
+        pipelined.insert(pipelined.end(), frame.begin(), frame.end());
+    }
+    send(client, pipelined);
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);  // still reads its answers
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    std::size_t const answerBytes = 11;  // header, function, count, one register
+    Bytes received(requests * answerBytes + 1);
+    std::size_t got = 0;
+    for (int i = 0; i < 100 && got < received.size(); ++i) {
+        ssize_t const n = ::recv(client, received.data() + got, received.size() - got, 0);
+        if (n <= 0) {
+            break;  // the server's end of stream
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    EXPECT_EQ(got / answerBytes, requests);
+    EXPECT_EQ(got % answerBytes, 0u);
+}
+
 TEST_F(ModbusServerTest, ATlsClientSendingWithoutPauseIsReadOnlyAFewKilobytesAheadOfItsAnswers) {
     auto const script = std::make_shared<testing::TlsScript>();
     script->input = testing::repeated(testing::request(3, 2, 1), 100'000);  // 1.2 MB

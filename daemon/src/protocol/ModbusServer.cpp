@@ -151,7 +151,7 @@ void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::tim
         }
         Closing why;
         bool const open = !unread || client.receive(now) == ClientConnection::ReadStatus::Open;
-        if (!answerFrames(client, why) || !open) {
+        if (!answerFrames(client, why) || !keepAfterTurn(client, open)) {
             drop(i, why);
         }
     }
@@ -218,7 +218,15 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
     bool const open = client.receive(now) == ClientConnection::ReadStatus::Open;
     // What arrived before the end of the stream is still answered, as far
     // as the socket takes it.
-    return answerFrames(client, why) && open;
+    return answerFrames(client, why) && keepAfterTurn(client, open);
+}
+
+/* A client whose stream has ended stays while requests it sent before the
+ * end wait for their answers: a master may end its side once its requests
+ * are out and still read every answer. It takes its turns like the others
+ * and is dropped once nothing whole is left to answer. */
+bool ModbusServer::keepAfterTurn(ClientConnection const& client, bool open) {
+    return open || client.hasCompleteFrame();
 }
 
 bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
@@ -305,7 +313,8 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
                   "client " + client.peer().text + ": certificate " + who + " (" +
                       (mayWrite ? "read-write" : "read-only") + ")");
     // Requests may have come with the end of the handshake.
-    return client.receive(now) == ClientConnection::ReadStatus::Open && answerFrames(client, why);
+    bool const open = client.receive(now) == ClientConnection::ReadStatus::Open;
+    return answerFrames(client, why) && keepAfterTurn(client, open);
 }
 
 void ModbusServer::acceptAll(SteadyClock::time_point now) {
