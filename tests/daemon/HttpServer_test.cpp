@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "DescriptorExhaustion.h"
 #include "HttpServer.h"
@@ -145,6 +147,38 @@ TEST_F(HttpServerTest, AMalformedRequestIsRefusedWith400) {
     start();
     EXPECT_EQ(exchange("hello\r\n\r\n").substr(0, 24), "HTTP/1.1 400 Bad Request");
     EXPECT_EQ(m_answered, 0);
+}
+
+TEST_F(HttpServerTest, ARefusedHeadRequestGetsItsErrorAnswerWithoutABody) {
+    start();
+    // The client reads no body after the header of an answer to HEAD: bytes
+    // after it would be taken for the start of another answer.
+    for (std::string const& request : std::vector<std::string>{
+             "HEAD / HTTP/2.0\r\n\r\n", "HEAD / HTTP/1.1\r\nno colon here\r\n\r\n",
+             "HEAD /?" + std::string(5000, 'a')}) {
+        std::string const answer = exchange(request);
+        ASSERT_NE(answer.find("Content-Length: "), std::string::npos) << answer;
+        EXPECT_EQ(answer.size(), answer.find("\r\n\r\n") + 4) << answer;
+    }
+    EXPECT_EQ(m_answered, 0);
+}
+
+TEST_F(HttpServerTest, AHeadRequestThatTimesOutGets408WithoutABody) {
+    start();
+    int const fd = connectTo(m_server->port());
+    ASSERT_EQ(::send(fd, "HEAD /", 6, 0), 6);
+    for (int i = 0; i < 10 && m_server->clientCount() == 0; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_server->clientCount(), 1u);
+    pump();  // reads what the client sent
+    pump();
+    m_server->expire(Clock::now() + 6s);
+    std::string const answer = receiveAll(fd);
+    ::close(fd);
+    settle();
+    EXPECT_EQ(answer.substr(0, 29), "HTTP/1.1 408 Request Timeout\r");
+    EXPECT_EQ(answer.size(), answer.find("\r\n\r\n") + 4) << answer;
 }
 
 TEST_F(HttpServerTest, ASlowClientIsClosedWith408AfterTheRequestTimeout) {

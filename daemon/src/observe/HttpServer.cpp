@@ -40,6 +40,13 @@ int listenOn(std::string const& text, int port) {
     return fd;
 }
 
+/* Whether what the client sent so far asks for HEAD: the answer to it has
+ * no body, refusals included, or the client would take the body for the
+ * start of another answer. */
+bool asksForHead(std::string const& input) {
+    return input.compare(0, 5, "HEAD ") == 0;
+}
+
 }  // namespace
 
 bool isLoopbackAddress(std::string const& address) {
@@ -194,7 +201,7 @@ bool HttpServer::readFrom(Client& client, Clock::time_point now) {
             m_log.limited(
                 Log::Level::Warning, "bad HTTP requests",
                 "HTTP: request refused with " + std::to_string(parse.code) + ": " + parse.reason);
-            answer(client, errorResponse(parse.code, parse.reason), false, now);
+            answer(client, errorResponse(parse.code, parse.reason), asksForHead(client.input), now);
             break;
         case HttpParse::Status::Complete:
             answer(client, m_responder(parse.request), parse.request.method == "HEAD", now);
@@ -256,7 +263,8 @@ void HttpServer::expire(Clock::time_point now) {
         bool const reading = client.stage == Client::Stage::Reading;
         if (reading && now - client.since >= m_limits.requestTimeout) {
             // A last try to say why; a client that does not read is not waited for.
-            answer(client, errorResponse(408, "no whole request in time"), false, now);
+            answer(client, errorResponse(408, "no whole request in time"),
+                   asksForHead(client.input), now);
             if (!flush(client, now)) {
                 m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(i));
             }
