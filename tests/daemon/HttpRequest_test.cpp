@@ -25,6 +25,13 @@ TEST(HttpRequestTest, BareLineFeedsAndHttp10AreAccepted) {
     EXPECT_EQ(result.request.method, "HEAD");
 }
 
+TEST(HttpRequestTest, AHeaderLineEndedByABareLineFeedThenAnEmptyCrLfLineEndsTheHeader) {
+    HttpParse const result = parse("GET /metrics HTTP/1.1\nHost: x\n\r\n");
+    ASSERT_EQ(result.status, HttpParse::Status::Complete);
+    EXPECT_EQ(result.request.path, "/metrics");
+    EXPECT_EQ(parse("GET /metrics HTTP/1.1\n\r\n").status, HttpParse::Status::Complete);
+}
+
 TEST(HttpRequestTest, TheQueryStringIsNotPartOfThePath) {
     EXPECT_EQ(parse("GET /metrics?x=1 HTTP/1.1\r\n\r\n").request.path, "/metrics");
 }

@@ -23,18 +23,21 @@ bool isTargetChar(char c) {
     return c > ' ' && c < 0x7F;
 }
 
-/* Where the header ends (just past its empty line), or npos. */
+/* Where the header ends (just past its empty line), or npos. Lines end
+ * with CRLF or a bare LF, mixed too: the empty line is a line feed, maybe
+ * after a carriage return, right after the previous line's line feed. */
 std::size_t headerEnd(std::string_view bytes) {
-    std::size_t const crlf = bytes.find("\r\n\r\n");
-    std::size_t const lf = bytes.find("\n\n");
-    std::size_t end = std::string_view::npos;
-    if (crlf != std::string_view::npos) {
-        end = crlf + 4;
+    for (std::size_t at = bytes.find('\n'); at != std::string_view::npos;
+         at = bytes.find('\n', at + 1)) {
+        std::string_view const next = bytes.substr(at + 1);
+        if (next.substr(0, 1) == "\n") {
+            return at + 2;
+        }
+        if (next.substr(0, 2) == "\r\n") {
+            return at + 3;
+        }
     }
-    if (lf != std::string_view::npos) {
-        end = std::min(end, lf + 2);
-    }
-    return end;
+    return std::string_view::npos;
 }
 
 std::string_view chomp(std::string_view line) {
