@@ -384,6 +384,27 @@ class PymodbusTest(unittest.TestCase):
         garbage.close()
         self.assertTrue(daemon.alive())
 
+    def test_a_client_that_ends_its_side_after_pipelining_gets_every_answer(self):
+        daemon, _ = self.start()
+        requests = 200  # many turns' worth, below the 4 KiB read ahead
+        pipelined = b"".join(struct.pack(">HHHBBHH", i, 0, 6, 1, 4, 61, 1) for i in range(requests))
+        with socket.create_connection(("127.0.0.1", daemon.port), timeout=10) as one_shot:
+            one_shot.sendall(pipelined)
+            one_shot.shutdown(socket.SHUT_WR)  # done sending, still reading
+            received = b""
+            for _ in range(1000):
+                chunk = one_shot.recv(65536)
+                if not chunk:
+                    break  # the daemon closes after the last answer
+                received += chunk
+        answer_bytes = 11  # header, function, count, one register
+        self.assertEqual(len(received), requests * answer_bytes)
+        answers = [struct.unpack(">HHHBBBH", received[i:i + answer_bytes])
+                   for i in range(0, len(received), answer_bytes)]
+        self.assertEqual([a[0] for a in answers], list(range(requests)))
+        self.assertEqual({a[6] for a in answers}, {16})
+        self.assertTrue(daemon.alive())
+
     def test_sigterm_stops_cleanly_and_closes_every_subscription(self):
         daemon, client = self.start()
         self.ok(client.read_input_registers(61, 1, slave=1))
