@@ -32,6 +32,14 @@ TEST(HttpRequestTest, AHeaderLineEndedByABareLineFeedThenAnEmptyCrLfLineEndsTheH
     EXPECT_EQ(parse("GET /metrics HTTP/1.1\n\r\n").status, HttpParse::Status::Complete);
 }
 
+TEST(HttpRequestTest, AnAbsoluteFormTargetIsServedByItsPath) {
+    EXPECT_EQ(parse("GET http://127.0.0.1:9502/metrics HTTP/1.1\r\n\r\n").request.path, "/metrics");
+    EXPECT_EQ(parse("HEAD HTTP://localhost/healthz?x=1 HTTP/1.1\r\n\r\n").request.path, "/healthz");
+    EXPECT_EQ(parse("GET http://127.0.0.1:9502 HTTP/1.1\r\n\r\n").request.path, "/");
+    EXPECT_EQ(parse("GET http:///metrics HTTP/1.1\r\n\r\n").code, 400);
+    EXPECT_EQ(parse("GET ftp://127.0.0.1/metrics HTTP/1.1\r\n\r\n").code, 400);
+}
+
 TEST(HttpRequestTest, TheQueryStringIsNotPartOfThePath) {
     EXPECT_EQ(parse("GET /metrics?x=1 HTTP/1.1\r\n\r\n").request.path, "/metrics");
 }

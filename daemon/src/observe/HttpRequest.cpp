@@ -47,6 +47,30 @@ std::string_view chomp(std::string_view line) {
     return line;
 }
 
+bool startsWithNoCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
+               return a == (b >= 'A' && b <= 'Z' ? static_cast<char>(b - 'A' + 'a') : b);
+           });
+}
+
+/* The path and query of an absolute-form target ("http://host:9502/metrics"),
+ * which a client sends through a proxy: the host is the one it reached, so
+ * only what follows it counts. Other targets are returned as they are. */
+std::string_view originForm(std::string_view target) {
+    for (std::string_view const scheme : {"http://", "https://"}) {
+        if (startsWithNoCase(target, scheme)) {
+            std::string_view const rest = target.substr(scheme.size());
+            std::size_t const path = rest.find_first_of("/?");
+            if (path == 0) {
+                return {};  // no host: not a target at all
+            }
+            return path == std::string_view::npos || rest[path] == '?' ? "/" : rest.substr(path);
+        }
+    }
+    return target;
+}
+
 HttpParse parseRequestLine(std::string_view line) {
     std::size_t const first = line.find(' ');
     std::size_t const second = first == std::string_view::npos ? first : line.find(' ', first + 1);
@@ -54,7 +78,7 @@ HttpParse parseRequestLine(std::string_view line) {
         return bad(400, "the request line is not METHOD TARGET VERSION");
     }
     std::string_view const method = line.substr(0, first);
-    std::string_view const target = line.substr(first + 1, second - first - 1);
+    std::string_view const target = originForm(line.substr(first + 1, second - first - 1));
     std::string_view const version = line.substr(second + 1);
     if (method.empty() || !std::all_of(method.begin(), method.end(), isTokenChar)) {
         return bad(400, "the method is not a token");
