@@ -56,6 +56,12 @@ TEST(HttpRequestTest, OtherMethodsAreRefusedWith405) {
     EXPECT_EQ(result.code, 405);
 }
 
+TEST(HttpRequestTest, TheAsteriskTargetIsRefusedByMethodWith405AndWithGetWith400) {
+    EXPECT_EQ(parse("OPTIONS * HTTP/1.1\r\n\r\n").code, 405);
+    EXPECT_EQ(parse("GET * HTTP/1.1\r\n\r\n").code, 400);
+    EXPECT_EQ(parse("HEAD * HTTP/1.0\r\n\r\n").code, 400);
+}
+
 TEST(HttpRequestTest, OtherVersionsAreRefusedWith505) {
     EXPECT_EQ(parse("GET / HTTP/2.0\r\n\r\n").code, 505);
     EXPECT_EQ(parse("GET / HTTP/1.1x\r\n\r\n").code, 505);

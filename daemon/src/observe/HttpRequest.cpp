@@ -83,8 +83,11 @@ HttpParse parseRequestLine(std::string_view line) {
     if (method.empty() || !std::all_of(method.begin(), method.end(), isTokenChar)) {
         return bad(400, "the method is not a token");
     }
-    if (target.empty() || target.front() != '/' ||
-        !std::all_of(target.begin(), target.end(), isTargetChar)) {
+    // "*" is a target of its own, the server as a whole (OPTIONS *): the
+    // method decides what becomes of it, below.
+    bool const asterisk = target == "*";
+    if (!asterisk && (target.empty() || target.front() != '/' ||
+                      !std::all_of(target.begin(), target.end(), isTargetChar))) {
         return bad(400, "the target is not an absolute path");
     }
     if (version.substr(0, 5) != "HTTP/") {
@@ -95,6 +98,9 @@ HttpParse parseRequestLine(std::string_view line) {
     }
     if (method != "GET" && method != "HEAD") {
         return bad(405, "only GET and HEAD are served");
+    }
+    if (asterisk) {
+        return bad(400, "the target is not an absolute path");
     }
     HttpParse parse;
     parse.status = HttpParse::Status::Complete;
