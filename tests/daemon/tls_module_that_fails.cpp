@@ -1,5 +1,5 @@
-// A stand-in for a TLS module whose entry gives no table: it returns none
-// (ENTRY_RETURNS_NULL) or throws (ENTRY_THROWS). The loader must refuse it
+// A stand-in for a TLS module whose entry gives no table: it returns none,
+// or throws when built with ENTRY_THROWS. The loader must refuse it
 // as a module it cannot load, not pass on what the entry threw.
 #include <stdexcept>
 
