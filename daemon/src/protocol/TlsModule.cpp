@@ -39,7 +39,10 @@ TlsModule::TlsModule(std::string path)
         fail(std::string(kTlsModuleEntry) + " is missing");
         return;
     }
-    check(tableOf(reinterpret_cast<TlsModuleEntry>(entry)));
+    TlsModuleTable const* const table = tableOf(reinterpret_cast<TlsModuleEntry>(entry));
+    if (m_failure.empty()) {
+        check(table);
+    }
 }
 
 TlsModuleTable const* TlsModule::tableOf(TlsModuleEntry entry) {
@@ -62,9 +65,6 @@ TlsModule::~TlsModule() {
 }
 
 void TlsModule::check(TlsModuleTable const* table) {
-    if (!m_failure.empty()) {
-        return;
-    }
     if (table == nullptr || table->interface != kTlsModuleInterface || table->version == nullptr ||
         table->makeContext == nullptr) {
         fail("it was built for another interface");
