@@ -24,6 +24,7 @@ class ScriptedFetcher : public Fetcher {
         bool held = false;
         std::atomic<int> entered{0};
         std::atomic<int> fetches{0};
+        std::atomic<int> interrupts{0};
     };
 
     explicit ScriptedFetcher(Script& script) : m_script(script) {}
@@ -34,6 +35,16 @@ class ScriptedFetcher : public Fetcher {
         m_script.changed.wait(lock, [this] { return !m_script.held; });
         ++m_script.fetches;
         return m_script.reading;
+    }
+
+    /* As a shut-down socket does: the round trip held ends at once. */
+    void interrupt() override {
+        ++m_script.interrupts;
+        {
+            std::lock_guard<std::mutex> lock(m_script.mutex);
+            m_script.held = false;
+        }
+        m_script.changed.notify_all();
     }
 
   private:
@@ -186,6 +197,50 @@ TEST(Poller, JobsBeyondTheLimitAreRefusedWhileTheThreadIsBusy) {
     }
     script.changed.notify_all();
     EXPECT_TRUE(eventually([&] { return runs == 2; }));
+}
+
+TEST(Poller, ARoundTripBeyondItsBoundIsInterruptedAndHandedAsUnreachable) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");  // what the interrupted round trip returns
+    script.held = true;
+    std::atomic<int> wakes{0};
+    Poller poller(
+        std::make_unique<ScriptedFetcher>(script), 10s, [&] { ++wakes; }, 50ms);
+    ASSERT_TRUE(eventually([&] { return wakes == 1; }));
+    EXPECT_EQ(script.interrupts, 1);
+    auto const reading = poller.take();
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->state, Reading::State::Unreachable);
+    EXPECT_TRUE(reading->variables.empty());
+    EXPECT_EQ(reading->detail, "no whole answer within 0.05 s");
+    EXPECT_EQ(poller.status().lastState, Reading::State::Unreachable);
+}
+
+TEST(Poller, ARoundTripWithinItsBoundIsNotInterrupted) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    Poller poller(
+        std::make_unique<ScriptedFetcher>(script), 5ms, [] {}, 2s);
+    ASSERT_TRUE(eventually([&] { return script.fetches >= 20; }));
+    EXPECT_EQ(script.interrupts, 0);
+    auto const reading = poller.take();
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->state, Reading::State::Fresh);
+}
+
+TEST(Poller, AStopInterruptsTheRoundTripInProgressAndHandsNothing) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    script.held = true;
+    std::atomic<int> wakes{0};
+    auto poller = std::make_unique<Poller>(
+        std::make_unique<ScriptedFetcher>(script), 5ms, [&] { ++wakes; }, 60s);
+    ASSERT_TRUE(eventually([&] { return script.entered == 1; }));
+    auto const start = std::chrono::steady_clock::now();
+    poller.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(script.interrupts, 1);
+    EXPECT_EQ(wakes, 0);
 }
 
 }  // namespace

@@ -5,7 +5,15 @@
 // 5 s for each line of an answer and never for a send, so a upsd that takes
 // a request and never answers it (SIGSTOPped, say) costs one such wait, not
 // a hung thread. (NUT's C++ client blocks on reads without a bound.)
+// What the library does not bound, the length of a whole answer, the poller
+// does: it interrupts a poll that outlives its bound by shutting the
+// connection down under the library's feet, and a list longer than any UPS
+// has is cut short here.
+#include <sys/socket.h>
+
+#include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "Poller.h"
@@ -21,6 +29,11 @@ timeval toTimeval(std::chrono::seconds timeout) {
     return tv;
 }
 
+// More variables (or commands) than any UPS or PDU lists: the rest of such
+// a list is not read, so a upsd that lists for ever costs a bounded amount
+// of memory.
+constexpr std::size_t kMaxListLines = 10000;
+
 class NutFetcher : public Fetcher {
   public:
     NutFetcher(Endpoint endpoint, std::chrono::seconds timeout)
@@ -35,6 +48,9 @@ class NutFetcher : public Fetcher {
 
     Reading fetch() override {
         Reading reading;
+        if (takeInterruption()) {
+            disconnect();  // its socket is shut down: no use any more
+        }
         if (!connect(reading)) {
             return reading;
         }
@@ -45,8 +61,12 @@ class NutFetcher : public Fetcher {
         std::size_t count = 0;
         char** answer = nullptr;
         int more = 0;
+        std::size_t lines = 0;
         // Each line is VAR <ups> <name> <value>.
         while ((more = m_library.list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+            if (++lines > kMaxListLines) {
+                return tooLong("variables");
+            }
             if (count >= 4) {
                 reading.variables.emplace(answer[2], answer[3]);
             }
@@ -56,12 +76,28 @@ class NutFetcher : public Fetcher {
         }
         // Commands change only with the driver: listed once per connection
         // and again after any fault.
-        if (!m_commands && !listCommands() && !commandsRefused()) {
-            return failure();
+        if (!m_commands && !listCommands()) {
+            if (m_tooLong) {
+                m_tooLong = false;
+                return tooLong("commands");
+            }
+            if (!commandsRefused()) {
+                return failure();
+            }
         }
         reading.commands = *m_commands;
         reading.state = Reading::State::Fresh;
         return reading;
+    }
+
+    void interrupt() override {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        if (m_socket >= 0) {
+            // The library's wait for the next piece of the answer ends at
+            // once, with the connection closed as far as it can tell.
+            ::shutdown(m_socket, SHUT_RDWR);
+            m_interrupted = true;
+        }
     }
 
   private:
@@ -76,6 +112,10 @@ class NutFetcher : public Fetcher {
         char** answer = nullptr;
         int more = 0;
         while ((more = m_library.list_next(&m_connection, 2, query, &count, &answer)) == 1) {
+            if (commands.size() >= kMaxListLines) {
+                m_tooLong = true;
+                return false;
+            }
             if (count >= 3) {
                 commands.emplace_back(answer[2]);
             }
@@ -121,7 +161,26 @@ class NutFetcher : public Fetcher {
             return false;
         }
         m_connected = true;
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        m_socket = m_connection.fd;
         return true;
+    }
+
+    /* Whether interrupt() shut the connection down since the last time. */
+    bool takeInterruption() {
+        std::lock_guard<std::mutex> lock(m_socketMutex);
+        return std::exchange(m_interrupted, false);
+    }
+
+    /* A list longer than any UPS has: the rest of it is left unread, with
+     * the connection it is still coming on. */
+    Reading tooLong(char const* what) {
+        m_commands.reset();
+        disconnect();
+        Reading reading;
+        reading.detail =
+            std::string("upsd listed more than ") + std::to_string(kMaxListLines) + " " + what;
+        return reading;
     }
 
     /* What upsd's refusal, or the connection's failure, means. */
@@ -149,6 +208,12 @@ class NutFetcher : public Fetcher {
 
     void disconnect() {
         if (m_connected) {
+            {
+                // Forgotten before it is closed: interrupt() never shuts
+                // down a socket that took over its number.
+                std::lock_guard<std::mutex> lock(m_socketMutex);
+                m_socket = -1;
+            }
             m_library.disconnect(&m_connection);
             m_connected = false;
         }
@@ -159,7 +224,13 @@ class NutFetcher : public Fetcher {
     std::chrono::seconds const m_timeout;
     UPSCONN_t m_connection{};
     bool m_connected = false;
+    bool m_tooLong = false;                              // the last LIST CMD was cut short
     std::optional<std::vector<std::string>> m_commands;  // as last listed
+    // The connection's socket as interrupt() may shut it down (-1: none),
+    // and whether it did.
+    std::mutex m_socketMutex;
+    int m_socket = -1;
+    bool m_interrupted = false;
 };
 
 }  // namespace

@@ -115,8 +115,9 @@ void Source::start(Clock::time_point) {
         if (m_commanders) {
             ups.commander = m_commanders(ups.endpoint);
         }
-        ups.poller = std::make_unique<Poller>(m_fetchers(ups.endpoint), m_config.interval,
-                                              [this] { m_wake.wake(); });
+        ups.poller = std::make_unique<Poller>(
+            m_fetchers(ups.endpoint), m_config.interval, [this] { m_wake.wake(); },
+            m_config.pollBound);
     }
 }
 

@@ -6,7 +6,8 @@
 //  - fresh data: the UPS's device is there, in step with upsd.
 //  - data stale (the driver is gone or silent), the UPS unknown to upsd
 //    (removed from its configuration), upsd unreachable (down, restarting,
-//    hung: no answer within 5 s): the UPS's device is removed, so
+//    hung: no answer within 5 s, no whole answer within the poll's bound,
+//    a list longer than any UPS's): the UPS's device is removed, so
 //    every entry over it reads as the map's unavailable value; the device is
 //    built again as soon as upsd gives fresh data, without any restart.
 //  - a variable that disappears: its channel is removed (entries over it
@@ -40,6 +41,9 @@ struct SourceConfig {
     // How long connecting to upsd may take before it counts as a failure
     // (an answer is waited for at most 5 s by NUT's client library).
     std::chrono::seconds timeout{2};
+    // A whole poll (connect, LIST VAR, LIST CMD): one that takes longer is
+    // interrupted and counts as upsd unreachable, however upsd trickles.
+    std::chrono::milliseconds pollBound{Poller::kDefaultBound};
     // With credentials, writes go back to upsd (SET VAR, INSTCMD); without,
     // the source takes none.
     std::optional<Credentials> credentials;

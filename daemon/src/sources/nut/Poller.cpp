@@ -18,23 +18,48 @@ char const* stateName(Reading::State state) {
     return "?";
 }
 
-Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake)
+namespace {
+
+/* "7 s", "0.25 s": a bound as the log says it. */
+std::string secondsText(std::chrono::milliseconds duration) {
+    std::string text = std::to_string(duration.count() / 1000);
+    if (auto const rest = duration.count() % 1000; rest != 0) {
+        std::string fraction = std::to_string(1000 + rest).substr(1);
+        fraction.erase(fraction.find_last_not_of('0') + 1);
+        text += "." + fraction;
+    }
+    return text + " s";
+}
+
+}  // namespace
+
+Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake,
+               std::chrono::milliseconds bound)
     : m_fetcher(std::move(fetcher)),
       m_interval(interval),
       m_wake(std::move(wake)),
+      m_bound(bound),
+      m_watchdog([this] { watch(); }),
       m_thread([this] { run(); }) {}
 
 Poller::~Poller() {
     requestStop();
     m_thread.join();
+    m_watchdog.join();
 }
 
 void Poller::requestStop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
+        // Nothing a poll still brings would be handed: it ends now rather
+        // than when upsd has finished answering.
+        if (m_pollDeadline) {
+            m_fetcher->interrupt();
+        }
     }
     m_stopped.notify_all();
+    m_watched.notify_all();
 }
 
 std::optional<Reading> Poller::take() {
@@ -80,11 +105,16 @@ void Poller::run() {
             continue;
         }
         if (std::chrono::steady_clock::now() >= next) {
-            lock.unlock();
             auto const asked = std::chrono::steady_clock::now();
-            Reading reading = m_fetcher->fetch();
-            reading.fetched = std::chrono::steady_clock::now();
+            m_pollDeadline = asked + m_bound;
+            m_interrupted = false;
+            m_watched.notify_all();
+            lock.unlock();
+            Reading reading = poll();
             lock.lock();
+            if (m_stop) {
+                break;  // interrupted for the stop: nothing to hand
+            }
             // Counted before it is handed: whoever takes the reading finds
             // the poll in status() too.
             ++m_polls;
@@ -100,6 +130,40 @@ void Poller::run() {
             next = std::max(next + m_interval, std::chrono::steady_clock::now());
         }
         m_stopped.wait_until(lock, next, [this] { return m_stop || !m_jobs.empty(); });
+    }
+}
+
+/* One round trip, on the poller's thread; what it found, or that upsd did
+ * not answer in time when the watchdog had to interrupt it. */
+Reading Poller::poll() {
+    Reading reading = m_fetcher->fetch();
+    reading.fetched = std::chrono::steady_clock::now();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_pollDeadline.reset();
+    if (m_interrupted) {
+        // Whatever the interrupted exchange left (part of a list, a read
+        // error) is not what upsd has: the reading says why there is none.
+        Reading late;
+        late.state = Reading::State::Unreachable;
+        late.detail = "no whole answer within " + secondsText(m_bound);
+        late.fetched = reading.fetched;
+        return late;
+    }
+    return reading;
+}
+
+/* The watchdog's thread: interrupts a poll that outlives its bound. */
+void Poller::watch() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        if (!m_pollDeadline || m_interrupted) {
+            m_watched.wait(lock);
+        } else if (std::chrono::steady_clock::now() < *m_pollDeadline) {
+            m_watched.wait_until(lock, *m_pollDeadline);
+        } else {
+            m_interrupted = true;
+            m_fetcher->interrupt();
+        }
     }
 }
 

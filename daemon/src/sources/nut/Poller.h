@@ -2,6 +2,12 @@
 // so a slow, hung or absent upsd never holds up the Modbus loop. What a poll
 // finds is kept for the loop to take (only the latest, only when it differs
 // from what was handed before) and the loop is woken.
+//
+// A poll has a bound of its own: NUT's library bounds each wait for a piece
+// of an answer, not the answer, so a upsd that trickles its answer a byte
+// at a time (or lists for ever) would otherwise hold the poll, and the UPS's
+// old values with it, for as long as it likes. A watchdog thread interrupts
+// a poll that outlives its bound, and the reading says upsd is unreachable.
 #pragma once
 
 #include <chrono>
@@ -23,6 +29,10 @@ class Fetcher {
   public:
     virtual ~Fetcher() = default;
     virtual Reading fetch() = 0;
+    /* Makes the round trip in progress end at once, as if upsd had closed
+     * the connection. Called from another thread than fetch(); does nothing
+     * between round trips. */
+    virtual void interrupt() {}
 };
 
 /* What the polls of one UPS came to so far. */
@@ -38,15 +48,23 @@ class Poller {
   public:
     using Wake = std::function<void()>;
 
-    /* Starts polling at once, every `interval`. */
-    Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake);
-    /* Stops the thread; waits at most for the round trip in progress, which
-     * the fetcher's timeout bounds. */
+    /* Starts polling at once, every `interval`; a poll that takes longer
+     * than `bound` is interrupted and handed as upsd unreachable. */
+    Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake,
+           std::chrono::milliseconds bound = kDefaultBound);
+    /* Stops the threads; a poll in progress is interrupted, a job in
+     * progress (a write) is waited for: its own bound ends it. */
     ~Poller();
 
-    /* Asks the thread to stop after the round trip in progress, without
-     * waiting: stopping many pollers costs one timeout, not one each. */
+    /* Asks the thread to stop, interrupting the poll in progress, without
+     * waiting: stopping many pollers costs one job's bound at most, not one
+     * each. */
     void requestStop();
+
+    /* Connecting (2 s) and one wait of NUT's library for an answer (5 s):
+     * what a hung upsd costs; a upsd that answers at all answers a poll in
+     * a fraction of that. */
+    static constexpr std::chrono::milliseconds kDefaultBound{7000};
 
     Poller(Poller const&) = delete;
     Poller& operator=(Poller const&) = delete;
@@ -67,14 +85,22 @@ class Poller {
 
   private:
     void run();
+    Reading poll();
+    void watch();
     void publish(Reading reading);
 
     std::unique_ptr<Fetcher> m_fetcher;
     std::chrono::milliseconds const m_interval;
     Wake const m_wake;
+    std::chrono::milliseconds const m_bound;
     mutable std::mutex m_mutex;
     std::condition_variable m_stopped;
+    std::condition_variable m_watched;  // a poll began, or the stop
     bool m_stop = false;
+    // The poll in progress: when it must have ended, and whether the
+    // watchdog interrupted it.
+    std::optional<std::chrono::steady_clock::time_point> m_pollDeadline;
+    bool m_interrupted = false;
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
     std::size_t m_polls = 0;
@@ -83,11 +109,15 @@ class Poller {
     std::string m_lastDetail;
     std::chrono::steady_clock::time_point m_lastPoll{};
     std::deque<Job> m_jobs;
-    std::thread m_thread;  // last: started when everything else is ready
+    // Last: started when everything else is ready.
+    std::thread m_watchdog;
+    std::thread m_thread;
 };
 
 /* Fetches through NUT's client library, reconnecting as needed; a connect is
- * bounded by `timeout`, an answer by the library's own 5 s. */
+ * bounded by `timeout`, each wait for a piece of an answer by the library's
+ * own 5 s, a list by its length (10,000 lines); interrupt() shuts its
+ * connection down. */
 std::unique_ptr<Fetcher> makeNutFetcher(Endpoint endpoint, std::chrono::seconds timeout);
 
 }  // namespace tarsel::daemon::nut

@@ -1,0 +1,147 @@
+"""tarsel-modbusd against a upsd that misbehaves as the real one never does
+(fake_upsd: a scripted upsd on loopback), pymodbus as the Modbus client.
+
+Whatever upsd does, the daemon keeps answering promptly, keeps its memory
+bounded, shows the UPS as unavailable while its data cannot be trusted, says
+so once in its log and recovers on its own.
+"""
+import itertools
+import time
+import unittest
+
+from fake_upsd import (FakeUpsd, list_answer, serving, trickled, var_lines, wait_until)
+from harness import Daemon
+from nut_harness import NUT_MAP
+
+POLL_S = 0.5
+UNIT = 1
+CHARGE, OPERATING_STATUS = 60, 67
+UINT16_NOT_IMPLEMENTED = 0xFFFF
+# The daemon's bound on a whole poll (7 s), a poll interval and slack for a
+# loaded machine.
+POLL_BOUND_S = 7.0
+FAULT_LIMIT_S = POLL_BOUND_S + POLL_S + 3.0
+# A Modbus answer never waits for upsd.
+ANSWER_LIMIT_S = 0.5
+
+
+def rss_kib(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        for line in status:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    raise RuntimeError("no VmRSS")
+
+
+class Script:
+    """The fake upsd's script: a healthy UPS until a test makes LIST VAR
+    misbehave with `misbehave(answer)`, a function of nothing."""
+
+    def __init__(self, variables):
+        self.variables = dict(variables)
+        self.misbehaving = None
+        self._healthy = serving("ups", lambda: self.variables)
+
+    def __call__(self, line):
+        if self.misbehaving is not None and line.startswith("LIST VAR"):
+            return self.misbehaving()
+        return self._healthy(line)
+
+
+class NutFaultsTest(unittest.TestCase):
+    def setUp(self):
+        self.script = Script({"battery.charge": "100", "ups.status": "OL",
+                              "device.model": "Fake"})
+        self.upsd = FakeUpsd(self.script)
+        self.daemon = None
+        self.client = None
+
+    def tearDown(self):
+        if self.client is not None:
+            self.client.close()
+        if self.daemon is not None and self.daemon.alive():
+            self.daemon.stop()
+        self.upsd.stop()
+
+    def start(self):
+        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S),
+                                   "--nut", self.upsd.endpoint("ups")], verbose=False)
+        self.client = self.daemon.client()
+        self.assertTrue(wait_until(lambda: self.charge() == [100], 10.0),
+                        "the UPS was never served\n" + self.log())
+
+    def charge(self):
+        """battery.charge as served, or None for an exception; asserts that
+        the answer came promptly."""
+        asked = time.monotonic()
+        response = self.client.read_input_registers(CHARGE, 1, slave=UNIT)
+        self.assertLess(time.monotonic() - asked, ANSWER_LIMIT_S, "a Modbus answer waited")
+        return None if response.isError() else list(response.registers)
+
+    def log(self):
+        return "\n".join(self.daemon.log_lines[-20:])
+
+    def test_a_upsd_that_trickles_its_answer_reads_as_unavailable_within_the_poll_bound(self):
+        self.start()
+        # A byte every 0.2 s: the answer would take half a minute, each byte
+        # well within NUT's library's wait for the next one.
+        self.script.misbehaving = lambda: trickled(
+            list_answer("ups", "VAR", var_lines("ups", self.script.variables)), 0.2)
+        self.script.variables["battery.charge"] = "50"
+        self.assertTrue(wait_until(lambda: self.charge() == [UINT16_NOT_IMPLEMENTED],
+                                   FAULT_LIMIT_S),
+                        "the UPS's old values stayed served while upsd trickled\n" + self.log())
+        self.assertTrue(self.daemon.wait_for_log("no whole answer within 7 s", 2.0), self.log())
+        self.script.misbehaving = None
+        self.assertTrue(wait_until(lambda: self.charge() == [50], FAULT_LIMIT_S),
+                        "the UPS did not come back once upsd answered again\n" + self.log())
+        self.daemon.drain_log()
+        unreachable = [line for line in self.daemon.log_lines if "upsd unreachable" in line]
+        self.assertEqual(len(unreachable), 1, "said once:\n" + "\n".join(unreachable))
+
+    def test_sigterm_stops_the_daemon_at_once_while_upsd_trickles(self):
+        self.start()
+        self.script.misbehaving = lambda: trickled(
+            list_answer("ups", "VAR", var_lines("ups", self.script.variables)), 0.5)
+        count = len(self.upsd.requests_of("LIST VAR"))
+        self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST VAR")) > count, 5.0))
+        time.sleep(1.0)  # well inside the trickled answer
+        self.client.close()
+        self.client = None
+        asked = time.monotonic()
+        status, log = self.daemon.stop()
+        took = time.monotonic() - asked
+        self.assertEqual(status, 0, log)
+        self.assertLess(took, 2.0, "SIGTERM waited for upsd")
+
+    def test_a_list_that_never_ends_keeps_memory_bounded_and_reads_as_unavailable(self):
+        self.start()
+
+        def endless():
+            yield b"BEGIN LIST VAR ups\n", 0.0
+            for i in itertools.count():
+                lines = "".join(f'VAR ups x.{i}.{j} "{"v" * 200}"\n' for j in range(100))
+                yield lines.encode("ascii"), 0.0
+
+        self.script.misbehaving = endless
+        before = rss_kib(self.daemon.process.pid)
+        highest = before
+        deadline = time.monotonic() + FAULT_LIMIT_S + 5.0
+        unavailable = False
+        while time.monotonic() < deadline:
+            unavailable = unavailable or self.charge() == [UINT16_NOT_IMPLEMENTED]
+            highest = max(highest, rss_kib(self.daemon.process.pid))
+            time.sleep(0.2)
+        self.assertTrue(unavailable, "a UPS whose list never ends stayed served\n" + self.log())
+        # 10,000 variables of a few hundred bytes: a few MiB at most.
+        self.assertLess(highest - before, 16 * 1024,
+                        f"RSS grew from {before} KiB to {highest} KiB")
+        self.assertTrue(self.daemon.wait_for_log("upsd listed more than 10000 variables", 2.0),
+                        self.log())
+        self.script.misbehaving = None
+        self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S),
+                        "the UPS did not come back\n" + self.log())
+
+
+if __name__ == "__main__":
+    unittest.main()
