@@ -61,5 +61,15 @@ TEST(NutNames, StatusChannelsAreNamedAfterTheirTokens) {
     EXPECT_EQ(statusChannelName("OB"), "ups.status.OB");
 }
 
+TEST(NutNames, DerivedNamesAreTheTokenChannelsAndTheOperatingStatusOnly) {
+    EXPECT_TRUE(isDerivedName("ups.status.OL"));
+    EXPECT_TRUE(isDerivedName("ups.status.FSD"));
+    EXPECT_TRUE(isDerivedName(kOperatingStatusChannel));
+    EXPECT_FALSE(isDerivedName("ups.status"));
+    EXPECT_FALSE(isDerivedName("ups.status.ol"));
+    EXPECT_FALSE(isDerivedName("ups.status.ALARM"));
+    EXPECT_FALSE(isDerivedName("battery.charge"));
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut

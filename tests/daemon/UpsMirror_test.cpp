@@ -130,6 +130,41 @@ TEST_F(UpsMirrorTest, WithoutStatusTheUpsIsWaitingAndHasNoTokenChannels) {
     EXPECT_EQ(channel("ups.status.OL"), 0u);
 }
 
+TEST_F(UpsMirrorTest, AVariableNamedAsAChannelTheMirrorDerivesIsLeftOut) {
+    auto named = onLine();
+    named["ups.status"] = "OB";
+    named["ups.status.OL"] = "yes";
+    named[kOperatingStatusChannel] = "3";
+    m_mirror.apply(named);
+    EXPECT_TRUE(m_mirror.listenerFailures().empty());
+    EXPECT_EQ(value("ups.status.OL"), kq::CValue(false)) << "the token's, not upsd's";
+    EXPECT_EQ(value(kOperatingStatusChannel), kq::CValue(kOperatingStatusRunning));
+    named["ups.status.OL"] = "no";
+    named[kOperatingStatusChannel] = "4";
+    EXPECT_NO_THROW(m_mirror.apply(named));
+    EXPECT_EQ(value("ups.status.OL"), kq::CValue(false));
+    EXPECT_EQ(value(kOperatingStatusChannel), kq::CValue(kOperatingStatusRunning));
+    EXPECT_EQ(m_mirror.variables().count("ups.status.OL"), 0u);
+}
+
+TEST_F(UpsMirrorTest, AVariableNamedAsATokenChannelStaysOutWhenTheStatusComesAndGoes) {
+    // Without ups.status the token channels go; a variable of such a name
+    // must not go with them and leave the mirror without its channel.
+    auto named = onLine();
+    named.erase("ups.status");
+    named["ups.status.OL"] = "yes";
+    EXPECT_NO_THROW(m_mirror.apply(named));
+    EXPECT_EQ(channel("ups.status.OL"), 0u);
+    named["ups.status.OL"] = "no";
+    EXPECT_NO_THROW(m_mirror.apply(named));
+    named.erase("ups.status.OL");
+    EXPECT_NO_THROW(m_mirror.apply(named));
+    named["ups.status"] = "OL";
+    EXPECT_NO_THROW(m_mirror.apply(named));
+    EXPECT_EQ(value("ups.status.OL"), kq::CValue(true));
+    EXPECT_TRUE(m_mirror.listenerFailures().empty());
+}
+
 TEST_F(UpsMirrorTest, TheDeviceIsAnnouncedWholeAndOnce) {
     std::vector<std::string> seen;
     unsigned long long id = 0;

@@ -107,6 +107,18 @@ std::string statusChannelName(std::string const& token) {
     return std::string(kStatusVariable) + "." + token;
 }
 
+bool isDerivedName(std::string const& name) {
+    if (name == kOperatingStatusChannel) {
+        return true;
+    }
+    for (auto const& token : statusTokens()) {
+        if (name == statusChannelName(token)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::optional<cdsapi::DeviceAttribute> identityAttribute(std::string const& variable) {
     for (auto const& identity : kIdentities) {
         if (variable == identity.variable) {

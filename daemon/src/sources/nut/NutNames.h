@@ -31,6 +31,11 @@ constexpr char const* kOperatingStatusChannel = "PowerDistribution.Status.Operat
 constexpr unsigned int kOperatingStatusRunning = 16;
 constexpr unsigned int kOperatingStatusWaiting = 2;
 
+/* True for the name of a channel the mirror derives itself (a status
+ * token's, the operating status): a variable upsd names so is not mirrored,
+ * since the two would fight over one channel. */
+bool isDerivedName(std::string const& name);
+
 /* The device attribute a variable also sets, if it is one of the UPS's
  * identity or ratings. */
 std::optional<cdsapi::DeviceAttribute> identityAttribute(std::string const& variable);

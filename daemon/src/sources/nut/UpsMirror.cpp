@@ -22,6 +22,15 @@ std::set<std::string> tokensOf(Variables const& variables) {
     return tokens;
 }
 
+/* The variables but those named as a channel the mirror derives: upsd
+ * never lists such names, and the channel is the mirror's. */
+Variables withoutDerivedNames(Variables variables) {
+    for (auto it = variables.begin(); it != variables.end();) {
+        it = isDerivedName(it->first) ? variables.erase(it) : std::next(it);
+    }
+    return variables;
+}
+
 /* The variables of each outlet that `variables` has and `known` has not. */
 std::map<unsigned int, Variables> outletsOf(Variables const& variables) {
     std::map<unsigned int, Variables> outlets;
@@ -38,12 +47,13 @@ std::map<unsigned int, Variables> outletsOf(Variables const& variables) {
 UpsMirror::UpsMirror(cdshost::Store& store, std::string upsName, cdshost::Id deviceId, IdPool& ids)
     : m_store(store), m_upsName(std::move(upsName)), m_deviceId(deviceId), m_ids(ids) {}
 
-std::size_t UpsMirror::apply(Variables const& variables) {
+std::size_t UpsMirror::apply(Variables const& given) {
     m_changes = 0;
     m_failures.clear();
     if (m_present && !m_store.hasDevice(m_deviceId)) {
         throw OutOfStep("device " + std::to_string(m_deviceId) + " was removed by someone else");
     }
+    Variables const variables = withoutDerivedNames(given);
     if (m_present) {
         update(variables);
     } else {
@@ -189,7 +199,11 @@ void UpsMirror::addVariable(cdshost::Id device, std::string const& name, std::st
 }
 
 void UpsMirror::changeVariable(std::string const& name, std::string const& value) {
-    cdshost::Id const channel = m_channels.at(name);
+    auto const known = m_channels.find(name);
+    if (known == m_channels.end()) {
+        throw OutOfStep("variable " + name + " has no channel");
+    }
+    cdshost::Id const channel = known->second;
     requireChannel(channel);
     notifying([&] { m_store.setChannelValue(channel, storeValue(name, value)); });
     auto const outlet = outletNumber(name);
@@ -199,6 +213,9 @@ void UpsMirror::changeVariable(std::string const& name, std::string const& value
 
 void UpsMirror::removeVariable(std::string const& name) {
     auto const channel = m_channels.find(name);
+    if (channel == m_channels.end()) {
+        throw OutOfStep("variable " + name + " has no channel");
+    }
     cdshost::Id const id = channel->second;
     requireChannel(id);
     m_channels.erase(channel);
