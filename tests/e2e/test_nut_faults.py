@@ -142,6 +142,28 @@ class NutFaultsTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S),
                         "the UPS did not come back\n" + self.log())
 
+    def test_an_error_inside_a_list_is_said_once_and_not_taken_for_the_next_answer(self):
+        self.start()
+        # upsd never sends anything after an ERR; had the daemon kept the
+        # connection, the rest would be read as the answer to its next LIST
+        # VAR (a protocol error), and the state would flap every poll.
+        self.script.misbehaving = lambda: (b'BEGIN LIST VAR ups\nVAR ups battery.charge "18"\n'
+                                           b'ERR DATA-STALE\nVAR ups ups.status "OL"\n'
+                                           b'END LIST VAR ups\n')
+        self.assertTrue(wait_until(lambda: self.charge() == [UINT16_NOT_IMPLEMENTED],
+                                   FAULT_LIMIT_S), self.log())
+        polls = len(self.upsd.requests_of("LIST VAR"))
+        self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST VAR")) >= polls + 6,
+                                   10.0), "the daemon stopped polling")
+        self.assertEqual(self.charge(), [UINT16_NOT_IMPLEMENTED])
+        self.daemon.drain_log()
+        changes = [line for line in self.daemon.log_lines
+                   if " stale: " in line or "upsd unreachable" in line]
+        self.assertEqual(len(changes), 1, "\n".join(changes))
+        self.assertIn("stale: Data stale", changes[0])
+        self.script.misbehaving = None
+        self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
 
 if __name__ == "__main__":
     unittest.main()

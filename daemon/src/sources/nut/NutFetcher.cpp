@@ -58,6 +58,7 @@ class NutFetcher : public Fetcher {
         if (m_library.list_start(&m_connection, 2, query) < 0) {
             return failure();
         }
+        m_midList = true;
         std::size_t count = 0;
         char** answer = nullptr;
         int more = 0;
@@ -74,6 +75,7 @@ class NutFetcher : public Fetcher {
         if (more < 0) {
             return failure();
         }
+        m_midList = false;
         // Commands change only with the driver: listed once per connection
         // and again after any fault.
         if (!m_commands && !listCommands()) {
@@ -107,6 +109,7 @@ class NutFetcher : public Fetcher {
         if (m_library.list_start(&m_connection, 2, query) < 0) {
             return false;
         }
+        m_midList = true;
         std::vector<std::string> commands;
         std::size_t count = 0;
         char** answer = nullptr;
@@ -123,6 +126,7 @@ class NutFetcher : public Fetcher {
         if (more < 0) {
             return false;
         }
+        m_midList = false;
         m_commands = std::move(commands);
         return true;
     }
@@ -203,10 +207,16 @@ class NutFetcher : public Fetcher {
                 disconnect();
                 break;
         }
+        if (m_midList) {
+            // An error inside a list: what followed it may still come, and
+            // would be read as the answer to the next request.
+            disconnect();
+        }
         return reading;
     }
 
     void disconnect() {
+        m_midList = false;
         if (m_connected) {
             {
                 // Forgotten before it is closed: interrupt() never shuts
@@ -225,6 +235,7 @@ class NutFetcher : public Fetcher {
     UPSCONN_t m_connection{};
     bool m_connected = false;
     bool m_tooLong = false;                              // the last LIST CMD was cut short
+    bool m_midList = false;                              // a list began and has not ended
     std::optional<std::vector<std::string>> m_commands;  // as last listed
     // The connection's socket as interrupt() may shut it down (-1: none),
     // and whether it did.
