@@ -6,10 +6,16 @@ bounded, shows the UPS as unavailable while its data cannot be trusted, says
 so once in its log and recovers on its own.
 """
 import itertools
+import os
+import tempfile
+import threading
 import time
 import unittest
 
-from fake_upsd import (FakeUpsd, list_answer, serving, trickled, var_lines, wait_until)
+from pymodbus.client import ModbusTcpClient
+from pymodbus.exceptions import ConnectionException
+
+from fake_upsd import (SILENT, FakeUpsd, list_answer, serving, trickled, var_lines, wait_until)
 from harness import Daemon
 from nut_harness import NUT_MAP
 
@@ -23,6 +29,13 @@ POLL_BOUND_S = 7.0
 FAULT_LIMIT_S = POLL_BOUND_S + POLL_S + 3.0
 # A Modbus answer never waits for upsd.
 ANSWER_LIMIT_S = 0.5
+# A write's exchange with upsd is bounded by 3.5 s, and interrupted a second
+# later when upsd trickles its answers past that; the client's answer waits
+# 5 s at most.
+WRITE_INTERRUPTED_S = 4.5
+WRITE_ANSWER_BOUND_S = 5.0
+CHARGE_LOW = 0  # holding register of the shipped NUT map
+TRACKING_ID = "1bf52d9a-1111-2222-3333-444455556666"
 
 
 def rss_kib(pid):
@@ -40,32 +53,53 @@ class Script:
     def __init__(self, variables):
         self.variables = dict(variables)
         self.misbehaving = None
+        # How upsd answers SET VAR and GET TRACKING (functions of nothing).
+        self.set_answer = lambda: f"OK TRACKING {TRACKING_ID}\n".encode("ascii")
+        self.tracking_answer = lambda: b"SUCCESS\n"
         self._healthy = serving("ups", lambda: self.variables)
 
     def __call__(self, line):
         if self.misbehaving is not None and line.startswith("LIST VAR"):
             return self.misbehaving()
+        words = line.split()
+        if words[:1] in (["USERNAME"], ["PASSWORD"]) or words == ["SET", "TRACKING", "ON"]:
+            return b"OK\n"
+        if words[:2] == ["SET", "VAR"]:
+            return self.set_answer()
+        if words[:2] == ["GET", "TRACKING"]:
+            return self.tracking_answer()
         return self._healthy(line)
 
 
 class NutFaultsTest(unittest.TestCase):
     def setUp(self):
         self.script = Script({"battery.charge": "100", "ups.status": "OL",
-                              "device.model": "Fake"})
+                              "device.model": "Fake", "battery.charge.low": "20"})
         self.upsd = FakeUpsd(self.script)
         self.daemon = None
         self.client = None
+        self.writer = None
+        self.dir = tempfile.TemporaryDirectory(prefix="tarsel-nut-faults-")
 
     def tearDown(self):
-        if self.client is not None:
-            self.client.close()
+        for client in (self.client, self.writer):
+            if client is not None:
+                client.close()
         if self.daemon is not None and self.daemon.alive():
             self.daemon.stop()
         self.upsd.stop()
+        self.dir.cleanup()
 
-    def start(self):
-        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S),
-                                   "--nut", self.upsd.endpoint("ups")], verbose=False)
+    def start(self, writes=False):
+        args = ["--map", NUT_MAP, "--nut-interval", str(POLL_S), "--nut",
+                self.upsd.endpoint("ups")]
+        if writes:
+            credentials = os.path.join(self.dir.name, "credentials")
+            with open(credentials, "w", encoding="utf-8") as f:
+                f.write("username = gateway\npassword = secret\n")
+            os.chmod(credentials, 0o600)
+            args += ["--nut-writes", "--nut-credentials", credentials]
+        self.daemon = Daemon(args=args, verbose=False)
         self.client = self.daemon.client()
         self.assertTrue(wait_until(lambda: self.charge() == [100], 10.0),
                         "the UPS was never served\n" + self.log())
@@ -80,6 +114,25 @@ class NutFaultsTest(unittest.TestCase):
 
     def log(self):
         return "\n".join(self.daemon.log_lines[-20:])
+
+    def write_in_background(self):
+        """Writes 30 to battery.charge.low on a client of its own; the answer
+        and how long it took land in the dictionary returned."""
+        self.writer = ModbusTcpClient("127.0.0.1", port=self.daemon.port, timeout=20)
+        self.assertTrue(self.writer.connect())
+        outcome = {}
+
+        def write():
+            asked = time.monotonic()
+            try:
+                outcome["answer"] = self.writer.write_register(CHARGE_LOW, 30, slave=UNIT)
+            except ConnectionException as error:  # the daemon stopped meanwhile
+                outcome["answer"] = error
+            outcome["took"] = time.monotonic() - asked
+
+        outcome["thread"] = threading.Thread(target=write)
+        outcome["thread"].start()
+        return outcome
 
     def test_a_upsd_that_trickles_its_answer_reads_as_unavailable_within_the_poll_bound(self):
         self.start()
@@ -163,6 +216,59 @@ class NutFaultsTest(unittest.TestCase):
         self.assertIn("stale: Data stale", changes[0])
         self.script.misbehaving = None
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
+    def test_a_write_whose_answer_trickles_is_interrupted_and_polls_go_on(self):
+        self.start(writes=True)
+        self.script.set_answer = lambda: trickled(
+            f"OK TRACKING {TRACKING_ID}\n".encode("ascii"), 1.0)
+        self.script.variables["battery.charge"] = "50"
+        polls = len(self.upsd.requests_of("LIST VAR"))
+        outcome = self.write_in_background()
+        outcome["thread"].join(WRITE_ANSWER_BOUND_S + 5.0)
+        self.assertEqual(outcome["answer"].exception_code, 0x0B, str(outcome["answer"]))
+        self.assertLess(outcome["took"], WRITE_ANSWER_BOUND_S)
+        self.assertTrue(self.daemon.wait_for_log("the exchange outlived its bound", 2.0),
+                        self.log())
+        # The poller is free again: polls go on and the new value is served.
+        self.assertTrue(wait_until(lambda: self.charge() == [50], 3.0), self.log())
+        self.assertGreater(len(self.upsd.requests_of("LIST VAR")), polls)
+
+    def test_sigterm_stops_the_daemon_at_once_during_a_write_upsd_trickles(self):
+        self.start(writes=True)
+        self.script.set_answer = lambda: trickled(
+            f"OK TRACKING {TRACKING_ID}\n".encode("ascii"), 1.0)
+        self.write_in_background()
+        self.assertTrue(wait_until(lambda: self.upsd.requests_of("SET VAR"), 5.0))
+        time.sleep(1.0)
+        self.client.close()
+        self.client = None
+        asked = time.monotonic()
+        status, log = self.daemon.stop()
+        self.assertEqual(status, 0, log)
+        self.assertLess(time.monotonic() - asked, 2.0, "SIGTERM waited for the write")
+
+    def test_a_write_whose_tracking_never_ends_gets_0x0b_within_the_bound(self):
+        self.start(writes=True)
+        self.script.tracking_answer = lambda: b"PENDING\n"
+        outcome = self.write_in_background()
+        outcome["thread"].join(WRITE_ANSWER_BOUND_S + 5.0)
+        self.assertEqual(outcome["answer"].exception_code, 0x0B, str(outcome["answer"]))
+        self.assertLess(outcome["took"], WRITE_ANSWER_BOUND_S)
+        self.assertTrue(self.daemon.wait_for_log("upsd still tracks it as PENDING", 2.0),
+                        self.log())
+        self.assertTrue(wait_until(lambda: self.charge() == [100], 3.0), self.log())
+
+    def test_a_write_upsd_never_answers_gets_0x0b_and_polls_go_on(self):
+        self.start(writes=True)
+        self.script.set_answer = lambda: SILENT
+        outcome = self.write_in_background()
+        outcome["thread"].join(WRITE_ANSWER_BOUND_S + 5.0)
+        self.assertEqual(outcome["answer"].exception_code, 0x0B, str(outcome["answer"]))
+        self.assertLess(outcome["took"], WRITE_ANSWER_BOUND_S + 0.5)
+        polls = len(self.upsd.requests_of("LIST VAR"))
+        self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST VAR")) > polls + 2,
+                                   5.0), "polls did not go on after the write")
+        self.assertEqual(self.charge(), [100])
 
 
 if __name__ == "__main__":

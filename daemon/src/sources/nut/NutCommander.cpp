@@ -1,4 +1,7 @@
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <mutex>
 #include <thread>
 
 #include "Commander.h"
@@ -43,6 +46,8 @@ class Session {
 
     bool open() const { return m_open; }
     std::string const& failure() const { return m_failure; }
+    /* The connection's socket; -1 when it is not open. */
+    int socket() const { return m_open ? m_connection.fd : -1; }
 
     /* Sends a line and reads upsd's one-line answer; nothing when upsd did
      * not answer by the deadline or the connection failed (see failure()). */
@@ -97,6 +102,58 @@ std::string errorOf(std::string const& answer) {
     return rest.substr(0, rest.find(' '));
 }
 
+/* The socket of the run in progress, as interrupt() may shut it down from
+ * another thread. An interrupt that comes while the run still connects
+ * holds for the socket it gets. The socket is forgotten before the session
+ * closes it, so that one that took over its number is never shut down. */
+class InterruptibleSocket {
+  public:
+    /* A run begins: no interrupt yet. */
+    void reset() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_interrupted = false;
+    }
+
+    void interrupt() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_interrupted = true;
+        if (m_socket >= 0) {
+            ::shutdown(m_socket, SHUT_RDWR);
+        }
+    }
+
+    bool interrupted() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_interrupted;
+    }
+
+    /* Marks `socket` as the run's for as long as it lives. */
+    class Use {
+      public:
+        Use(InterruptibleSocket& owner, int socket) : m_owner(owner) {
+            std::lock_guard<std::mutex> lock(m_owner.m_mutex);
+            m_owner.m_socket = socket;
+            if (m_owner.m_interrupted) {
+                ::shutdown(socket, SHUT_RDWR);
+            }
+        }
+        ~Use() {
+            std::lock_guard<std::mutex> lock(m_owner.m_mutex);
+            m_owner.m_socket = -1;
+        }
+        Use(Use const&) = delete;
+        Use& operator=(Use const&) = delete;
+
+      private:
+        InterruptibleSocket& m_owner;
+    };
+
+  private:
+    mutable std::mutex m_mutex;
+    int m_socket = -1;
+    bool m_interrupted = false;
+};
+
 class NutCommander : public Commander {
   public:
     NutCommander(Endpoint endpoint, Credentials credentials, std::chrono::seconds connectTimeout,
@@ -107,6 +164,7 @@ class NutCommander : public Commander {
           m_bound(bound) {}
 
     CommandResult run(Command const& command) override {
+        m_socket.reset();
         Clock::time_point const deadline = Clock::now() + m_bound;
         Session session(m_endpoint, m_connectTimeout, deadline);
         CommandResult result;
@@ -114,6 +172,21 @@ class NutCommander : public Commander {
             result.detail = "cannot reach upsd: " + session.failure();
             return result;
         }
+        // Destroyed before the session, which closes the socket.
+        InterruptibleSocket::Use const use(m_socket, session.socket());
+        result = exchange(session, command, deadline);
+        if (m_socket.interrupted() && result.status == CommandResult::Status::NoAnswer) {
+            result.detail = "no answer from upsd: the exchange outlived its bound";
+        }
+        return result;
+    }
+
+    void interrupt() override { m_socket.interrupt(); }
+
+  private:
+    /* What upsd made of the command, over an open session. */
+    CommandResult exchange(Session& session, Command const& command, Clock::time_point deadline) {
+        CommandResult result;
         // upsd checks the user when the command comes, not at log-in: a
         // wrong password shows as ACCESS-DENIED on the command itself.
         for (std::string const& line : {"USERNAME " + quotedWord(m_credentials.username),
@@ -148,7 +221,6 @@ class NutCommander : public Commander {
         return follow(session, answer->substr(kTracked.size()), deadline);
     }
 
-  private:
     static CommandResult noAnswer(Session const& session) {
         CommandResult result;
         result.detail = "no answer from upsd: " + session.failure();
@@ -194,6 +266,7 @@ class NutCommander : public Commander {
     Credentials const m_credentials;
     std::chrono::seconds const m_connectTimeout;
     std::chrono::milliseconds const m_bound;
+    InterruptibleSocket m_socket;
 };
 
 }  // namespace

@@ -25,6 +25,11 @@ Variables withCommands(Reading const& reading) {
     return variables;
 }
 
+// The library waits in whole seconds: a write's exchange may outlast its
+// bound by less than this before it is interrupted. Within the deferred
+// answer's 5 s, so its client hears the outcome the write found.
+constexpr std::chrono::milliseconds kWriteSlack{1000};
+
 // A poll ends within the connect and answer bounds (2 s + 5 s); a last poll
 // older than three intervals and this margin means the poller is stuck.
 constexpr std::chrono::seconds kPollMargin{10};
@@ -351,7 +356,8 @@ std::optional<RemoteOutcome> Source::start(ServedEntry const& entry,
             }
             m_wake.wake();
         },
-        kMaxWaitingWrites);
+        kMaxWaitingWrites, [commander] { commander->interrupt(); },
+        m_config.writeBound + kWriteSlack);
     if (!queued) {
         return RemoteOutcome{kServerDeviceBusy, "too many writes wait for this UPS"};
     }

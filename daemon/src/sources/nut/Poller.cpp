@@ -52,10 +52,12 @@ void Poller::requestStop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
-        // Nothing a poll still brings would be handed: it ends now rather
-        // than when upsd has finished answering.
-        if (m_pollDeadline) {
-            m_fetcher->interrupt();
+        // Nothing a poll still brings would be handed, and a write's client
+        // goes with the daemon: the round trip ends now rather than when
+        // upsd has finished answering.
+        if (m_deadline && m_interrupt && !m_interrupted) {
+            m_interrupted = true;
+            m_interrupt();
         }
     }
     m_stopped.notify_all();
@@ -74,13 +76,14 @@ std::size_t Poller::polls() const {
     return m_polls;
 }
 
-bool Poller::submit(Job job, std::size_t limit) {
+bool Poller::submit(Job job, std::size_t limit, Interrupt interrupt,
+                    std::chrono::milliseconds bound) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_jobs.size() >= limit) {
             return false;
         }
-        m_jobs.push_back(std::move(job));
+        m_jobs.push_back({std::move(job), std::move(interrupt), bound});
     }
     m_stopped.notify_all();
     return true;
@@ -96,19 +99,13 @@ void Poller::run() {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
         if (!m_jobs.empty()) {
-            Job const job = std::move(m_jobs.front());
-            m_jobs.pop_front();
-            lock.unlock();
-            job();
-            lock.lock();
+            runJob(lock);
             next = std::chrono::steady_clock::now();
             continue;
         }
         if (std::chrono::steady_clock::now() >= next) {
             auto const asked = std::chrono::steady_clock::now();
-            m_pollDeadline = asked + m_bound;
-            m_interrupted = false;
-            m_watched.notify_all();
+            begin(m_bound, [this] { m_fetcher->interrupt(); });
             lock.unlock();
             Reading reading = poll();
             lock.lock();
@@ -133,13 +130,36 @@ void Poller::run() {
     }
 }
 
+void Poller::begin(std::chrono::milliseconds bound, Interrupt interrupt) {
+    m_deadline = std::chrono::steady_clock::now() + bound;
+    m_interrupt = std::move(interrupt);
+    m_interrupted = false;
+    m_watched.notify_all();
+}
+
+/* The first job waiting, on the poller's thread; m_mutex held by `lock`
+ * except while the job runs. */
+void Poller::runJob(std::unique_lock<std::mutex>& lock) {
+    Queued queued = std::move(m_jobs.front());
+    m_jobs.pop_front();
+    if (queued.interrupt) {
+        begin(queued.bound, std::move(queued.interrupt));
+    }
+    lock.unlock();
+    queued.job();
+    lock.lock();
+    m_deadline.reset();
+    m_interrupt = nullptr;
+}
+
 /* One round trip, on the poller's thread; what it found, or that upsd did
  * not answer in time when the watchdog had to interrupt it. */
 Reading Poller::poll() {
     Reading reading = m_fetcher->fetch();
     reading.fetched = std::chrono::steady_clock::now();
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_pollDeadline.reset();
+    m_deadline.reset();
+    m_interrupt = nullptr;
     if (m_interrupted) {
         // Whatever the interrupted exchange left (part of a list, a read
         // error) is not what upsd has: the reading says why there is none.
@@ -152,17 +172,17 @@ Reading Poller::poll() {
     return reading;
 }
 
-/* The watchdog's thread: interrupts a poll that outlives its bound. */
+/* The watchdog's thread: interrupts a round trip that outlives its bound. */
 void Poller::watch() {
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        if (!m_pollDeadline || m_interrupted) {
+        if (!m_deadline || m_interrupted) {
             m_watched.wait(lock);
-        } else if (std::chrono::steady_clock::now() < *m_pollDeadline) {
-            m_watched.wait_until(lock, *m_pollDeadline);
+        } else if (std::chrono::steady_clock::now() < *m_deadline) {
+            m_watched.wait_until(lock, *m_deadline);
         } else {
             m_interrupted = true;
-            m_fetcher->interrupt();
+            m_interrupt();
         }
     }
 }

@@ -52,13 +52,12 @@ class Poller {
      * than `bound` is interrupted and handed as upsd unreachable. */
     Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake,
            std::chrono::milliseconds bound = kDefaultBound);
-    /* Stops the threads; a poll in progress is interrupted, a job in
-     * progress (a write) is waited for: its own bound ends it. */
+    /* Stops the threads; the round trip in progress is interrupted (a job
+     * given without a way to interrupt it is waited for). */
     ~Poller();
 
-    /* Asks the thread to stop, interrupting the poll in progress, without
-     * waiting: stopping many pollers costs one job's bound at most, not one
-     * each. */
+    /* Asks the thread to stop, interrupting the round trip in progress,
+     * without waiting for it. */
     void requestStop();
 
     /* Connecting (2 s) and one wait of NUT's library for an answer (5 s):
@@ -77,17 +76,33 @@ class Poller {
     PollerStatus status() const;
 
     using Job = std::function<void()>;
+    /* Makes a job end at once; called from another thread than the job's. */
+    using Interrupt = std::function<void()>;
     /* Runs `job` on the poller's thread before its next poll, after the jobs
      * given before it; the poll follows at once, so what the job changed at
-     * upsd is seen without waiting for the interval. False (and nothing
-     * queued) when `limit` jobs already wait. Any thread. */
-    bool submit(Job job, std::size_t limit);
+     * upsd is seen without waiting for the interval. A job that runs longer
+     * than `bound` (or is running when the poller stops) is interrupted with
+     * `interrupt`, if given: polls never wait behind a job for longer than
+     * that. False (and nothing queued) when `limit` jobs already wait. Any
+     * thread. */
+    bool submit(Job job, std::size_t limit, Interrupt interrupt = nullptr,
+                std::chrono::milliseconds bound = kDefaultBound);
 
   private:
+    struct Queued {
+        Job job;
+        Interrupt interrupt;
+        std::chrono::milliseconds bound;
+    };
+
     void run();
+    void runJob(std::unique_lock<std::mutex>& lock);
     Reading poll();
     void watch();
     void publish(Reading reading);
+    /* The round trip in progress (a poll or a job) is bounded from now and
+     * interrupted with `interrupt`; m_mutex held. */
+    void begin(std::chrono::milliseconds bound, Interrupt interrupt);
 
     std::unique_ptr<Fetcher> m_fetcher;
     std::chrono::milliseconds const m_interval;
@@ -95,11 +110,12 @@ class Poller {
     std::chrono::milliseconds const m_bound;
     mutable std::mutex m_mutex;
     std::condition_variable m_stopped;
-    std::condition_variable m_watched;  // a poll began, or the stop
+    std::condition_variable m_watched;  // a round trip began, or the stop
     bool m_stop = false;
-    // The poll in progress: when it must have ended, and whether the
-    // watchdog interrupted it.
-    std::optional<std::chrono::steady_clock::time_point> m_pollDeadline;
+    // The round trip in progress: when it must have ended, how to make it
+    // end, and whether the watchdog (or the stop) did.
+    std::optional<std::chrono::steady_clock::time_point> m_deadline;
+    Interrupt m_interrupt;
     bool m_interrupted = false;
     std::optional<Reading> m_latest;  // handed, not taken yet
     std::optional<Reading> m_handed;  // the last reading handed (poller thread only)
@@ -108,7 +124,7 @@ class Poller {
     std::optional<Reading::State> m_lastState;
     std::string m_lastDetail;
     std::chrono::steady_clock::time_point m_lastPoll{};
-    std::deque<Job> m_jobs;
+    std::deque<Queued> m_jobs;
     // Last: started when everything else is ready.
     std::thread m_watchdog;
     std::thread m_thread;
