@@ -243,5 +243,59 @@ TEST(Poller, AStopInterruptsTheRoundTripInProgressAndHandsNothing) {
     EXPECT_EQ(wakes, 0);
 }
 
+/* A job that waits until it is interrupted (or for ten seconds). */
+struct HeldJob {
+    std::mutex mutex;
+    std::condition_variable released;
+    bool interrupted = false;
+    std::atomic<bool> running{false};
+
+    Poller::Job job() {
+        return [this] {
+            running = true;
+            std::unique_lock<std::mutex> lock(mutex);
+            released.wait_for(lock, 10s, [this] { return interrupted; });
+        };
+    }
+    Poller::Interrupt interrupt() {
+        return [this] {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                interrupted = true;
+            }
+            released.notify_all();
+        };
+    }
+};
+
+TEST(Poller, AJobBeyondItsBoundIsInterruptedAndPollsGoOn) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 10s, [] {});
+    ASSERT_TRUE(eventually([&] { return script.fetches == 1; }));
+    HeldJob held;
+    auto const start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(poller.submit(held.job(), 4, held.interrupt(), 50ms));
+    ASSERT_TRUE(eventually([&] { return script.fetches == 2; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    std::lock_guard<std::mutex> lock(held.mutex);
+    EXPECT_TRUE(held.interrupted);
+}
+
+TEST(Poller, AStopInterruptsTheJobInProgress) {
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    auto poller = std::make_unique<Poller>(std::make_unique<ScriptedFetcher>(script), 10s, [] {});
+    ASSERT_TRUE(eventually([&] { return script.fetches == 1; }));
+    HeldJob held;
+    ASSERT_TRUE(poller->submit(held.job(), 4, held.interrupt(), 60s));
+    ASSERT_TRUE(eventually([&] { return held.running.load(); }));
+    auto const start = std::chrono::steady_clock::now();
+    poller.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    std::lock_guard<std::mutex> lock(held.mutex);
+    EXPECT_TRUE(held.interrupted);
+}
+
 }  // namespace
 }  // namespace tarsel::daemon::nut
