@@ -7,6 +7,7 @@ so once in its log and recovers on its own.
 """
 import itertools
 import os
+import signal
 import tempfile
 import threading
 import time
@@ -269,6 +270,59 @@ class NutFaultsTest(unittest.TestCase):
         self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST VAR")) > polls + 2,
                                    5.0), "polls did not go on after the write")
         self.assertEqual(self.charge(), [100])
+
+    def test_a_hung_ups_does_not_hold_up_a_fine_one(self):
+        fine = Script({"battery.charge": "90", "ups.status": "OL", "device.model": "Fine"})
+        with FakeUpsd(fine) as other:
+            self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S),
+                                       "--nut", self.upsd.endpoint("ups"),
+                                       "--nut", other.endpoint("ups")], verbose=False)
+            self.client = self.daemon.client()
+            self.assertTrue(wait_until(lambda: self.charge() == [100], 10.0), self.log())
+            self.assertTrue(wait_until(lambda: self.charge_of(2) == [90], 10.0), self.log())
+            # The first upsd trickles, then falls silent; the second goes on.
+            self.script.misbehaving = lambda: trickled(b"BEGIN LIST VAR ups\n", 0.5)
+            for charge in ("80", "70", "60"):
+                fine.variables["battery.charge"] = charge
+                changed = time.monotonic()
+                self.assertTrue(wait_until(lambda: self.charge_of(2) == [int(charge)],
+                                           POLL_S + 1.5),
+                                "the fine UPS was not served fresh\n" + self.log())
+                self.assertLess(time.monotonic() - changed, POLL_S + 1.5)
+                time.sleep(1.5)
+            self.assertTrue(wait_until(lambda: self.charge() == [UINT16_NOT_IMPLEMENTED],
+                                       FAULT_LIMIT_S), self.log())
+            self.assertEqual(self.charge_of(2), [60])
+            self.client.close()
+            self.client = None
+            asked = time.monotonic()
+            status, log = self.daemon.stop()
+            self.assertEqual(status, 0, log)
+            self.assertLess(time.monotonic() - asked, 2.0, "SIGTERM waited for the hung upsd")
+
+    def test_a_reload_while_upsd_trickles_a_poll_and_a_write_is_applied_at_once(self):
+        self.start(writes=True)
+        self.script.misbehaving = lambda: trickled(
+            list_answer("ups", "VAR", var_lines("ups", self.script.variables)), 0.5)
+        self.script.set_answer = lambda: trickled(
+            f"OK TRACKING {TRACKING_ID}\n".encode("ascii"), 1.0)
+        time.sleep(1.0)  # a poll trickles now
+        outcome = self.write_in_background()
+        self.assertTrue(wait_until(lambda: self.upsd.requests_of("SET VAR"), 10.0))
+        asked = time.monotonic()
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload applied", 3.0), self.log())
+        self.assertLess(time.monotonic() - asked, 1.0, "the reload waited for upsd")
+        self.assertIsNotNone(self.charge())
+        outcome["thread"].join(WRITE_ANSWER_BOUND_S + 5.0)
+        self.assertEqual(outcome["answer"].exception_code, 0x0B, str(outcome["answer"]))
+        self.script.misbehaving = None
+        self.script.set_answer = lambda: f"OK TRACKING {TRACKING_ID}\n".encode("ascii")
+        self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
+    def charge_of(self, unit):
+        response = self.client.read_input_registers(CHARGE, 1, slave=unit)
+        return None if response.isError() else list(response.registers)
 
 
 if __name__ == "__main__":
