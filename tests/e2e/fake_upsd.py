@@ -50,16 +50,18 @@ def serving(ups, variables, commands=()):
 
 
 class FakeUpsd:
-    """Listens on 127.0.0.1 at a free port; `script` answers each request."""
+    """Listens on 127.0.0.1 at `port` (0: a free one); `script` answers each
+    request."""
 
-    def __init__(self, script):
+    def __init__(self, script, port=0):
         self.script = script
         self.requests = []  # every request line, in order
         self.connections = 0
         self._stop = threading.Event()
         self._lock = threading.Lock()
         self._listener = socket.socket()
-        self._listener.bind(("127.0.0.1", 0))
+        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._listener.bind(("127.0.0.1", port))
         self._listener.listen(16)
         self._listener.settimeout(STEP_S)
         self.port = self._listener.getsockname()[1]

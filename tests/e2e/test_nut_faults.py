@@ -7,7 +7,9 @@ so once in its log and recovers on its own.
 """
 import itertools
 import os
+import resource
 import signal
+import socket
 import tempfile
 import threading
 import time
@@ -319,6 +321,43 @@ class NutFaultsTest(unittest.TestCase):
         self.script.misbehaving = None
         self.script.set_answer = lambda: f"OK TRACKING {TRACKING_ID}\n".encode("ascii")
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
+    def test_a_upsd_reached_while_over_a_thousand_clients_are_connected_is_served(self):
+        # NUT's library waits on its socket with select(), which knows
+        # descriptors below 1024 only: with that many clients connected and
+        # room for more descriptors, the poller's next connection to upsd
+        # must still get a low one.
+        clients = 1100
+        soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+        wanted = clients + 512
+        if soft < wanted:
+            if hard != resource.RLIM_INFINITY and hard < wanted:
+                self.skipTest(f"needs {wanted} descriptors, the hard limit is {hard}")
+            resource.setrlimit(resource.RLIMIT_NOFILE, (wanted, hard))
+            self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, (soft, hard))
+        self.upsd.stop()
+        port = self.upsd.port  # nothing listens there now: upsd is unreachable
+        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", "0.2", "--nut",
+                                   f"ups@127.0.0.1:{port}", "--max-clients", str(clients + 100)],
+                             verbose=False)
+        self.assertTrue(self.daemon.wait_for_log("upsd unreachable", 5.0), self.log())
+        # Before the crowd: pymodbus waits with select() too.
+        self.client = self.daemon.client()
+        sockets = []
+        try:
+            for _ in range(clients):
+                sockets.append(socket.create_connection(("127.0.0.1", self.daemon.port),
+                                                        timeout=5))
+            time.sleep(1.0)  # the poller tries upsd again meanwhile
+            self.assertTrue(self.daemon.alive(), self.log())
+            self.upsd = FakeUpsd(self.script, port=port)
+            self.assertTrue(wait_until(lambda: self.daemon.alive() and self.charge() == [100],
+                                       FAULT_LIMIT_S),
+                            "the UPS was not served\n" + self.log())
+        finally:
+            for connection in sockets:
+                connection.close()
+        self.assertTrue(self.daemon.alive(), self.log())
 
     def charge_of(self, unit):
         response = self.client.read_input_registers(CHARGE, 1, slave=unit)

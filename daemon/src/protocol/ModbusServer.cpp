@@ -1,7 +1,9 @@
 #include "ModbusServer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
@@ -31,6 +33,25 @@ constexpr std::chrono::seconds kMinQuietToEvict{1};
 
 std::string errorText(char const* what) {
     return std::string(what) + ": " + std::strerror(errno);
+}
+
+/* The client's descriptor moved to FD_SETSIZE or above when the process may
+ * open that many. NUT's client library waits on its sockets with select(),
+ * which knows descriptors below FD_SETSIZE only (glibc aborts the process
+ * for any other): with a thousand clients holding the low numbers, the
+ * poller's next connection to upsd would get a high one. Clients are served
+ * through poll(), which takes any. When there is no room up there, the
+ * client keeps the descriptor it has. */
+int aboveSelectRange(int fd) {
+    if (fd >= FD_SETSIZE) {
+        return fd;
+    }
+    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, FD_SETSIZE);
+    if (moved < 0) {
+        return fd;  // EINVAL: a limit of FD_SETSIZE or less; EMFILE: all taken
+    }
+    ::close(fd);
+    return moved;
 }
 
 int listenOn(ListenConfig const& config) {
@@ -321,8 +342,8 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
     for (int i = 0; i < kMaxAcceptsPerPass; ++i) {
         sockaddr_in address{};
         socklen_t length = sizeof address;
-        int const fd = ::accept4(m_listener, reinterpret_cast<sockaddr*>(&address), &length,
-                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = ::accept4(m_listener, reinterpret_cast<sockaddr*>(&address), &length,
+                           SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
@@ -353,6 +374,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             continue;
         }
         m_log.debug("client " + peer.text + " connected");
+        fd = aboveSelectRange(fd);
         std::unique_ptr<TlsSession> tls;
         if (m_tls) {
             try {
