@@ -117,6 +117,24 @@ TEST_F(UpsMirrorTest, EachStatusTokenIsABooleanChannel) {
     EXPECT_EQ(value("ups.status.DISCHRG"), kq::CValue(true));
 }
 
+TEST_F(UpsMirrorTest, StatusTokensCountWhateverTheirCaseAsNutsOwnMonitorReadsThem) {
+    auto lower = onLine();
+    lower["ups.status"] = "ob lB OB";
+    m_mirror.apply(lower);
+    EXPECT_EQ(value("ups.status.OB"), kq::CValue(true));
+    EXPECT_EQ(value("ups.status.LB"), kq::CValue(true));
+    EXPECT_EQ(value("ups.status.OL"), kq::CValue(false));
+}
+
+TEST_F(UpsMirrorTest, UnknownStatusTokensSetNoChannelAndStillReportAState) {
+    auto unknown = onLine();
+    unknown["ups.status"] = "ALARM OL";
+    m_mirror.apply(unknown);
+    EXPECT_EQ(value("ups.status.OL"), kq::CValue(true));
+    EXPECT_EQ(channel("ups.status.ALARM"), 0u);
+    EXPECT_EQ(value(kOperatingStatusChannel), kq::CValue(kOperatingStatusRunning));
+}
+
 TEST_F(UpsMirrorTest, AReportedStatusOpensTheMap) {
     m_mirror.apply(onLine());
     EXPECT_EQ(value(kOperatingStatusChannel), kq::CValue(kOperatingStatusRunning));

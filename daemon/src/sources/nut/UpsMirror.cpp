@@ -1,5 +1,7 @@
 #include "UpsMirror.h"
 
+#include <algorithm>
+#include <cctype>
 #include <set>
 #include <sstream>
 
@@ -10,12 +12,17 @@ namespace {
 constexpr bool kSilent = false;
 constexpr bool kNotify = true;
 
+/* The tokens of ups.status, in capitals: NUT's own monitor (upsmon) reads
+ * them whatever their case, so a driver's "ob lb" means on battery, low
+ * battery here too. */
 std::set<std::string> tokensOf(Variables const& variables) {
     std::set<std::string> tokens;
     auto const status = variables.find(kStatusVariable);
     if (status != variables.end()) {
         std::istringstream words(status->second);
         for (std::string token; words >> token;) {
+            std::transform(token.begin(), token.end(), token.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
             tokens.insert(token);
         }
     }
