@@ -1051,6 +1051,23 @@ TEST_F(HostStoreTest, WithoutCountingPerIdOnlyTotalsAndAChannelsValueReadsAreCou
     EXPECT_EQ(store.calls("getChannelCValue", channel), 1u);  // the channel counts it
 }
 
+TEST_F(HostStoreTest, WithoutCountingPerIdARemovedChannelLeavesNoCountBehind) {
+    // A daemon's store sees channels come and go under new ids for as long
+    // as it runs (a UPS that drops out and comes back): what a channel
+    // counted goes with it, or the counts would grow with every return.
+    store.countCallsPerId(false);
+    Id const device = store.addDevice("UPS");
+    Id const channel = store.addChannel(device, "Load", kq::CValue(1.5f));
+    watchChannel(channel, kq::sub::ChannelValue, "v");
+    (void)inBand.getChannelCValue(channel);
+    EXPECT_EQ(store.calls("getChannelCValue", channel), 1u);
+    store.removeDevice(device);
+    EXPECT_EQ(store.calls("getChannelCValue", channel), 0u);
+    EXPECT_EQ(store.calls("subscribeChannel", channel), 0u);
+    EXPECT_EQ(store.calls("getChannelCValue"), 1u);
+    EXPECT_EQ(store.calls("subscribeChannel"), 1u);
+}
+
 TEST_F(HostStoreTest, ResetTurnsCountingPerIdBackOn) {
     store.countCallsPerId(false);
     store.reset();

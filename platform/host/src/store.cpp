@@ -479,10 +479,13 @@ void Store::Impl::eraseChannelLocked(Id id) {
     if (it == channels.end()) {
         return;
     }
-    if (it->second.valueReads != 0) {
+    // What the channel counted outlives it only while counting per id:
+    // otherwise a store that sees channels come and go under new ids (a UPS
+    // that drops out and comes back) would keep a count for each for good.
+    if (countingPerId && it->second.valueReads != 0) {
         callCountById[CallKey{Operation::getChannelCValue, id}] += it->second.valueReads;
     }
-    if (it->second.subscribes != 0) {
+    if (countingPerId && it->second.subscribes != 0) {
         callCountById[CallKey{Operation::subscribeChannel, id}] += it->second.subscribes;
     }
     if (id < channelSlots.size()) {
