@@ -35,7 +35,7 @@ INPUT_VOLTAGE, INPUT_FREQUENCY = 50, 52
 OUTPUT_VOLTAGE = 53
 LOAD, REALPOWER, CHARGE, RUNTIME = 57, 58, 60, 61
 BATTERY_TEMPERATURE, UPS_TEMPERATURE, STATUS_WORD, OPERATING_STATUS = 64, 65, 66, 67
-OUTLET2_STATUS = 116
+OUTLET1_STATUS, OUTLET2_STATUS = 106, 116
 TOKENS = ["OL", "OB", "LB", "HB", "RB", "CHRG", "DISCHRG", "BYPASS", "CAL", "OFF", "OVER", "TRIM",
           "BOOST", "FSD"]
 
@@ -227,6 +227,34 @@ class NutTest(GatewayWithUpsdTest):
         self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == STRING_NOT_IMPLEMENTED,
                         2.0 + SERVED_LIMIT_S, "outlet.2 did not disappear")
         self.assertTrue(self.daemon.alive())
+
+    def test_a_ups_that_comes_back_with_other_variables_and_outlets_is_served_as_it_is_now(self):
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
+        self.upsd.stop_driver("bench")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [UINT16_NOT_IMPLEMENTED],
+                        FAULT_LIMIT_S, "entries stayed available without the driver")
+        other = dev_without(["outlet.2.", "outlet.1.status", "battery.charge:"])
+        self.upsd.write_file("bench.dev", other + "battery.charge: 55\noutlet.1.status: off\n"
+                             "outlet.3.desc: Third\noutlet.3.status: on\n")
+        self.upsd.start_driver("bench")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [55] and self.discretes()["OL"],
+                        FAULT_LIMIT_S, "the UPS did not come back")
+        self.wait_until(lambda: text(self.registers(OUTLET1_STATUS, 2)) == "off",
+                        SERVED_LIMIT_S + 2, "outlet.1 is not served as it is now")
+        self.assertEqual(self.registers(OUTLET2_STATUS, 2), STRING_NOT_IMPLEMENTED)
+        # Back as it was: the outlet that went comes back too.
+        self.upsd.stop_driver("bench")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [UINT16_NOT_IMPLEMENTED],
+                        FAULT_LIMIT_S, "entries stayed available without the driver")
+        self.upsd.write_file("bench.dev", demo_dev())
+        self.upsd.start_driver("bench")
+        self.wait_until(lambda: self.registers(CHARGE, 1) == [100] and
+                        text(self.registers(OUTLET2_STATUS, 2)) == "off",
+                        FAULT_LIMIT_S, "outlet.2 did not come back with its UPS")
+        self.assertEqual(text(self.registers(OUTLET1_STATUS, 2)), "on")
+        self.assertTrue(self.daemon.alive())
+        self.assertFalse([line for line in self.daemon.log_lines if "rebuilding" in line])
 
     def test_status_changes_move_the_status_discretes(self):
         self.start({"bench": ("bench.dev", demo_dev())})

@@ -205,6 +205,35 @@ class NutWritesTest(unittest.TestCase):
         self.assertTrue(self.daemon.wait_for_log("no outcome", 2.0))
         self.assertTrue(self.daemon.alive())
 
+    def test_upsd_restarted_during_a_write_gets_0x0b_and_the_ups_comes_back(self):
+        self.start()
+        writer = self.connect(timeout=WRITE_LIMIT_S + 5)
+        outcome = {}
+
+        def write():
+            asked = time.monotonic()
+            outcome["answer"] = writer.write_register(CHARGE_LOW, 33, slave=UNIT)
+            outcome["took"] = time.monotonic() - asked
+
+        # upsd stops answering with the write under way, then goes and comes
+        # back (a restart) before the write's bound is over.
+        self.upsd.pause_upsd()
+        thread = threading.Thread(target=write)
+        thread.start()
+        time.sleep(1.0)
+        self.upsd.resume_upsd()
+        self.upsd.stop_upsd()
+        self.upsd.start_upsd()
+        thread.join(WRITE_LIMIT_S + 5)
+        self.assertEqual(outcome["answer"].exception_code, 0x0B, str(outcome["answer"]))
+        self.assertLess(outcome["took"], WRITE_LIMIT_S)
+        self.assertTrue(self.daemon.wait_for_log("no outcome", 2.0))
+        self.wait_until(lambda: self.input_registers(CHARGE, 1) == [100], 10.0,
+                        "the UPS did not come back after upsd's restart")
+        # (No write after the restart: Debian's dummy-ups 2.8.0 aborts on a
+        # SET that reaches it through a restarted upsd.)
+        self.assertTrue(self.daemon.alive())
+
     def test_two_upses_with_two_maps(self):
         own_map = {"entries": [
             {"name": "charge", "table": "input-registers", "address": 0, "encoder": "uint16",
