@@ -5,17 +5,20 @@ It speaks just enough of NUT's network protocol for the daemon's poller:
 each request line is handed to a script (a function of the line) whose answer
 is sent back. A script answers with bytes, with a list of (bytes, seconds to
 wait before them) to send a little at a time, with SILENT (no answer, the
-connection stays open) or with CLOSE (the connection is closed at once).
+connection stays open), with CLOSE (the connection is closed at once) or
+RESET (it is reset); CLOSE and RESET may also end a list, in place of bytes.
 
 Everything runs on threads of this process; every wait is bounded and stop()
 ends them all.
 """
 import socket
+import struct
 import threading
 import time
 
 SILENT = object()
 CLOSE = object()
+RESET = object()  # the connection is reset (RST) at once
 STEP_S = 0.1  # how often a thread looks whether it is to stop
 
 
@@ -111,17 +114,27 @@ class FakeUpsd:
         """False when the connection is to end."""
         if answer is SILENT:
             return True
-        if answer is CLOSE:
-            return False
+        if answer in (CLOSE, RESET):
+            return self._end(connection, answer)
         chunks = [(answer, 0.0)] if isinstance(answer, (bytes, bytearray)) else answer
         try:
             for data, delay in chunks:
                 if self._stop.wait(delay):
                     return False
+                if data in (CLOSE, RESET):
+                    return self._end(connection, data)
                 connection.sendall(data)
         except OSError:
             return False
         return True
+
+    @staticmethod
+    def _end(connection, how):
+        """Ends the connection as `how` says; False, as the connection ends."""
+        if how is RESET:
+            # A zero linger time makes the close a reset.
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        return False
 
     def requests_of(self, prefix):
         with self._lock:

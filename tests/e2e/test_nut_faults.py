@@ -18,7 +18,8 @@ import unittest
 from pymodbus.client import ModbusTcpClient
 from pymodbus.exceptions import ConnectionException
 
-from fake_upsd import (SILENT, FakeUpsd, list_answer, serving, trickled, var_lines, wait_until)
+from fake_upsd import (CLOSE, RESET, SILENT, FakeUpsd, list_answer, serving, trickled, var_lines,
+                       wait_until)
 from harness import Daemon
 from nut_harness import NUT_MAP
 
@@ -197,6 +198,19 @@ class NutFaultsTest(unittest.TestCase):
         self.script.misbehaving = None
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S),
                         "the UPS did not come back\n" + self.log())
+
+    def test_a_upsd_that_closes_or_resets_in_mid_list_reads_as_unavailable_and_comes_back(self):
+        self.start()
+        for end in (CLOSE, RESET):
+            self.script.misbehaving = lambda end=end: [
+                (b'BEGIN LIST VAR ups\nVAR ups battery.charge "1', 0.0), (end, 0.0)]
+            self.assertTrue(wait_until(lambda: self.charge() == [UINT16_NOT_IMPLEMENTED],
+                                       FAULT_LIMIT_S), self.log())
+            self.script.misbehaving = None
+            self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+        self.daemon.drain_log()
+        lost = [line for line in self.daemon.log_lines if "upsd unreachable" in line]
+        self.assertEqual(len(lost), 2, "\n".join(lost))
 
     def test_an_error_inside_a_list_is_said_once_and_not_taken_for_the_next_answer(self):
         self.start()
