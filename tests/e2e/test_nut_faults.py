@@ -10,6 +10,7 @@ import os
 import resource
 import signal
 import socket
+import subprocess
 import tempfile
 import threading
 import time
@@ -372,6 +373,32 @@ class NutFaultsTest(unittest.TestCase):
             for connection in sockets:
                 connection.close()
         self.assertTrue(self.daemon.alive(), self.log())
+
+    def test_a_host_the_name_server_cannot_resolve_reads_as_unreachable_and_sigterm_stops(self):
+        # NUT's library asks the name server again and again for as long as
+        # it answers "try again": the daemon gets a name server of its own
+        # that nobody runs (a private mount namespace over /etc/resolv.conf).
+        if os.geteuid() != 0:
+            self.skipTest("needs root for a mount namespace of its own")
+        resolv = os.path.join(self.dir.name, "resolv.conf")
+        with open(resolv, "w", encoding="ascii") as f:
+            f.write("nameserver 127.0.0.2\noptions timeout:1 attempts:1\n")
+        wrapper = os.path.join(self.dir.name, "own-resolver.sh")
+        with open(wrapper, "w", encoding="ascii") as f:
+            f.write(f'#!/bin/sh\nmount --bind "{resolv}" /etc/resolv.conf && exec "$@"\n')
+        os.chmod(wrapper, 0o700)
+        if subprocess.run(["unshare", "-m", wrapper, "true"], capture_output=True,
+                          timeout=10).returncode != 0:
+            self.skipTest("cannot make a mount namespace here")
+        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S), "--nut",
+                                   "ups@upsd.invalid"],
+                             verbose=False, wrapper=["unshare", "-m", wrapper])
+        self.assertTrue(self.daemon.wait_for_log("upsd unreachable: cannot resolve", 10.0),
+                        self.log())
+        asked = time.monotonic()
+        status, log = self.daemon.stop()
+        self.assertEqual(status, 0, log)
+        self.assertLess(time.monotonic() - asked, 4.0, "SIGTERM waited for the name server")
 
     def charge_of(self, unit):
         response = self.client.read_input_registers(CHARGE, 1, slave=unit)

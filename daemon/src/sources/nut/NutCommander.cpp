@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "Commander.h"
+#include "HostResolver.h"
 #include "sources/nut/UpsClientLibrary.h"
 
 namespace tarsel::daemon::nut {
@@ -27,14 +28,8 @@ class Session {
             m_failure = m_library.failure();
             return;
         }
-        timeval tv{};
-        tv.tv_sec = static_cast<time_t>(connectTimeout.count());
-        m_open =
-            m_library.tryconnect(&m_connection, endpoint.host.c_str(), endpoint.port, 0, &tv) >= 0;
-        if (!m_open) {
-            m_failure = m_library.strerror(&m_connection);
-            m_library.disconnect(&m_connection);
-        }
+        m_failure = connectToUpsd(m_library, m_connection, endpoint, connectTimeout);
+        m_open = m_failure.empty();
     }
     ~Session() {
         if (m_open) {

@@ -16,18 +16,13 @@
 #include <utility>
 #include <vector>
 
+#include "HostResolver.h"
 #include "Poller.h"
 #include "sources/nut/UpsClientLibrary.h"
 
 namespace tarsel::daemon::nut {
 
 namespace {
-
-timeval toTimeval(std::chrono::seconds timeout) {
-    timeval tv{};
-    tv.tv_sec = static_cast<time_t>(timeout.count());
-    return tv;
-}
 
 // More variables (or commands) than any UPS or PDU lists: the rest of such
 // a list is not read, so a upsd that lists for ever costs a bounded amount
@@ -156,12 +151,10 @@ class NutFetcher : public Fetcher {
             reading.detail = m_library.failure();
             return false;
         }
-        timeval tv = toTimeval(m_timeout);
-        if (m_library.tryconnect(&m_connection, m_endpoint.host.c_str(), m_endpoint.port, 0, &tv) <
-            0) {
+        std::string failure = connectToUpsd(m_library, m_connection, m_endpoint, m_timeout);
+        if (!failure.empty()) {
             reading.state = Reading::State::Unreachable;
-            reading.detail = m_library.strerror(&m_connection);
-            m_library.disconnect(&m_connection);
+            reading.detail = std::move(failure);
             return false;
         }
         m_connected = true;
