@@ -161,6 +161,10 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     int const client = connectClient();
     send(client, withTransaction(testing::request(6, 2, 42), 1));
     ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    // A reset, not an end of stream: the server cannot tell a client that has
+    // closed its socket from one that has only ended its side until it writes.
+    linger const abort{1, 0};
+    ASSERT_EQ(::setsockopt(client, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
     ::close(client);
     m_clients.clear();
     ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
@@ -199,6 +203,39 @@ TEST_F(ModbusServerTest, EveryRequestSentBeforeTheClientEndsItsSideIsAnswered) {
     }
     EXPECT_EQ(got / answerBytes, requests);
     EXPECT_EQ(got % answerBytes, 0u);
+}
+
+TEST_F(ModbusServerTest, AWriteSentBeforeTheClientEndsItsSideIsAnsweredWhenItsOutcomeComes) {
+    int const client = connectClient();
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const read = withTransaction(testing::request(3, 2, 1), 2);
+    both.insert(both.end(), read.begin(), read.end());
+    send(client, both);
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);  // still reads its answers
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    EXPECT_EQ(m_server->clientCount(), 1u) << "dropped with its answers still to come";
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(answers(client), (std::vector<int>{1, 2}));
+    Bytes rest(16);
+    EXPECT_EQ(::recv(client, rest.data(), rest.size(), MSG_DONTWAIT), 0) << "no end of stream";
+}
+
+TEST_F(ModbusServerTest, AnEndedClientWaitingForItsAnswerDoesNotWakeTheLoop) {
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    ASSERT_EQ(m_server->clientCount(), 1u);
+    // Its end of stream has been heard: polling its socket for reading
+    // again would report it on every pass until the outcome comes.
+    auto fds = m_server->pollSet();
+    EXPECT_EQ(::poll(fds.data(), fds.size(), 0), 0);
+    m_writes.pending.front()(RemoteOutcome{0x02, "refused"});
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(answers(client), std::vector<int>{1});
 }
 
 TEST_F(ModbusServerTest, ATlsClientSendingWithoutPauseIsReadOnlyAFewKilobytesAheadOfItsAnswers) {
