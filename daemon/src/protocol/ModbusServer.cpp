@@ -57,17 +57,6 @@ int listenOn(ListenConfig const& config) {
     return fd;
 }
 
-/* "600", "0.5": a duration as the options give it. */
-std::string secondsText(std::chrono::milliseconds duration) {
-    std::string text = std::to_string(duration.count() / 1000);
-    if (long long const millis = duration.count() % 1000) {
-        std::string fraction = std::to_string(1000 + millis).substr(1);
-        fraction.erase(fraction.find_last_not_of('0') + 1);
-        text += "." + fraction;
-    }
-    return text;
-}
-
 }  // namespace
 
 ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limits,
