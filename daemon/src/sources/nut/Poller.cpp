@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "LogText.h"
+
 namespace tarsel::daemon::nut {
 
 char const* stateName(Reading::State state) {
@@ -17,21 +19,6 @@ char const* stateName(Reading::State state) {
     }
     return "?";
 }
-
-namespace {
-
-/* "7 s", "0.25 s": a bound as the log says it. */
-std::string secondsText(std::chrono::milliseconds duration) {
-    std::string text = std::to_string(duration.count() / 1000);
-    if (auto const rest = duration.count() % 1000; rest != 0) {
-        std::string fraction = std::to_string(1000 + rest).substr(1);
-        fraction.erase(fraction.find_last_not_of('0') + 1);
-        text += "." + fraction;
-    }
-    return text + " s";
-}
-
-}  // namespace
 
 Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake,
                std::chrono::milliseconds bound)
@@ -165,7 +152,7 @@ Reading Poller::poll() {
         // error) is not what upsd has: the reading says why there is none.
         Reading late;
         late.state = Reading::State::Unreachable;
-        late.detail = "no whole answer within " + secondsText(m_bound);
+        late.detail = "no whole answer within " + secondsText(m_bound) + " s";
         late.fetched = reading.fetched;
         return late;
     }
