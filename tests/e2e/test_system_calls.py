@@ -45,8 +45,11 @@ def calls_on_connection(lines):
     """Every system call between the daemon's accept of the first client and
     the recv that finds it gone, as (name, arguments, result); poll()s that
     timed out (the loop's own timers) are left out, and so is the accept that
-    finds no second client."""
-    calls, socket = [], None
+    finds no second client. Where the daemon may open more than 1024
+    descriptors it moves the client's above them as it accepts it (F_DUPFD,
+    then a close of the first): that is part of the accept, and the client
+    is the moved descriptor from then on."""
+    calls, socket, accepted = [], None, None
     for line in lines:
         match = LINE.match(line)
         if match is None:
@@ -54,8 +57,17 @@ def calls_on_connection(lines):
         _, name, arguments, result = match.groups()
         if socket is None:
             if name == "accept4" and int(result) >= 0:
-                socket = result
+                socket = accepted = result
             continue
+        if accepted is not None:
+            if name == "fcntl" and arguments.startswith(accepted + ", F_DUPFD_CLOEXEC"):
+                if int(result) >= 0:
+                    socket = result
+                continue
+            if name == "close" and arguments == accepted and socket != accepted:
+                accepted = None
+                continue
+            accepted = None
         if name == "recvfrom" and arguments.startswith(socket + ",") and result == "0":
             return calls
         if (name == "poll" and result == "0") or (name == "accept4" and result == "-1"):
