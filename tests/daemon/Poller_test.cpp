@@ -5,7 +5,9 @@
 #include <condition_variable>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "sources/nut/Poller.h"
 
@@ -241,6 +243,35 @@ TEST(Poller, AStopInterruptsTheRoundTripInProgressAndHandsNothing) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
     EXPECT_EQ(script.interrupts, 1);
     EXPECT_EQ(wakes, 0);
+}
+
+TEST(Poller, WritesThatKeepComingDoNotKeepPollsWaiting) {
+    // Each job is followed by a poll before the next one: a master that
+    // writes without pause to a UPS whose upsd hangs must not keep the
+    // UPS's old values from being found out.
+    ScriptedFetcher::Script script;
+    script.reading = fresh("100");
+    std::mutex mutex;
+    std::vector<std::string> order;
+    Poller poller(std::make_unique<ScriptedFetcher>(script), 10s, [] {});
+    ASSERT_TRUE(eventually([&] { return script.fetches == 1; }));
+    std::promise<void> hold;
+    std::shared_future<void> const held = hold.get_future().share();
+    // The first job holds the thread until the others are queued behind it.
+    ASSERT_TRUE(poller.submit([&, held] { held.wait(); }, 8));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(poller.submit(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex);
+                order.push_back("job after " + std::to_string(script.fetches.load()) + " polls");
+            },
+            8));
+    }
+    hold.set_value();
+    ASSERT_TRUE(eventually([&] { return script.fetches >= 5; }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(order, (std::vector<std::string>{"job after 2 polls", "job after 3 polls",
+                                               "job after 4 polls"}));
 }
 
 /* A job that waits until it is interrupted (or for ten seconds). */

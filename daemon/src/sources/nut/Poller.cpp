@@ -85,12 +85,15 @@ void Poller::run() {
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stop) {
-        if (!m_jobs.empty()) {
+        bool const pollDue = std::chrono::steady_clock::now() >= next;
+        // A job is followed by a poll before the next job: writes that keep
+        // coming never keep the UPS unpolled (and its old values served).
+        if (!m_jobs.empty() && !pollDue) {
             runJob(lock);
             next = std::chrono::steady_clock::now();
             continue;
         }
-        if (std::chrono::steady_clock::now() >= next) {
+        if (pollDue) {
             auto const asked = std::chrono::steady_clock::now();
             begin(m_bound, [this] { m_fetcher->interrupt(); });
             lock.unlock();
