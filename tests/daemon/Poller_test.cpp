@@ -274,6 +274,30 @@ TEST(Poller, WritesThatKeepComingDoNotKeepPollsWaiting) {
                                                "job after 4 polls"}));
 }
 
+/* Takes longer than the poller's interval for every round trip. */
+class SlowFetcher : public Fetcher {
+  public:
+    explicit SlowFetcher(std::atomic<int>& fetches) : m_fetches(fetches) {}
+    Reading fetch() override {
+        std::this_thread::sleep_for(20ms);
+        ++m_fetches;
+        return fresh("100");
+    }
+
+  private:
+    std::atomic<int>& m_fetches;
+};
+
+TEST(Poller, PollsThatOutlastTheirIntervalDoNotKeepAJobWaiting) {
+    std::atomic<int> fetches{0};
+    Poller poller(std::make_unique<SlowFetcher>(fetches), 5ms, [] {});
+    ASSERT_TRUE(eventually([&] { return fetches >= 1; }));
+    std::promise<void> ran;
+    auto done = ran.get_future();
+    ASSERT_TRUE(poller.submit([&] { ran.set_value(); }, 4));
+    EXPECT_EQ(done.wait_for(1s), std::future_status::ready);
+}
+
 /* A job that waits until it is interrupted (or for ten seconds). */
 struct HeldJob {
     std::mutex mutex;

@@ -84,16 +84,20 @@ PollerStatus Poller::status() const {
 void Poller::run() {
     auto next = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(m_mutex);
+    bool jobLast = false;  // the last round trip was a job's
     while (!m_stop) {
         bool const pollDue = std::chrono::steady_clock::now() >= next;
-        // A job is followed by a poll before the next job: writes that keep
-        // coming never keep the UPS unpolled (and its old values served).
-        if (!m_jobs.empty() && !pollDue) {
+        // Jobs and due polls take turns: writes that keep coming never keep
+        // the UPS unpolled (and its old values served), and polls that take
+        // longer than the interval never keep a write waiting.
+        if (!m_jobs.empty() && !(jobLast && pollDue)) {
             runJob(lock);
+            jobLast = true;
             next = std::chrono::steady_clock::now();
             continue;
         }
         if (pollDue) {
+            jobLast = false;
             auto const asked = std::chrono::steady_clock::now();
             begin(m_bound, [this] { m_fetcher->interrupt(); });
             lock.unlock();
