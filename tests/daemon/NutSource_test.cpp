@@ -136,6 +136,26 @@ TEST_F(NutSourceTest, AnUnreachableUpsdOrAnUnknownUpsRemovesTheDevice) {
     EXPECT_TRUE(loopUntil([&] { return !m_store.hasDevice(kFirstUpsDevice); }));
 }
 
+TEST_F(NutSourceTest, AUpsThatComesAndGoesWithoutPauseTakesTenLogLinesAMinuteAtMost) {
+    m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    for (int round = 0; round < 15; ++round) {
+        m_upsd.set("ups", failed(Reading::State::Unreachable, "Server disconnected"));
+        ASSERT_TRUE(loopUntil([&] { return !m_store.hasDevice(kFirstUpsDevice); }));
+        m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
+        ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    }
+    std::istringstream lines(m_logText.str());
+    std::size_t changes = 0;
+    for (std::string line; std::getline(lines, line);) {
+        bool const change = line.find(" fresh (") != std::string::npos ||
+                            line.find(" upsd unreachable: ") != std::string::npos;
+        changes += change ? 1 : 0;
+    }
+    EXPECT_EQ(changes, Log::kBurstPerMinute) << m_logText.str();
+}
+
 TEST_F(NutSourceTest, EachUpsHasADeviceOfItsOwn) {
     m_upsd.set("first", fresh({{"battery.charge", "97"}}));
     m_upsd.set("second", fresh({{"battery.charge", "12"}}));

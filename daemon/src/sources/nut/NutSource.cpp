@@ -220,11 +220,16 @@ void Source::logState(Ups& ups, Reading const& reading) {
     }
     ups.state = reading.state;
     std::string const text = "NUT: " + ups.endpoint.text() + " " + stateName(reading.state);
+    // Each change is said once; a UPS that comes and goes without pause (a
+    // flapping link) says ten a minute, then how many more and the last.
+    std::string const kind = "state changes of " + ups.endpoint.text();
     if (reading.state == Reading::State::Fresh) {
-        m_log.info(text + " (" + std::to_string(reading.variables.size()) + " variables)");
+        m_log.limited(Log::Level::Info, kind,
+                      text + " (" + std::to_string(reading.variables.size()) + " variables)");
     } else {
-        m_log.warning(text + (reading.detail.empty() ? "" : ": " + reading.detail) +
-                      "; its entries read as unavailable until it is back");
+        m_log.limited(Log::Level::Warning, kind,
+                      text + (reading.detail.empty() ? "" : ": " + reading.detail) +
+                          "; its entries read as unavailable until it is back");
     }
 }
 
