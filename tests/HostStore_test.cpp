@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -801,6 +802,73 @@ TEST_F(HostStoreTest, UnsubscribeFromAnotherThreadWaitsForARunningCallback) {
     EXPECT_TRUE(callbackDone.load());
     releaser.join();
     writer.join();
+}
+
+TEST_F(HostStoreTest, ChangesFromTwoThreadsWhileAThirdOpensAndEndsSubscriptionsAllArriveInTime) {
+    // Two threads deliver to the same subscription at once (the store then
+    // keeps a second delivering thread besides the first), while a third
+    // opens and ends subscriptions on the same channel in a loop. Every change
+    // reaches the subscription that stays open, and none of the short-lived
+    // ones is still called once its unsubscribe() returned.
+    Id const ch = store.addChannel(store.addDevice("UPS"), "C", kq::CValue(0));
+    std::atomic<int> delivered{0};
+    Id steady = 0;
+    inBand.subscribeChannel(
+        ch, [&](Id, kq::CValue) { ++delivered; }, kq::sub::ChannelValue, &steady);
+    constexpr int kWritesEach = 500;
+    std::atomic<bool> writing{true};
+    auto const write = [&](int offset) {
+        for (int i = 0; i < kWritesEach; ++i) {
+            store.setChannelValue(ch, kq::CValue(offset + i));
+        }
+    };
+    std::thread first(write, 0);
+    std::thread second(write, kWritesEach);
+
+    struct Watch {
+        std::atomic<bool> ended{false};
+        std::atomic<int> callsAfterEnd{0};
+    };
+    std::vector<std::shared_ptr<Watch>> watches;
+    std::thread churn([&] {
+        // Bounded: at most this many rounds, fewer once both writers are done.
+        for (int round = 0; round < 2000 && (round < 20 || writing); ++round) {
+            auto const watch = std::make_shared<Watch>();
+            Id id = 0;
+            inBand.subscribeChannel(
+                ch,
+                [watch](Id, kq::CValue) {
+                    // Checked on the way out: a callback still running once
+                    // unsubscribe() returned is as wrong as one begun after.
+                    std::this_thread::yield();
+                    if (watch->ended) {
+                        ++watch->callsAfterEnd;
+                    }
+                },
+                kq::sub::ChannelValue, &id);
+            std::this_thread::yield();
+            inBand.unsubscribe(id);
+            watch->ended = true;
+            watches.push_back(watch);
+        }
+    });
+    first.join();
+    second.join();
+    writing = false;
+    churn.join();
+
+    // Counted once every thread is done: a late call would come from a
+    // delivery planned before the end and made after it.
+    int callsAfterEnd = 0;
+    for (auto const& watch : watches) {
+        callsAfterEnd += watch->callsAfterEnd;
+    }
+    EXPECT_EQ(delivered.load(), 2 * kWritesEach);
+    EXPECT_EQ(callsAfterEnd, 0);
+    EXPECT_GE(watches.size(), 20u);
+    EXPECT_EQ(store.subscriptionCount(), 1u);
+    inBand.unsubscribe(steady);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
 }
 
 // ---- Reset ------------------------------------------------------------------------------
