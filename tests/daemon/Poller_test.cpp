@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -186,6 +188,54 @@ TEST(Poller, JobsBeyondTheLimitAreRefusedWhileTheThreadIsBusy) {
     }
     script.changed.notify_all();
     EXPECT_TRUE(eventually([&] { return runs == 2; }));
+}
+
+/* The signal mask of the thread its first fetch runs on. */
+class MaskFetcher : public Fetcher {
+  public:
+    explicit MaskFetcher(std::promise<sigset_t>& mask) : m_mask(mask) {}
+
+    Reading fetch() override {
+        if (!m_told) {
+            sigset_t mask;
+            sigemptyset(&mask);
+            pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+            m_mask.set_value(mask);
+            m_told = true;
+        }
+        return Reading{};
+    }
+
+  private:
+    std::promise<sigset_t>& m_mask;
+    bool m_told = false;
+};
+
+bool blocks(sigset_t const& mask, int signal) {
+    return sigismember(&mask, signal) == 1;
+}
+
+sigset_t ownMask() {
+    sigset_t mask;
+    sigemptyset(&mask);
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return mask;
+}
+
+TEST(Poller, ItsThreadLeavesTheDaemonsSignalsToTheThreadThatStartedIt) {
+    ASSERT_FALSE(blocks(ownMask(), SIGTERM)) << "the test needs a thread that takes SIGTERM";
+    std::promise<sigset_t> mask;
+    auto seen = mask.get_future();
+    Poller poller(std::make_unique<MaskFetcher>(mask), 10s, [] {});
+    ASSERT_EQ(seen.wait_for(10s), std::future_status::ready);
+    sigset_t const polling = seen.get();
+    for (int const signal : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
+        EXPECT_TRUE(blocks(polling, signal)) << "signal " << signal;
+    }
+    // A fault on the poller's own thread is still its own to raise.
+    EXPECT_FALSE(blocks(polling, SIGSEGV));
+    // The thread that started the poller keeps its mask.
+    EXPECT_FALSE(blocks(ownMask(), SIGTERM));
 }
 
 }  // namespace

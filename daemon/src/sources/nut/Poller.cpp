@@ -1,8 +1,38 @@
 #include "Poller.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <csignal>
 
 namespace tarsel::daemon::nut {
+
+namespace {
+
+/* Blocks every asynchronous signal on the calling thread for as long as it
+ * lives, so that a thread started meanwhile inherits the mask. The signals a
+ * fault raises on the thread itself stay unblocked: blocking them is
+ * undefined. */
+class AsynchronousSignalsBlocked {
+  public:
+    AsynchronousSignalsBlocked() {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+            sigdelset(&blocked, fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_previous);
+    }
+    ~AsynchronousSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+
+    AsynchronousSignalsBlocked(AsynchronousSignalsBlocked const&) = delete;
+    AsynchronousSignalsBlocked& operator=(AsynchronousSignalsBlocked const&) = delete;
+
+  private:
+    sigset_t m_previous{};
+};
+
+}  // namespace
 
 char const* stateName(Reading::State state) {
     switch (state) {
@@ -22,7 +52,19 @@ Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds inter
     : m_fetcher(std::move(fetcher)),
       m_interval(interval),
       m_wake(std::move(wake)),
-      m_thread([this] { run(); }) {}
+      m_thread(startThread()) {}
+
+/* The kernel hands a signal sent to the process to any thread that does not
+ * block it. The daemon's handlers write to the loop's signal pipe, which the
+ * loop's thread sets up and tears down (the pipe goes while the pollers still
+ * wind down a round trip); run on a poller thread, a handler would race with
+ * that, and could write into a descriptor number already given to something
+ * else. The poller's thread blocks them all, so they always land on the
+ * loop's thread. */
+std::thread Poller::startThread() {
+    AsynchronousSignalsBlocked const blocked;
+    return std::thread([this] { run(); });
+}
 
 Poller::~Poller() {
     requestStop();

@@ -38,7 +38,8 @@ class Poller {
   public:
     using Wake = std::function<void()>;
 
-    /* Starts polling at once, every `interval`. */
+    /* Starts polling at once, every `interval`, on a thread that blocks the
+     * process's asynchronous signals: they are the loop's to handle. */
     Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake);
     /* Stops the thread; waits at most for the round trip in progress, which
      * the fetcher's timeout bounds. */
@@ -66,6 +67,7 @@ class Poller {
     bool submit(Job job, std::size_t limit);
 
   private:
+    std::thread startThread();
     void run();
     void publish(Reading reading);
 
