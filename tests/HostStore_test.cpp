@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -868,6 +871,64 @@ TEST_F(HostStoreTest, ChangesFromTwoThreadsWhileAThirdOpensAndEndsSubscriptionsA
     EXPECT_GE(watches.size(), 20u);
     EXPECT_EQ(store.subscriptionCount(), 1u);
     inBand.unsubscribe(steady);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(HostStoreTest, CallbacksOnTwoThreadsEndingEachOthersSubscriptionsBothReturn) {
+    // Each callback ends the other's subscription while the other is inside
+    // its own: were each unsubscribe() to wait for the other callback to
+    // end, neither would. One waits; the other, whose wait would close the
+    // circle, returns at once.
+    Id const first = store.addChannel(store.addDevice("UPS"), "First");
+    Id const second = store.addChannel(store.addDevice("UPS 2"), "Second");
+    std::atomic<int> inside{0};
+    auto const bothInside = [&] {
+        ++inside;
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (inside < 2 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    };
+    Id firstSubscription = 0;
+    Id secondSubscription = 0;
+    inBand.subscribeChannel(
+        first,
+        [&](Id, kq::CValue) {
+            bothInside();
+            inBand.unsubscribe(secondSubscription);
+        },
+        kq::sub::ChannelValue, &firstSubscription);
+    inBand.subscribeChannel(
+        second,
+        [&](Id, kq::CValue) {
+            bothInside();
+            inBand.unsubscribe(firstSubscription);
+        },
+        kq::sub::ChannelValue, &secondSubscription);
+
+    std::promise<void> firstDone;
+    std::promise<void> secondDone;
+    std::thread a([&] {
+        store.setChannelValue(first, kq::CValue(1));
+        firstDone.set_value();
+    });
+    std::thread b([&] {
+        store.setChannelValue(second, kq::CValue(2));
+        secondDone.set_value();
+    });
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    bool const returned =
+        firstDone.get_future().wait_until(deadline) == std::future_status::ready &&
+        secondDone.get_future().wait_until(deadline) == std::future_status::ready;
+    if (!returned) {
+        // The two threads wait for each other for good and cannot be
+        // joined: this process ends here, failed.
+        std::fprintf(stderr, "the two unsubscribe() calls wait for each other\n");
+        std::_Exit(1);
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(inside.load(), 2);
     EXPECT_EQ(store.subscriptionCount(), 0u);
 }
 
