@@ -33,8 +33,16 @@ known() { apt-cache show "${packages[@]}" >/dev/null 2>&1; }
 if ! known; then
     echo "armhf-sysroot: fetching the package lists"
     # A list of some other suite failing to download (a mirror in sync) does
-    # not matter as long as the packages needed here become known.
-    $sudo apt-get update -qq || echo "armhf-sysroot: apt-get update reported errors" >&2
+    # not matter as long as the packages needed here become known; a mirror
+    # caught in the middle of a sync is asked again a little later.
+    for attempt in 1 2 3; do
+        $sudo apt-get update -qq || echo "armhf-sysroot: apt-get update reported errors" >&2
+        known && break
+        if [ "$attempt" -lt 3 ]; then
+            echo "armhf-sysroot: ${packages[*]} still unknown; asking again in 20 s" >&2
+            sleep 20
+        fi
+    done
     if ! known; then
         echo "armhf-sysroot: apt does not know ${packages[*]}" >&2
         exit 1

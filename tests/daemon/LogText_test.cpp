@@ -35,5 +35,15 @@ TEST(LogTextTest, GroupedThousandsPutsACommaEveryThreeDigits) {
     EXPECT_EQ(groupedThousands(1234567), "1,234,567");
 }
 
+TEST(LogTextTest, SecondsTextShowsMillisecondsWithoutTrailingZeros) {
+    using std::chrono::milliseconds;
+    EXPECT_EQ(secondsText(milliseconds(0)), "0");
+    EXPECT_EQ(secondsText(milliseconds(3000)), "3");
+    EXPECT_EQ(secondsText(milliseconds(500)), "0.5");
+    EXPECT_EQ(secondsText(milliseconds(10'250)), "10.25");
+    EXPECT_EQ(secondsText(milliseconds(1)), "0.001");
+    EXPECT_EQ(secondsText(milliseconds(600'000)), "600");
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -23,11 +23,13 @@ using testing::HeldWrites;
 
 char const* const kMap = R"({"entries": [
   {"name": "t", "table": "holding-registers", "address": 2, "encoder": "int16",
-   "source": {"device": 2, "channel": "T"}}
+   "source": {"device": 2, "channel": "T"}},
+  {"name": "label", "table": "input-registers", "address": 0, "encoder": "string", "size": 125,
+   "source": {"device": 2, "channel": "Label"}}
 ]})";
 
 char const* const kRunningUps = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
-  "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": -3}}]})";
+  "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": -3, "Label": "UPS"}}]})";
 
 Bytes withTransaction(Bytes frame, std::uint8_t id) {
     frame[1] = id;
@@ -161,6 +163,10 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     int const client = connectClient();
     send(client, withTransaction(testing::request(6, 2, 42), 1));
     ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    // A reset, not an end of stream: the server cannot tell a client that has
+    // closed its socket from one that has only ended its side until it writes.
+    linger const abort{1, 0};
+    ASSERT_EQ(::setsockopt(client, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
     ::close(client);
     m_clients.clear();
     ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
@@ -199,6 +205,87 @@ TEST_F(ModbusServerTest, EveryRequestSentBeforeTheClientEndsItsSideIsAnswered) {
     }
     EXPECT_EQ(got / answerBytes, requests);
     EXPECT_EQ(got % answerBytes, 0u);
+}
+
+TEST_F(ModbusServerTest, AnswersTheSocketCouldNotTakeYetReachAClientThatHasEndedItsSide) {
+    ClientLimits limits;
+    limits.outputQueueBytes = 1024 * 1024;  // room for every answer below
+    ListenConfig config;
+    config.port = 0;
+    m_server =
+        std::make_unique<ModbusServer>(config, limits, m_daemon.core().handler(), m_daemon.log());
+    // Small socket buffers on both sides (an accepted socket takes the
+    // listener's), without which the kernel would hold every answer.
+    int const window = 4096;
+    int const listener = m_server->pollSet().front().fd;
+    ASSERT_EQ(::setsockopt(listener, SOL_SOCKET, SO_SNDBUF, &window, sizeof window), 0);
+    int const client = ::socket(AF_INET, SOCK_STREAM, 0);
+    m_clients.push_back(client);
+    ASSERT_EQ(::setsockopt(client, SOL_SOCKET, SO_RCVBUF, &window, sizeof window), 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(m_server->port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 1; }));
+    // Every request, then the end of the client's side, and nothing read
+    // until the server has answered them all: most answers (about 50 KB)
+    // wait in its queue when it hears the end of the stream.
+    std::size_t const requests = 200;
+    send(client, testing::repeated(testing::request(4, 0, 125), requests));
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);
+    pumpUntil([&] { return m_server->clientCount() == 0; }, 60);
+    EXPECT_EQ(m_server->clientCount(), 1u) << "closed with answers still queued";
+    std::size_t const answerBytes = 9 + 250;  // header, function, count, 125 registers
+    std::size_t got = 0;
+    bool ended = false;
+    Bytes buffer(65536);
+    pumpUntil([&] {
+        for (;;) {
+            ssize_t const n = ::recv(client, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            if (n <= 0) {
+                ended = n == 0;
+                return ended;
+            }
+            got += static_cast<std::size_t>(n);
+        }
+    });
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(got, requests * answerBytes);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+}
+
+TEST_F(ModbusServerTest, AWriteSentBeforeTheClientEndsItsSideIsAnsweredWhenItsOutcomeComes) {
+    int const client = connectClient();
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const read = withTransaction(testing::request(3, 2, 1), 2);
+    both.insert(both.end(), read.begin(), read.end());
+    send(client, both);
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);  // still reads its answers
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    EXPECT_EQ(m_server->clientCount(), 1u) << "dropped with its answers still to come";
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(answers(client), (std::vector<int>{1, 2}));
+    Bytes rest(16);
+    EXPECT_EQ(::recv(client, rest.data(), rest.size(), MSG_DONTWAIT), 0) << "no end of stream";
+}
+
+TEST_F(ModbusServerTest, AnEndedClientWaitingForItsAnswerDoesNotWakeTheLoop) {
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    ASSERT_EQ(m_server->clientCount(), 1u);
+    // Its end of stream has been heard: polling its socket for reading
+    // again would report it on every pass until the outcome comes.
+    auto fds = m_server->pollSet();
+    EXPECT_EQ(::poll(fds.data(), fds.size(), 0), 0);
+    m_writes.pending.front()(RemoteOutcome{0x02, "refused"});
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(answers(client), std::vector<int>{1});
 }
 
 TEST_F(ModbusServerTest, ATlsClientSendingWithoutPauseIsReadOnlyAFewKilobytesAheadOfItsAnswers) {

@@ -132,6 +132,17 @@ TEST(TlsModuleTest, AModuleOfAnotherVersionIsRefusedNamingBothVersions) {
                                     TARSEL_DAEMON_VERSION);
 }
 
+TEST(TlsModuleTest, AModuleOfThisVersionBuiltFromOtherSourcesIsRefusedNamingBothDigests) {
+    ASSERT_STRNE(TARSEL_TLS_INTERFACE_DIGEST, "0123456789abcdef");
+    TlsModule const module(TARSEL_TLS_MODULE_OTHER_SOURCES);
+    EXPECT_FALSE(module.loaded());
+    EXPECT_EQ(module.failure(), kPrefix + TARSEL_TLS_MODULE_OTHER_SOURCES +
+                                    "\": it was built from other sources of version " +
+                                    TARSEL_DAEMON_VERSION + " (interface 0123456789abcdef, " +
+                                    "this program's " + TARSEL_TLS_INTERFACE_DIGEST + ")");
+    EXPECT_THROW(module.makeContext(TlsConfig{}), std::logic_error);
+}
+
 TEST(TlsModuleTest, AModuleWhoseEntryGivesNoTableIsRefused) {
     TlsModule const module(TARSEL_TLS_MODULE_NULL);
     EXPECT_FALSE(module.loaded());

@@ -1,7 +1,7 @@
 // A stand-in for the TLS module of another build: its table is the real
-// one's but for the interface (TABLE_INTERFACE) or the version
-// (TABLE_VERSION) it names. It makes no context: the loader must refuse it
-// before anything is called.
+// one's but for the interface (TABLE_INTERFACE), the version (TABLE_VERSION)
+// or the digest of the interface's headers (TABLE_DIGEST) it names. It makes
+// no context: the loader must refuse it before anything is called.
 #include "TlsModuleEntry.h"
 
 namespace {
@@ -10,7 +10,8 @@ std::unique_ptr<tarsel::daemon::TlsContext> noContext(tarsel::daemon::TlsConfig 
     return nullptr;
 }
 
-constexpr tarsel::daemon::TlsModuleTable kTable{TABLE_INTERFACE, TABLE_VERSION, noContext};
+constexpr tarsel::daemon::TlsModuleTable kTable{TABLE_INTERFACE, TABLE_VERSION, TABLE_DIGEST,
+                                                noContext};
 
 }  // namespace
 

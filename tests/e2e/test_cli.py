@@ -151,7 +151,7 @@ class CliTest(unittest.TestCase):
         status = daemon.process.wait(timeout=20)
         _, log = daemon.stop()
         self.assertEqual(status, 0)
-        self.assertIn("run time of 0.500000 s is over; stopping", log)
+        self.assertIn("run time of 0.5 s is over; stopping", log)
 
 
 if __name__ == "__main__":

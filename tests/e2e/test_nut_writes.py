@@ -6,6 +6,8 @@ upsd, its drivers and the daemon are stopped by their process ids.
 """
 import json
 import os
+import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -110,6 +112,28 @@ class NutWritesTest(unittest.TestCase):
                       'done (SET VAR battery.charge.low "30": upsd tracked it to SUCCESS); '
                       'client=127.0.0.1:', lines)
         self.assertNotIn(ADMIN_PASSWORD, "\n".join(self.daemon.log_lines) + lines)
+
+    def test_a_client_that_ends_its_side_after_a_write_still_gets_its_answer(self):
+        self.start()
+        # FC6 to the low-charge setting, then a read of it, then the end of
+        # the client's stream: both answers must still come, in order.
+        write = struct.pack(">HHHBBHH", 1, 0, 6, UNIT, 6, CHARGE_LOW, 35)
+        read = struct.pack(">HHHBBHH", 2, 0, 6, UNIT, 3, CHARGE_LOW, 1)
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=10) as one_shot:
+            one_shot.sendall(write + read)
+            one_shot.shutdown(socket.SHUT_WR)  # done sending, still reading
+            received = b""
+            deadline = time.monotonic() + WRITE_LIMIT_S
+            while time.monotonic() < deadline:
+                chunk = one_shot.recv(4096)
+                if not chunk:
+                    break  # the daemon closes after the last answer
+                received += chunk
+        self.assertEqual(received[:12], write, "the write's answer echoes the request")
+        self.assertEqual(struct.unpack(">HHHBBBH", received[12:]), (2, 0, 5, UNIT, 3, 2, 20),
+                         "the read pipelined behind the write answers the value from before it")
+        self.assertEqual(self.upsd.upsc("bench", "battery.charge.low"), "35")
+        self.assertTrue(self.daemon.alive())
 
     def test_a_text_write_reaches_upsd(self):
         self.start({"bench": ("bench.dev", demo_dev() + "device.location: Lab\n")})

@@ -8,6 +8,8 @@
 #include <optional>
 #include <vector>
 
+#include "LogText.h"
+
 namespace tarsel::daemon {
 
 namespace {
@@ -181,7 +183,9 @@ int runEventLoop(DaemonCore& core, std::vector<ModbusServer*> const& servers, Si
         core.watchAvailability();
         log.summarise();
         if (deadline && now >= *deadline) {
-            log.info("run time of " + std::to_string(runSeconds) + " s is over; stopping");
+            auto const runTime = std::chrono::round<std::chrono::milliseconds>(
+                std::chrono::duration<double>(runSeconds));
+            log.info("run time of " + secondsText(runTime) + " s is over; stopping");
             return 0;
         }
     }

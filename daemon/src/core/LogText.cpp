@@ -69,4 +69,14 @@ std::string groupedThousands(unsigned long long value) {
     return digits;
 }
 
+std::string secondsText(std::chrono::milliseconds duration) {
+    std::string text = std::to_string(duration.count() / 1000);
+    if (long long const millis = duration.count() % 1000) {
+        std::string fraction = std::to_string(1000 + millis).substr(1);
+        fraction.erase(fraction.find_last_not_of('0') + 1);
+        text += "." + fraction;
+    }
+    return text;
+}
+
 }  // namespace tarsel::daemon

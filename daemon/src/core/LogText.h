@@ -4,6 +4,7 @@
 // the daemon's own words.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -21,5 +22,9 @@ std::string quotedValue(std::string_view text);
 
 /* "1,200": counts in summaries, readable at a glance. */
 std::string groupedThousands(unsigned long long value);
+
+/* "600", "0.5": a duration in seconds as the options give it, to the
+ * millisecond, without trailing zeros. */
+std::string secondsText(std::chrono::milliseconds duration);
 
 }  // namespace tarsel::daemon

@@ -93,6 +93,9 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
     while (m_input.size() < kInputLimit) {
         long const received = rawRead(chunk, sizeof chunk);
         if (received == 0) {
+            // A TLS session does not tell a close from a failure: only a
+            // plain socket's end of stream is waited on for its answers.
+            m_inputEnded = m_tls == nullptr;
             return ReadStatus::Closed;
         }
         if (received < 0) {
@@ -121,7 +124,9 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
 }
 
 bool ClientConnection::wantsRead() const {
-    return m_input.size() < kInputLimit;
+    // After the end of stream the socket would show as readable on every
+    // pass while the client waits for an answer still to come.
+    return !m_inputEnded && m_input.size() < kInputLimit;
 }
 
 ClientConnection::FrameStatus ClientConnection::frontStatus() const {

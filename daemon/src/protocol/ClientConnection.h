@@ -45,14 +45,20 @@ class ClientConnection {
     int fd() const { return m_fd; }
     PeerAddress const& peer() const { return m_peer; }
 
+    /* Closed: the stream has ended (see inputEnded()) or the socket failed. */
     enum class ReadStatus { Open, Closed };
     enum class FrameStatus { Complete, Incomplete, Malformed };
     /* Reads what the socket holds while fewer than a few kilobytes wait to
      * be answered, so that a client that pipelines requests cannot make the
      * loop spend its time on it alone. Closed: end of stream or error. */
     ReadStatus receive(SteadyClock::time_point now);
-    /* False while enough received bytes wait: the socket is left alone. */
+    /* False while enough received bytes wait, or once the stream has
+     * ended: the socket is left alone. */
     bool wantsRead() const;
+    /* True once a plain client has ended its side of the connection (an
+     * end of stream, not a failure): it may still read the answers it is
+     * owed. */
+    bool inputEnded() const { return m_inputEnded; }
     /* True when the last receive() stopped at its limit on a TLS session,
      * which may still hold bytes poll() cannot show, and there is room for
      * them again: receive() must be called without waiting for the socket. */
@@ -82,6 +88,9 @@ class ClientConnection {
      * to come is next; false on failure. */
     bool flush();
     bool hasPendingOutput() const { return m_outputBytes > 0; }
+    /* True while answers are owed to the client: queued bytes not sent yet,
+     * or places reserved for answers still to come. */
+    bool hasQueuedAnswers() const { return !m_output.empty(); }
     /* True when the socket must be polled for writing. */
     bool wantsWrite() const { return sendable() || (m_tls && m_tls->wantsWrite()); }
 
@@ -116,6 +125,7 @@ class ClientConnection {
     std::size_t m_outputLimit;
     std::vector<std::uint8_t> m_input;
     bool m_unreadInput = false;
+    bool m_inputEnded = false;
     /* One answer in the queue: its bytes, or the token of a place reserved
      * for an answer that comes later. */
     struct Slot {

@@ -57,17 +57,6 @@ int listenOn(ListenConfig const& config) {
     return fd;
 }
 
-/* "600", "0.5": a duration as the options give it. */
-std::string secondsText(std::chrono::milliseconds duration) {
-    std::string text = std::to_string(duration.count() / 1000);
-    if (long long const millis = duration.count() % 1000) {
-        std::string fraction = std::to_string(1000 + millis).substr(1);
-        fraction.erase(fraction.find_last_not_of('0') + 1);
-        text += "." + fraction;
-    }
-    return text;
-}
-
 }  // namespace
 
 ModbusServer::ModbusServer(ListenConfig const& config, ClientLimits const& limits,
@@ -150,7 +139,8 @@ void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::tim
             continue;
         }
         Closing why;
-        bool const open = !unread || client.receive(now) == ClientConnection::ReadStatus::Open;
+        bool const open = unread ? client.receive(now) == ClientConnection::ReadStatus::Open
+                                 : !client.inputEnded();
         if (!answerFrames(client, why) || !keepAfterTurn(client, open)) {
             drop(i, why);
         }
@@ -196,7 +186,7 @@ void ModbusServer::deliverSettled() {
             m_deferred.erase(found);
             failed = failed || client.fill(token, bytes) == ClientConnection::QueueStatus::Failed;
         }
-        if (failed) {
+        if (failed || finished(client)) {
             drop(i, {});
         }
     }
@@ -213,20 +203,29 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
     // A TLS read may have waited for the socket to take data: it is retried
     // when the socket is writable.
     if ((events & (POLLIN | POLLHUP | POLLERR)) == 0 && client.tls() == nullptr) {
-        return true;
+        return !finished(client);
     }
     bool const open = client.receive(now) == ClientConnection::ReadStatus::Open;
     // What arrived before the end of the stream is still answered, as far
-    // as the socket takes it.
-    return answerFrames(client, why) && keepAfterTurn(client, open);
+    // as the socket takes it. A hang-up or an error leaves nobody to read
+    // what is still owed.
+    bool const reachable = (events & (POLLHUP | POLLERR)) == 0;
+    return answerFrames(client, why) && keepAfterTurn(client, open, reachable);
 }
 
 /* A client whose stream has ended stays while requests it sent before the
  * end wait for their answers: a master may end its side once its requests
- * are out and still read every answer. It takes its turns like the others
- * and is dropped once nothing whole is left to answer. */
-bool ModbusServer::keepAfterTurn(ClientConnection const& client, bool open) {
-    return open || client.hasCompleteFrame();
+ * are out and still read every answer, a write's answer that comes later
+ * included. It takes its turns like the others and is dropped once nothing
+ * is left to answer (see finished()). */
+bool ModbusServer::keepAfterTurn(ClientConnection const& client, bool open, bool reachable) {
+    return open || client.hasCompleteFrame() ||
+           (reachable && client.inputEnded() && client.hasQueuedAnswers());
+}
+
+/* An ended client that has been given every answer it is owed. */
+bool ModbusServer::finished(ClientConnection const& client) {
+    return client.inputEnded() && !client.hasCompleteFrame() && !client.hasQueuedAnswers();
 }
 
 bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {

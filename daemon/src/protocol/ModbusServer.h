@@ -97,7 +97,8 @@ class ModbusServer {
     bool serveClient(ClientConnection& client, short events, SteadyClock::time_point now,
                      Closing& why);
     bool answerFrames(ClientConnection& client, Closing& why);
-    static bool keepAfterTurn(ClientConnection const& client, bool open);
+    static bool keepAfterTurn(ClientConnection const& client, bool open, bool reachable = true);
+    static bool finished(ClientConnection const& client);
     /* False when the client is to be dropped: the handshake failed, or the
      * certificate has no role the configuration names. */
     bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);

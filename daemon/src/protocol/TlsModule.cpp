@@ -66,13 +66,19 @@ TlsModule::~TlsModule() {
 
 void TlsModule::check(TlsModuleTable const* table) {
     if (table == nullptr || table->interface != kTlsModuleInterface || table->version == nullptr ||
-        table->makeContext == nullptr) {
+        table->interfaceDigest == nullptr || table->makeContext == nullptr) {
         fail("it was built for another interface");
         return;
     }
     if (std::string(table->version) != TARSEL_DAEMON_VERSION) {
         fail(std::string("it was built for version ") + table->version + ", this program is " +
              TARSEL_DAEMON_VERSION);
+        return;
+    }
+    if (std::string(table->interfaceDigest) != TARSEL_TLS_INTERFACE_DIGEST) {
+        fail(std::string("it was built from other sources of version ") + TARSEL_DAEMON_VERSION +
+             " (interface " + table->interfaceDigest + ", this program's " +
+             TARSEL_TLS_INTERFACE_DIGEST + ")");
         return;
     }
     m_table = table;

@@ -10,7 +10,8 @@ std::unique_ptr<tarsel::daemon::TlsContext> makeContext(tarsel::daemon::TlsConfi
 }
 
 constexpr tarsel::daemon::TlsModuleTable kTable{tarsel::daemon::kTlsModuleInterface,
-                                                TARSEL_DAEMON_VERSION, makeContext};
+                                                TARSEL_DAEMON_VERSION, TARSEL_TLS_INTERFACE_DIGEST,
+                                                makeContext};
 
 }  // namespace
 
