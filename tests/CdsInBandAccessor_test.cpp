@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "cdshost/store.h"
 
 namespace {
@@ -55,6 +60,32 @@ TEST(CdsInBandAccessorTest, OperationsReachTheStoreThroughTheSharedConnection) {
               kq::CValue(230.0f));
     EXPECT_EQ(store.calls("getChannelCValue", channel), 1u);
     EXPECT_EQ(store.connections("modbus"), 1u);
+}
+
+TEST(CdsInBandAccessorTest, FirstUseFromSeveralThreadsAtOnceBuildsOneConnection) {
+    cdshost::Store& store = cdshost::Store::instance();
+    constexpr int kThreads = 4;
+    std::atomic<int> ready{0};
+    std::array<CdsInBandAccessor*, kThreads> seen{};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            // All ask at about the same moment, none before every one is up.
+            ++ready;
+            while (ready < kThreads) {
+                std::this_thread::yield();
+            }
+            seen[static_cast<std::size_t>(i)] = &CdsInBandAccessor::getInstance();
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (CdsInBandAccessor* const connection : seen) {
+        EXPECT_EQ(connection, &CdsInBandAccessor::getInstance());
+    }
+    EXPECT_EQ(store.connections("modbus"), 1u);
+    EXPECT_EQ(store.calls("CdsAccessor"), 1u);
 }
 
 }  // namespace

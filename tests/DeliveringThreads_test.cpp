@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <vector>
 
 #include "delivering_threads.h"
 
@@ -61,6 +62,38 @@ TEST(DeliveringThreadsTest, SeveralThreadsInsideAtOnceInAnyOrder) {
     EXPECT_FALSE(threads.anyOtherThan(me));
     threads.leave(me);
     EXPECT_FALSE(threads.anyOtherThan(first));
+}
+
+TEST(DeliveringThreadsTest, HasEachThreadInsideUntilItsLastLeave) {
+    DeliveringThreads threads;
+    auto const me = std::this_thread::get_id();
+    auto const other = otherThread();
+    EXPECT_FALSE(threads.has(me));
+    threads.enter(me);
+    threads.enter(other);
+    threads.enter(other);
+    EXPECT_TRUE(threads.has(me));
+    EXPECT_TRUE(threads.has(other));
+    threads.leave(other);
+    EXPECT_TRUE(threads.has(other));
+    threads.leave(other);
+    threads.leave(me);
+    EXPECT_FALSE(threads.has(me));
+    EXPECT_FALSE(threads.has(other));
+}
+
+TEST(DeliveringThreadsTest, ListsEveryThreadInsideButTheOneGiven) {
+    DeliveringThreads threads;
+    auto const me = std::this_thread::get_id();
+    auto const other = otherThread();
+    threads.enter(me);     // kept in place
+    threads.enter(other);  // in the list beside it
+    std::vector<std::thread::id> listed;
+    threads.forEachOtherThan(me, [&](std::thread::id thread) { listed.push_back(thread); });
+    EXPECT_EQ(listed, (std::vector<std::thread::id>{other}));
+    listed.clear();
+    threads.forEachOtherThan(other, [&](std::thread::id thread) { listed.push_back(thread); });
+    EXPECT_EQ(listed, (std::vector<std::thread::id>{me}));
 }
 
 }  // namespace

@@ -4,9 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -801,6 +805,131 @@ TEST_F(HostStoreTest, UnsubscribeFromAnotherThreadWaitsForARunningCallback) {
     EXPECT_TRUE(callbackDone.load());
     releaser.join();
     writer.join();
+}
+
+TEST_F(HostStoreTest, ChangesFromTwoThreadsWhileAThirdOpensAndEndsSubscriptionsAllArriveInTime) {
+    // Two threads deliver to the same subscription at once (the store then
+    // keeps a second delivering thread besides the first), while a third
+    // opens and ends subscriptions on the same channel in a loop. Every change
+    // reaches the subscription that stays open, and none of the short-lived
+    // ones is still called once its unsubscribe() returned.
+    Id const ch = store.addChannel(store.addDevice("UPS"), "C", kq::CValue(0));
+    std::atomic<int> delivered{0};
+    Id steady = 0;
+    inBand.subscribeChannel(
+        ch, [&](Id, kq::CValue) { ++delivered; }, kq::sub::ChannelValue, &steady);
+    constexpr int kWritesEach = 500;
+    std::atomic<bool> writing{true};
+    auto const write = [&](int offset) {
+        for (int i = 0; i < kWritesEach; ++i) {
+            store.setChannelValue(ch, kq::CValue(offset + i));
+        }
+    };
+    std::thread first(write, 0);
+    std::thread second(write, kWritesEach);
+
+    struct Watch {
+        std::atomic<bool> ended{false};
+        std::atomic<int> callsAfterEnd{0};
+    };
+    std::vector<std::shared_ptr<Watch>> watches;
+    std::thread churn([&] {
+        // Bounded: at most this many rounds, fewer once both writers are done.
+        for (int round = 0; round < 2000 && (round < 20 || writing); ++round) {
+            auto const watch = std::make_shared<Watch>();
+            Id id = 0;
+            inBand.subscribeChannel(
+                ch,
+                [watch](Id, kq::CValue) {
+                    // Checked on the way out: a callback still running once
+                    // unsubscribe() returned is as wrong as one begun after.
+                    std::this_thread::yield();
+                    if (watch->ended) {
+                        ++watch->callsAfterEnd;
+                    }
+                },
+                kq::sub::ChannelValue, &id);
+            std::this_thread::yield();
+            inBand.unsubscribe(id);
+            watch->ended = true;
+            watches.push_back(watch);
+        }
+    });
+    first.join();
+    second.join();
+    writing = false;
+    churn.join();
+
+    // Counted once every thread is done: a late call would come from a
+    // delivery planned before the end and made after it.
+    int callsAfterEnd = 0;
+    for (auto const& watch : watches) {
+        callsAfterEnd += watch->callsAfterEnd;
+    }
+    EXPECT_EQ(delivered.load(), 2 * kWritesEach);
+    EXPECT_EQ(callsAfterEnd, 0);
+    EXPECT_GE(watches.size(), 20u);
+    EXPECT_EQ(store.subscriptionCount(), 1u);
+    inBand.unsubscribe(steady);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(HostStoreTest, CallbacksOnTwoThreadsEndingEachOthersSubscriptionsBothReturn) {
+    // Each callback ends the other's subscription while the other is inside
+    // its own: were each unsubscribe() to wait for the other callback to
+    // end, neither would. One waits; the other, whose wait would close the
+    // circle, returns at once.
+    Id const first = store.addChannel(store.addDevice("UPS"), "First");
+    Id const second = store.addChannel(store.addDevice("UPS 2"), "Second");
+    std::atomic<int> inside{0};
+    auto const bothInside = [&] {
+        ++inside;
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (inside < 2 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    };
+    Id firstSubscription = 0;
+    Id secondSubscription = 0;
+    inBand.subscribeChannel(
+        first,
+        [&](Id, kq::CValue) {
+            bothInside();
+            inBand.unsubscribe(secondSubscription);
+        },
+        kq::sub::ChannelValue, &firstSubscription);
+    inBand.subscribeChannel(
+        second,
+        [&](Id, kq::CValue) {
+            bothInside();
+            inBand.unsubscribe(firstSubscription);
+        },
+        kq::sub::ChannelValue, &secondSubscription);
+
+    std::promise<void> firstDone;
+    std::promise<void> secondDone;
+    std::thread a([&] {
+        store.setChannelValue(first, kq::CValue(1));
+        firstDone.set_value();
+    });
+    std::thread b([&] {
+        store.setChannelValue(second, kq::CValue(2));
+        secondDone.set_value();
+    });
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    bool const returned =
+        firstDone.get_future().wait_until(deadline) == std::future_status::ready &&
+        secondDone.get_future().wait_until(deadline) == std::future_status::ready;
+    if (!returned) {
+        // The two threads wait for each other for good and cannot be
+        // joined: this process ends here, failed.
+        std::fprintf(stderr, "the two unsubscribe() calls wait for each other\n");
+        std::_Exit(1);
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(inside.load(), 2);
+    EXPECT_EQ(store.subscriptionCount(), 0u);
 }
 
 // ---- Reset ------------------------------------------------------------------------------

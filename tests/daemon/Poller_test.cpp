@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <future>
 #include <mutex>
 #include <string>
@@ -350,6 +352,93 @@ TEST(Poller, AStopInterruptsTheJobInProgress) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
     std::lock_guard<std::mutex> lock(held.mutex);
     EXPECT_TRUE(held.interrupted);
+}
+
+/* The signal mask of the thread its first fetch runs on. */
+class MaskFetcher : public Fetcher {
+  public:
+    explicit MaskFetcher(std::promise<sigset_t>& mask) : m_mask(mask) {}
+
+    Reading fetch() override {
+        if (!m_told) {
+            sigset_t mask;
+            sigemptyset(&mask);
+            pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+            m_mask.set_value(mask);
+            m_told = true;
+        }
+        return Reading{};
+    }
+
+  private:
+    std::promise<sigset_t>& m_mask;
+    bool m_told = false;
+};
+
+bool blocks(sigset_t const& mask, int signal) {
+    return sigismember(&mask, signal) == 1;
+}
+
+sigset_t ownMask() {
+    sigset_t mask;
+    sigemptyset(&mask);
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    return mask;
+}
+
+TEST(Poller, ItsThreadLeavesTheDaemonsSignalsToTheThreadThatStartedIt) {
+    ASSERT_FALSE(blocks(ownMask(), SIGTERM)) << "the test needs a thread that takes SIGTERM";
+    std::promise<sigset_t> mask;
+    auto seen = mask.get_future();
+    Poller poller(std::make_unique<MaskFetcher>(mask), 10s, [] {});
+    ASSERT_EQ(seen.wait_for(10s), std::future_status::ready);
+    sigset_t const polling = seen.get();
+    for (int const signal : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
+        EXPECT_TRUE(blocks(polling, signal)) << "signal " << signal;
+    }
+    // A fault on the poller's own thread is still its own to raise.
+    EXPECT_FALSE(blocks(polling, SIGSEGV));
+    // The thread that started the poller keeps its mask.
+    EXPECT_FALSE(blocks(ownMask(), SIGTERM));
+}
+
+/* Holds its round trip until interrupted; tells the mask of the thread that
+ * interrupts it. */
+class MaskOfInterrupterFetcher : public Fetcher {
+  public:
+    explicit MaskOfInterrupterFetcher(std::promise<sigset_t>& mask) : m_mask(mask) {}
+
+    Reading fetch() override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_released.wait_for(lock, 10s, [this] { return m_interrupted; });
+        return Reading{};
+    }
+    void interrupt() override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_interrupted) {
+            m_mask.set_value(ownMask());
+            m_interrupted = true;
+        }
+        m_released.notify_all();
+    }
+
+  private:
+    std::promise<sigset_t>& m_mask;
+    std::mutex m_mutex;
+    std::condition_variable m_released;
+    bool m_interrupted = false;
+};
+
+TEST(Poller, ItsWatchdogLeavesTheDaemonsSignalsToTheThreadThatStartedIt) {
+    std::promise<sigset_t> mask;
+    auto seen = mask.get_future();
+    Poller poller(
+        std::make_unique<MaskOfInterrupterFetcher>(mask), 10s, [] {}, 20ms);
+    ASSERT_EQ(seen.wait_for(10s), std::future_status::ready);
+    sigset_t const watching = seen.get();
+    for (int const signal : {SIGINT, SIGTERM, SIGUSR1, SIGHUP, SIGPIPE}) {
+        EXPECT_TRUE(blocks(watching, signal)) << "signal " << signal;
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
@@ -11,14 +12,19 @@ namespace tarsel::daemon {
 
 namespace {
 
-int g_writeEnd = -1;  // the only state a signal handler may touch
+// The only state a signal handler may touch. Atomic, because the kernel runs
+// the handler on any thread of the process that does not block the signal,
+// not only on the one that sets this (the NUT pollers block them; a thread a
+// library starts might not). Lock-free, as a handler may use nothing else.
+std::atomic<int> g_writeEnd{-1};
+static_assert(std::atomic<int>::is_always_lock_free);
 int const kSignals[] = {SIGINT, SIGTERM, SIGUSR1, SIGHUP};
 
 extern "C" void onSignal(int signal) {
     int const saved = errno;
     unsigned char const byte = static_cast<unsigned char>(signal);
     // A full pipe already holds a wake-up; losing this byte is harmless.
-    [[maybe_unused]] ssize_t const written = ::write(g_writeEnd, &byte, 1);
+    [[maybe_unused]] ssize_t const written = ::write(g_writeEnd.load(), &byte, 1);
     errno = saved;
 }
 

@@ -60,6 +60,30 @@ class DeliveringThreads {
                                        [thread](std::thread::id other) { return other != thread; });
     }
 
+    /* Whether `thread` is inside. */
+    bool has(std::thread::id thread) const {
+        if (m_firstDepth != 0 && m_first == thread) {
+            return true;
+        }
+        return m_others && std::find(m_others->begin(), m_others->end(), thread) != m_others->end();
+    }
+
+    /* Calls f(other) for each thread inside other than `thread`; one inside
+     * more than once may come more than once. */
+    template <typename F>
+    void forEachOtherThan(std::thread::id thread, F&& f) const {
+        if (m_firstDepth != 0 && m_first != thread) {
+            f(m_first);
+        }
+        if (m_others) {
+            for (std::thread::id const other : *m_others) {
+                if (other != thread) {
+                    f(other);
+                }
+            }
+        }
+    }
+
   private:
     std::thread::id m_first{};
     std::uint32_t m_firstDepth = 0;

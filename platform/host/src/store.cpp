@@ -6,6 +6,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 
 #include "store_impl.h"
 
@@ -375,9 +376,49 @@ void Store::Impl::unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLoc
     // A delivery on another thread may be inside the callback right now; once
     // we return, the caller may free what the callback uses. The delivering
     // thread itself (a callback ending its own or another subscription) must
-    // not wait for itself.
-    deliveryEnded.wait(
-        lock, [&] { return !subscription->delivering.anyOtherThan(std::this_thread::get_id()); });
+    // not wait for itself, nor for a thread that waits for it: two callbacks
+    // on two threads that end each other's subscriptions would otherwise
+    // wait for each other for good. The first of them waits; the second sees
+    // the circle and returns, and its callback ending lets the first go.
+    std::thread::id const me = std::this_thread::get_id();
+    if (!subscription->delivering.anyOtherThan(me)) {
+        return;  // nearly always: nothing to wait for, nothing to note
+    }
+    awaitedBy[me] = subscription.get();
+    struct NoLongerWaiting {
+        std::unordered_map<std::thread::id, Subscription const*>& awaitedBy;
+        std::thread::id me;
+        ~NoLongerWaiting() { awaitedBy.erase(me); }
+    } const noLongerWaiting{awaitedBy, me};
+    deliveryEnded.wait(lock, [&] {
+        return !subscription->delivering.anyOtherThan(me) ||
+               waitWouldNeverEndLocked(*subscription, me);
+    });
+}
+
+bool Store::Impl::waitWouldNeverEndLocked(Subscription const& awaited, std::thread::id me) const {
+    std::vector<Subscription const*> toVisit{&awaited};
+    std::unordered_set<std::thread::id> seen;
+    bool circle = false;
+    while (!toVisit.empty() && !circle) {
+        Subscription const* const subscription = toVisit.back();
+        toVisit.pop_back();
+        subscription->delivering.forEachOtherThan(me, [&](std::thread::id inside) {
+            if (circle || !seen.insert(inside).second) {
+                return;
+            }
+            auto const waiting = awaitedBy.find(inside);
+            if (waiting == awaitedBy.end()) {
+                return;  // it will leave the callback
+            }
+            if (waiting->second->delivering.has(me)) {
+                circle = true;  // it waits for us
+            } else {
+                toVisit.push_back(waiting->second);
+            }
+        });
+    }
+    return circle;
 }
 
 Store::Impl::Deliveries Store::Impl::planLocked(Events const& events) const {

@@ -156,6 +156,9 @@ struct Store::Impl {
     // ---- State (all guarded by mutex) -----------------------------------
     mutable StoreLock mutex;
     std::condition_variable_any deliveryEnded;
+    // The subscription each thread waiting in unsubscribe() waits for: until
+    // no thread but itself is inside its callback.
+    std::unordered_map<std::thread::id, Subscription const*> awaitedBy;
 
     std::unordered_map<Id, Device> devices;
     std::unordered_map<Id, Channel> channels;
@@ -256,8 +259,12 @@ struct Store::Impl {
     std::string const* clientNameLocked(std::string const& name);
     void forgetSubscriberLocked(Subscription const& subscription);
     /* Ends a subscription; waits (releasing the lock) until no other thread
-     * is still inside its callback. */
+     * is still inside its callback, unless that wait would never end. */
     void unsubscribeLocked(Id subscriptionId, std::unique_lock<StoreLock>& lock);
+    /* Whether the calling thread, `me`, waiting for `awaited` would wait for
+     * itself: a thread inside `awaited` waits, directly or through other
+     * waiting threads, for a callback `me` is inside. */
+    bool waitWouldNeverEndLocked(Subscription const& awaited, std::thread::id me) const;
     Deliveries planLocked(Events const& events) const;
     /* Calls the subscribers; lock NOT held. Rethrows the first exception a
      * callback threw, once every subscriber has been called. */

@@ -1,10 +1,40 @@
 #include "Poller.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <csignal>
 
 #include "LogText.h"
 
 namespace tarsel::daemon::nut {
+
+namespace {
+
+/* Blocks every asynchronous signal on the calling thread for as long as it
+ * lives, so that a thread started meanwhile inherits the mask. The signals a
+ * fault raises on the thread itself stay unblocked: blocking them is
+ * undefined. */
+class AsynchronousSignalsBlocked {
+  public:
+    AsynchronousSignalsBlocked() {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+            sigdelset(&blocked, fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_previous);
+    }
+    ~AsynchronousSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+
+    AsynchronousSignalsBlocked(AsynchronousSignalsBlocked const&) = delete;
+    AsynchronousSignalsBlocked& operator=(AsynchronousSignalsBlocked const&) = delete;
+
+  private:
+    sigset_t m_previous{};
+};
+
+}  // namespace
 
 char const* stateName(Reading::State state) {
     switch (state) {
@@ -26,8 +56,20 @@ Poller::Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds inter
       m_interval(interval),
       m_wake(std::move(wake)),
       m_bound(bound),
-      m_watchdog([this] { watch(); }),
-      m_thread([this] { run(); }) {}
+      m_watchdog(startThread(&Poller::watch)),
+      m_thread(startThread(&Poller::run)) {}
+
+/* The kernel hands a signal sent to the process to any thread that does not
+ * block it. The daemon's handlers write to the loop's signal pipe, which the
+ * loop's thread sets up and tears down (the pipe goes while the pollers still
+ * wind down a round trip); run on a poller's thread (or its watchdog's), a
+ * handler would race with that, and could write into a descriptor number
+ * already given to something else. The poller's threads block them all, so
+ * they always land on the loop's thread. */
+std::thread Poller::startThread(void (Poller::*body)()) {
+    AsynchronousSignalsBlocked const blocked;
+    return std::thread([this, body] { (this->*body)(); });
+}
 
 Poller::~Poller() {
     requestStop();

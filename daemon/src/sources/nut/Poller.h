@@ -49,7 +49,9 @@ class Poller {
     using Wake = std::function<void()>;
 
     /* Starts polling at once, every `interval`; a poll that takes longer
-     * than `bound` is interrupted and handed as upsd unreachable. */
+     * than `bound` is interrupted and handed as upsd unreachable. Its
+     * threads block the process's asynchronous signals: they are the loop's
+     * to handle. */
     Poller(std::unique_ptr<Fetcher> fetcher, std::chrono::milliseconds interval, Wake wake,
            std::chrono::milliseconds bound = kDefaultBound);
     /* Stops the threads; the round trip in progress is interrupted (a job
@@ -89,6 +91,7 @@ class Poller {
                 std::chrono::milliseconds bound = kDefaultBound);
 
   private:
+    std::thread startThread(void (Poller::*body)());
     struct Queued {
         Job job;
         Interrupt interrupt;
