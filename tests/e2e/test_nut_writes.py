@@ -193,21 +193,27 @@ class NutWritesTest(unittest.TestCase):
         self.assertIn("is open to its group or others (mode 0644)", result.stderr)
         self.assertNotIn(ADMIN_PASSWORD, result.stderr)
 
-    def test_a_write_to_a_stopped_upsd_gets_0x0b_in_time_while_others_are_served(self):
-        self.start()
+    def write_in_background(self, outcome):
+        """Writes the low-charge setting on a client of its own, on a thread
+        of its own; `outcome` gets the answer and how long it took."""
         writer = self.connect(timeout=WRITE_LIMIT_S + 5)
-        reader = self.connect()
-        outcome = {}
 
         def write():
             asked = time.monotonic()
             outcome["answer"] = writer.write_register(CHARGE_LOW, 33, slave=UNIT)
             outcome["took"] = time.monotonic() - asked
 
+        thread = threading.Thread(target=write)
+        thread.start()
+        return thread
+
+    def test_a_write_to_a_stopped_upsd_gets_0x0b_in_time_while_others_are_served(self):
+        self.start()
+        reader = self.connect()
+        outcome = {}
         self.upsd.pause_upsd()
         try:
-            thread = threading.Thread(target=write)
-            thread.start()
+            thread = self.write_in_background(outcome)
             slowest = 0.0
             reads = 0
             while thread.is_alive() and reads < 10000:
@@ -231,19 +237,11 @@ class NutWritesTest(unittest.TestCase):
 
     def test_upsd_restarted_during_a_write_gets_0x0b_and_the_ups_comes_back(self):
         self.start()
-        writer = self.connect(timeout=WRITE_LIMIT_S + 5)
         outcome = {}
-
-        def write():
-            asked = time.monotonic()
-            outcome["answer"] = writer.write_register(CHARGE_LOW, 33, slave=UNIT)
-            outcome["took"] = time.monotonic() - asked
-
         # upsd stops answering with the write under way, then goes and comes
         # back (a restart) before the write's bound is over.
         self.upsd.pause_upsd()
-        thread = threading.Thread(target=write)
-        thread.start()
+        thread = self.write_in_background(outcome)
         time.sleep(1.0)
         self.upsd.resume_upsd()
         self.upsd.stop_upsd()
