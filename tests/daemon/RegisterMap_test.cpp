@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 #include <string>
@@ -340,6 +341,81 @@ TEST(RegisterMapTest, MultiplierCannotBeCombinedWithAMask) {
             "multiplier": 10, "source": {"device": 2, "channel": "A"}})"));
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_EQ(errors[0].rfind("entries[0].multiplier: cannot be combined with bitmask", 0), 0u);
+}
+
+TEST(RegisterMapTest, MultiplierOrOffsetThatAFloatCannotHoldIsRefused) {
+    // Read as doubles, these would become 0, an infinity or a subnormal whose
+    // reciprocal is infinite in the encoders' single precision.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int16", "multiplier": 1e-50,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 1, "encoder": "uint16", "multiplier": -1e39,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 2, "encoder": "float32", "multiplier": 1e-40,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 4, "encoder": "float16", "offset": 1e300,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 4u);
+    EXPECT_EQ(errors[0],
+              "entries[0].multiplier: must be a number other than 0 from about 1.2e-38 to "
+              "3.4e+38 in magnitude (a float scales by it), got 1e-50");
+    EXPECT_EQ(errors[1].rfind("entries[1].multiplier: must be a number other than 0", 0), 0u);
+    EXPECT_EQ(errors[2].rfind("entries[2].multiplier: must be a number other than 0", 0), 0u);
+    EXPECT_EQ(errors[3].rfind("entries[3].offset: must be a number a float holds", 0), 0u);
+}
+
+TEST(RegisterMapTest, LibraryFloatMultiplierWhoseSquareAFloatCannotHoldIsRefused) {
+    // The library's float encoder multiplies by it twice: 1e20 squared is
+    // beyond a float, and every read would be an infinity.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "float", "multiplier": 1e20,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("entries[0].multiplier: must be a number other than 0"),
+              std::string::npos);
+    EXPECT_NE(errors[0].find("(a float scales by it twice)"), std::string::npos);
+}
+
+TEST(RegisterMapTest, MultipliersAndOffsetsAtTheEdgesOfAFloatAreKept) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int16",
+            "multiplier": 1.17549435e-38, "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 1, "encoder": "float16",
+            "multiplier": -3.4e38, "offset": -3.4e38, "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 2, "encoder": "float", "multiplier": 1e19,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(map.entries.size(), 3u);
+    EXPECT_EQ(map.entries[0].multiplier, std::numeric_limits<float>::min());
+    EXPECT_EQ(map.entries[1].multiplier, -3.4e38f);
+    EXPECT_EQ(map.entries[1].offset, -3.4e38f);
+    EXPECT_EQ(map.entries[2].multiplier, 1e19f);
+}
+
+TEST(RegisterMapTest, CompositeSizeSmallerThanWhatItsFunctionProducesIsRefused) {
+    // A kilo-counter32 in one register would serve its high word alone, and
+    // status bits of three sources in two discretes would never show the third.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "kilo-counter32", "size": 1,
+            "sources": [{"device": 2, "channel": "K"}, {"device": 2, "channel": "W"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 2,
+            "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "B"},
+                        {"device": 2, "channel": "C"}]})"));
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0],
+              "entries[0].size: 1 registers cannot hold what function \"kilo-counter32\" "
+              "produces for 2 sources (2)");
+    EXPECT_EQ(errors[1],
+              "entries[1].size: 2 discretes cannot hold what function \"status-bits\" produces "
+              "for 3 sources (3)");
+}
+
+TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsReservesTheRest) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]})"));
+    EXPECT_EQ(map.entries.at(0).size, 3);
 }
 
 TEST(RegisterMapTest, EveryErrorIsListedAtOnce) {

@@ -41,7 +41,13 @@ Configuration loadFiles(Options options) {
     try {
         configuration.map = loadMap(options);
     } catch (MapError const& error) {
-        throw ConfigurationError("the register map cannot be served:", error.errors());
+        // The file is named as the --nut-map ones are: with a settings file
+        // and several maps, "the register map" alone leaves the reader guessing.
+        throw ConfigurationError(
+            options.mapFile.empty()
+                ? std::string("the built-in register map cannot be served:")
+                : "the register map \"" + options.mapFile + "\" cannot be served:",
+            error.errors());
     }
     for (std::string const& file : options.nutMaps) {
         try {
@@ -55,7 +61,11 @@ Configuration loadFiles(Options options) {
     try {
         configuration.scenario = loadScenario(options);
     } catch (ScenarioError const& error) {
-        throw ConfigurationError("the scenario cannot be played:", error.errors());
+        throw ConfigurationError(
+            options.scenarioFile.empty()
+                ? std::string("the built-in scenario cannot be played:")
+                : "the scenario \"" + options.scenarioFile + "\" cannot be played:",
+            error.errors());
     }
     configuration.options = std::move(options);
     return configuration;
