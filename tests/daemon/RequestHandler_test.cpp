@@ -449,6 +449,43 @@ TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
         << log;
 }
 
+TEST(RequestHandlerTest, AWriteThatFailsPartWaySaysWhichEntriesTookTheirPart) {
+    char const* const map = R"({"entries": [
+      {"name": "a", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "source": {"device": 2, "channel": "A"}},
+      {"name": "b", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "source": {"device": 2, "channel": "B"}},
+      {"name": "c", "table": "holding-registers", "address": 2, "encoder": "uint16",
+       "source": {"device": 2, "channel": "C"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16},
+      "A": {"uint32": 0}, "B": {"uint32": 0}, "C": {"uint32": 0}}}]})";
+    TestDaemon daemon(map, ups, false);
+    auto& store = cdshost::Store::instance();
+    // The store refuses the second entry's value (on the card: a setting
+    // the device does not take).
+    store.failAlways("setChannelCValue", store.channelId(2, "B"));
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(0, {1, 2, 3})).exception, 4);
+    store.clearFaults();
+    // What landed stays: nothing takes a data-store write back.
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(1u));
+    EXPECT_EQ(TestDaemon::channel(2, "B"), kq::CValue(0u));
+    EXPECT_EQ(TestDaemon::channel(2, "C"), kq::CValue(0u));
+    std::string const log = daemon.logText();
+    EXPECT_NE(log.find("warning: write to holding-registers 0..2 carried out in part: written "
+                       "entries[0] \"a\"; failed entries[1] \"b\"; not written entries[2] "
+                       "\"c\"; client=local unit=1 function=16 address=0\n"),
+              std::string::npos)
+        << log;
+    // A write that fails at its first entry wrote nothing: no such line.
+    store.failAlways("setChannelCValue", store.channelId(2, "A"));
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(0, {5, 6})).exception, 4);
+    store.clearFaults();
+    EXPECT_EQ(TestDaemon::channel(2, "B"), kq::CValue(0u));
+    EXPECT_EQ(daemon.logText().find("carried out in part", log.size()), std::string::npos)
+        << daemon.logText();
+}
+
 TEST(RequestHandlerTest, RepeatedWritesOfOneClientToOneEntryAreAuditedUpToTheBurst) {
     TestDaemon daemon(kMap, kRunningUps, false);
     RequestOrigin const first{"127.0.0.1:5021", 0x7F000001, nullptr, true};
