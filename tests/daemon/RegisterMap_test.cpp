@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "EmbeddedDefaults.h"
+#include "JsonNesting.h"
 #include "MapLoader.h"
 
 namespace tarsel::daemon {
@@ -416,6 +417,38 @@ TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsReservesTheRest) {
         R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
             "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]})"));
     EXPECT_EQ(map.entries.at(0).size, 3);
+}
+
+/* `levels` arrays, one inside the other. */
+std::string nested(std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+}
+
+TEST(RegisterMapTest, ArraysNestedWithoutEndAreRefusedNotACrash) {
+    // Quoting the refused element in its error walked it one call per level
+    // and overflowed the stack.
+    EXPECT_EQ(errorsOf(R"({"entries": [)" + nested(200000) + "]}"),
+              (std::vector<std::string>{
+                  "map: not read: arrays and objects nested more than 1024 levels deep"}));
+}
+
+TEST(RegisterMapTest, NestingUpToTheLimitIsReadAlikeByBothReadings) {
+    // The root object is one level: a comment nesting 1023 more reaches 1024.
+    std::string const deepest =
+        R"({"comment": )" + nested(kMaxJsonNesting - 1) + R"(, "entries": [)" + kFloat + "]}";
+    EXPECT_TRUE(parseRegisterMapQuickly(deepest).has_value());
+    EXPECT_EQ(parseRegisterMapWithNlohmann(deepest).entries.size(), 1u);
+    std::string const deeper =
+        R"({"comment": )" + nested(kMaxJsonNesting) + R"(, "entries": [)" + kFloat + "]}";
+    EXPECT_FALSE(parseRegisterMapQuickly(deeper).has_value());
+    EXPECT_EQ(errorsOf(deeper).size(), 1u);
+}
+
+TEST(RegisterMapTest, BracketsInsideTextsDoNotCountAsNesting) {
+    std::string const brackets(3000, '[');
+    auto const map = parseRegisterMapWithNlohmann(R"({"description": ")" + brackets +
+                                                  R"(\"[", "entries": [)" + kFloat + "]}");
+    EXPECT_EQ(map.description, brackets + "\"[");
 }
 
 TEST(RegisterMapTest, EveryErrorIsListedAtOnce) {

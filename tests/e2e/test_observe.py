@@ -193,6 +193,22 @@ class ObserveTest(GatewayWithUpsdTest):
         self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="refused"}'], 1)
         self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="applied"}'], 0)
 
+    def test_sighup_with_a_map_nested_without_end_is_refused_and_the_old_map_served(self):
+        self.start(map_json=map_with_label_at(100), scenario_json=scenario_with_label())
+        self.client = self.daemon.client()
+        # Quoting the refused element in its error once overflowed the stack:
+        # the reload ended the daemon instead of being refused.
+        depth = 200000
+        self.daemon._write("map.json", '{"entries": [' + "[" * depth + "]" * depth + "]}")
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload refused", 10.0),
+                        "\n".join(self.daemon.log_lines))
+        self.assertTrue(self.daemon.alive())
+        log = "\n".join(self.daemon.log_lines)
+        self.assertIn("map: not read: arrays and objects nested more than 1024 levels deep", log)
+        self.assertEqual(list(self.client.read_holding_registers(100, 4, slave=1).registers),
+                         [0x4142, 0x4344, 0, 0])
+
     def test_a_stalled_http_client_does_not_hold_up_modbus_clients(self):
         self.start(scenario_json=running_ups())
         self.client = self.daemon.client()

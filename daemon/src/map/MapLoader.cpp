@@ -14,6 +14,7 @@
 #include "Conversions.h"
 #include "IdentificationLoader.h"
 #include "JsonChecks.h"
+#include "JsonNesting.h"
 #include "JsonView.h"
 
 namespace tarsel::daemon {
@@ -741,6 +742,9 @@ std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& 
 }
 
 RegisterMapDefinition parseRegisterMapWithNlohmann(std::string const& text) {
+    if (nestsDeeperThan(text)) {
+        throw MapError({"map: not read: " + tooDeeplyNested()});
+    }
     json root;
     try {
         root = json::parse(text);
