@@ -249,6 +249,46 @@ TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
         << daemon.logText();
 }
 
+TEST(RequestHandlerTest, EntriesOverAChannelThatHeldATextServeItAgainOnceItHoldsANumber) {
+    char const* const map = R"({"entries": [
+      {"name": "f32", "table": "holding-registers", "address": 0, "encoder": "float32",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "lib", "table": "holding-registers", "address": 2, "encoder": "float",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "i16", "table": "holding-registers", "address": 4, "encoder": "int16",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "u16", "table": "holding-registers", "address": 5, "encoder": "uint16",
+       "multiplier": 10, "source": {"device": 2, "channel": "F"}},
+      {"name": "txt", "table": "holding-registers", "address": 6, "encoder": "string", "size": 2,
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "on", "table": "coils", "address": 0, "encoder": "boolean",
+       "source": {"device": 2, "channel": "F"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "F": {"float": 1.5}}}]})";
+    TestDaemon daemon(map, ups, false);
+    // A text where the entries expect a number (a UPS that reports "unknown"
+    // for a while): none of them can convert it, so a read of one is Server
+    // Device Failure, and the text entry serves it.
+    // Whoever writes it (a scenario step, the NUT mirror, a client through
+    // the text entry) is not failed by the entries' listeners.
+    EXPECT_NO_THROW(TestDaemon::setChannel(2, "F", kq::CValue("unknown")));
+    EXPECT_EQ(daemon.ask(request(3, 0, 2)).exception, 4);
+    EXPECT_EQ(daemon.ask(request(3, 6, 2)).registers, (std::vector<std::uint16_t>{0x756E, 0x6B6E}));
+    EXPECT_NO_THROW(TestDaemon::setChannel(2, "F", kq::CValue(2.5f)));
+    // Once it holds a number again, every entry over it serves that number.
+    Answer const numbers = daemon.ask(request(3, 0, 6));
+    ASSERT_EQ(numbers.exception, 0);
+    EXPECT_EQ(numbers.registers[0], 0x4020);  // 2.5 in ABCD
+    EXPECT_EQ(numbers.registers[1], 0x0000);
+    EXPECT_EQ((std::vector<std::uint16_t>{numbers.registers[2], numbers.registers[3]}),
+              floatWords(2.5f));
+    EXPECT_EQ(numbers.registers[4], 2);   // int16 truncates
+    EXPECT_EQ(numbers.registers[5], 20);  // the unsigned value 2, x10
+    EXPECT_EQ(daemon.ask(request(3, 6, 2)).registers,
+              (std::vector<std::uint16_t>{0x322E, 0x3500}));  // "2.5"
+    EXPECT_EQ(daemon.ask(request(1, 0, 1)).bits, (std::vector<std::uint8_t>{1}));
+}
+
 TEST(RequestHandlerTest, RepeatedEncoderFailuresAreRateLimited) {
     TestDaemon daemon(kMap, kRunningUps);
     for (int i = 0; i < 50; ++i) {
