@@ -451,6 +451,40 @@ TEST(RegisterMapTest, BracketsInsideTextsDoNotCountAsNesting) {
     EXPECT_EQ(map.description, brackets + "\"[");
 }
 
+TEST(RegisterMapTest, SourceThatTakesNoWritesInAWritableTableIsRefused) {
+    // The library drops a write to an alarm or to the sub-device count: the
+    // client would be told it was done and nothing would change.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "boolean",
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "holding-registers", "address": 0, "encoder": "uint16",
+            "source": {"device": 2, "attribute": "sub-device-count"}},
+           {"table": "coils", "address": 1, "encoder": "composite-discretes",
+            "function": "status-bits",
+            "sources": [{"device": 2, "channel": "A"},
+                        {"device": 2, "channel": "B", "alarm": "flag-set"}]})"));
+    ASSERT_EQ(errors.size(), 3u);
+    EXPECT_EQ(errors[0],
+              "entries[0].source: an alarm cannot be written (the data store decides it); serve "
+              "the entry from discrete-inputs, or refuse its writes with \"allowWrite\": []");
+    EXPECT_EQ(errors[1],
+              "entries[1].source: the sub-device count cannot be written (the data store counts "
+              "the sub-devices); serve the entry from input-registers, or refuse its writes with "
+              "\"allowWrite\": []");
+    EXPECT_EQ(errors[2].rfind("entries[2].sources[1]: an alarm cannot be written", 0), 0u);
+}
+
+TEST(RegisterMapTest, SourceThatTakesNoWritesIsKeptWhereNobodyWritesIt) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "boolean", "allowWrite": [],
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "discrete-inputs", "address": 0, "encoder": "boolean",
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "input-registers", "address": 0, "encoder": "uint16",
+            "source": {"device": 2, "attribute": "sub-device-count"}})"));
+    EXPECT_EQ(map.entries.size(), 3u);
+}
+
 TEST(RegisterMapTest, EveryErrorIsListedAtOnce) {
     auto const errors = errorsOf(mapWith(
         R"({"table": "holding-registers", "address": 0, "encoder": "double"},
@@ -604,7 +638,7 @@ TEST(RegisterMapTest, EveryOptionReadQuicklyGivesWhatNlohmannsReadingGives) {
         {"table": "input-registers", "address": 2, "encoder": "float32", "layout": "CDAB",
          "unavailable": {"mode": "sentinel", "word": 0},
          "source": {"device": "UPS", "channel": "B"}},
-        {"name": "u", "table": "holding-registers", "address": 4, "encoder": "uint16",
+        {"name": "u", "table": "input-registers", "address": 4, "encoder": "uint16",
          "bitmask": "xor", "mask": 4294967295, "default": 7,
          "source": {"device": 2, "channel": "C", "alarm": "trigger"}},
         {"name": "s", "table": "input-registers", "address": 5, "encoder": "string", "size": 4,

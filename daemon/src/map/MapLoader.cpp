@@ -141,6 +141,7 @@ class MapParser {
     bool parseDevice(Json const& value, std::string const& where, DeviceRef& device);
     void parseSourceKind(Json const& value, std::string const& where, SourceDefinition& source);
     bool checkFit(EntryDefinition const& definition);
+    bool checkSourcesTakeWrites(EntryDefinition const& definition);
     void checkOverlaps(std::vector<EntryDefinition> const& entries);
 
     JsonChecker m_check;
@@ -674,6 +675,9 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
                           (function->registers ? "input-registers" : "discrete-inputs"));
         return false;
     }
+    if (!checkSourcesTakeWrites(definition)) {
+        return false;
+    }
     if (definition.end() > kTableSize) {
         m_check.error(definition.path, std::string(tableName(definition.table)) + " " +
                                            std::to_string(definition.address) + ".." +
@@ -693,6 +697,44 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
         return false;
     }
     return true;
+}
+
+/* What a write through the source would be dropped for, by the library's
+ * design; nothing for a source that takes writes. */
+std::optional<std::string> whyNotWritable(SourceDefinition const& source) {
+    if (source.kind == SourceKind::Alarm) {
+        return "an alarm cannot be written (the data store decides it)";
+    }
+    if (source.kind == SourceKind::Attribute &&
+        source.attribute == cdsapi::AttributeSubDeviceCount) {
+        return "the sub-device count cannot be written (the data store counts the sub-devices)";
+    }
+    return std::nullopt;
+}
+
+/* An entry of a writable table whose source cannot be written would answer
+ * a write as done and change nothing: refused, unless nobody may write it. */
+template <class Json>
+bool MapParser<Json>::checkSourcesTakeWrites(EntryDefinition const& definition) {
+    bool const nobodyWrites = definition.allowWrite && definition.allowWrite->empty();
+    if (!isWritableTable(definition.table) || nobodyWrites) {
+        return true;
+    }
+    bool const composite = !definition.function.empty();
+    bool fine = true;
+    for (std::size_t i = 0; i < definition.sources.size(); ++i) {
+        if (auto const why = whyNotWritable(definition.sources[i])) {
+            std::string const where =
+                definition.path +
+                (composite ? ".sources[" + std::to_string(i) + "]" : std::string(".source"));
+            m_check.error(where, *why + "; serve the entry from " +
+                                     (isRegisterTable(definition.table) ? "input-registers"
+                                                                        : "discrete-inputs") +
+                                     ", or refuse its writes with \"allowWrite\": []");
+            fine = false;
+        }
+    }
+    return fine;
 }
 
 template <class Json>
