@@ -412,11 +412,31 @@ TEST(RegisterMapTest, CompositeSizeSmallerThanWhatItsFunctionProducesIsRefused) 
               "for 3 sources (3)");
 }
 
-TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsReservesTheRest) {
+TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsReservesTheRestWhereNobodyWrites) {
     auto const map = parseRegisterMap(mapWith(
-        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
-            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]})"));
+        R"({"table": "input-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 4, "allowWrite": [],
+            "sources": [{"device": 2, "channel": "A"}]})"));
     EXPECT_EQ(map.entries.at(0).size, 3);
+    EXPECT_EQ(map.entries.at(1).size, 4);
+}
+
+TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsIsRefusedWhereItWouldBeWritten) {
+    // The function takes nothing from the reserved part: a write there would
+    // be answered as done and change nothing.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 4, "sources": [{"device": 2, "channel": "A"}]})"));
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0],
+              "entries[0].size: 3 registers in a writable table: writes beyond what function "
+              "\"status-word\" produces for 1 source (1) would change nothing; reserve them "
+              "only where nobody writes (a read-only table, or \"allowWrite\": [])");
+    EXPECT_EQ(errors[1].rfind("entries[1].size: 4 discretes in a writable table", 0), 0u);
 }
 
 /* `levels` arrays, one inside the other. */

@@ -527,13 +527,25 @@ void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definit
         // Fewer registers or discretes than the function produces would cut
         // its value (a kilo-counter32 in one register serves its high word
         // alone, and a write of that register stores 65536 times it): more
-        // are reserved space, served as 0.
+        // are reserved space, served as 0, where nobody writes: the function
+        // takes nothing from them, so a write there would be answered as
+        // done and change nothing.
+        std::string const produced = " what function " + quoted(*name) + " produces for " +
+                                     std::to_string(count) + (count == 1 ? " source" : " sources") +
+                                     " (" + std::to_string(definition.size) + ")";
+        bool const written = isWritableTable(definition.table) &&
+                             !(definition.allowWrite && definition.allowWrite->empty());
         if (*size < definition.size) {
             m_check.error(where + ".size", std::to_string(*size) + " " + unitOf(definition.table) +
-                                               " cannot hold what function " + quoted(*name) +
-                                               " produces for " + std::to_string(count) +
-                                               (count == 1 ? " source" : " sources") + " (" +
-                                               std::to_string(definition.size) + ")");
+                                               " cannot hold" + produced);
+            return;
+        }
+        if (*size > definition.size && written) {
+            m_check.error(where + ".size",
+                          std::to_string(*size) + " " + unitOf(definition.table) +
+                              " in a writable table: writes beyond" + produced +
+                              " would change nothing; reserve them only where nobody writes "
+                              "(a read-only table, or \"allowWrite\": [])");
             return;
         }
         definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
