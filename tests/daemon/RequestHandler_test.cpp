@@ -239,6 +239,37 @@ TEST(RequestHandlerTest, WriteToAnUnavailableValueIsRefused) {
     EXPECT_EQ(daemon.ask(request(6, 31, 5)).exception, 11);
 }
 
+TEST(RequestHandlerTest, AWriteThatAMissingSourceWouldDropIsRefused) {
+    // A uint16 with a default reads as available over a missing channel, and
+    // status bits as soon as one source is there; the library drops what
+    // goes to a missing item, so these writes would be answered as done.
+    char const* const map = R"({"entries": [
+      {"name": "limit", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "default": 7, "source": {"device": 2, "channel": "Missing"}},
+      {"name": "bits", "table": "coils", "address": 0, "encoder": "composite-discretes",
+       "function": "status-bits",
+       "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "Missing"}]},
+      {"name": "exc", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "default": 7, "unavailable": {"mode": "exception", "code": 11},
+       "source": {"device": 2, "channel": "Missing"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "A": true}}]})";
+    TestDaemon daemon(map, ups, false);
+    ASSERT_EQ(daemon.ask(request(3, 0, 1)).exception, 0) << "reads as available";
+    EXPECT_EQ(daemon.ask(request(6, 0, 5)).exception, 4);
+    EXPECT_EQ(daemon.ask(request(6, 1, 5)).exception, 11);
+    EXPECT_EQ(daemon.ask(testing::writeCoils(0, {false, true})).exception, 4);
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(true)) << "nothing of it written";
+    EXPECT_NE(daemon.logText().find("write \"bits\" coils 0: 10 -> 01: refused (not available)"),
+              std::string::npos)
+        << daemon.logText();
+    // Once the item is there, the same write is carried out whole.
+    cdshost::Store::instance().addChannel(2, "Missing", kq::CValue(false));
+    EXPECT_EQ(daemon.ask(testing::writeCoils(0, {false, true})).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(false));
+    EXPECT_EQ(TestDaemon::channel(2, "Missing"), kq::CValue(true));
+}
+
 TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);

@@ -71,6 +71,21 @@ bool available(ServedEntry const& entry) {
                              : encoder.discretes->isDataAvailable();
 }
 
+/* Whether every data accessor of a built entry has its item. An entry can
+ * read as available while one is missing (a uint16 with a default; a block of
+ * status bits, available as soon as any of its sources is there), and the
+ * library drops the write of a missing item: such a write would be answered
+ * as done and change nothing, or only part of what was asked. */
+bool everySourcePresent(ServedEntry const& entry) {
+    auto const& sources = entry.encoder.sources;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        if (!sources[i]->isExitingInCds()) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /* " unit=1 function=3 address=20" of a frame, written into `out` (room for
  * 48 characters); returns where it ends. No string is built on the way. */
 char* writeFrameFields(char* out, std::uint8_t const* frame, std::size_t length) {
@@ -504,7 +519,7 @@ std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
     if (AttributeRefresh::stale(entry)) {
         m_map.rebuild(entry);
     }
-    if (available(entry)) {
+    if (available(entry) && everySourcePresent(entry)) {
         return 0;
     }
     auditRefused(entry, part, "not available");
