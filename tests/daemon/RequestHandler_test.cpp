@@ -239,6 +239,17 @@ TEST(RequestHandlerTest, WriteToAnUnavailableValueIsRefused) {
     EXPECT_EQ(daemon.ask(request(6, 31, 5)).exception, 11);
 }
 
+TEST(RequestHandlerTest, TheAuditLineOfAWriteToAnUnavailableEntryShowsNoValueBeforeIt) {
+    // Not the zeros an encoder without a value returns: the entry never
+    // served them.
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(6, 30, 5)).exception, 4);
+    EXPECT_NE(daemon.logText().find("write \"missing\" holding-registers 30: (not available) -> "
+                                    "[0x0005]: refused (not available)"),
+              std::string::npos)
+        << daemon.logText();
+}
+
 TEST(RequestHandlerTest, AWriteThatAMissingSourceWouldDropIsRefused) {
     // A uint16 with a default reads as available over a missing channel, and
     // status bits as soon as one source is there; the library drops what

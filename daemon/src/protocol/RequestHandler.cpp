@@ -641,6 +641,11 @@ std::string RequestHandler::currentValue(ServedEntry const& entry) const {
     if (!entry.built()) {
         return "(pending)";
     }
+    if (!available(entry)) {
+        // Its encoder returns nothing, which would show as zeros: a value
+        // the entry never served (clients read its unavailable value).
+        return "(not available)";
+    }
     try {
         if (entry.encoder.registers) {
             return readableValue(entry.definition, fitToSize(entry.encoder.registers->getData(),
