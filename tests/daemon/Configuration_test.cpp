@@ -77,6 +77,39 @@ TEST_F(ConfigurationFilesTest, ABadUpsMapIsRefusedNamingItsFile) {
     }
 }
 
+/* The one error loadConfiguration() refuses args with, under its heading. */
+std::string refusal(std::vector<std::string> const& args) {
+    try {
+        loadConfiguration(args);
+    } catch (ConfigurationError const& error) {
+        std::string text = error.what();
+        for (auto const& line : error.errors()) {
+            text += "\n" + line;
+        }
+        return text;
+    }
+    return "taken";
+}
+
+TEST_F(ConfigurationFilesTest, AFileThatCannotBeReadIsABadConfigurationNamingOptionFileAndReason) {
+    // Refused as a ConfigurationError, as a file with errors is, so that
+    // the daemon stops with exit status 2 (not restarted by its unit) and
+    // --check finds it, rather than with a bare "cannot read FILE" and 1.
+    std::string const missing = m_dir + "/missing.json";
+    EXPECT_EQ(refusal({"--map", missing}),
+              "the register map cannot be served:\n--map: cannot read \"" + missing +
+                  "\": No such file or directory");
+    EXPECT_EQ(
+        refusal({"--map", m_dir}),
+        "the register map cannot be served:\n--map: cannot read \"" + m_dir + "\": Is a directory");
+    EXPECT_EQ(refusal({"--scenario", missing}),
+              "the scenario cannot be played:\n--scenario: cannot read \"" + missing +
+                  "\": No such file or directory");
+    EXPECT_EQ(refusal({"--nut", "a", "--nut-map", missing}),
+              "the register map \"" + missing + "\" cannot be served:\n--nut-map: cannot read \"" +
+                  missing + "\": No such file or directory");
+}
+
 TEST(ConfigurationTest, WritesToAUpsAreRefusedUnlessNutWritesIsGiven) {
     Configuration configuration;
     configuration.options = parseOptions({"--nut", "a"});

@@ -41,7 +41,7 @@ TEST(OptionsTest, DefaultsListenOnLoopbackPort1502AsUnit1) {
 TEST(OptionsTest, ValuesComeAfterTheOptionOrAfterAnEqualsSign) {
     Options const options = parseOptions(
         {"--map", "m.json", "--scenario=none", "--port=0", "--unit-id", "7", "--run-seconds", "2.5",
-         "-v", "--describe=csv", "--describe-at", "9", "--listen", "::1"});
+         "-v", "--describe=csv", "--describe-at", "9", "--listen", "0.0.0.0"});
     EXPECT_EQ(options.mapFile, "m.json");
     EXPECT_EQ(options.scenarioFile, "none");
     EXPECT_EQ(options.port, 0);
@@ -50,7 +50,7 @@ TEST(OptionsTest, ValuesComeAfterTheOptionOrAfterAnEqualsSign) {
     EXPECT_TRUE(options.verbose);
     EXPECT_EQ(options.describe, DescribeFormat::Csv);
     EXPECT_EQ(options.describeAt, 9.0);
-    EXPECT_EQ(options.listen, "::1");
+    EXPECT_EQ(options.listen, "0.0.0.0");
 }
 
 TEST(OptionsTest, DescribeWithoutAFormatIsMarkdown) {
@@ -97,6 +97,37 @@ TEST(OptionsTest, HelpIsAskedForWithoutReadingAnyFile) {
     LoadedOptions const loaded = loadOptions({"--config", "/nonexistent.json", "-h"});
     EXPECT_TRUE(loaded.options.help);
     EXPECT_TRUE(loaded.errors.empty());
+}
+
+TEST(OptionsTest, VersionIsAskedForWithoutReadingAnyFile) {
+    LoadedOptions const loaded = loadOptions({"--config", "/nonexistent.json", "--version"});
+    EXPECT_TRUE(loaded.options.version);
+    EXPECT_FALSE(loaded.options.help);
+    EXPECT_TRUE(loaded.errors.empty());
+    EXPECT_EQ(versionText(), std::string("tarsel-modbusd ") + TARSEL_DAEMON_VERSION + "\n");
+    EXPECT_NE(usage().find("--version"), std::string::npos);
+}
+
+TEST(OptionsTest, ListenAddressesAreIpv4AddressesAsTheListenersBindThem) {
+    // The listeners are IPv4 sockets: a host name or an IPv6 address used
+    // to pass here and stop the daemon only once its map was built, with
+    // exit status 1, after --check had called it valid.
+    EXPECT_EQ(errorsOf({"--listen", "localhost", "--tls-listen", "::1", "--http-listen",
+                        "localhost:9502"}),
+              "--listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got "
+              "\"localhost\"\n"
+              "--tls-listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got \"::1\"\n"
+              "--http-listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got "
+              "\"localhost\"\n");
+    Options const options = parseOptions(
+        {"--listen", "0.0.0.0", "--tls-listen", "192.168.1.7", "--http-listen", "127.0.0.2:0"});
+    EXPECT_EQ(options.listen, "0.0.0.0");
+    EXPECT_EQ(options.tlsListen, "192.168.1.7");
+    EXPECT_EQ(options.httpAddress, "127.0.0.2");
+}
+
+TEST(OptionsTest, ABadNutIsNamedAloneWithoutBlamingANutMapNobodyGave) {
+    EXPECT_EQ(errorsOf({"--nut", "@host"}), "--nut expects UPS[@HOST[:PORT]], got \"@host\"\n");
 }
 
 TEST(OptionsTest, UsageListsEveryOptionWithItsValue) {

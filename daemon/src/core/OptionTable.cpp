@@ -1,5 +1,7 @@
 #include "OptionTable.h"
 
+#include <arpa/inet.h>
+
 #include <cmath>
 #include <stdexcept>
 
@@ -57,6 +59,18 @@ bool flagValue(std::string const& text) {
     throw std::invalid_argument("expects true or false, got \"" + text + "\"");
 }
 
+/* An address the listeners can bind: they are IPv4 sockets, so a host name
+ * or an IPv6 address is refused here, where --check sees it and the exit
+ * status says "bad configuration", not once the map is built. */
+std::string ipv4Address(std::string const& text) {
+    in_addr parsed{};
+    if (::inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
+        throw std::invalid_argument(
+            "expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got \"" + text + "\"");
+    }
+    return text;
+}
+
 /* "NAME=read-only" or "NAME=read-write". */
 void addRole(TlsConfig& tls, std::string const& text) {
     std::size_t const equals = text.rfind('=');
@@ -75,7 +89,7 @@ void setHttpListen(Options& options, std::string const& text) {
     if (colon == std::string::npos || colon == 0) {
         throw std::invalid_argument("expects ADDR:PORT, got \"" + text + "\"");
     }
-    options.httpAddress = text.substr(0, colon);
+    options.httpAddress = ipv4Address(text.substr(0, colon));
     options.httpPort = static_cast<int>(integerValue(text.substr(colon + 1), 0, 65535));
 }
 
@@ -184,13 +198,16 @@ std::vector<OptionRow> makeTable() {
              "scenario for the simulated data store (JSON);\n"
              "\"none\" starts from an empty store; default: built-in",
              &Options::scenarioFile),
-        text("listen", "ADDR", "address to listen on (default 127.0.0.1)", &Options::listen),
+        text("listen", "ADDR", "IPv4 address to listen on (default 127.0.0.1)",
+             [](Options& options, std::string const& value) {
+                 options.listen = ipv4Address(value);
+             }),
         integer("port", "TCP port (default 1502; 0 picks a free port, logged)", 0, 65535,
                 [](Options& options, long long value) { options.port = static_cast<int>(value); }),
         integer(
             "unit-id",
-            "Modbus unit id served, 1..247 (default 1); 0 and 255\n"
-            "are accepted too",
+            "Modbus unit id served, 1..247 (default 1); requests\n"
+            "to unit 0 and 255 are served too",
             1, 247,
             [](Options& options, long long value) { options.unitId = static_cast<int>(value); }),
         list("nut", "UPS[@HOST[:PORT]]",
@@ -243,8 +260,10 @@ std::vector<OptionRow> makeTable() {
             "(802 by convention; 0 picks a free port, logged)",
             0, 65535,
             [](Options& options, long long value) { options.tlsPort = static_cast<int>(value); }),
-        text("tls-listen", "ADDR", "address of the TLS listener (default: --listen's)",
-             &Options::tlsListen),
+        text("tls-listen", "ADDR", "IPv4 address of the TLS listener (default: --listen's)",
+             [](Options& options, std::string const& value) {
+                 options.tlsListen = ipv4Address(value);
+             }),
         text("tls-cert", "FILE", "the daemon's certificate (PEM)",
              [](Options& options, std::string const& value) {
                  options.tls.certificateFile = value;

@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include <set>
+
 #include <CLI/CLI.hpp>
 
 #include "HttpServer.h"
@@ -33,6 +35,9 @@ std::unique_ptr<CLI::App> makeParser() {
     app->footer(kFooter);
     // Left over for readCommandLine() to name each one.
     app->allow_extras();
+    // What a bug report or an upgrade check asks first; like --help, no
+    // row of the table, since a settings file has no use for it.
+    app->set_version_flag("--version", versionText(), "Print the version and exit");
     for (OptionRow const& row : optionTable()) {
         std::string names = "--" + row.name;
         if (!row.shortName.empty()) {
@@ -68,6 +73,7 @@ std::unique_ptr<CLI::App> makeParser() {
 struct CommandLine {
     OptionValues values;
     bool help = false;
+    bool version = false;
     std::vector<std::string> errors;
 };
 
@@ -110,6 +116,9 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
         app->parse(reversed);
     } catch (CLI::CallForHelp const&) {
         line.help = true;
+        return line;
+    } catch (CLI::CallForVersion const&) {
+        line.version = true;
         return line;
     } catch (CLI::ParseError const& error) {
         line.errors.push_back(std::string(error.what()) + " (see --help)");
@@ -186,8 +195,11 @@ OptionValues mergeFiles(OptionValues const& commandLine, Origins& origins,
     return merged;
 }
 
-void checkNut(Options& options, std::vector<std::string>& errors) {
-    if (options.nutMaps.size() > options.nutUpses.size()) {
+/* nutRefused: a --nut value was refused (and named) already, so its UPS is
+ * missing from nutUpses while its place in nutMaps is not: counting them
+ * would only blame a --nut-map nobody gave. */
+void checkNut(Options& options, bool nutRefused, std::vector<std::string>& errors) {
+    if (options.nutMaps.size() > options.nutUpses.size() && !nutRefused) {
         errors.push_back("nut-map names " + std::to_string(options.nutMaps.size()) + " maps for " +
                          std::to_string(options.nutUpses.size()) + " UPSes of --nut");
     }
@@ -233,12 +245,14 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
         loaded.errors = line.errors;
         return loaded;
     }
-    if (line.help) {
-        options.help = true;
+    if (line.help || line.version) {
+        options.help = line.help;
+        options.version = line.version;
         return loaded;
     }
     Origins origins;
     OptionValues const values = mergeFiles(line.values, origins, loaded.errors);
+    std::set<std::string> refused;
     // In the table's order, whatever order they were given in.
     for (OptionRow const& row : optionTable()) {
         auto const found = values.find(row.name);
@@ -249,6 +263,7 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
             try {
                 row.apply(options, value);
             } catch (std::invalid_argument const& error) {
+                refused.insert(row.name);
                 auto const origin = origins.find(row.name);
                 loaded.errors.push_back(
                     (origin == origins.end() ? "--" + row.name : origin->second + ": " + row.name) +
@@ -257,7 +272,7 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
         }
     }
     checkTls(options, loaded.errors);
-    checkNut(options, loaded.errors);
+    checkNut(options, refused.count("nut") != 0, loaded.errors);
     checkHttp(options, loaded.errors);
     return loaded;
 }
@@ -276,6 +291,10 @@ Options parseOptions(std::vector<std::string> const& args) {
 
 std::string usage() {
     return makeParser()->help();
+}
+
+std::string versionText() {
+    return std::string("tarsel-modbusd ") + TARSEL_DAEMON_VERSION + "\n";
 }
 
 }  // namespace tarsel::daemon
