@@ -1,16 +1,19 @@
-"""What a newcomer gets wrong when first starting tarsel-modbusd: a file that
-is not there, an address that is no address, a privileged port, files the
-daemon cannot use. Each must stop the daemon before it serves anything, with
-one line that names what to fix and the exit status its unit relies on: 2
-for a configuration a restart would not mend (the unit does not restart
-after it), and --check must find the same mistakes before the service is
-enabled."""
+"""What a newcomer meets when first starting tarsel-modbusd.
+
+The mistakes (a file that is not there, an address that is no address, a
+privileged port, files the daemon cannot use) must each stop the daemon
+before it serves anything, with one line that names what to fix and the exit
+status its unit relies on: 2 for a configuration a restart would not mend
+(the unit does not restart after it). --check must find the same mistakes
+before the service is enabled. And a start that is fine warns of nothing that
+does not concern it."""
+import json
 import os
 import subprocess
 import tempfile
 import unittest
 
-from harness import DAEMON
+from harness import DAEMON, running_ups, shipped_map
 from tls_certs import make_certificates
 
 BAD_CONFIGURATION = 2
@@ -103,6 +106,36 @@ class StartupErrorsTest(unittest.TestCase):
         out = run("--nut", "@host")
         self.assertEqual(out.returncode, BAD_CONFIGURATION)
         self.assertEqual(out.stderr, 'tarsel-modbusd: --nut expects UPS[@HOST[:PORT]], got "@host"\n')
+
+    def test_a_start_warns_about_the_float_layout_only_for_entries_that_use_it(self):
+        # A map without the library's "float" encoder (the shipped ones)
+        # starts without a warning: a present UPS leaves nothing to warn of.
+        scenario = self.path("scenario.json")
+        with open(scenario, "w", encoding="utf-8") as f:
+            json.dump(running_ups(), f)
+        out = run("--describe=json", "--scenario", scenario)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertNotIn("warning:", out.stderr)
+        # One that has one is warned about, by name, wherever this
+        # libmodbus does not read back what it writes.
+        layouts = json.loads(out.stdout)["floatLayout"]["layouts"]
+        with_float = shipped_map()
+        with_float["entries"].append(
+            {"name": "card-float", "table": "holding-registers", "address": 100,
+             "encoder": "float", "byteOrder": 0,
+             "source": {"device": 2, "channel": "Battery.Charge"}})
+        map_file = self.path("map.json")
+        with open(map_file, "w", encoding="utf-8") as f:
+            json.dump(with_float, f)
+        out = run("--describe=json", "--scenario", scenario, "--map", map_file)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        order0 = [layout for layout in layouts if layout["byteOrder"] == 0][0]
+        warnings = [line for line in out.stderr.splitlines() if "warning:" in line]
+        if order0["roundTrips"]:
+            self.assertEqual(warnings, [])
+        else:
+            self.assertEqual(len(warnings), 1, out.stderr)
+            self.assertIn('"card-float"', warnings[0])
 
     def test_version_names_the_program_and_its_version(self):
         out = run("--version")

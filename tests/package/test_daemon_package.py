@@ -228,6 +228,26 @@ class DaemonPackageTest(unittest.TestCase):
         command = shlex.split(settings["ExecStart"][0])
         self.assertEqual(command[:3], ["/usr/bin/tarsel-modbusd", "--config", "/" + SETTINGS])
 
+    def test_restarts_after_a_failure_are_spaced_so_the_start_limit_does_not_end_them(self):
+        # A listener that cannot open yet (an address configured later at
+        # boot, a port still held) fails with status 1 and is restarted;
+        # restarts closer than the start limit allows leave the service
+        # failed for good within a second.
+        settings = unit_settings(self.unit)
+
+        def seconds(key, default):
+            value = settings.get(key, [default])[-1]
+            found = re.fullmatch(r"([0-9.]+)(ms|s)?", value)
+            self.assertIsNotNone(found, "%s=%s" % (key, value))
+            return float(found.group(1)) / (1000 if found.group(2) == "ms" else 1)
+
+        restart = seconds("RestartSec", "100ms")
+        interval = seconds("StartLimitIntervalSec", "10s")
+        burst = int(settings.get("StartLimitBurst", ["5"])[-1])
+        self.assertGreater(restart * burst, interval,
+                           "RestartSec=%g s: %d restarts within StartLimitIntervalSec=%g s end "
+                           "the service" % (restart, burst, interval))
+
     def test_manual_page_renders_and_documents_every_option(self):
         env = dict(os.environ, MANWIDTH="80", MAN_KEEP_FORMATTING="", LC_ALL="C.UTF-8")
         result = run("man", "--warnings", "-l", self.path(MAN_PAGE), env=env)

@@ -23,8 +23,9 @@ constexpr char kFooter[] =
     "options, the settings file and the map (a bad one is refused and the running\n"
     "one kept); SIGUSR1 logs the register-map description.\n"
     "\n"
-    "Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad\n"
-    "command line, settings file, map or scenario.\n"
+    "Exit status: 0 after a clean stop, 1 on a run-time failure (a listener that\n"
+    "cannot open), 2 for a bad command line, settings file, map, scenario or other\n"
+    "file it names (one that cannot be read or loaded included).\n"
     "\n"
     "See tarsel-modbusd(8).";
 
