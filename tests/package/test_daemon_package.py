@@ -185,6 +185,27 @@ class DaemonPackageTest(unittest.TestCase):
                         "%s comes from %s, none of which is in Depends: %s"
                         % (loaded[0].decode(), sorted(packages), sorted(depends)))
 
+    def test_depends_name_the_package_of_every_program_the_unit_runs(self):
+        # systemctl reload runs ExecReload=: on a system without the package
+        # of that program (/bin/kill is procps', which is not essential and
+        # not in a minimal Debian) the reload fails.
+        depends = {re.split(r"[ (]", d.strip())[0] for d in self.field("Depends").split(",")}
+        programs = {shlex.split(values[-1].lstrip("-@:+!"))[0]
+                    for key, values in unit_settings(self.unit).items()
+                    if key.startswith("Exec") and values[-1]}
+        self.assertIn("/bin/kill", programs)
+        for program in sorted(programs):
+            if os.path.exists(self.path(program.lstrip("/"))):
+                continue  # a file of this package
+            owners = run("dpkg", "-S", program).stdout
+            packages = {line.split(":")[0] for line in owners.splitlines()}
+            self.assertTrue(packages, "no package holds %s" % program)
+            essential = {p for p in packages
+                         if run("dpkg-query", "-W", "-f", "${Essential}", p).stdout == "yes"}
+            self.assertTrue(packages & depends or essential,
+                            "%s comes from %s, none of which is essential or in Depends: %s"
+                            % (program, sorted(packages), sorted(depends)))
+
     def test_lintian_reports_no_errors(self):
         result = run("lintian", "--fail-on", "error", "--no-tag-display-limit", self.deb,
                      timeout=300)
