@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "Configuration.h"
+#include "MapLoader.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -108,6 +109,28 @@ TEST_F(ConfigurationFilesTest, AFileThatCannotBeReadIsABadConfigurationNamingOpt
     EXPECT_EQ(refusal({"--nut", "a", "--nut-map", missing}),
               "the register map \"" + missing + "\" cannot be served:\n--nut-map: cannot read \"" +
                   missing + "\": No such file or directory");
+}
+
+/* The names of a map's entries, in order. */
+std::vector<std::string> entryNames(RegisterMapDefinition const& map) {
+    std::vector<std::string> names;
+    for (auto const& entry : map.entries) {
+        names.push_back(entry.name);
+    }
+    return names;
+}
+
+std::vector<std::string> shippedMapNames(std::string const& file) {
+    return entryNames(
+        parseRegisterMap(readTextFile(std::string(TARSEL_DAEMON_MAPS_DIR) + "/" + file)));
+}
+
+TEST(ConfigurationTest, WithoutAMapTheBuiltInMapIsThatOfTheDataSource) {
+    // The simulated UPS's map names channels no NUT UPS has: served over
+    // --nut, every entry read as unavailable while the gate stood open.
+    EXPECT_EQ(entryNames(loadConfiguration({}).map), shippedMapNames("ups-map.json"));
+    EXPECT_EQ(entryNames(loadConfiguration({"--nut", "ups@127.0.0.1"}).map),
+              shippedMapNames("nut-ups-map.json"));
 }
 
 TEST(ConfigurationTest, WritesToAUpsAreRefusedUnlessNutWritesIsGiven) {

@@ -57,9 +57,16 @@ std::optional<Scenario> loadScenario(Options const& options) {
                              : readNamedFile("--scenario", options.scenarioFile, kScenarioHeading));
 }
 
+/* Without --map, the built-in map of the data source: the simulated UPS's
+ * channels are named as no NUT UPS names its variables, so over --nut that
+ * map would serve every entry as unavailable, and the gate open. */
+std::string builtInMap(Options const& options) {
+    return options.nutUpses.empty() ? embeddedMap() : embeddedNutMap();
+}
+
 RegisterMapDefinition loadMap(Options const& options) {
     return parseRegisterMap(options.mapFile.empty()
-                                ? embeddedMap()
+                                ? builtInMap(options)
                                 : readNamedFile("--map", options.mapFile, kMapHeading));
 }
 

@@ -192,7 +192,9 @@ std::vector<OptionRow> makeTable() {
              "secrets file (JSON, as the settings file) that only its owner\n"
              "may read (mode 0600 or 0400); it overrides the settings file",
              &Options::secretsFile),
-        text("map", "FILE", "register map (JSON); default: the built-in UPS map",
+        text("map", "FILE",
+             "register map (JSON); default: the built-in UPS map\n"
+             "(with --nut, the built-in NUT map)",
              &Options::mapFile),
         text("scenario", "FILE",
              "scenario for the simulated data store (JSON);\n"
