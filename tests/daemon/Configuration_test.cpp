@@ -97,15 +97,15 @@ TEST_F(ConfigurationFilesTest, AFileThatCannotBeReadIsABadConfigurationNamingOpt
     // the daemon stops with exit status 2 (not restarted by its unit) and
     // --check finds it, rather than with a bare "cannot read FILE" and 1.
     std::string const missing = m_dir + "/missing.json";
-    EXPECT_EQ(refusal({"--map", missing}),
-              "the register map cannot be served:\n--map: cannot read \"" + missing +
-                  "\": No such file or directory");
-    EXPECT_EQ(
-        refusal({"--map", m_dir}),
-        "the register map cannot be served:\n--map: cannot read \"" + m_dir + "\": Is a directory");
+    EXPECT_EQ(refusal({"--map", missing}), "the register map \"" + missing +
+                                               "\" cannot be served:\n--map: cannot read \"" +
+                                               missing + "\": No such file or directory");
+    EXPECT_EQ(refusal({"--map", m_dir}), "the register map \"" + m_dir +
+                                             "\" cannot be served:\n--map: cannot read \"" + m_dir +
+                                             "\": Is a directory");
     EXPECT_EQ(refusal({"--scenario", missing}),
-              "the scenario cannot be played:\n--scenario: cannot read \"" + missing +
-                  "\": No such file or directory");
+              "the scenario \"" + missing + "\" cannot be played:\n--scenario: cannot read \"" +
+                  missing + "\": No such file or directory");
     EXPECT_EQ(refusal({"--nut", "a", "--nut-map", missing}),
               "the register map \"" + missing + "\" cannot be served:\n--nut-map: cannot read \"" +
                   missing + "\": No such file or directory");

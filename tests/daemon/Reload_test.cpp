@@ -340,7 +340,9 @@ TEST_F(ReloaderTest, ABadMapIsRefusedWithEveryErrorLoggedAndTheRunningMapKept) {
        "source": {"device": 2, "channel": "T"}}]})");
     EXPECT_FALSE(reloader(m_args).reload());
     std::string const log = m_daemon.logText();
-    EXPECT_NE(log.find("error: reload: the register map cannot be served:"), std::string::npos);
+    EXPECT_NE(
+        log.find("error: reload: the register map \"" + m_mapFile.path() + "\" cannot be served:"),
+        std::string::npos);
     EXPECT_NE(log.find("no-such-encoder"), std::string::npos);
     EXPECT_NE(log.find("no-such-table"), std::string::npos);
     EXPECT_NE(log.find("error: reload refused; still serving the running map"), std::string::npos);
@@ -358,7 +360,8 @@ TEST_F(ReloaderTest, AMissingMapFileIsRefused) {
     EXPECT_FALSE(reload.reload());
     // Refused as a map with errors is, the option, the file and the reason
     // named.
-    EXPECT_NE(m_daemon.logText().find("reload: the register map cannot be served:"),
+    EXPECT_NE(m_daemon.logText().find(
+                  "reload: the register map \"/nonexistent/map.json\" cannot be served:"),
               std::string::npos);
     EXPECT_NE(m_daemon.logText().find(
                   "--map: cannot read \"/nonexistent/map.json\": No such file or directory"),

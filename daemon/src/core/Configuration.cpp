@@ -17,8 +17,18 @@ namespace {
 
 constexpr int kLastUnitId = 247;
 
-constexpr char kMapHeading[] = "the register map cannot be served:";
-constexpr char kScenarioHeading[] = "the scenario cannot be played:";
+/* The heading of a map's errors: the file is named, as the --nut-map ones
+ * are: with a settings file and several maps, "the register map" alone
+ * leaves the reader guessing. */
+std::string mapHeading(std::string const& file) {
+    return file.empty() ? std::string("the built-in register map cannot be served:")
+                        : "the register map \"" + file + "\" cannot be served:";
+}
+
+std::string scenarioHeading(std::string const& file) {
+    return file.empty() ? std::string("the built-in scenario cannot be played:")
+                        : "the scenario \"" + file + "\" cannot be played:";
+}
 
 /* Why the file at path cannot be read, in the system's words. */
 std::string unreadableReason(std::string const& path) {
@@ -54,7 +64,8 @@ std::optional<Scenario> loadScenario(Options const& options) {
     }
     return parseScenario(options.scenarioFile.empty()
                              ? embeddedScenario()
-                             : readNamedFile("--scenario", options.scenarioFile, kScenarioHeading));
+                             : readNamedFile("--scenario", options.scenarioFile,
+                                             scenarioHeading(options.scenarioFile)));
 }
 
 /* Without --map, the built-in map of the data source: the simulated UPS's
@@ -65,9 +76,9 @@ std::string builtInMap(Options const& options) {
 }
 
 RegisterMapDefinition loadMap(Options const& options) {
-    return parseRegisterMap(options.mapFile.empty()
-                                ? builtInMap(options)
-                                : readNamedFile("--map", options.mapFile, kMapHeading));
+    return parseRegisterMap(options.mapFile.empty() ? builtInMap(options)
+                                                    : readNamedFile("--map", options.mapFile,
+                                                                    mapHeading(options.mapFile)));
 }
 
 bool sameLimits(ClientLimits const& a, ClientLimits const& b) {
@@ -88,10 +99,10 @@ Configuration loadFiles(Options options) {
     try {
         configuration.map = loadMap(options);
     } catch (MapError const& error) {
-        throw ConfigurationError(kMapHeading, error.errors());
+        throw ConfigurationError(mapHeading(options.mapFile), error.errors());
     }
     for (std::string const& file : options.nutMaps) {
-        std::string const heading = "the register map \"" + file + "\" cannot be served:";
+        std::string const heading = mapHeading(file);
         try {
             configuration.upsMaps.push_back(
                 file.empty()
@@ -104,7 +115,7 @@ Configuration loadFiles(Options options) {
     try {
         configuration.scenario = loadScenario(options);
     } catch (ScenarioError const& error) {
-        throw ConfigurationError(kScenarioHeading, error.errors());
+        throw ConfigurationError(scenarioHeading(options.scenarioFile), error.errors());
     }
     configuration.options = std::move(options);
     return configuration;
