@@ -58,6 +58,16 @@ def rss_kib(pid):
     raise RuntimeError("no VmRSS")
 
 
+def connecting_to(port):
+    """True while a TCP connect to 127.0.0.1:port waits for its SYN to be
+    answered (/proc/net/tcp state 02, SYN_SENT)."""
+    remote = f"0100007F:{port:04X}"
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        next(table)
+        return any(fields[2] == remote and fields[3] == "02"
+                   for fields in (line.split() for line in table))
+
+
 class Script:
     """The fake upsd's script: a healthy UPS until a test makes LIST VAR
     misbehave with `misbehave(answer)`, a function of nothing."""
@@ -250,6 +260,41 @@ class NutFaultsTest(unittest.TestCase):
         self.assertIn("stale: Data stale", changes[0])
         self.script.misbehaving = None
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
+    def test_sigterm_during_a_connect_that_then_succeeds_stops_without_polling_on(self):
+        # A upsd whose queue of connections waiting to be accepted is full:
+        # the kernel drops the poller's first SYN and sends it again a second
+        # later. SIGTERM comes meanwhile; then a place is freed, the connect
+        # succeeds, and upsd never answers. The stop must not go on to poll
+        # through the new connection (that costs the library's 5 s wait for
+        # an answer).
+        self.upsd.stop()
+        listener = socket.socket()
+        self.addCleanup(listener.close)
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(0)  # room for one connection waiting to be accepted
+        port = listener.getsockname()[1]
+        filler = socket.create_connection(("127.0.0.1", port), timeout=5)
+        self.addCleanup(filler.close)
+        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S), "--nut",
+                                   f"ups@127.0.0.1:{port}"],
+                             verbose=False)
+        self.assertTrue(wait_until(lambda: connecting_to(port), 5.0),
+                        "the poller's connect never waited\n" + self.log())
+
+        def free_a_place():
+            time.sleep(0.3)  # SIGTERM is in by now
+            accepted, _ = listener.accept()
+            self.addCleanup(accepted.close)
+
+        freeing = threading.Thread(target=free_a_place)
+        freeing.start()
+        asked = time.monotonic()
+        status, log = self.daemon.stop()
+        took = time.monotonic() - asked
+        freeing.join(timeout=10)
+        self.assertEqual(status, 0, log)
+        self.assertLess(took, 3.5, "SIGTERM waited for a poll over the new connection\n" + log)
 
     def test_a_write_whose_answer_trickles_is_interrupted_and_polls_go_on(self):
         self.start(writes=True)

@@ -35,10 +35,11 @@ void JsonChecker::missing(char const* key, std::string const& where) {
     error(where.empty() ? "map" : where, std::string("missing field \"") + key + "\"");
 }
 
-template <class Json>
-std::optional<long long> JsonChecker::integer(Json const& object, char const* key,
-                                              std::string const& where, long long min,
-                                              long long max, bool required) {
+template <class Json, class Read>
+auto JsonChecker::readField(Json const& object, char const* key, std::string const& where,
+                            bool required, Read read) -> decltype(read(object)) {
+    // The value lives in what find() returns (a JsonView makes it there):
+    // it is read before that goes.
     auto const found = object.find(key);
     if (found == object.end()) {
         if (required) {
@@ -46,73 +47,67 @@ std::optional<long long> JsonChecker::integer(Json const& object, char const* ke
         }
         return std::nullopt;
     }
-    Json const* value = &*found;
-    bool const isInteger = value->is_number_integer() ||
-                           (value->is_number_float() && std::floor(value->template get<double>()) ==
-                                                            value->template get<double>());
-    if (isInteger) {
-        double const number = value->template get<double>();
-        if (number >= static_cast<double>(min) && number <= static_cast<double>(max)) {
-            return static_cast<long long>(number);
+    return read(*found);
+}
+
+template <class Value, class Json, class IsRight>
+std::optional<Value> JsonChecker::typed(Json const& object, char const* key,
+                                        std::string const& where, bool required, IsRight isRight,
+                                        char const* expected) {
+    return readField(object, key, where, required, [&](Json const& value) -> std::optional<Value> {
+        if (!isRight(value)) {
+            error(field(where, key),
+                  std::string("expected ") + expected + ", got " + shortDump(value));
+            return std::nullopt;
         }
-    }
-    error(field(where, key), "expected an integer from " + std::to_string(min) + " to " +
-                                 std::to_string(max) + ", got " + shortDump(*value));
-    return std::nullopt;
+        return value.template get<Value>();
+    });
+}
+
+template <class Json>
+std::optional<long long> JsonChecker::integer(Json const& object, char const* key,
+                                              std::string const& where, long long min,
+                                              long long max, bool required) {
+    return readField(
+        object, key, where, required, [&](Json const& value) -> std::optional<long long> {
+            bool const isInteger =
+                value.is_number_integer() ||
+                (value.is_number_float() &&
+                 std::floor(value.template get<double>()) == value.template get<double>());
+            if (isInteger) {
+                double const number = value.template get<double>();
+                if (number >= static_cast<double>(min) && number <= static_cast<double>(max)) {
+                    return static_cast<long long>(number);
+                }
+            }
+            error(field(where, key), "expected an integer from " + std::to_string(min) + " to " +
+                                         std::to_string(max) + ", got " + shortDump(value));
+            return std::nullopt;
+        });
 }
 
 template <class Json>
 std::optional<double> JsonChecker::number(Json const& object, char const* key,
                                           std::string const& where, bool required) {
-    auto const found = object.find(key);
-    if (found == object.end()) {
-        if (required) {
-            missing(key, where);
-        }
-        return std::nullopt;
-    }
-    Json const* value = &*found;
-    if (!value->is_number()) {
-        error(field(where, key), "expected a number, got " + shortDump(*value));
-        return std::nullopt;
-    }
-    return value->template get<double>();
+    return typed<double>(
+        object, key, where, required, [](Json const& value) { return value.is_number(); },
+        "a number");
 }
 
 template <class Json>
 std::optional<std::string> JsonChecker::text(Json const& object, char const* key,
                                              std::string const& where, bool required) {
-    auto const found = object.find(key);
-    if (found == object.end()) {
-        if (required) {
-            missing(key, where);
-        }
-        return std::nullopt;
-    }
-    Json const* value = &*found;
-    if (!value->is_string()) {
-        error(field(where, key), "expected a string, got " + shortDump(*value));
-        return std::nullopt;
-    }
-    return value->template get<std::string>();
+    return typed<std::string>(
+        object, key, where, required, [](Json const& value) { return value.is_string(); },
+        "a string");
 }
 
 template <class Json>
 std::optional<bool> JsonChecker::boolean(Json const& object, char const* key,
                                          std::string const& where, bool required) {
-    auto const found = object.find(key);
-    if (found == object.end()) {
-        if (required) {
-            missing(key, where);
-        }
-        return std::nullopt;
-    }
-    Json const* value = &*found;
-    if (!value->is_boolean()) {
-        error(field(where, key), "expected true or false, got " + shortDump(*value));
-        return std::nullopt;
-    }
-    return value->template get<bool>();
+    return typed<bool>(
+        object, key, where, required, [](Json const& value) { return value.is_boolean(); },
+        "true or false");
 }
 
 template <class Json>

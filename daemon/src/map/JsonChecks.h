@@ -56,6 +56,16 @@ class JsonChecker {
 
   private:
     void missing(char const* key, std::string const& where);
+    /* read(value) of the field; nothing when it is absent (reported when
+     * required). */
+    template <class Json, class Read>
+    auto readField(Json const& object, char const* key, std::string const& where, bool required,
+                   Read read) -> decltype(read(object));
+    /* The field read as a Value when isRight accepts it; otherwise reports
+     * that `expected` was expected. */
+    template <class Value, class Json, class IsRight>
+    std::optional<Value> typed(Json const& object, char const* key, std::string const& where,
+                               bool required, IsRight isRight, char const* expected);
 
     std::vector<std::string> m_errors;
 };

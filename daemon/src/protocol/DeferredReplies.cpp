@@ -2,11 +2,13 @@
 
 #include <vector>
 
+#include "ExceptionCodes.h"
+
 namespace tarsel::daemon {
 
 namespace {
 
-constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
+using exception_code::kGatewayTargetFailed;
 
 }  // namespace
 

@@ -2,15 +2,18 @@
 
 #include <algorithm>
 
+#include "ExceptionCodes.h"
+
 namespace tarsel::daemon {
 
 namespace {
 
+using exception_code::kIllegalDataAddress;
+using exception_code::kIllegalDataValue;
+using exception_code::kIllegalFunction;
+
 namespace id = identification;
 
-constexpr std::uint8_t kIllegalFunction = 0x01;
-constexpr std::uint8_t kIllegalDataAddress = 0x02;
-constexpr std::uint8_t kIllegalDataValue = 0x03;
 constexpr std::size_t kRequestLength = 4;  // function, MEI type, read code, object id
 constexpr std::uint8_t kMoreFollows = 0xFF;
 

@@ -13,6 +13,7 @@
 #include "AccessRules.h"
 #include "AuditTrail.h"
 #include "DeferredReplies.h"
+#include "ExceptionCodes.h"
 #include "Log.h"
 #include "Metrics.h"
 #include "RemoteWrites.h"
@@ -20,17 +21,6 @@
 #include "modbus/MapAvailableAccessor.h"
 
 namespace tarsel::daemon {
-
-/* Standard Modbus exception codes the daemon answers with. */
-namespace exception_code {
-constexpr std::uint8_t kIllegalFunction = 0x01;
-constexpr std::uint8_t kIllegalDataAddress = 0x02;
-constexpr std::uint8_t kIllegalDataValue = 0x03;
-constexpr std::uint8_t kServerDeviceFailure = 0x04;
-constexpr std::uint8_t kServerDeviceBusy = 0x06;
-constexpr std::uint8_t kGatewayPathUnavailable = 0x0A;
-constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
-}  // namespace exception_code
 
 /* The answer to one request: an exception, or the data of the range (for a
  * write, the range written, which the reply echoes). */

@@ -1,12 +1,14 @@
 #include "RequestValidation.h"
 
+#include "ExceptionCodes.h"
+
 namespace tarsel::daemon {
 
 namespace {
 
-constexpr std::uint8_t kIllegalFunction = 0x01;
-constexpr std::uint8_t kIllegalDataAddress = 0x02;
-constexpr std::uint8_t kIllegalDataValue = 0x03;
+using exception_code::kIllegalDataAddress;
+using exception_code::kIllegalDataValue;
+using exception_code::kIllegalFunction;
 
 constexpr std::uint8_t kReadInputRegisters = 4;
 constexpr std::uint8_t kWriteSingleCoil = 5;

@@ -1,11 +1,9 @@
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <mutex>
 #include <thread>
 
 #include "Commander.h"
 #include "HostResolver.h"
+#include "InterruptibleSocket.h"
 #include "sources/nut/UpsClientLibrary.h"
 
 namespace tarsel::daemon::nut {
@@ -96,58 +94,6 @@ std::string errorOf(std::string const& answer) {
     std::string const rest = answer.substr(4);
     return rest.substr(0, rest.find(' '));
 }
-
-/* The socket of the run in progress, as interrupt() may shut it down from
- * another thread. An interrupt that comes while the run still connects
- * holds for the socket it gets. The socket is forgotten before the session
- * closes it, so that one that took over its number is never shut down. */
-class InterruptibleSocket {
-  public:
-    /* A run begins: no interrupt yet. */
-    void reset() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_interrupted = false;
-    }
-
-    void interrupt() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_interrupted = true;
-        if (m_socket >= 0) {
-            ::shutdown(m_socket, SHUT_RDWR);
-        }
-    }
-
-    bool interrupted() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_interrupted;
-    }
-
-    /* Marks `socket` as the run's for as long as it lives. */
-    class Use {
-      public:
-        Use(InterruptibleSocket& owner, int socket) : m_owner(owner) {
-            std::lock_guard<std::mutex> lock(m_owner.m_mutex);
-            m_owner.m_socket = socket;
-            if (m_owner.m_interrupted) {
-                ::shutdown(socket, SHUT_RDWR);
-            }
-        }
-        ~Use() {
-            std::lock_guard<std::mutex> lock(m_owner.m_mutex);
-            m_owner.m_socket = -1;
-        }
-        Use(Use const&) = delete;
-        Use& operator=(Use const&) = delete;
-
-      private:
-        InterruptibleSocket& m_owner;
-    };
-
-  private:
-    mutable std::mutex m_mutex;
-    int m_socket = -1;
-    bool m_interrupted = false;
-};
 
 class NutCommander : public Commander {
   public:

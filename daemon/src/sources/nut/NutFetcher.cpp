@@ -9,14 +9,12 @@
 // does: it interrupts a poll that outlives its bound by shutting the
 // connection down under the library's feet, and a list longer than any UPS
 // has is cut short here.
-#include <sys/socket.h>
-
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "HostResolver.h"
+#include "InterruptibleSocket.h"
 #include "Poller.h"
 #include "sources/nut/UpsClientLibrary.h"
 
@@ -43,7 +41,7 @@ class NutFetcher : public Fetcher {
 
     Reading fetch() override {
         Reading reading;
-        if (takeInterruption()) {
+        if (m_socket.takeInterruption()) {
             disconnect();  // its socket is shut down: no use any more
         }
         if (!connect(reading)) {
@@ -73,13 +71,17 @@ class NutFetcher : public Fetcher {
         m_midList = false;
         // Commands change only with the driver: listed once per connection
         // and again after any fault.
-        if (!m_commands && !listCommands()) {
-            if (m_tooLong) {
-                m_tooLong = false;
-                return tooLong("commands");
-            }
-            if (!commandsRefused()) {
-                return failure();
+        if (!m_commands) {
+            switch (listCommands()) {
+                case Listed::Whole:
+                    break;
+                case Listed::TooLong:
+                    return tooLong("commands");
+                case Listed::Failed:
+                    if (!commandsRefused()) {
+                        return failure();
+                    }
+                    break;
             }
         }
         reading.commands = *m_commands;
@@ -87,22 +89,16 @@ class NutFetcher : public Fetcher {
         return reading;
     }
 
-    void interrupt() override {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
-        if (m_socket >= 0) {
-            // The library's wait for the next piece of the answer ends at
-            // once, with the connection closed as far as it can tell.
-            ::shutdown(m_socket, SHUT_RDWR);
-            m_interrupted = true;
-        }
-    }
+    void interrupt() override { m_socket.interrupt(); }
 
   private:
+    enum class Listed { Whole, Failed, TooLong };
+
     /* LIST CMD: each line is CMD <ups> <command>. */
-    bool listCommands() {
+    Listed listCommands() {
         char const* query[] = {"CMD", m_endpoint.ups.c_str()};
         if (m_library.list_start(&m_connection, 2, query) < 0) {
-            return false;
+            return Listed::Failed;
         }
         m_midList = true;
         std::vector<std::string> commands;
@@ -111,19 +107,18 @@ class NutFetcher : public Fetcher {
         int more = 0;
         while ((more = m_library.list_next(&m_connection, 2, query, &count, &answer)) == 1) {
             if (commands.size() >= kMaxListLines) {
-                m_tooLong = true;
-                return false;
+                return Listed::TooLong;
             }
             if (count >= 3) {
                 commands.emplace_back(answer[2]);
             }
         }
         if (more < 0) {
-            return false;
+            return Listed::Failed;
         }
         m_midList = false;
         m_commands = std::move(commands);
-        return true;
+        return Listed::Whole;
     }
 
     /* upsd answered LIST CMD with an error that concerns the list only (a
@@ -158,15 +153,8 @@ class NutFetcher : public Fetcher {
             return false;
         }
         m_connected = true;
-        std::lock_guard<std::mutex> lock(m_socketMutex);
-        m_socket = m_connection.fd;
+        m_socket.attach(m_connection.fd);
         return true;
-    }
-
-    /* Whether interrupt() shut the connection down since the last time. */
-    bool takeInterruption() {
-        std::lock_guard<std::mutex> lock(m_socketMutex);
-        return std::exchange(m_interrupted, false);
     }
 
     /* A list longer than any UPS has: the rest of it is left unread, with
@@ -211,12 +199,7 @@ class NutFetcher : public Fetcher {
     void disconnect() {
         m_midList = false;
         if (m_connected) {
-            {
-                // Forgotten before it is closed: interrupt() never shuts
-                // down a socket that took over its number.
-                std::lock_guard<std::mutex> lock(m_socketMutex);
-                m_socket = -1;
-            }
+            m_socket.detach();
             m_library.disconnect(&m_connection);
             m_connected = false;
         }
@@ -227,14 +210,9 @@ class NutFetcher : public Fetcher {
     std::chrono::seconds const m_timeout;
     UPSCONN_t m_connection{};
     bool m_connected = false;
-    bool m_tooLong = false;                              // the last LIST CMD was cut short
     bool m_midList = false;                              // a list began and has not ended
     std::optional<std::vector<std::string>> m_commands;  // as last listed
-    // The connection's socket as interrupt() may shut it down (-1: none),
-    // and whether it did.
-    std::mutex m_socketMutex;
-    int m_socket = -1;
-    bool m_interrupted = false;
+    InterruptibleSocket m_socket;  // the connection's, as interrupt() shuts it down
 };
 
 }  // namespace

@@ -1,20 +1,22 @@
 #include "NutSource.h"
 
+#include "ExceptionCodes.h"
 #include "WriteCapture.h"
 
 namespace tarsel::daemon::nut {
 
 namespace {
 
+using exception_code::kGatewayTargetFailed;
+using exception_code::kIllegalDataValue;
+using exception_code::kIllegalFunction;
+using exception_code::kServerDeviceBusy;
+using exception_code::kServerDeviceFailure;
+
 // Ids of outlets and channels start here, above any UPS device id.
 constexpr cdshost::Id kFirstPooledId = 1'000'000;
 // Writes waiting for one UPS at most; more are answered Server Device Busy.
 constexpr std::size_t kMaxWaitingWrites = 16;
-constexpr std::uint8_t kIllegalFunction = 0x01;
-constexpr std::uint8_t kIllegalDataValue = 0x03;
-constexpr std::uint8_t kServerDeviceFailure = 0x04;
-constexpr std::uint8_t kServerDeviceBusy = 0x06;
-constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
 
 /* The variables of a reading and a channel for each command it offers. */
 Variables withCommands(Reading const& reading) {

@@ -5,15 +5,17 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ExceptionCodes.h"
+
 namespace tarsel::daemon::nut {
 
 namespace {
 
-constexpr std::uint8_t kIllegalFunction = 0x01;
-constexpr std::uint8_t kIllegalDataAddress = 0x02;
-constexpr std::uint8_t kIllegalDataValue = 0x03;
-constexpr std::uint8_t kServerDeviceFailure = 0x04;
-constexpr std::uint8_t kGatewayTargetFailed = 0x0B;
+using exception_code::kGatewayTargetFailed;
+using exception_code::kIllegalDataAddress;
+using exception_code::kIllegalDataValue;
+using exception_code::kIllegalFunction;
+using exception_code::kServerDeviceFailure;
 
 struct ErrorCode {
     char const* error;
