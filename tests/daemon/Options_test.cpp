@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "OptionTable.h"
 #include "Options.h"
 
 namespace tarsel::daemon {
@@ -79,6 +80,20 @@ TEST(OptionsTest, EveryBadArgumentIsListedAtOnce) {
               "--port expects an integer from 0 to 65535, got \"70000\"\n"
               "--unit-id expects an integer from 1 to 247, got \"0\"\n"
               "--describe expects markdown, csv or json, got \"xml\"\n");
+}
+
+TEST(OptionsTest, AMisspeltOptionIsNamedWithTheOneItIsClosestTo) {
+    EXPECT_EQ(errorsOf({"--prot", "--nut-credential=f", "--mpa", "x", "---"}),
+              "unknown option \"--prot\"; did you mean --port? (see --help)\n"
+              "unknown option \"--nut-credential=f\"; did you mean --nut-credentials? (see "
+              "--help)\n"
+              "unknown option \"--mpa\"; did you mean --map? (see --help)\n"
+              "unexpected argument \"x\" (see --help)\n"
+              "unknown option \"---\" (see --help)\n");
+    // Nothing is suggested for a name no option is close to.
+    EXPECT_FALSE(closestOptionName("frobnicate"));
+    EXPECT_FALSE(closestOptionName("ab"));
+    EXPECT_FALSE(closestOptionName(""));
 }
 
 TEST(OptionsTest, AMissingValueNamesTheOption) {
@@ -296,7 +311,7 @@ TEST(SettingsFileTest, EveryErrorOfTheFileIsListedAtOnceWithTheFileAndKey) {
                   path + ": describe: a command-line option, not a setting\n" + path +
                   ": nut: expected a text or an array of texts, got [1]\n" + path +
                   ": port: expected an integer from 0 to 65535, got \"502\"\n" + path +
-                  ": prot: unknown setting\n" + path +
+                  ": prot: unknown setting; did you mean port?\n" + path +
                   ": unit-id: expected an integer from 1 to 247, got 300\n" + path +
                   ": verbose: expected true or false, got \"yes\"\n" + path +
                   ": nut-interval expects at least 0.05 seconds\n" + path +

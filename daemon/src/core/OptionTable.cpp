@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -368,6 +369,49 @@ std::vector<OptionRow> makeTable() {
 std::vector<OptionRow> const& optionTable() {
     static std::vector<OptionRow> const table = makeTable();
     return table;
+}
+
+namespace {
+
+/* Edits from a to b, a swap of two neighbours counting as one. */
+std::size_t editDistance(std::string const& a, std::string const& b) {
+    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i) {
+        d[i][0] = i;
+    }
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        d[0][j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            std::size_t const change = a[i - 1] == b[j - 1] ? 0 : 1;
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + change});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+}  // namespace
+
+std::optional<std::string> closestOptionName(std::string const& name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    // Two edits at most, and fewer than half the name: "ab" is no "tls-ca".
+    std::size_t const limit = std::min<std::size_t>(2, (name.size() - 1) / 2);
+    std::optional<std::string> closest;
+    std::size_t best = limit + 1;
+    for (OptionRow const& row : optionTable()) {
+        std::size_t const distance = editDistance(name, row.name);
+        if (distance < best) {
+            best = distance;
+            closest = row.name;
+        }
+    }
+    return closest;
 }
 
 OptionRow const* findOption(std::string const& name) {

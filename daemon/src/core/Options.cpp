@@ -108,6 +108,18 @@ void lineUpNutMaps(CLI::App const& app, CommandLine& line) {
     line.values["nut-map"] = maps;
 }
 
+/* "; did you mean --port?" for "--prot" or "--prot=502"; "" when no option
+ * is that close. */
+std::string suggestion(std::string const& unknown) {
+    std::size_t const start = unknown.find_first_not_of('-');
+    if (start == std::string::npos) {
+        return "";
+    }
+    std::string const name = unknown.substr(start, unknown.find('=', start) - start);
+    std::optional<std::string> const closest = closestOptionName(name);
+    return closest ? "; did you mean --" + *closest + "?" : "";
+}
+
 CommandLine readCommandLine(std::vector<std::string> const& args) {
     CommandLine line;
     auto const app = makeParser();
@@ -128,7 +140,7 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
     for (std::string const& extra : app->remaining()) {
         bool const option = extra.size() > 1 && extra[0] == '-';
         line.errors.push_back((option ? "unknown option \"" : "unexpected argument \"") + extra +
-                              "\" (see --help)");
+                              "\"" + (option ? suggestion(extra) : "") + " (see --help)");
     }
     for (OptionRow const& row : optionTable()) {
         CLI::Option const* option = app->get_option("--" + row.name);
