@@ -49,7 +49,7 @@ class CliTest(unittest.TestCase):
                 json.dump(bad, f)
             out = run("--map", path, "--port", "0", "--run-seconds", "5")
         self.assertEqual(out.returncode, 2)
-        self.assertIn("the register map cannot be served:", out.stderr)
+        self.assertIn('the register map "%s" cannot be served:' % path, out.stderr)
         self.assertIn('entries[0].encoder: unknown encoder "double"', out.stderr)
         self.assertIn('"copy" at input-registers 42..42 overlaps entries[5]', out.stderr)
         self.assertIn('encoder "float" cannot be served from coils', out.stderr)

@@ -183,8 +183,9 @@ class ObserveTest(GatewayWithUpsdTest):
         os.kill(self.daemon.process.pid, signal.SIGHUP)
         self.assertTrue(self.daemon.wait_for_log("reload refused", 10.0))
         log = "\n".join(self.daemon.log_lines)
-        self.assertIn("reload: the register map cannot be served:", log)
-        self.assertIn("no-such-encoder", log)
+        map_path = os.path.join(self.daemon._dir.name, "map.json")
+        self.assertIn('reload: the register map "%s" cannot be served:' % map_path, log)
+        self.assertEqual(log.count("no-such-encoder"), 1, log)
         self.assertIn("no-such-table", log)
         self.assertEqual(list(self.client.read_holding_registers(100, 4, slave=1).registers),
                          [0x4142, 0x4344, 0, 0])
