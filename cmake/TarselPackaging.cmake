@@ -78,11 +78,12 @@ if(TARGET tarsel-modbusd)
     set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
     # libupsclient6 is loaded by the program for --nut, not linked (no
     # NEEDED entry): named here all the same. libssl3 is the TLS module's
-    # (loaded for --tls-port), not the program's.
+    # (loaded for --tls-port), not the program's. procps holds /bin/kill,
+    # which the unit's ExecReload= runs, and is not essential.
     set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
         "libtarsel-modbus${_tarsel_soversion} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
         "libc6 (>= 2.34)" "libgcc-s1 (>= 3.0)" "libstdc++6 (>= 12)" "libmodbus5 (>= 3.1.6)"
-        "libupsclient6 (>= 2.8.0)" "libssl3 (>= 3.0.0)" "libsimdjson14 (>= 3.0.1)")
+        "libupsclient6 (>= 2.8.0)" "libssl3 (>= 3.0.0)" "libsimdjson14 (>= 3.0.1)" "procps")
     if(TARSEL_MODBUS_WITH_MIMALLOC)
         list(APPEND CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libmimalloc2.0 (>= 2.0.9)")
     endif()

@@ -77,12 +77,22 @@ chmod 600 "$dir/etc/upsd.users" "$dir/etc/upsd.conf" "$dir/etc/tarsel-credential
 stop
 "$drivers/dummy-ups" -a dummy -u "$user"
 "$drivers/upsd" -u "$user"
+# The commands name a program that is there to run from the checkout: the
+# one scripts/run.sh built, else that of the test build, else scripts/run.sh
+# itself (which builds it and passes the options on).
+daemon=scripts/run.sh
+for built in build/run/daemon/tarsel-modbusd build/host/daemon/tarsel-modbusd; do
+    if [[ -x $built ]]; then
+        daemon=$built
+        break
+    fi
+done
 for _ in $(seq 50); do
     if upsc dummy@127.0.0.1:"$port" ups.status >/dev/null 2>&1; then
         echo "nut-dummy: upsd on 127.0.0.1:$port serves dummy (state in $dir)"
-        echo "  tarsel-modbusd --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json"
+        echo "  $daemon --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json"
         echo "and, writing back to it:"
-        echo "  tarsel-modbusd --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json \\"
+        echo "  $daemon --nut dummy@127.0.0.1:$port --map daemon/maps/nut-ups-map.json \\"
         echo "      --nut-writes --nut-credentials $dir/etc/tarsel-credentials"
         exit 0
     fi

@@ -60,13 +60,14 @@ TEST_F(AuditTrailTest, AnExistingTrailIsAppendedTo) {
     EXPECT_EQ(contents(), "2026-11-23T19:41:07Z before a restart\n2026-11-23T19:41:07Z after it\n");
 }
 
-TEST_F(AuditTrailTest, AFileThatCannotBeOpenedThrowsNamingIt) {
+TEST_F(AuditTrailTest, AFileThatCannotBeOpenedThrowsNamingItAndTheReason) {
     try {
         AuditTrail trail("/nonexistent-directory/audit.log");
         FAIL() << "opened a file in a missing directory";
     } catch (std::runtime_error const& error) {
         EXPECT_STREQ(error.what(),
-                     "cannot open the audit trail \"/nonexistent-directory/audit.log\"");
+                     "cannot open the audit trail \"/nonexistent-directory/audit.log\": No such "
+                     "file or directory");
     }
 }
 

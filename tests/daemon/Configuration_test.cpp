@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "Configuration.h"
+#include "MapLoader.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -97,6 +98,61 @@ TEST_F(ConfigurationFilesTest, ABadScenarioIsRefusedNamingItsFile) {
         EXPECT_EQ(std::string(error.what()), "the scenario \"" + bad + "\" cannot be played:");
         EXPECT_FALSE(error.errors().empty());
     }
+}
+
+/* The one error loadConfiguration() refuses args with, under its heading. */
+std::string refusal(std::vector<std::string> const& args) {
+    try {
+        loadConfiguration(args);
+    } catch (ConfigurationError const& error) {
+        std::string text = error.what();
+        for (auto const& line : error.errors()) {
+            text += "\n" + line;
+        }
+        return text;
+    }
+    return "taken";
+}
+
+TEST_F(ConfigurationFilesTest, AFileThatCannotBeReadIsABadConfigurationNamingOptionFileAndReason) {
+    // Refused as a ConfigurationError, as a file with errors is, so that
+    // the daemon stops with exit status 2 (not restarted by its unit) and
+    // --check finds it, rather than with a bare "cannot read FILE" and 1.
+    std::string const missing = m_dir + "/missing.json";
+    EXPECT_EQ(refusal({"--map", missing}), "the register map \"" + missing +
+                                               "\" cannot be served:\n--map: cannot read \"" +
+                                               missing + "\": No such file or directory");
+    EXPECT_EQ(refusal({"--map", m_dir}), "the register map \"" + m_dir +
+                                             "\" cannot be served:\n--map: cannot read \"" + m_dir +
+                                             "\": Is a directory");
+    EXPECT_EQ(refusal({"--scenario", missing}),
+              "the scenario \"" + missing + "\" cannot be played:\n--scenario: cannot read \"" +
+                  missing + "\": No such file or directory");
+    EXPECT_EQ(refusal({"--nut", "a", "--nut-map", missing}),
+              "the register map \"" + missing + "\" cannot be served:\n--nut-map: cannot read \"" +
+                  missing + "\": No such file or directory");
+}
+
+/* The names of a map's entries, in order. */
+std::vector<std::string> entryNames(RegisterMapDefinition const& map) {
+    std::vector<std::string> names;
+    for (auto const& entry : map.entries) {
+        names.push_back(entry.name);
+    }
+    return names;
+}
+
+std::vector<std::string> shippedMapNames(std::string const& file) {
+    return entryNames(
+        parseRegisterMap(readTextFile(std::string(TARSEL_DAEMON_MAPS_DIR) + "/" + file)));
+}
+
+TEST(ConfigurationTest, WithoutAMapTheBuiltInMapIsThatOfTheDataSource) {
+    // The simulated UPS's map names channels no NUT UPS has: served over
+    // --nut, every entry read as unavailable while the gate stood open.
+    EXPECT_EQ(entryNames(loadConfiguration({}).map), shippedMapNames("ups-map.json"));
+    EXPECT_EQ(entryNames(loadConfiguration({"--nut", "ups@127.0.0.1"}).map),
+              shippedMapNames("nut-ups-map.json"));
 }
 
 TEST(ConfigurationTest, WritesToAUpsAreRefusedUnlessNutWritesIsGiven) {

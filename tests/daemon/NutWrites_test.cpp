@@ -120,7 +120,25 @@ TEST(NutWritesTest, OutcomesSayWhatUpsdSaidAndGiveTheTablesCode) {
     outcome = outcomeOf(setVar(), result);
     EXPECT_EQ(outcome.exception, 0x01);
     EXPECT_EQ(outcome.text,
-              "refused by upsd (SET VAR battery.charge.low \"30\": ERR ACCESS-DENIED)");
+              "refused by upsd (SET VAR battery.charge.low \"30\": ERR ACCESS-DENIED: the user or "
+              "password of --nut-credentials is wrong, or upsd.users does not let that user do it "
+              "(\"actions = SET\", the command in \"instcmds\"))");
+}
+
+TEST(NutWritesTest, ARefusalForTheUserSaysWhatToFixAndOthersSayUpsdsWordAlone) {
+    // A wrong password and a user without the right look alike at upsd:
+    // the operator is told where to look for either.
+    for (char const* error : {"ACCESS-DENIED", "PASSWORD-INCORRECT", "INVALID-USERNAME"}) {
+        CommandResult const refused{CommandResult::Status::Refused, error, false};
+        EXPECT_NE(outcomeOf(setVar(), refused)
+                      .text.find(std::string("ERR ") + error +
+                                 ": the user or password of --nut-credentials"),
+                  std::string::npos)
+            << error;
+    }
+    CommandResult const readOnly{CommandResult::Status::Refused, "READONLY", false};
+    EXPECT_EQ(outcomeOf(setVar(), readOnly).text,
+              "refused by upsd (SET VAR battery.charge.low \"30\": ERR READONLY)");
 }
 
 TEST(NutWritesTest, ATrackedFailureIsServerDeviceFailureAndNoAnswerIsGatewayTargetFailed) {

@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "OptionTable.h"
 #include "Options.h"
 
 namespace tarsel::daemon {
@@ -41,7 +42,7 @@ TEST(OptionsTest, DefaultsListenOnLoopbackPort1502AsUnit1) {
 TEST(OptionsTest, ValuesComeAfterTheOptionOrAfterAnEqualsSign) {
     Options const options = parseOptions(
         {"--map", "m.json", "--scenario=none", "--port=0", "--unit-id", "7", "--run-seconds", "2.5",
-         "-v", "--describe=csv", "--describe-at", "9", "--listen", "::1"});
+         "-v", "--describe=csv", "--describe-at", "9", "--listen", "0.0.0.0"});
     EXPECT_EQ(options.mapFile, "m.json");
     EXPECT_EQ(options.scenarioFile, "none");
     EXPECT_EQ(options.port, 0);
@@ -50,7 +51,7 @@ TEST(OptionsTest, ValuesComeAfterTheOptionOrAfterAnEqualsSign) {
     EXPECT_TRUE(options.verbose);
     EXPECT_EQ(options.describe, DescribeFormat::Csv);
     EXPECT_EQ(options.describeAt, 9.0);
-    EXPECT_EQ(options.listen, "::1");
+    EXPECT_EQ(options.listen, "0.0.0.0");
 }
 
 TEST(OptionsTest, DescribeWithoutAFormatIsMarkdown) {
@@ -81,6 +82,20 @@ TEST(OptionsTest, EveryBadArgumentIsListedAtOnce) {
               "--describe expects markdown, csv or json, got \"xml\"\n");
 }
 
+TEST(OptionsTest, AMisspeltOptionIsNamedWithTheOneItIsClosestTo) {
+    EXPECT_EQ(errorsOf({"--prot", "--nut-credential=f", "--mpa", "x", "---"}),
+              "unknown option \"--prot\"; did you mean --port? (see --help)\n"
+              "unknown option \"--nut-credential=f\"; did you mean --nut-credentials? (see "
+              "--help)\n"
+              "unknown option \"--mpa\"; did you mean --map? (see --help)\n"
+              "unexpected argument \"x\" (see --help)\n"
+              "unknown option \"---\" (see --help)\n");
+    // Nothing is suggested for a name no option is close to.
+    EXPECT_FALSE(closestOptionName("frobnicate"));
+    EXPECT_FALSE(closestOptionName("ab"));
+    EXPECT_FALSE(closestOptionName(""));
+}
+
 TEST(OptionsTest, AMissingValueNamesTheOption) {
     EXPECT_EQ(errorsOf({"--map"}), "--map: 1 required FILE missing (see --help)\n");
 }
@@ -97,6 +112,37 @@ TEST(OptionsTest, HelpIsAskedForWithoutReadingAnyFile) {
     LoadedOptions const loaded = loadOptions({"--config", "/nonexistent.json", "-h"});
     EXPECT_TRUE(loaded.options.help);
     EXPECT_TRUE(loaded.errors.empty());
+}
+
+TEST(OptionsTest, VersionIsAskedForWithoutReadingAnyFile) {
+    LoadedOptions const loaded = loadOptions({"--config", "/nonexistent.json", "--version"});
+    EXPECT_TRUE(loaded.options.version);
+    EXPECT_FALSE(loaded.options.help);
+    EXPECT_TRUE(loaded.errors.empty());
+    EXPECT_EQ(versionText(), std::string("tarsel-modbusd ") + TARSEL_DAEMON_VERSION + "\n");
+    EXPECT_NE(usage().find("--version"), std::string::npos);
+}
+
+TEST(OptionsTest, ListenAddressesAreIpv4AddressesAsTheListenersBindThem) {
+    // The listeners are IPv4 sockets: a host name or an IPv6 address used
+    // to pass here and stop the daemon only once its map was built, with
+    // exit status 1, after --check had called it valid.
+    EXPECT_EQ(errorsOf({"--listen", "localhost", "--tls-listen", "::1", "--http-listen",
+                        "localhost:9502"}),
+              "--listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got "
+              "\"localhost\"\n"
+              "--tls-listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got \"::1\"\n"
+              "--http-listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got "
+              "\"localhost\"\n");
+    Options const options = parseOptions(
+        {"--listen", "0.0.0.0", "--tls-listen", "192.168.1.7", "--http-listen", "127.0.0.2:0"});
+    EXPECT_EQ(options.listen, "0.0.0.0");
+    EXPECT_EQ(options.tlsListen, "192.168.1.7");
+    EXPECT_EQ(options.httpAddress, "127.0.0.2");
+}
+
+TEST(OptionsTest, ABadNutIsNamedAloneWithoutBlamingANutMapNobodyGave) {
+    EXPECT_EQ(errorsOf({"--nut", "@host"}), "--nut expects UPS[@HOST[:PORT]], got \"@host\"\n");
 }
 
 TEST(OptionsTest, UsageListsEveryOptionWithItsValue) {
@@ -265,7 +311,7 @@ TEST(SettingsFileTest, EveryErrorOfTheFileIsListedAtOnceWithTheFileAndKey) {
                   path + ": describe: a command-line option, not a setting\n" + path +
                   ": nut: expected a text or an array of texts, got [1]\n" + path +
                   ": port: expected an integer from 0 to 65535, got \"502\"\n" + path +
-                  ": prot: unknown setting\n" + path +
+                  ": prot: unknown setting; did you mean port?\n" + path +
                   ": unit-id: expected an integer from 1 to 247, got 300\n" + path +
                   ": verbose: expected true or false, got \"yes\"\n" + path +
                   ": nut-interval expects at least 0.05 seconds\n" + path +

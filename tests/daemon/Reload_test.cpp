@@ -358,8 +358,16 @@ TEST_F(ReloaderTest, AMissingMapFileIsRefused) {
     Reloader reload = Reloader([args] { return loadConfiguration(args); }, parseOptions(args),
                                m_daemon.core(), {}, &m_metrics, m_daemon.log());
     EXPECT_FALSE(reload.reload());
-    EXPECT_NE(m_daemon.logText().find("reload refused: "), std::string::npos);
-    EXPECT_NE(m_daemon.logText().find("/nonexistent/map.json"), std::string::npos);
+    // Refused as a map with errors is, the option, the file and the reason
+    // named.
+    EXPECT_NE(m_daemon.logText().find(
+                  "reload: the register map \"/nonexistent/map.json\" cannot be served:"),
+              std::string::npos);
+    EXPECT_NE(m_daemon.logText().find(
+                  "--map: cannot read \"/nonexistent/map.json\": No such file or directory"),
+              std::string::npos);
+    EXPECT_NE(m_daemon.logText().find("reload refused; still serving the running map"),
+              std::string::npos);
     EXPECT_EQ(readHolding(m_daemon.core(), 0, 2), (std::vector<std::uint16_t>{0, 5}));
 }
 

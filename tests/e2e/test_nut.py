@@ -71,12 +71,12 @@ def dev_without(lines_starting):
 
 
 class NutTest(GatewayWithUpsdTest):
-    def start(self, upses, args=()):
+    def start(self, upses, args=(), map_args=("--map", NUT_MAP)):
         self.upsd = Upsd(upses)
         nut_args = []
         for name in upses:
             nut_args += ["--nut", self.upsd.endpoint(name)]
-        self.daemon = Daemon(args=["--map", NUT_MAP, "--nut-interval", str(POLL_S)] + nut_args +
+        self.daemon = Daemon(args=[*map_args, "--nut-interval", str(POLL_S)] + nut_args +
                              list(args))
         self.client = self.daemon.client()
         first_unit = int(args[list(args).index("--unit-id") + 1]) if "--unit-id" in args else UNIT
@@ -123,6 +123,15 @@ class NutTest(GatewayWithUpsdTest):
         self.assertEqual({t for t, on in status.items() if on}, {"OL", "CHRG"})
         self.assertEqual(self.registers(STATUS_WORD, 1), [1 << 0 | 1 << 5])
         self.assertEqual(self.listener_failures(), [], "after start")
+
+    def test_without_a_map_the_built_in_nut_map_is_served(self):
+        # The built-in map of the simulated UPS names no NUT variable: with
+        # it, every entry of a UPS of --nut read as unavailable.
+        self.start({"bench": ("bench.dev", demo_dev())}, map_args=())
+        self.assertEqual(text(self.registers(NAME, 8)), "bench")
+        self.assertAlmostEqual(big_endian(self.registers(INPUT_VOLTAGE, 2)).decode_32bit_float(),
+                               230.4, places=3)
+        self.assertEqual(self.registers(CHARGE, 1), [100])
 
     def test_nuts_client_library_is_loaded_for_nut(self):
         self.start({"bench": ("bench.dev", demo_dev())})

@@ -170,7 +170,9 @@ class NutWritesTest(unittest.TestCase):
         refused = self.client.write_register(CHARGE_LOW, 30, slave=UNIT)
         self.assertTrue(refused.isError())
         self.assertEqual(refused.exception_code, 0x01)
-        self.assertTrue(self.daemon.wait_for_log("ERR ACCESS-DENIED", 2.0))
+        # upsd's word, and where to look: the credentials file or upsd.users.
+        self.assertTrue(self.daemon.wait_for_log(
+            "ERR ACCESS-DENIED: the user or password of --nut-credentials is wrong", 2.0))
         self.assertEqual(self.upsd.upsc("bench", "battery.charge.low"), "20")
         self.assertNotIn("not-the-password", "\n".join(self.daemon.log_lines))
 

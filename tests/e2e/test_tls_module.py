@@ -194,8 +194,9 @@ class TlsModuleTest(unittest.TestCase):
             except OSError:
                 shown = b""
             self.fail("still running after 15 s; its terminal shows %r" % shown)
-        self.assertEqual(process.returncode, 1, log)
+        self.assertEqual(process.returncode, 2, log)
         self.assertIn("TLS: cannot load the key %s: " % encrypted, log)
+        self.assertNotIn("listening on", log)
 
 
 if __name__ == "__main__":

@@ -185,6 +185,27 @@ class DaemonPackageTest(unittest.TestCase):
                         "%s comes from %s, none of which is in Depends: %s"
                         % (loaded[0].decode(), sorted(packages), sorted(depends)))
 
+    def test_depends_name_the_package_of_every_program_the_unit_runs(self):
+        # systemctl reload runs ExecReload=: on a system without the package
+        # of that program (/bin/kill is procps', which is not essential and
+        # not in a minimal Debian) the reload fails.
+        depends = {re.split(r"[ (]", d.strip())[0] for d in self.field("Depends").split(",")}
+        programs = {shlex.split(values[-1].lstrip("-@:+!"))[0]
+                    for key, values in unit_settings(self.unit).items()
+                    if key.startswith("Exec") and values[-1]}
+        self.assertIn("/bin/kill", programs)
+        for program in sorted(programs):
+            if os.path.exists(self.path(program.lstrip("/"))):
+                continue  # a file of this package
+            owners = run("dpkg", "-S", program).stdout
+            packages = {line.split(":")[0] for line in owners.splitlines()}
+            self.assertTrue(packages, "no package holds %s" % program)
+            essential = {p for p in packages
+                         if run("dpkg-query", "-W", "-f", "${Essential}", p).stdout == "yes"}
+            self.assertTrue(packages & depends or essential,
+                            "%s comes from %s, none of which is essential or in Depends: %s"
+                            % (program, sorted(packages), sorted(depends)))
+
     def test_lintian_reports_no_errors(self):
         result = run("lintian", "--fail-on", "error", "--no-tag-display-limit", self.deb,
                      timeout=300)
@@ -227,6 +248,26 @@ class DaemonPackageTest(unittest.TestCase):
             self.assertEqual(settings.get(key), [value], key)
         command = shlex.split(settings["ExecStart"][0])
         self.assertEqual(command[:3], ["/usr/bin/tarsel-modbusd", "--config", "/" + SETTINGS])
+
+    def test_restarts_after_a_failure_are_spaced_so_the_start_limit_does_not_end_them(self):
+        # A listener that cannot open yet (an address configured later at
+        # boot, a port still held) fails with status 1 and is restarted;
+        # restarts closer than the start limit allows leave the service
+        # failed for good within a second.
+        settings = unit_settings(self.unit)
+
+        def seconds(key, default):
+            value = settings.get(key, [default])[-1]
+            found = re.fullmatch(r"([0-9.]+)(ms|s)?", value)
+            self.assertIsNotNone(found, "%s=%s" % (key, value))
+            return float(found.group(1)) / (1000 if found.group(2) == "ms" else 1)
+
+        restart = seconds("RestartSec", "100ms")
+        interval = seconds("StartLimitIntervalSec", "10s")
+        burst = int(settings.get("StartLimitBurst", ["5"])[-1])
+        self.assertGreater(restart * burst, interval,
+                           "RestartSec=%g s: %d restarts within StartLimitIntervalSec=%g s end "
+                           "the service" % (restart, burst, interval))
 
     def test_manual_page_renders_and_documents_every_option(self):
         env = dict(os.environ, MANWIDTH="80", MAN_KEEP_FORMATTING="", LC_ALL="C.UTF-8")

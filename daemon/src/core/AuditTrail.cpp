@@ -1,5 +1,7 @@
 #include "AuditTrail.h"
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 
@@ -24,7 +26,9 @@ std::string utcTimestamp(std::chrono::system_clock::time_point when) {
 AuditTrail::AuditTrail(std::string const& path, Clock clock)
     : m_out(path, std::ios::app), m_clock(std::move(clock)) {
     if (!m_out) {
-        throw std::runtime_error("cannot open the audit trail " + quotedValue(path));
+        // The stream keeps no reason; the system's is still in errno.
+        throw std::runtime_error("cannot open the audit trail " + quotedValue(path) + ": " +
+                                 std::strerror(errno));
     }
 }
 

@@ -1,5 +1,12 @@
 #include "Configuration.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "EmbeddedDefaults.h"
 #include "MapLoader.h"
 #include "sources/nut/NutSource.h"
@@ -10,17 +17,68 @@ namespace {
 
 constexpr int kLastUnitId = 247;
 
+/* The heading of a map's errors: the file is named, as the --nut-map ones
+ * are: with a settings file and several maps, "the register map" alone
+ * leaves the reader guessing. */
+std::string mapHeading(std::string const& file) {
+    return file.empty() ? std::string("the built-in register map cannot be served:")
+                        : "the register map \"" + file + "\" cannot be served:";
+}
+
+std::string scenarioHeading(std::string const& file) {
+    return file.empty() ? std::string("the built-in scenario cannot be played:")
+                        : "the scenario \"" + file + "\" cannot be played:";
+}
+
+/* Why the file at path cannot be read, in the system's words. */
+std::string unreadableReason(std::string const& path) {
+    int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::strerror(errno);
+    }
+    struct stat status {};
+    bool const directory = ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    ::close(fd);
+    return std::strerror(directory ? EISDIR : EIO);
+}
+
+/* The text of the file an option names. One that cannot be read (missing,
+ * not permitted, a directory) is as bad a configuration as a file with
+ * errors: it is refused the same way, naming the option, the file and the
+ * reason, so the daemon stops with exit status 2, which the service is not
+ * restarted after (a restart would find the same file), and --check says
+ * so too. */
+std::string readNamedFile(std::string const& option, std::string const& path,
+                          std::string const& heading) {
+    try {
+        return readTextFile(path);
+    } catch (std::runtime_error const&) {
+        throw ConfigurationError(
+            heading, {option + ": cannot read \"" + path + "\": " + unreadableReason(path)});
+    }
+}
+
 std::optional<Scenario> loadScenario(Options const& options) {
     if (options.scenarioFile == "none" || !options.nutUpses.empty()) {
         return std::nullopt;
     }
-    return parseScenario(options.scenarioFile.empty() ? embeddedScenario()
-                                                      : readTextFile(options.scenarioFile));
+    return parseScenario(options.scenarioFile.empty()
+                             ? embeddedScenario()
+                             : readNamedFile("--scenario", options.scenarioFile,
+                                             scenarioHeading(options.scenarioFile)));
+}
+
+/* Without --map, the built-in map of the data source: the simulated UPS's
+ * channels are named as no NUT UPS names its variables, so over --nut that
+ * map would serve every entry as unavailable, and the gate open. */
+std::string builtInMap(Options const& options) {
+    return options.nutUpses.empty() ? embeddedMap() : embeddedNutMap();
 }
 
 RegisterMapDefinition loadMap(Options const& options) {
-    return parseRegisterMap(options.mapFile.empty() ? embeddedMap()
-                                                    : readTextFile(options.mapFile));
+    return parseRegisterMap(options.mapFile.empty() ? builtInMap(options)
+                                                    : readNamedFile("--map", options.mapFile,
+                                                                    mapHeading(options.mapFile)));
 }
 
 bool sameLimits(ClientLimits const& a, ClientLimits const& b) {
@@ -41,31 +99,23 @@ Configuration loadFiles(Options options) {
     try {
         configuration.map = loadMap(options);
     } catch (MapError const& error) {
-        // The file is named as the --nut-map ones are: with a settings file
-        // and several maps, "the register map" alone leaves the reader guessing.
-        throw ConfigurationError(
-            options.mapFile.empty()
-                ? std::string("the built-in register map cannot be served:")
-                : "the register map \"" + options.mapFile + "\" cannot be served:",
-            error.errors());
+        throw ConfigurationError(mapHeading(options.mapFile), error.errors());
     }
     for (std::string const& file : options.nutMaps) {
+        std::string const heading = mapHeading(file);
         try {
             configuration.upsMaps.push_back(
-                file.empty() ? std::nullopt : std::optional(parseRegisterMap(readTextFile(file))));
+                file.empty()
+                    ? std::nullopt
+                    : std::optional(parseRegisterMap(readNamedFile("--nut-map", file, heading))));
         } catch (MapError const& error) {
-            throw ConfigurationError("the register map \"" + file + "\" cannot be served:",
-                                     error.errors());
+            throw ConfigurationError(heading, error.errors());
         }
     }
     try {
         configuration.scenario = loadScenario(options);
     } catch (ScenarioError const& error) {
-        throw ConfigurationError(
-            options.scenarioFile.empty()
-                ? std::string("the built-in scenario cannot be played:")
-                : "the scenario \"" + options.scenarioFile + "\" cannot be played:",
-            error.errors());
+        throw ConfigurationError(scenarioHeading(options.scenarioFile), error.errors());
     }
     configuration.options = std::move(options);
     return configuration;

@@ -36,8 +36,8 @@ class ConfigurationError : public std::runtime_error {
 };
 
 /* Reads and checks the maps and the scenario the options name. Throws
- * ConfigurationError listing every error of the file at fault, and
- * std::runtime_error for a file that cannot be read. */
+ * ConfigurationError listing every error of the file at fault, or naming
+ * the option, the file and the reason for a file that cannot be read. */
 Configuration loadFiles(Options options);
 /* The command line, then its files; a bad command line is a
  * ConfigurationError too. */

@@ -1,5 +1,8 @@
 #include "OptionTable.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -57,6 +60,18 @@ bool flagValue(std::string const& text) {
     throw std::invalid_argument("expects true or false, got \"" + text + "\"");
 }
 
+/* An address the listeners can bind: they are IPv4 sockets, so a host name
+ * or an IPv6 address is refused here, where --check sees it and the exit
+ * status says "bad configuration", not once the map is built. */
+std::string ipv4Address(std::string const& text) {
+    in_addr parsed{};
+    if (::inet_pton(AF_INET, text.c_str(), &parsed) != 1) {
+        throw std::invalid_argument(
+            "expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got \"" + text + "\"");
+    }
+    return text;
+}
+
 /* "NAME=read-only" or "NAME=read-write". */
 void addRole(TlsConfig& tls, std::string const& text) {
     std::size_t const equals = text.rfind('=');
@@ -75,7 +90,7 @@ void setHttpListen(Options& options, std::string const& text) {
     if (colon == std::string::npos || colon == 0) {
         throw std::invalid_argument("expects ADDR:PORT, got \"" + text + "\"");
     }
-    options.httpAddress = text.substr(0, colon);
+    options.httpAddress = ipv4Address(text.substr(0, colon));
     options.httpPort = static_cast<int>(integerValue(text.substr(colon + 1), 0, 65535));
 }
 
@@ -178,19 +193,24 @@ std::vector<OptionRow> makeTable() {
              "secrets file (JSON, as the settings file) that only its owner\n"
              "may read (mode 0600 or 0400); it overrides the settings file",
              &Options::secretsFile),
-        text("map", "FILE", "register map (JSON); default: the built-in UPS map",
+        text("map", "FILE",
+             "register map (JSON); default: the built-in UPS map\n"
+             "(with --nut, the built-in NUT map)",
              &Options::mapFile),
         text("scenario", "FILE",
              "scenario for the simulated data store (JSON);\n"
              "\"none\" starts from an empty store; default: built-in",
              &Options::scenarioFile),
-        text("listen", "ADDR", "address to listen on (default 127.0.0.1)", &Options::listen),
+        text("listen", "ADDR", "IPv4 address to listen on (default 127.0.0.1)",
+             [](Options& options, std::string const& value) {
+                 options.listen = ipv4Address(value);
+             }),
         integer("port", "TCP port (default 1502; 0 picks a free port, logged)", 0, 65535,
                 [](Options& options, long long value) { options.port = static_cast<int>(value); }),
         integer(
             "unit-id",
-            "Modbus unit id served, 1..247 (default 1); 0 and 255\n"
-            "are accepted too",
+            "Modbus unit id served, 1..247 (default 1); requests\n"
+            "to unit 0 and 255 are served too",
             1, 247,
             [](Options& options, long long value) { options.unitId = static_cast<int>(value); }),
         list("nut", "UPS[@HOST[:PORT]]",
@@ -243,8 +263,10 @@ std::vector<OptionRow> makeTable() {
             "(802 by convention; 0 picks a free port, logged)",
             0, 65535,
             [](Options& options, long long value) { options.tlsPort = static_cast<int>(value); }),
-        text("tls-listen", "ADDR", "address of the TLS listener (default: --listen's)",
-             &Options::tlsListen),
+        text("tls-listen", "ADDR", "IPv4 address of the TLS listener (default: --listen's)",
+             [](Options& options, std::string const& value) {
+                 options.tlsListen = ipv4Address(value);
+             }),
         text("tls-cert", "FILE", "the daemon's certificate (PEM)",
              [](Options& options, std::string const& value) {
                  options.tls.certificateFile = value;
@@ -347,6 +369,49 @@ std::vector<OptionRow> makeTable() {
 std::vector<OptionRow> const& optionTable() {
     static std::vector<OptionRow> const table = makeTable();
     return table;
+}
+
+namespace {
+
+/* Edits from a to b, a swap of two neighbours counting as one. */
+std::size_t editDistance(std::string const& a, std::string const& b) {
+    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i) {
+        d[i][0] = i;
+    }
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        d[0][j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            std::size_t const change = a[i - 1] == b[j - 1] ? 0 : 1;
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + change});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+}  // namespace
+
+std::optional<std::string> closestOptionName(std::string const& name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    // Two edits at most, and fewer than half the name: "ab" is no "tls-ca".
+    std::size_t const limit = std::min<std::size_t>(2, (name.size() - 1) / 2);
+    std::optional<std::string> closest;
+    std::size_t best = limit + 1;
+    for (OptionRow const& row : optionTable()) {
+        std::size_t const distance = editDistance(name, row.name);
+        if (distance < best) {
+            best = distance;
+            closest = row.name;
+        }
+    }
+    return closest;
 }
 
 OptionRow const* findOption(std::string const& name) {

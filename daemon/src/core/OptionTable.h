@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,5 +47,10 @@ std::vector<OptionRow> const& optionTable();
 
 /* The option of the table with this long name; nullptr for none. */
 OptionRow const* findOption(std::string const& name);
+
+/* The long name of the option `name` is most likely a misspelling of (a
+ * letter wrong, missing, extra, or two swapped: "prot" for "port"), for an
+ * error to suggest; nothing when no name is that close. */
+std::optional<std::string> closestOptionName(std::string const& name);
 
 }  // namespace tarsel::daemon

@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include <set>
+
 #include <CLI/CLI.hpp>
 
 #include "HttpServer.h"
@@ -21,8 +23,9 @@ constexpr char kFooter[] =
     "options, the settings file and the map (a bad one is refused and the running\n"
     "one kept); SIGUSR1 logs the register-map description.\n"
     "\n"
-    "Exit status: 0 after a clean stop, 1 on a run-time failure, 2 for a bad\n"
-    "command line, settings file, map or scenario.\n"
+    "Exit status: 0 after a clean stop, 1 on a run-time failure (a listener that\n"
+    "cannot open), 2 for a bad command line, settings file, map, scenario or other\n"
+    "file it names (one that cannot be read or loaded included).\n"
     "\n"
     "See tarsel-modbusd(8).";
 
@@ -33,6 +36,9 @@ std::unique_ptr<CLI::App> makeParser() {
     app->footer(kFooter);
     // Left over for readCommandLine() to name each one.
     app->allow_extras();
+    // What a bug report or an upgrade check asks first; like --help, no
+    // row of the table, since a settings file has no use for it.
+    app->set_version_flag("--version", versionText(), "Print the version and exit");
     for (OptionRow const& row : optionTable()) {
         std::string names = "--" + row.name;
         if (!row.shortName.empty()) {
@@ -68,6 +74,7 @@ std::unique_ptr<CLI::App> makeParser() {
 struct CommandLine {
     OptionValues values;
     bool help = false;
+    bool version = false;
     std::vector<std::string> errors;
 };
 
@@ -101,6 +108,18 @@ void lineUpNutMaps(CLI::App const& app, CommandLine& line) {
     line.values["nut-map"] = maps;
 }
 
+/* "; did you mean --port?" for "--prot" or "--prot=502"; "" when no option
+ * is that close. */
+std::string suggestion(std::string const& unknown) {
+    std::size_t const start = unknown.find_first_not_of('-');
+    if (start == std::string::npos) {
+        return "";
+    }
+    std::string const name = unknown.substr(start, unknown.find('=', start) - start);
+    std::optional<std::string> const closest = closestOptionName(name);
+    return closest ? "; did you mean --" + *closest + "?" : "";
+}
+
 CommandLine readCommandLine(std::vector<std::string> const& args) {
     CommandLine line;
     auto const app = makeParser();
@@ -111,6 +130,9 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
     } catch (CLI::CallForHelp const&) {
         line.help = true;
         return line;
+    } catch (CLI::CallForVersion const&) {
+        line.version = true;
+        return line;
     } catch (CLI::ParseError const& error) {
         line.errors.push_back(std::string(error.what()) + " (see --help)");
         return line;
@@ -118,7 +140,7 @@ CommandLine readCommandLine(std::vector<std::string> const& args) {
     for (std::string const& extra : app->remaining()) {
         bool const option = extra.size() > 1 && extra[0] == '-';
         line.errors.push_back((option ? "unknown option \"" : "unexpected argument \"") + extra +
-                              "\" (see --help)");
+                              "\"" + (option ? suggestion(extra) : "") + " (see --help)");
     }
     for (OptionRow const& row : optionTable()) {
         CLI::Option const* option = app->get_option("--" + row.name);
@@ -186,8 +208,11 @@ OptionValues mergeFiles(OptionValues const& commandLine, Origins& origins,
     return merged;
 }
 
-void checkNut(Options& options, std::vector<std::string>& errors) {
-    if (options.nutMaps.size() > options.nutUpses.size()) {
+/* nutRefused: a --nut value was refused (and named) already, so its UPS is
+ * missing from nutUpses while its place in nutMaps is not: counting them
+ * would only blame a --nut-map nobody gave. */
+void checkNut(Options& options, bool nutRefused, std::vector<std::string>& errors) {
+    if (options.nutMaps.size() > options.nutUpses.size() && !nutRefused) {
         errors.push_back("nut-map names " + std::to_string(options.nutMaps.size()) + " maps for " +
                          std::to_string(options.nutUpses.size()) + " UPSes of --nut");
     }
@@ -233,12 +258,14 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
         loaded.errors = line.errors;
         return loaded;
     }
-    if (line.help) {
-        options.help = true;
+    if (line.help || line.version) {
+        options.help = line.help;
+        options.version = line.version;
         return loaded;
     }
     Origins origins;
     OptionValues const values = mergeFiles(line.values, origins, loaded.errors);
+    std::set<std::string> refused;
     // In the table's order, whatever order they were given in.
     for (OptionRow const& row : optionTable()) {
         auto const found = values.find(row.name);
@@ -249,6 +276,7 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
             try {
                 row.apply(options, value);
             } catch (std::invalid_argument const& error) {
+                refused.insert(row.name);
                 auto const origin = origins.find(row.name);
                 loaded.errors.push_back(
                     (origin == origins.end() ? "--" + row.name : origin->second + ": " + row.name) +
@@ -257,7 +285,7 @@ LoadedOptions loadOptions(std::vector<std::string> const& args) {
         }
     }
     checkTls(options, loaded.errors);
-    checkNut(options, loaded.errors);
+    checkNut(options, refused.count("nut") != 0, loaded.errors);
     checkHttp(options, loaded.errors);
     return loaded;
 }
@@ -276,6 +304,10 @@ Options parseOptions(std::vector<std::string> const& args) {
 
 std::string usage() {
     return makeParser()->help();
+}
+
+std::string versionText() {
+    return std::string("tarsel-modbusd ") + TARSEL_DAEMON_VERSION + "\n";
 }
 
 }  // namespace tarsel::daemon

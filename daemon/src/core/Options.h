@@ -37,7 +37,8 @@ struct Options {
     bool verbose = false;
     LogFormat logFormat = LogFormat::Auto;
     bool help = false;
-    bool check = false;  // validate the map and the scenario, then exit
+    bool version = false;  // --version: print the program's version and exit
+    bool check = false;    // validate the map and the scenario, then exit
     std::optional<DescribeFormat> describe;
     double describeAt = 0.0;  // seconds of scenario played before describing
     // UPSes of Network UPS Tools to serve instead of a scenario, as
@@ -75,5 +76,8 @@ Options parseOptions(std::vector<std::string> const& args);
 
 /* The --help text: every option of the table, signals, exit status. */
 std::string usage();
+
+/* The --version text: "tarsel-modbusd 1.0.0" and a line break. */
+std::string versionText();
 
 }  // namespace tarsel::daemon

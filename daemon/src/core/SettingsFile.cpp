@@ -80,7 +80,9 @@ SettingsFile parseSettingsFile(std::string const& text, std::string const& label
                 continue;
             }
             if (row == nullptr) {
-                checker.error(key, "unknown setting");
+                std::optional<std::string> const closest = closestOptionName(key);
+                checker.error(
+                    key, "unknown setting" + (closest ? "; did you mean " + *closest + "?" : ""));
             } else if (!row->inSettingsFile) {
                 checker.error(key, "a command-line option, not a setting");
             } else if (refused.count(key) != 0) {

@@ -133,11 +133,18 @@ std::unique_ptr<HttpServer> openHttp(Options const& options, DaemonCore& core,
 }
 
 int serve(Configuration const& configuration, std::vector<std::string> const& args,
-          CoreConfig config, TlsModule const* tls, Log& log) {
+          CoreConfig config, std::shared_ptr<TlsContext const> const& tls, Log& log) {
     Options const& options = configuration.options;
-    // Opened first, so that it outlives the handlers that write to it.
-    std::unique_ptr<AuditTrail> const audit =
-        options.describe ? nullptr : openAuditTrail(options, log);
+    // Opened first, so that it outlives the handlers that write to it. A
+    // trail that cannot be opened (its directory missing, or not writable
+    // by the daemon's user) stays so across restarts: a bad configuration.
+    std::unique_ptr<AuditTrail> audit;
+    try {
+        audit = options.describe ? nullptr : openAuditTrail(options, log);
+    } catch (std::runtime_error const& error) {
+        log.error(std::string("--audit-log: ") + error.what());
+        return kExitBadInput;
+    }
     Metrics metrics;
     DaemonCore core(std::move(config), log);
     core.setAuditTrail(audit.get());
@@ -159,9 +166,8 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     if (options.tlsPort) {
         std::string const address = options.tlsListen.empty() ? options.listen : options.tlsListen;
         secure = std::make_unique<ModbusServer>(
-            ListenConfig{address, *options.tlsPort, options.tlsAccess,
-                         tls->makeContext(options.tls)},
-            options.limits, core.handler(), log);
+            ListenConfig{address, *options.tlsPort, options.tlsAccess, tls}, options.limits,
+            core.handler(), log);
         log.info("Modbus/TCP Security (TLS) on " + address + ":" + std::to_string(secure->port()));
         servers.push_back(secure.get());
     }
@@ -196,7 +202,44 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         }
         return kExitBadInput;
     }
+    // The TLS module is loaded only for --tls-port, before anything
+    // listens (--describe listens to nothing); a reload cannot change TLS,
+    // so it keeps this one. Its certificate, key and CA are loaded here too:
+    // a file that cannot be used is a bad configuration, found by --check
+    // and before the plain listener opens, not after it.
+    std::optional<TlsModule> tls;
+    std::shared_ptr<TlsContext const> tlsContext;
+    if (options.tlsPort && !options.describe) {
+        std::optional<std::string> const path = TlsModule::pathBesideProgram();
+        if (!path) {
+            log.error(std::string("--tls-port: cannot find the TLS module: the program's own file "
+                                  "cannot be read from ") +
+                      TlsModule::kProgramLink);
+            return kExitBadInput;
+        }
+        tls.emplace(*path);
+        if (!tls->loaded()) {
+            log.error("--tls-port: " + tls->failure());
+            return kExitBadInput;
+        }
+        try {
+            tlsContext = tls->makeContext(options.tls);
+        } catch (std::exception const& error) {
+            log.error(error.what());
+            return kExitBadInput;
+        }
+    }
     if (options.check) {
+        // The upsd user is read at start only; a file the daemon would
+        // refuse then is refused now.
+        if (options.nutWrites) {
+            try {
+                nut::readCredentials(options.nutCredentials);
+            } catch (std::runtime_error const& error) {
+                log.error(std::string("--nut-credentials: ") + error.what());
+                return kExitBadInput;
+            }
+        }
         log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
         for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
             log.warning("map: " + line);
@@ -220,24 +263,6 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         log.error("--nut: " + nut::UpsClientLibrary::instance().failure());
         return 1;
     }
-    // The TLS module is loaded only for --tls-port, before anything
-    // listens (--describe listens to nothing); a reload cannot change TLS,
-    // so it keeps this one.
-    std::optional<TlsModule> tls;
-    if (options.tlsPort && !options.describe) {
-        std::optional<std::string> const path = TlsModule::pathBesideProgram();
-        if (!path) {
-            log.error(std::string("--tls-port: cannot find the TLS module: the program's own file "
-                                  "cannot be read from ") +
-                      TlsModule::kProgramLink);
-            return kExitBadInput;
-        }
-        tls.emplace(*path);
-        if (!tls->loaded()) {
-            log.error("--tls-port: " + tls->failure());
-            return kExitBadInput;
-        }
-    }
     try {
         std::unique_ptr<nut::Source> nutSource = makeNutSource(options, log);
         if (nutSource && nutSource->writable()) {
@@ -248,7 +273,7 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         log.error(std::string("--nut-credentials: ") + error.what());
         return kExitBadInput;
     }
-    int const status = serve(configuration, args, std::move(config), tls ? &*tls : nullptr, log);
+    int const status = serve(configuration, args, std::move(config), tlsContext, log);
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
              std::to_string(cdshost::Store::instance().subscriptionCount()));
@@ -270,6 +295,10 @@ int main(int argc, char** argv) {
     Options const& options = loaded.options;
     if (options.help) {
         std::cout << usage();
+        return 0;
+    }
+    if (options.version) {
+        std::cout << versionText();
         return 0;
     }
     Log log(std::cerr, options.verbose);

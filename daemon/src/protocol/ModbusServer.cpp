@@ -70,7 +70,15 @@ int listenOn(ListenConfig const& config) {
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (::bind(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 ||
         ::listen(fd, kBacklog) != 0) {
-        std::string const why = std::strerror(errno);
+        int const error = errno;
+        std::string why = std::strerror(error);
+        // Modbus's own ports (502, 802) are privileged: say what gives the
+        // right to bind them rather than leave a bare "Permission denied".
+        if (error == EACCES && config.port > 0 && config.port < 1024) {
+            why +=
+                " (a port below 1024 needs root or CAP_NET_BIND_SERVICE, which the systemd "
+                "unit gives; or choose a port from 1024 up)";
+        }
         ::close(fd);
         throw std::runtime_error("cannot listen on " + config.address + ":" +
                                  std::to_string(config.port) + ": " + why);

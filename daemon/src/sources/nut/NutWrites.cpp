@@ -20,16 +20,24 @@ using exception_code::kServerDeviceFailure;
 struct ErrorCode {
     char const* error;
     std::uint8_t exception;
+    char const* fix = nullptr;  // what to look at, where upsd's word alone does not say
 };
+
+// upsd answers a wrong password as it answers a user without the right
+// (ACCESS-DENIED on the command itself): both are named, in the files the
+// operator edits.
+constexpr char kWhoMayFix[] =
+    "the user or password of --nut-credentials is wrong, or upsd.users does not let that user "
+    "do it (\"actions = SET\", the command in \"instcmds\")";
 
 constexpr ErrorCode kErrors[] = {
     // Who may: the credentials, or what upsd.users lets the user do.
-    {"ACCESS-DENIED", kIllegalFunction},
-    {"USERNAME-REQUIRED", kIllegalFunction},
-    {"PASSWORD-REQUIRED", kIllegalFunction},
-    {"PASSWORD-INCORRECT", kIllegalFunction},
-    {"INVALID-USERNAME", kIllegalFunction},
-    {"INVALID-PASSWORD", kIllegalFunction},
+    {"ACCESS-DENIED", kIllegalFunction, kWhoMayFix},
+    {"USERNAME-REQUIRED", kIllegalFunction, kWhoMayFix},
+    {"PASSWORD-REQUIRED", kIllegalFunction, kWhoMayFix},
+    {"PASSWORD-INCORRECT", kIllegalFunction, kWhoMayFix},
+    {"INVALID-USERNAME", kIllegalFunction, kWhoMayFix},
+    {"INVALID-PASSWORD", kIllegalFunction, kWhoMayFix},
     // What: nothing writable at that name.
     {"VAR-NOT-SUPPORTED", kIllegalDataAddress},
     {"CMD-NOT-SUPPORTED", kIllegalDataAddress},
@@ -61,6 +69,16 @@ std::string shortestText(Real value, int maxDigits) {
         }
     }
     return text;
+}
+
+/* ": what to fix" for an error upsd answered, or nothing. */
+std::string fixForError(std::string const& error) {
+    for (auto const& known : kErrors) {
+        if (error == known.error && known.fix != nullptr) {
+            return std::string(": ") + known.fix;
+        }
+    }
+    return "";
 }
 
 }  // namespace
@@ -151,8 +169,9 @@ Outcome outcomeOf(Command const& command, CommandResult const& result) {
                            (result.tracked ? "tracked it to SUCCESS" : "answered OK, untracked") +
                            ")"};
         case CommandResult::Status::Refused:
-            return {exceptionForError(result.detail),
-                    "refused by upsd (" + what + ": ERR " + result.detail + ")"};
+            return {exceptionForError(result.detail), "refused by upsd (" + what + ": ERR " +
+                                                          result.detail +
+                                                          fixForError(result.detail) + ")"};
         case CommandResult::Status::Failed:
             return {kServerDeviceFailure,
                     "failed (" + what + ": upsd tracked it to ERR " + result.detail + ")"};
