@@ -78,6 +78,28 @@ TEST_F(ConfigurationFilesTest, ABadUpsMapIsRefusedNamingItsFile) {
     }
 }
 
+TEST_F(ConfigurationFilesTest, ABadMapIsRefusedNamingItsFile) {
+    std::string const bad = file("bad-map.json", R"({"entries": [{"table": "coils"}]})");
+    try {
+        loadConfiguration({"--map", bad, "--scenario", "none"});
+        FAIL() << "a bad map was taken";
+    } catch (ConfigurationError const& error) {
+        EXPECT_EQ(std::string(error.what()), "the register map \"" + bad + "\" cannot be served:");
+        EXPECT_FALSE(error.errors().empty());
+    }
+}
+
+TEST_F(ConfigurationFilesTest, ABadScenarioIsRefusedNamingItsFile) {
+    std::string const bad = file("bad-scenario.json", R"({"devices": 5})");
+    try {
+        loadConfiguration({"--map", file("map.json", kOwn), "--scenario", bad});
+        FAIL() << "a bad scenario was taken";
+    } catch (ConfigurationError const& error) {
+        EXPECT_EQ(std::string(error.what()), "the scenario \"" + bad + "\" cannot be played:");
+        EXPECT_FALSE(error.errors().empty());
+    }
+}
+
 /* The one error loadConfiguration() refuses args with, under its heading. */
 std::string refusal(std::vector<std::string> const& args) {
     try {

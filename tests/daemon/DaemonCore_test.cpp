@@ -156,6 +156,39 @@ TEST(DaemonCoreTest, FurtherUnitsKeepTheClientsOriginAndItsAccessRules) {
         << logText.str();
 }
 
+/* Hands over the writes of the entries named "own" only, as a UPS behind
+ * upsd takes those over its variables and commands and refuses the rest. */
+class WritesOfOwnEntries : public testing::HeldWrites {
+  public:
+    bool owns(ServedEntry const& entry) const override { return entry.definition.name == "own"; }
+};
+
+TEST(DaemonCoreTest, TheDescriptionShowsEntriesWhoseWritesAreNotHandedOverAsReadOnly) {
+    cdshost::Store::instance().reset();
+    std::ostringstream logText;
+    Log log(logText);
+    WritesOfOwnEntries writes;
+    CoreConfig config;
+    config.map = parseRegisterMap(R"({"entries": [
+      {"name": "own", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "source": {"device": 2, "channel": "T"}},
+      {"name": "derived", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "source": {"device": 2, "channel": "T"}}]})");
+    config.scenario = parseScenario(R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})");
+    config.remoteWrites = &writes;
+    DaemonCore core(std::move(config), log);
+    // What a write to each gets: handed over, or refused.
+    auto const own = testing::writeRegisters(0, {7});
+    EXPECT_TRUE(core.handler().handle(own.data(), own.size()).deferred);
+    auto const derived = testing::writeRegisters(1, {7});
+    EXPECT_EQ(core.handler().handle(derived.data(), derived.size()).exception, 1);
+    // And what the description says of them.
+    std::string const csv = core.describe(DescribeFormat::Csv);
+    EXPECT_NE(csv.find(",own,uint16,,1,0,RW,"), std::string::npos) << csv;
+    EXPECT_NE(csv.find(",derived,uint16,,1,0,R,"), std::string::npos) << csv;
+}
+
 TEST(DaemonCoreTest, AWriteWaitingForItsOutcomeOutlivesAReloadOfTheMaps) {
     cdshost::Store::instance().reset();
     std::ostringstream logText;

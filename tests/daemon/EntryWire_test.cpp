@@ -227,6 +227,24 @@ TEST(MapWarningsTest, NothingIsSaidWhenEveryFloatRoundTripsOrNoneUsesTheLibrary)
     EXPECT_TRUE(mapWarnings(noLibraryFloat, report).empty());
 }
 
+TEST(MapWarningsTest, AnXorBitmaskAnyClientMayWriteIsNamed) {
+    FloatLayoutReport report;
+    auto const map = parseRegisterMap(R"({"entries": [
+      {"name": "test", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "bitmask": "xor", "mask": 1, "source": {"device": 2, "channel": "X"}},
+      {"name": "flags", "table": "input-registers", "address": 0, "encoder": "uint16",
+       "bitmask": "xor", "mask": 3, "source": {"device": 2, "channel": "X"}},
+      {"name": "locked", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "bitmask": "xor", "mask": 1, "allowWrite": [], "source": {"device": 2, "channel": "X"}},
+      {"name": "plain", "table": "holding-registers", "address": 2, "encoder": "uint16",
+       "bitmask": "none", "mask": 1, "source": {"device": 2, "channel": "X"}}]})");
+    EXPECT_EQ(mapWarnings(map, report),
+              (std::vector<std::string>{
+                  "entries[0] \"test\": bitmask \"xor\" in holding-registers: every write "
+                  "stores the mask (1) whatever the client writes; serve it from "
+                  "input-registers, or refuse its writes with \"allowWrite\": []"}));
+}
+
 TEST(MapWarningsTest, StartUpLogsTheSameWarningAsCheck) {
     TestDaemon daemon(kNotImplementedMap, kRunningUps);
     auto const expected =

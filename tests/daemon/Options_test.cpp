@@ -342,6 +342,13 @@ TEST(SettingsFileTest, AFileThatIsNoJsonObjectIsRefused) {
     EXPECT_EQ(errorsOf({"--config", array}), array + ": settings: expected an object, got [1]\n");
 }
 
+TEST(SettingsFileTest, AFileNestedWithoutEndIsRefusedNotACrash) {
+    std::string const deep = writeFile(
+        "-deep.json", R"({"port": )" + std::string(200000, '[') + std::string(200000, ']') + "}");
+    EXPECT_EQ(errorsOf({"--config", deep}),
+              deep + ": not read: arrays and objects nested more than 1024 levels deep\n");
+}
+
 TEST(SettingsFileTest, AMissingFileIsAnError) {
     EXPECT_EQ(errorsOf({"--config", "/nonexistent/tarsel-modbusd.json"}),
               "settings file: cannot read /nonexistent/tarsel-modbusd.json\n");

@@ -7,12 +7,14 @@
 
 #include <cstdio>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 #include <string>
 #include <thread>
 
 #include "EmbeddedDefaults.h"
+#include "JsonNesting.h"
 #include "MapLoader.h"
 
 namespace tarsel::daemon {
@@ -342,6 +344,167 @@ TEST(RegisterMapTest, MultiplierCannotBeCombinedWithAMask) {
     EXPECT_EQ(errors[0].rfind("entries[0].multiplier: cannot be combined with bitmask", 0), 0u);
 }
 
+TEST(RegisterMapTest, MultiplierOrOffsetThatAFloatCannotHoldIsRefused) {
+    // Read as doubles, these would become 0, an infinity or a subnormal whose
+    // reciprocal is infinite in the encoders' single precision.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int16", "multiplier": 1e-50,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 1, "encoder": "uint16", "multiplier": -1e39,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 2, "encoder": "float32", "multiplier": 1e-40,
+            "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 4, "encoder": "float16", "offset": 1e300,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 4u);
+    EXPECT_EQ(errors[0],
+              "entries[0].multiplier: must be a number other than 0 from about 1.2e-38 to "
+              "3.4e+38 in magnitude (a float scales by it), got 1e-50");
+    EXPECT_EQ(errors[1].rfind("entries[1].multiplier: must be a number other than 0", 0), 0u);
+    EXPECT_EQ(errors[2].rfind("entries[2].multiplier: must be a number other than 0", 0), 0u);
+    EXPECT_EQ(errors[3].rfind("entries[3].offset: must be a number a float holds", 0), 0u);
+}
+
+TEST(RegisterMapTest, LibraryFloatMultiplierWhoseSquareAFloatCannotHoldIsRefused) {
+    // The library's float encoder multiplies by it twice: 1e20 squared is
+    // beyond a float, and every read would be an infinity.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "float", "multiplier": 1e20,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("entries[0].multiplier: must be a number other than 0"),
+              std::string::npos);
+    EXPECT_NE(errors[0].find("(a float scales by it twice)"), std::string::npos);
+}
+
+TEST(RegisterMapTest, MultipliersAndOffsetsAtTheEdgesOfAFloatAreKept) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "int16",
+            "multiplier": 1.17549435e-38, "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 1, "encoder": "float16",
+            "multiplier": -3.4e38, "offset": -3.4e38, "source": {"device": 2, "channel": "A"}},
+           {"table": "holding-registers", "address": 2, "encoder": "float", "multiplier": 1e19,
+            "source": {"device": 2, "channel": "A"}})"));
+    ASSERT_EQ(map.entries.size(), 3u);
+    EXPECT_EQ(map.entries[0].multiplier, std::numeric_limits<float>::min());
+    EXPECT_EQ(map.entries[1].multiplier, -3.4e38f);
+    EXPECT_EQ(map.entries[1].offset, -3.4e38f);
+    EXPECT_EQ(map.entries[2].multiplier, 1e19f);
+}
+
+TEST(RegisterMapTest, CompositeSizeSmallerThanWhatItsFunctionProducesIsRefused) {
+    // A kilo-counter32 in one register would serve its high word alone, and
+    // status bits of three sources in two discretes would never show the third.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "kilo-counter32", "size": 1,
+            "sources": [{"device": 2, "channel": "K"}, {"device": 2, "channel": "W"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 2,
+            "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "B"},
+                        {"device": 2, "channel": "C"}]})"));
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0],
+              "entries[0].size: 1 registers cannot hold what function \"kilo-counter32\" "
+              "produces for 2 sources (2)");
+    EXPECT_EQ(errors[1],
+              "entries[1].size: 2 discretes cannot hold what function \"status-bits\" produces "
+              "for 3 sources (3)");
+}
+
+TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsReservesTheRestWhereNobodyWrites) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "input-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 4, "allowWrite": [],
+            "sources": [{"device": 2, "channel": "A"}]})"));
+    EXPECT_EQ(map.entries.at(0).size, 3);
+    EXPECT_EQ(map.entries.at(1).size, 4);
+}
+
+TEST(RegisterMapTest, CompositeSizeLargerThanItsFunctionsIsRefusedWhereItWouldBeWritten) {
+    // The function takes nothing from the reserved part: a write there would
+    // be answered as done and change nothing.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "holding-registers", "address": 0, "encoder": "composite-registers",
+            "function": "status-word", "size": 3, "sources": [{"device": 2, "channel": "A"}]},
+           {"table": "coils", "address": 0, "encoder": "composite-discretes",
+            "function": "status-bits", "size": 4, "sources": [{"device": 2, "channel": "A"}]})"));
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_EQ(errors[0],
+              "entries[0].size: 3 registers in a writable table: writes beyond what function "
+              "\"status-word\" produces for 1 source (1) would change nothing; reserve them "
+              "only where nobody writes (a read-only table, or \"allowWrite\": [])");
+    EXPECT_EQ(errors[1].rfind("entries[1].size: 4 discretes in a writable table", 0), 0u);
+}
+
+/* `levels` arrays, one inside the other. */
+std::string nested(std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+}
+
+TEST(RegisterMapTest, ArraysNestedWithoutEndAreRefusedNotACrash) {
+    // Quoting the refused element in its error walked it one call per level
+    // and overflowed the stack.
+    EXPECT_EQ(errorsOf(R"({"entries": [)" + nested(200000) + "]}"),
+              (std::vector<std::string>{
+                  "map: not read: arrays and objects nested more than 1024 levels deep"}));
+}
+
+TEST(RegisterMapTest, NestingUpToTheLimitIsReadAlikeByBothReadings) {
+    // The root object is one level: a comment nesting 1023 more reaches 1024.
+    std::string const deepest =
+        R"({"comment": )" + nested(kMaxJsonNesting - 1) + R"(, "entries": [)" + kFloat + "]}";
+    EXPECT_TRUE(parseRegisterMapQuickly(deepest).has_value());
+    EXPECT_EQ(parseRegisterMapWithNlohmann(deepest).entries.size(), 1u);
+    std::string const deeper =
+        R"({"comment": )" + nested(kMaxJsonNesting) + R"(, "entries": [)" + kFloat + "]}";
+    EXPECT_FALSE(parseRegisterMapQuickly(deeper).has_value());
+    EXPECT_EQ(errorsOf(deeper).size(), 1u);
+}
+
+TEST(RegisterMapTest, BracketsInsideTextsDoNotCountAsNesting) {
+    std::string const brackets(3000, '[');
+    auto const map = parseRegisterMapWithNlohmann(R"({"description": ")" + brackets +
+                                                  R"(\"[", "entries": [)" + kFloat + "]}");
+    EXPECT_EQ(map.description, brackets + "\"[");
+}
+
+TEST(RegisterMapTest, SourceThatTakesNoWritesInAWritableTableIsRefused) {
+    // The library drops a write to an alarm or to the sub-device count: the
+    // client would be told it was done and nothing would change.
+    auto const errors = errorsOf(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "boolean",
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "holding-registers", "address": 0, "encoder": "uint16",
+            "source": {"device": 2, "attribute": "sub-device-count"}},
+           {"table": "coils", "address": 1, "encoder": "composite-discretes",
+            "function": "status-bits",
+            "sources": [{"device": 2, "channel": "A"},
+                        {"device": 2, "channel": "B", "alarm": "flag-set"}]})"));
+    ASSERT_EQ(errors.size(), 3u);
+    EXPECT_EQ(errors[0],
+              "entries[0].source: an alarm cannot be written (the data store decides it); serve "
+              "the entry from discrete-inputs, or refuse its writes with \"allowWrite\": []");
+    EXPECT_EQ(errors[1],
+              "entries[1].source: the sub-device count cannot be written (the data store counts "
+              "the sub-devices); serve the entry from input-registers, or refuse its writes with "
+              "\"allowWrite\": []");
+    EXPECT_EQ(errors[2].rfind("entries[2].sources[1]: an alarm cannot be written", 0), 0u);
+}
+
+TEST(RegisterMapTest, SourceThatTakesNoWritesIsKeptWhereNobodyWritesIt) {
+    auto const map = parseRegisterMap(mapWith(
+        R"({"table": "coils", "address": 0, "encoder": "boolean", "allowWrite": [],
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "discrete-inputs", "address": 0, "encoder": "boolean",
+            "source": {"device": 2, "channel": "B", "alarm": "trigger"}},
+           {"table": "input-registers", "address": 0, "encoder": "uint16",
+            "source": {"device": 2, "attribute": "sub-device-count"}})"));
+    EXPECT_EQ(map.entries.size(), 3u);
+}
+
 TEST(RegisterMapTest, EveryErrorIsListedAtOnce) {
     auto const errors = errorsOf(mapWith(
         R"({"table": "holding-registers", "address": 0, "encoder": "double"},
@@ -495,7 +658,7 @@ TEST(RegisterMapTest, EveryOptionReadQuicklyGivesWhatNlohmannsReadingGives) {
         {"table": "input-registers", "address": 2, "encoder": "float32", "layout": "CDAB",
          "unavailable": {"mode": "sentinel", "word": 0},
          "source": {"device": "UPS", "channel": "B"}},
-        {"name": "u", "table": "holding-registers", "address": 4, "encoder": "uint16",
+        {"name": "u", "table": "input-registers", "address": 4, "encoder": "uint16",
          "bitmask": "xor", "mask": 4294967295, "default": 7,
          "source": {"device": 2, "channel": "C", "alarm": "trigger"}},
         {"name": "s", "table": "input-registers", "address": 5, "encoder": "string", "size": 4,

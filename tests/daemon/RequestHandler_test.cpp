@@ -239,6 +239,48 @@ TEST(RequestHandlerTest, WriteToAnUnavailableValueIsRefused) {
     EXPECT_EQ(daemon.ask(request(6, 31, 5)).exception, 11);
 }
 
+TEST(RequestHandlerTest, TheAuditLineOfAWriteToAnUnavailableEntryShowsNoValueBeforeIt) {
+    // Not the zeros an encoder without a value returns: the entry never
+    // served them.
+    TestDaemon daemon(kMap, kRunningUps);
+    EXPECT_EQ(daemon.ask(request(6, 30, 5)).exception, 4);
+    EXPECT_NE(daemon.logText().find("write \"missing\" holding-registers 30: (not available) -> "
+                                    "[0x0005]: refused (not available)"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, AWriteThatAMissingSourceWouldDropIsRefused) {
+    // A uint16 with a default reads as available over a missing channel, and
+    // status bits as soon as one source is there; the library drops what
+    // goes to a missing item, so these writes would be answered as done.
+    char const* const map = R"({"entries": [
+      {"name": "limit", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "default": 7, "source": {"device": 2, "channel": "Missing"}},
+      {"name": "bits", "table": "coils", "address": 0, "encoder": "composite-discretes",
+       "function": "status-bits",
+       "sources": [{"device": 2, "channel": "A"}, {"device": 2, "channel": "Missing"}]},
+      {"name": "exc", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "default": 7, "unavailable": {"mode": "exception", "code": 11},
+       "source": {"device": 2, "channel": "Missing"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "A": true}}]})";
+    TestDaemon daemon(map, ups, false);
+    ASSERT_EQ(daemon.ask(request(3, 0, 1)).exception, 0) << "reads as available";
+    EXPECT_EQ(daemon.ask(request(6, 0, 5)).exception, 4);
+    EXPECT_EQ(daemon.ask(request(6, 1, 5)).exception, 11);
+    EXPECT_EQ(daemon.ask(testing::writeCoils(0, {false, true})).exception, 4);
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(true)) << "nothing of it written";
+    EXPECT_NE(daemon.logText().find("write \"bits\" coils 0: 10 -> 01: refused (not available)"),
+              std::string::npos)
+        << daemon.logText();
+    // Once the item is there, the same write is carried out whole.
+    cdshost::Store::instance().addChannel(2, "Missing", kq::CValue(false));
+    EXPECT_EQ(daemon.ask(testing::writeCoils(0, {false, true})).exception, 0);
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(false));
+    EXPECT_EQ(TestDaemon::channel(2, "Missing"), kq::CValue(true));
+}
+
 TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
     TestDaemon daemon(kMap, kRunningUps);
     EXPECT_EQ(daemon.ask(request(3, 20, 1)).exception, 4);
@@ -247,6 +289,46 @@ TEST(RequestHandlerTest, EncoderThatThrowsGivesServerDeviceFailureAndALogLine) {
                                     "address=20\n"),
               std::string::npos)
         << daemon.logText();
+}
+
+TEST(RequestHandlerTest, EntriesOverAChannelThatHeldATextServeItAgainOnceItHoldsANumber) {
+    char const* const map = R"({"entries": [
+      {"name": "f32", "table": "holding-registers", "address": 0, "encoder": "float32",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "lib", "table": "holding-registers", "address": 2, "encoder": "float",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "i16", "table": "holding-registers", "address": 4, "encoder": "int16",
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "u16", "table": "holding-registers", "address": 5, "encoder": "uint16",
+       "multiplier": 10, "source": {"device": 2, "channel": "F"}},
+      {"name": "txt", "table": "holding-registers", "address": 6, "encoder": "string", "size": 2,
+       "source": {"device": 2, "channel": "F"}},
+      {"name": "on", "table": "coils", "address": 0, "encoder": "boolean",
+       "source": {"device": 2, "channel": "F"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "F": {"float": 1.5}}}]})";
+    TestDaemon daemon(map, ups, false);
+    // A text where the entries expect a number (a UPS that reports "unknown"
+    // for a while): none of them can convert it, so a read of one is Server
+    // Device Failure, and the text entry serves it.
+    // Whoever writes it (a scenario step, the NUT mirror, a client through
+    // the text entry) is not failed by the entries' listeners.
+    EXPECT_NO_THROW(TestDaemon::setChannel(2, "F", kq::CValue("unknown")));
+    EXPECT_EQ(daemon.ask(request(3, 0, 2)).exception, 4);
+    EXPECT_EQ(daemon.ask(request(3, 6, 2)).registers, (std::vector<std::uint16_t>{0x756E, 0x6B6E}));
+    EXPECT_NO_THROW(TestDaemon::setChannel(2, "F", kq::CValue(2.5f)));
+    // Once it holds a number again, every entry over it serves that number.
+    Answer const numbers = daemon.ask(request(3, 0, 6));
+    ASSERT_EQ(numbers.exception, 0);
+    EXPECT_EQ(numbers.registers[0], 0x4020);  // 2.5 in ABCD
+    EXPECT_EQ(numbers.registers[1], 0x0000);
+    EXPECT_EQ((std::vector<std::uint16_t>{numbers.registers[2], numbers.registers[3]}),
+              floatWords(2.5f));
+    EXPECT_EQ(numbers.registers[4], 2);   // int16 truncates
+    EXPECT_EQ(numbers.registers[5], 20);  // the unsigned value 2, x10
+    EXPECT_EQ(daemon.ask(request(3, 6, 2)).registers,
+              (std::vector<std::uint16_t>{0x322E, 0x3500}));  // "2.5"
+    EXPECT_EQ(daemon.ask(request(1, 0, 1)).bits, (std::vector<std::uint8_t>{1}));
 }
 
 TEST(RequestHandlerTest, RepeatedEncoderFailuresAreRateLimited) {
@@ -447,6 +529,43 @@ TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
                        "client=127.0.0.1:5021 unit=1 function=5 address=0\n"),
               std::string::npos)
         << log;
+}
+
+TEST(RequestHandlerTest, AWriteThatFailsPartWaySaysWhichEntriesTookTheirPart) {
+    char const* const map = R"({"entries": [
+      {"name": "a", "table": "holding-registers", "address": 0, "encoder": "uint16",
+       "source": {"device": 2, "channel": "A"}},
+      {"name": "b", "table": "holding-registers", "address": 1, "encoder": "uint16",
+       "source": {"device": 2, "channel": "B"}},
+      {"name": "c", "table": "holding-registers", "address": 2, "encoder": "uint16",
+       "source": {"device": 2, "channel": "C"}}]})";
+    char const* const ups = R"({"devices": [{"id": 2, "name": "UPS", "channels": {
+      "PowerDistribution.Status.OperatingStatus": {"uint32": 16},
+      "A": {"uint32": 0}, "B": {"uint32": 0}, "C": {"uint32": 0}}}]})";
+    TestDaemon daemon(map, ups, false);
+    auto& store = cdshost::Store::instance();
+    // The store refuses the second entry's value (on the card: a setting
+    // the device does not take).
+    store.failAlways("setChannelCValue", store.channelId(2, "B"));
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(0, {1, 2, 3})).exception, 4);
+    store.clearFaults();
+    // What landed stays: nothing takes a data-store write back.
+    EXPECT_EQ(TestDaemon::channel(2, "A"), kq::CValue(1u));
+    EXPECT_EQ(TestDaemon::channel(2, "B"), kq::CValue(0u));
+    EXPECT_EQ(TestDaemon::channel(2, "C"), kq::CValue(0u));
+    std::string const log = daemon.logText();
+    EXPECT_NE(log.find("warning: write to holding-registers 0..2 carried out in part: written "
+                       "entries[0] \"a\"; failed entries[1] \"b\"; not written entries[2] "
+                       "\"c\"; client=local unit=1 function=16 address=0\n"),
+              std::string::npos)
+        << log;
+    // A write that fails at its first entry wrote nothing: no such line.
+    store.failAlways("setChannelCValue", store.channelId(2, "A"));
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(0, {5, 6})).exception, 4);
+    store.clearFaults();
+    EXPECT_EQ(TestDaemon::channel(2, "B"), kq::CValue(0u));
+    EXPECT_EQ(daemon.logText().find("carried out in part", log.size()), std::string::npos)
+        << daemon.logText();
 }
 
 TEST(RequestHandlerTest, RepeatedWritesOfOneClientToOneEntryAreAuditedUpToTheBurst) {

@@ -51,6 +51,14 @@ TEST(ScenarioTest, UnknownActionAndMissingFieldsAreListedTogether) {
     EXPECT_EQ(errors[4], "events[2]: missing field \"level\"");
 }
 
+TEST(ScenarioTest, ArraysNestedWithoutEndAreRefusedNotACrash) {
+    std::string const deep = std::string(200000, '[') + std::string(200000, ']');
+    EXPECT_EQ(
+        errorsOf(R"({"devices": [], "events": [{"at": 1, "do": "log", "text": )" + deep + "}]}"),
+        (std::vector<std::string>{
+            "scenario: not read: arrays and objects nested more than 1024 levels deep"}));
+}
+
 TEST(ScenarioTest, BadValueIsRefused) {
     auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {"X": {"int8": 1}}}]})");
     ASSERT_EQ(errors.size(), 1u);

@@ -9,6 +9,7 @@ import os
 import re
 import signal
 import socket
+import struct
 import subprocess
 import time
 import unittest
@@ -192,6 +193,45 @@ class ObserveTest(GatewayWithUpsdTest):
         values = samples(get(self.port, "/metrics")[1])
         self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="refused"}'], 1)
         self.assertEqual(values['tarsel_modbusd_reloads_total{outcome="applied"}'], 0)
+
+    def test_a_write_whose_frame_straddles_a_reload_is_carried_out_by_the_new_map(self):
+        self.start(map_json=map_with_label_at(100), scenario_json=scenario_with_label())
+        pdu = struct.pack(">BHHB4H", 16, 200, 4, 8, 0x5859, 0x5A00, 0, 0)
+        frame = struct.pack(">HHHB", 7, 0, len(pdu) + 1, 1) + pdu
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=10) as raw:
+            raw.sendall(frame[:9])  # the header and the start of the PDU
+            self.daemon._write("map.json", map_with_label_at(200))
+            os.kill(self.daemon.process.pid, signal.SIGHUP)
+            self.assertTrue(self.daemon.wait_for_log("reload applied: ", 10.0),
+                            "\n".join(self.daemon.log_lines))
+            raw.sendall(frame[9:])
+            answer = b""
+            while len(answer) < 12:
+                chunk = raw.recv(12 - len(answer))
+                self.assertTrue(chunk, "connection closed")
+                answer += chunk
+        # Wholly the new map's: address 200 is its label, which the old map
+        # did not have (it would have answered 0x02).
+        self.assertEqual(answer, frame[:4] + struct.pack(">HBBHH", 6, 1, 16, 200, 4))
+        self.client = self.daemon.client()
+        self.assertEqual(list(self.client.read_holding_registers(200, 4, slave=1).registers),
+                         [0x5859, 0x5A00, 0, 0])
+
+    def test_sighup_with_a_map_nested_without_end_is_refused_and_the_old_map_served(self):
+        self.start(map_json=map_with_label_at(100), scenario_json=scenario_with_label())
+        self.client = self.daemon.client()
+        # Quoting the refused element in its error once overflowed the stack:
+        # the reload ended the daemon instead of being refused.
+        depth = 200000
+        self.daemon._write("map.json", '{"entries": [' + "[" * depth + "]" * depth + "]}")
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload refused", 10.0),
+                        "\n".join(self.daemon.log_lines))
+        self.assertTrue(self.daemon.alive())
+        log = "\n".join(self.daemon.log_lines)
+        self.assertIn("map: not read: arrays and objects nested more than 1024 levels deep", log)
+        self.assertEqual(list(self.client.read_holding_registers(100, 4, slave=1).registers),
+                         [0x4142, 0x4344, 0, 0])
 
     def test_a_stalled_http_client_does_not_hold_up_modbus_clients(self):
         self.start(scenario_json=running_ups())

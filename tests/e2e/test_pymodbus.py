@@ -361,6 +361,29 @@ class PymodbusTest(unittest.TestCase):
         self.assertIn('entries[0] "ups.model" built; served from now on', log)
         self.assertIn("data-store subscriptions still open: 0", log)
 
+    def test_entries_over_a_channel_that_held_a_text_serve_its_number_again(self):
+        # A text where the entries expect a number (a UPS reporting "unknown"
+        # for a while) once left them unavailable for good, and failed the
+        # scenario step that stored it.
+        probe = {"device": UPS, "channel": "Probe"}
+        probe_map = {"entries": [
+            {"name": "f", "table": "input-registers", "address": 0, "encoder": "float32",
+             "source": probe},
+            {"name": "i", "table": "input-registers", "address": 2, "encoder": "int16",
+             "source": probe}]}
+        scenario = running_ups({"Probe": 1.5}, events=[
+            {"at": 0.3, "do": "set-channel", "device": UPS, "channel": "Probe",
+             "value": "unknown"},
+            {"at": 0.6, "do": "set-channel", "device": UPS, "channel": "Probe", "value": 2.5}])
+        daemon, client = self.start(map_json=probe_map, scenario_json=scenario)
+        expected = words(lambda b: (b.add_32bit_float(2.5), b.add_16bit_int(2)))
+        served = poll_until(lambda: (lambda r: not r.isError() and r.registers == expected)(
+            client.read_input_registers(0, 3, slave=1)), attempts=200)
+        self.assertTrue(served, str(client.read_input_registers(0, 3, slave=1)))
+        status, log = daemon.stop()
+        self.assertEqual(status, 0, log)
+        self.assertNotIn("scenario events[0] (set-channel)", log)  # the step did not fail
+
     # ---- robustness and shutdown -----------------------------------------
 
     def test_several_clients_are_served_at_once(self):

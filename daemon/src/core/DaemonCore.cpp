@@ -207,8 +207,12 @@ std::string DaemonCore::describe(DescribeFormat format) {
     // retry; a pending entry whose device is there now is described built.
     buildPendingEntries();
     bool const available = m_availability->isAvailable();
-    DescribeContext const context{*m_served->map, m_floatLayout, available,
-                                  m_availability->notAvailableMessage(), m_readOnly};
+    DescribeContext context{*m_served->map, m_floatLayout,
+                            available,      m_availability->notAvailableMessage(),
+                            m_readOnly,     {}};
+    if (RemoteWrites const* const remote = m_remoteWrites) {
+        context.takesWrites = [remote](ServedEntry const& entry) { return remote->owns(entry); };
+    }
     return describeMap(context, format);
 }
 

@@ -1,6 +1,7 @@
 #include "SettingsFile.h"
 
 #include "JsonChecks.h"
+#include "JsonNesting.h"
 
 namespace tarsel::daemon {
 
@@ -60,6 +61,10 @@ SettingsFile parseSettingsFile(std::string const& text, std::string const& label
                                std::set<std::string> const& refused) {
     SettingsFile settings;
     json root;
+    if (nestsDeeperThan(text)) {
+        settings.errors.push_back(label + ": not read: " + tooDeeplyNested());
+        return settings;
+    }
     try {
         root = json::parse(text);
     } catch (json::exception const& error) {

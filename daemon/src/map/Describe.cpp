@@ -209,6 +209,9 @@ DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& co
                        entry.image.known() ? hexWords(entry.image.words) : "-",
                        entry.image.pushes,
                        ""};
+    if (row.access == "RW" && context.takesWrites && !context.takesWrites(entry)) {
+        row.access = "R";  // refused: what it serves cannot be written back
+    }
     if (!entry.built()) {
         row.note = "pending: " + entry.pendingReason;
         return row;

@@ -5,6 +5,7 @@
 // CSV (RFC 4180, for spreadsheets) or JSON.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -23,6 +24,10 @@ struct DescribeContext {
     bool available;
     std::string notAvailableMessage;
     bool readOnly = false;  // the daemon refuses every write (--nut)
+    // Where writes are handed to another system (--nut-writes): whether it
+    // takes the entry's writes (an entry over a NUT variable or command);
+    // the others are refused. Empty: every entry of a writable table may be.
+    std::function<bool(ServedEntry const&)> takesWrites;
 };
 
 std::string describeMap(DescribeContext const& context, DescribeFormat format);

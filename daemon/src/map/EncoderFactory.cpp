@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "Conversions.h"
-#include "QuietNumberSource.h"
+#include "QuietListener.h"
 #include "Wire32Encoder.h"
 #include "modbus/CdsAlarmToOneDiscreteAccessor.h"
 #include "modbus/CdsBooleanToOneDiscreteAccessor.h"
@@ -49,7 +49,7 @@ struct Shared {
 
 template <typename Holder>
 auto makeChannel(SourceDefinition const& s) {
-    using modbus::CdsChannelAccessor;
+    using CdsChannelAccessor = QuietListener<modbus::CdsChannelAccessor>;
     DeviceRef const& d = s.device;
     if (!d.id) {
         return Holder::template make<CdsChannelAccessor>(d.name.str(), s.channel, s.dataType);
@@ -62,7 +62,7 @@ auto makeChannel(SourceDefinition const& s) {
 
 template <typename Holder>
 auto makeAttribute(SourceDefinition const& s) {
-    using modbus::CdsDeviceAccessor;
+    using CdsDeviceAccessor = QuietListener<modbus::CdsDeviceAccessor>;
     DeviceRef const& d = s.device;
     if (!d.id) {
         return Holder::template make<CdsDeviceAccessor>(d.name.str(), s.attribute);
@@ -75,7 +75,7 @@ auto makeAttribute(SourceDefinition const& s) {
 
 template <typename Holder>
 auto makeAlarm(SourceDefinition const& s) {
-    using modbus::CdsAlarmToOneDiscreteAccessor;
+    using CdsAlarmToOneDiscreteAccessor = QuietListener<modbus::CdsAlarmToOneDiscreteAccessor>;
     DeviceRef const& d = s.device;
     if (!d.id) {
         return Holder::template make<CdsAlarmToOneDiscreteAccessor>(d.name.str(), s.channel,
@@ -227,10 +227,10 @@ BuiltEncoder makeEncoder(EntryDefinition const& entry) {
                entry.encoder == EncoderKind::NumericString) {
         // The raw-pointer constructors take ownership (and delete the accessor
         // themselves if they fail), so it is released straight into them.
+        // A text without digits under a numeric string (an empty attribute)
+        // throws in the encoder's listener; the source keeps that throw out
+        // of the data store, as every source does (see QuietListener).
         auto source = makeDataAccessor(entry.sources.at(0));
-        if (entry.encoder == EncoderKind::NumericString) {
-            source = std::make_unique<QuietNumberSource>(std::move(source));
-        }
         built.sources = {source.get()};
         built.registers = makeStringRegisters(entry, source.release());
         built.registers->setByteOrder(static_cast<modbus::ByteOrder>(entry.byteOrder));

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
@@ -13,6 +14,7 @@
 #include "Conversions.h"
 #include "IdentificationLoader.h"
 #include "JsonChecks.h"
+#include "JsonNesting.h"
 #include "JsonView.h"
 
 namespace tarsel::daemon {
@@ -28,6 +30,9 @@ constexpr long long kMaxWriteRegisters = 123;
 constexpr long long kMaxReadBits = 2000;
 constexpr long long kMaxWriteBits = 1968;
 constexpr long long kTableSize = 65536;
+// The range of a normal single-precision float, in which the encoders scale.
+constexpr float kFloatMin = std::numeric_limits<float>::min();
+constexpr float kFloatMax = std::numeric_limits<float>::max();
 
 FieldNames const kCommonFields = {"name", "comment",     "table",     "address",   "encoder",
                                   "unit", "unavailable", "allowRead", "allowWrite"};
@@ -63,6 +68,10 @@ FieldNames encoderFields(EncoderKind kind) {
 
 std::string quoted(std::string const& text) {
     return "\"" + text + "\"";
+}
+
+std::string unitOf(Table table) {
+    return isRegisterTable(table) ? "registers" : "discretes";
 }
 
 /* Every field an entry of the encoder may have, and the words an unknown one
@@ -132,6 +141,7 @@ class MapParser {
     bool parseDevice(Json const& value, std::string const& where, DeviceRef& device);
     void parseSourceKind(Json const& value, std::string const& where, SourceDefinition& source);
     bool checkFit(EntryDefinition const& definition);
+    bool checkSourcesTakeWrites(EntryDefinition const& definition);
     void checkOverlaps(std::vector<EntryDefinition> const& entries);
 
     JsonChecker m_check;
@@ -345,16 +355,45 @@ void MapParser<Json>::parseSingleSource(Json const& value, EntryDefinition& defi
     }
 }
 
+/* Whether a number read as a double is a normal single-precision float
+ * once rounded to one, and so is its square when `squared`. */
+bool scalesAsFloat(double value, bool squared) {
+    if (!(std::fabs(value) <= double{kFloatMax})) {
+        return false;  // beyond every float, or not a number
+    }
+    double const rounded = static_cast<float>(value);
+    double const scale = squared ? rounded * rounded : std::fabs(rounded);
+    return scale >= double{kFloatMin} && scale <= double{kFloatMax};
+}
+
 template <class Json>
 void MapParser<Json>::parseScaling(Json const& value, EntryDefinition& definition) {
+    // The encoders scale in single precision: a multiplier read as a double
+    // must stay a normal float (1e-50 would become 0 and 1e50 an infinity,
+    // serving 0 or NaN for every value; a subnormal one has no finite
+    // reciprocal, by which writes are scaled). The library's float encoder
+    // applies it twice, so its square must be one as well.
     if (auto const multiplier = m_check.number(value, "multiplier", definition.path, false)) {
-        if (*multiplier == 0.0 || !std::isfinite(*multiplier)) {
-            m_check.error(definition.path + ".multiplier", "must be a finite number other than 0");
+        bool const squared = definition.encoder == EncoderKind::Float;
+        if (!scalesAsFloat(*multiplier, squared)) {
+            m_check.error(definition.path + ".multiplier",
+                          std::string("must be a number other than 0 from about ") +
+                              (squared ? "1.1e-19 to 1.8e+19" : "1.2e-38 to 3.4e+38") +
+                              " in magnitude (a float scales by it" + (squared ? " twice" : "") +
+                              "), got " + JsonChecker::shortDump(value["multiplier"]));
+        } else {
+            definition.multiplier = static_cast<float>(*multiplier);
         }
-        definition.multiplier = static_cast<float>(*multiplier);
     }
     if (auto const offset = m_check.number(value, "offset", definition.path, false)) {
-        definition.offset = static_cast<float>(*offset);
+        if (!(std::fabs(*offset) <= double{kFloatMax})) {
+            m_check.error(definition.path + ".offset",
+                          "must be a number a float holds (at most about 3.4e+38 in magnitude), "
+                          "got " +
+                              JsonChecker::shortDump(value["offset"]));
+        } else {
+            definition.offset = static_cast<float>(*offset);
+        }
     }
 }
 
@@ -485,6 +524,30 @@ void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definit
     }
     definition.size = function->sizeFor(count);
     if (auto const size = m_check.integer(value, "size", where, 1, kTableSize, false)) {
+        // Fewer registers or discretes than the function produces would cut
+        // its value (a kilo-counter32 in one register serves its high word
+        // alone, and a write of that register stores 65536 times it): more
+        // are reserved space, served as 0, where nobody writes: the function
+        // takes nothing from them, so a write there would be answered as
+        // done and change nothing.
+        std::string const produced = " what function " + quoted(*name) + " produces for " +
+                                     std::to_string(count) + (count == 1 ? " source" : " sources") +
+                                     " (" + std::to_string(definition.size) + ")";
+        bool const written = isWritableTable(definition.table) &&
+                             !(definition.allowWrite && definition.allowWrite->empty());
+        if (*size < definition.size) {
+            m_check.error(where + ".size", std::to_string(*size) + " " + unitOf(definition.table) +
+                                               " cannot hold" + produced);
+            return;
+        }
+        if (*size > definition.size && written) {
+            m_check.error(where + ".size",
+                          std::to_string(*size) + " " + unitOf(definition.table) +
+                              " in a writable table: writes beyond" + produced +
+                              " would change nothing; reserve them only where nobody writes "
+                              "(a read-only table, or \"allowWrite\": [])");
+            return;
+        }
         definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
     }
 }
@@ -605,10 +668,6 @@ void MapParser<Json>::parseSourceKind(Json const& value, std::string const& wher
     }
 }
 
-std::string unitOf(Table table) {
-    return isRegisterTable(table) ? "registers" : "discretes";
-}
-
 /* Whether the encoder suits the table and the entry fits inside it. */
 template <class Json>
 bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
@@ -626,6 +685,9 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
         m_check.error(definition.path + ".function",
                       "function \"" + definition.function + "\" is read-only; serve it from " +
                           (function->registers ? "input-registers" : "discrete-inputs"));
+        return false;
+    }
+    if (!checkSourcesTakeWrites(definition)) {
         return false;
     }
     if (definition.end() > kTableSize) {
@@ -647,6 +709,44 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
         return false;
     }
     return true;
+}
+
+/* What a write through the source would be dropped for, by the library's
+ * design; nothing for a source that takes writes. */
+std::optional<std::string> whyNotWritable(SourceDefinition const& source) {
+    if (source.kind == SourceKind::Alarm) {
+        return "an alarm cannot be written (the data store decides it)";
+    }
+    if (source.kind == SourceKind::Attribute &&
+        source.attribute == cdsapi::AttributeSubDeviceCount) {
+        return "the sub-device count cannot be written (the data store counts the sub-devices)";
+    }
+    return std::nullopt;
+}
+
+/* An entry of a writable table whose source cannot be written would answer
+ * a write as done and change nothing: refused, unless nobody may write it. */
+template <class Json>
+bool MapParser<Json>::checkSourcesTakeWrites(EntryDefinition const& definition) {
+    bool const nobodyWrites = definition.allowWrite && definition.allowWrite->empty();
+    if (!isWritableTable(definition.table) || nobodyWrites) {
+        return true;
+    }
+    bool const composite = !definition.function.empty();
+    bool fine = true;
+    for (std::size_t i = 0; i < definition.sources.size(); ++i) {
+        if (auto const why = whyNotWritable(definition.sources[i])) {
+            std::string const where =
+                definition.path +
+                (composite ? ".sources[" + std::to_string(i) + "]" : std::string(".source"));
+            m_check.error(where, *why + "; serve the entry from " +
+                                     (isRegisterTable(definition.table) ? "input-registers"
+                                                                        : "discrete-inputs") +
+                                     ", or refuse its writes with \"allowWrite\": []");
+            fine = false;
+        }
+    }
+    return fine;
 }
 
 template <class Json>
@@ -696,6 +796,9 @@ std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& 
 }
 
 RegisterMapDefinition parseRegisterMapWithNlohmann(std::string const& text) {
+    if (nestsDeeperThan(text)) {
+        throw MapError({"map: not read: " + tooDeeplyNested()});
+    }
     json root;
     try {
         root = json::parse(text);

@@ -15,11 +15,31 @@ std::string entriesOnLibraryFloat(RegisterMapDefinition const& map, int byteOrde
     return names;
 }
 
+/* The library's xor bitmask stores its mask on every write, whatever the
+ * client wrote (a write of 0 as much as of 1): right for a register that
+ * triggers something on any write, a surprise for one read as a setting. */
+void xorBitmasksTakingWrites(RegisterMapDefinition const& map, std::vector<std::string>& lines) {
+    for (EntryDefinition const& entry : map.entries) {
+        bool const nobodyWrites = entry.allowWrite && entry.allowWrite->empty();
+        if (entry.encoder != EncoderKind::Uint16 || !entry.useBitmask ||
+            entry.bitmaskOp != modbus::BitmaskOp::Xor || !isWritableTable(entry.table) ||
+            nobodyWrites) {
+            continue;
+        }
+        lines.push_back(entry.path + " \"" + entry.name + "\": bitmask \"xor\" in " +
+                        tableName(entry.table) + ": every write stores the mask (" +
+                        std::to_string(entry.mask) +
+                        ") whatever the client writes; serve it from input-registers, or refuse "
+                        "its writes with \"allowWrite\": []");
+    }
+}
+
 }  // namespace
 
 std::vector<std::string> mapWarnings(RegisterMapDefinition const& map,
                                      FloatLayoutReport const& floatLayout) {
     std::vector<std::string> lines;
+    xorBitmasksTakingWrites(map, lines);
     for (FloatLayout const& layout : floatLayout.layouts) {
         if (layout.roundTrips()) {
             continue;

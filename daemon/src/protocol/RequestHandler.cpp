@@ -71,6 +71,21 @@ bool available(ServedEntry const& entry) {
                              : encoder.discretes->isDataAvailable();
 }
 
+/* Whether every data accessor of a built entry has its item. An entry can
+ * read as available while one is missing (a uint16 with a default; a block of
+ * status bits, available as soon as any of its sources is there), and the
+ * library drops the write of a missing item: such a write would be answered
+ * as done and change nothing, or only part of what was asked. */
+bool everySourcePresent(ServedEntry const& entry) {
+    auto const& sources = entry.encoder.sources;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        if (!sources[i]->isExitingInCds()) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /* " unit=1 function=3 address=20" of a frame, written into `out` (room for
  * 48 characters); returns where it ends. No string is built on the way. */
 char* writeFrameFields(char* out, std::uint8_t const* frame, std::size_t length) {
@@ -447,20 +462,52 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         }
         return writeRemote(answer, entry, partOf(entry, *values, answer.address));
     }
-    for (ServedEntry* entry : coverage.entries) {
-        std::vector<std::uint16_t> const part = partOf(*entry, *values, answer.address);
+    for (std::size_t i = 0; i < coverage.entries.size(); ++i) {
+        ServedEntry& entry = *coverage.entries[i];
+        std::vector<std::uint16_t> const part = partOf(entry, *values, answer.address);
         // Again: an attribute written by an earlier part changes the device.
-        if (std::uint8_t const code = readyToWrite(*entry, part)) {
+        if (std::uint8_t const code = readyToWrite(entry, part)) {
+            logWrittenInPart(table, answer, coverage.entries, i);
             return refuse(answer, code);
         }
-        std::string const before = currentValue(*entry);
-        if (std::uint8_t const code = writeEntry(*entry, part)) {
-            audit(*entry, before, part, "failed");
+        std::string const before = currentValue(entry);
+        if (std::uint8_t const code = writeEntry(entry, part)) {
+            audit(entry, before, part, "failed");
+            logWrittenInPart(table, answer, coverage.entries, i);
             return refuse(answer, code);
         }
-        audit(*entry, before, part, "written");
+        audit(entry, before, part, "written");
     }
     return answer;
+}
+
+/* A write over several entries is carried out entry by entry, in address
+ * order, and cannot be taken back: when one entry fails, the ones before it
+ * keep their new values although the client is answered with an exception.
+ * One line says which entries took their part and which did not, so that a
+ * master's exception is not read as "nothing changed". */
+void RequestHandler::logWrittenInPart(Table table, Answer const& answer,
+                                      std::vector<ServedEntry*> const& entries,
+                                      std::size_t failed) {
+    if (failed == 0) {
+        return;  // nothing was written: the exception tells the whole story
+    }
+    auto const names = [&entries](std::size_t from, std::size_t to) {
+        std::string text;
+        for (std::size_t i = from; i < to; ++i) {
+            EntryDefinition const& definition = entries[i]->definition;
+            text +=
+                (text.empty() ? "" : ", ") + definition.path + " " + quotedValue(definition.name);
+        }
+        return text.empty() ? std::string("none") : text;
+    };
+    m_log.limited(Log::Level::Warning, "writes in part",
+                  "write to " + std::string(tableName(table)) + " " +
+                      std::to_string(answer.address) + ".." +
+                      std::to_string(answer.address + answer.quantity - 1) +
+                      " carried out in part: written " + names(0, failed) + "; failed " +
+                      names(failed, failed + 1) + "; not written " +
+                      names(failed + 1, entries.size()) + "; " + fields());
 }
 
 /* 0 when the entry can take its part now; else the exception, audited. An
@@ -472,7 +519,7 @@ std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
     if (AttributeRefresh::stale(entry)) {
         m_map.rebuild(entry);
     }
-    if (available(entry)) {
+    if (available(entry) && everySourcePresent(entry)) {
         return 0;
     }
     auditRefused(entry, part, "not available");
@@ -593,6 +640,11 @@ Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
 std::string RequestHandler::currentValue(ServedEntry const& entry) const {
     if (!entry.built()) {
         return "(pending)";
+    }
+    if (!available(entry)) {
+        // Its encoder returns nothing, which would show as zeros: a value
+        // the entry never served (clients read its unavailable value).
+        return "(not available)";
     }
     try {
         if (entry.encoder.registers) {

@@ -104,6 +104,8 @@ class RequestHandler {
     std::uint8_t readUnavailable(ServedEntry const& entry, Answer& answer);
     std::uint8_t readyToWrite(ServedEntry& entry, std::vector<std::uint16_t> const& part);
     std::uint8_t writeEntry(ServedEntry& entry, std::vector<std::uint16_t> const& part);
+    void logWrittenInPart(Table table, Answer const& answer,
+                          std::vector<ServedEntry*> const& entries, std::size_t failed);
     Answer writeRemote(Answer answer, ServedEntry const& entry,
                        std::vector<std::uint16_t> const& part);
     Answer refuseRead(Answer answer, std::string const& why);

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "JsonChecks.h"
+#include "JsonNesting.h"
 #include "JsonView.h"
 #include "MapModel.h"
 #include "Scenario.h"
@@ -340,6 +341,9 @@ Scenario parseScenario(std::string const& text) {
     if (auto const document = JsonDocument::parse(text)) {
         root = document->root().toJson();
     } else {
+        if (nestsDeeperThan(text)) {
+            throw ScenarioError({"scenario: not read: " + tooDeeplyNested()});
+        }
         try {
             root = json::parse(text);
         } catch (json::exception const& error) {
