@@ -756,5 +756,36 @@ TEST(RegisterMapTest, ReadTextFileNamesADirectoryItCannotRead) {
     ::rmdir(path.c_str());
 }
 
+// One named by mistake (a log, a disk image) is refused from its size alone:
+// the file here is sparse, and is not read.
+TEST(RegisterMapTest, ReadTextFileRefusesAFileLargerThanAnyMapUnread) {
+    std::string const path = tempPath("huge");
+    std::ofstream(path, std::ios::binary).flush();
+    ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(kMaxTextFileBytes + 1)), 0);
+    try {
+        readTextFile(path);
+        ADD_FAILURE() << "a file larger than the bound was read";
+    } catch (TextFileTooLarge const& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  "\"" + path +
+                      "\" is larger than 64 MiB, more than any map, scenario or "
+                      "settings file");
+    }
+    std::remove(path.c_str());
+}
+
+// A device has no size: what it gives is read up to the bound, then refused.
+TEST(RegisterMapTest, ReadTextFileStopsReadingADeviceThatNeverEnds) {
+    EXPECT_THROW(readTextFile("/dev/zero"), TextFileTooLarge);
+}
+
+TEST(RegisterMapTest, ReadTextFileReadsAFileOfTheBoundWhole) {
+    std::string const path = tempPath("bound");
+    std::string const text(kMaxTextFileBytes, ' ');
+    std::ofstream(path, std::ios::binary) << text;
+    EXPECT_EQ(readTextFile(path).size(), kMaxTextFileBytes);
+    std::remove(path.c_str());
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -55,6 +55,16 @@ class StartupErrorsTest(unittest.TestCase):
                 self.assertRefusedBeforeServing(serving(*args), message)
                 self.assertRefusedBeforeServing(run("--check", *args), message)
 
+    def test_a_file_larger_than_any_map_is_refused_without_reading_it_all(self):
+        # /dev/zero never ends: read whole, it would take all the memory.
+        too_large = '"/dev/zero" is larger than 64 MiB, more than any map, scenario or settings file'
+        for args, message in ((("--map", "/dev/zero"), "--map: " + too_large),
+                              (("--scenario", "/dev/zero"), "--scenario: " + too_large),
+                              (("--config", "/dev/zero"), "settings file: " + too_large)):
+            with self.subTest(args=args):
+                self.assertRefusedBeforeServing(serving(*args), message)
+                self.assertRefusedBeforeServing(run("--check", *args), message)
+
     def test_a_listen_address_that_is_no_ipv4_address_is_refused_by_check_and_at_start(self):
         message = '--listen expects an IPv4 address (such as 0.0.0.0 or 127.0.0.1), got "localhost"'
         self.assertRefusedBeforeServing(run("--check", "--listen", "localhost"), message)

@@ -52,6 +52,8 @@ std::string readNamedFile(std::string const& option, std::string const& path,
                           std::string const& heading) {
     try {
         return readTextFile(path);
+    } catch (TextFileTooLarge const& error) {
+        throw ConfigurationError(heading, {option + ": " + error.what()});
     } catch (std::runtime_error const&) {
         throw ConfigurationError(
             heading, {option + ": cannot read \"" + path + "\": " + unreadableReason(path)});

@@ -825,6 +825,16 @@ RegisterMapDefinition parseRegisterMap(std::string const& text) {
     return parseRegisterMapWithNlohmann(text);
 }
 
+namespace {
+
+TextFileTooLarge tooLarge(std::string const& path) {
+    return TextFileTooLarge("\"" + path + "\" is larger than " +
+                            std::to_string(kMaxTextFileBytes >> 20) +
+                            " MiB, more than any map, scenario or settings file");
+}
+
+}  // namespace
+
 std::string readTextFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -840,6 +850,9 @@ std::string readTextFile(std::string const& path) {
     std::uintmax_t const size = std::filesystem::is_regular_file(path, statError)
                                     ? std::filesystem::file_size(path, statError)
                                     : 0;
+    if (!statError && size > kMaxTextFileBytes) {
+        throw tooLarge(path);
+    }
     if (!statError && size > 0) {
         text.resize(static_cast<std::size_t>(size));
         in.read(text.data(), static_cast<std::streamsize>(size));
@@ -848,6 +861,9 @@ std::string readTextFile(std::string const& path) {
     char block[65536];
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<std::size_t>(in.gcount()));
+        if (text.size() > kMaxTextFileBytes) {
+            throw tooLarge(path);
+        }
     }
     // A read that failed, not one that reached the end: a directory.
     if (in.bad()) {

@@ -2,6 +2,7 @@
 // served: every error is collected, each naming the entry and what is wrong.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -34,7 +35,19 @@ std::optional<RegisterMapDefinition> parseRegisterMapQuickly(std::string const& 
 /* The map read with nlohmann alone; throws MapError with every error. */
 RegisterMapDefinition parseRegisterMapWithNlohmann(std::string const& text);
 
-/* Reads a file; throws std::runtime_error when it cannot be read. */
+/* More than any map, scenario or settings file: a 65,536-entry map is about
+ * 20 MiB. Beyond it a file is refused unread, so that one named by mistake
+ * (/dev/zero, a log, a FIFO that never ends) costs no more memory than this. */
+constexpr std::size_t kMaxTextFileBytes = std::size_t{64} << 20;
+
+/* A file refused for its size; what() names the file and the bound. */
+class TextFileTooLarge : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/* Reads a file; throws TextFileTooLarge for one of more than
+ * kMaxTextFileBytes, std::runtime_error when it cannot be read. */
 std::string readTextFile(std::string const& path);
 
 }  // namespace tarsel::daemon
