@@ -1657,3 +1657,85 @@ TEST_F(CdsChannelAccessorTest, DestructorStillLeavesItsOwnRegistriesFirstInOrder
     EXPECT_EQ(store.calls("unsubscribe", settingsSubscription), 1u);
     EXPECT_EQ(store.subscriptionCount(), 0u);
 }
+
+// ---- Accessors destroyed by a listener during a notification ------------------------
+
+namespace {
+
+using MutuallyDestroyingPair = accessor_test::MutuallyDestroyingPair<CdsChannelAccessor>;
+
+std::unique_ptr<CdsChannelAccessor> voltageValueAccessor() {
+    return std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringAValueUpdateIsNotCalled) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_EQ(updates.at(kVoltage), (Accessors{pair.survivor()}));
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringRedetectionIsNotDetected) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+    // The update's read fails, so both accessors detect again; the first
+    // detection finds the channel and its listener destroys the other.
+    store.failNext("getChannelCValue", 1);
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringDeviceCreationIsNotDetected) {
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+    // The device appears with its channel: one creation notification.
+    store.addDevice(kUpsName, kUps, 0, false);
+    store.addChannel(kUps, kVoltageName, kq::CValue(230.5f), kVoltage, false);
+
+    store.notifyDevice(kUps, kq::sub::DeviceCreated);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringADeviceChangeIsNotDetected) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+
+    store.removeChannel(kVoltage);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_FALSE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "cdsapi/in_band_accessor.h"
@@ -149,6 +150,58 @@ void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accesso
         remove(accessors, subscriptionIds, id, accessor);
     }
 }
+
+/* The accessors one notification handler walks: a copy of an id's set, since
+ * detection changes the registries while the walk runs. An accessor destroyed
+ * during the walk (by a listener that tears down an encoder, say) is taken out
+ * of every walk under way by its destructor, through forget(), so no walk
+ * reaches freed memory. Walks nest when a listener causes another
+ * notification; each lives on its handler's stack. Nothing is locked: like
+ * the registries, walks rely on the caller serialising notifications and
+ * destruction. */
+template <typename Accessor>
+class Walk {
+  public:
+    explicit Walk(std::set<Accessor*> accessors)
+        : m_members(std::move(accessors)), m_outer(innermost()) {
+        innermost() = this;
+    }
+    ~Walk() { innermost() = m_outer; }
+    Walk(Walk const&) = delete;
+    Walk& operator=(Walk const&) = delete;
+
+    /* Calls visit(accessor) for every accessor of the walk still alive, in
+     * ascending address order, as the registries' sets are ordered. visit may
+     * destroy any accessor, the one it was given included. */
+    template <typename Visit>
+    void forEach(Visit visit) {
+        for (auto next = m_members.begin(); next != m_members.end();) {
+            Accessor* const accessor = *next;
+            visit(accessor);
+            // Only compared, never followed: the accessor may be gone by now.
+            next = m_members.upper_bound(accessor);
+        }
+    }
+
+    /* Whether the accessor is still alive (it was in the walk to begin with). */
+    bool holds(Accessor* accessor) const { return m_members.count(accessor) != 0; }
+
+    /* An accessor's destructor: no walk under way may reach it any more. */
+    static void forget(Accessor* accessor) noexcept {
+        for (Walk* walk = innermost(); walk != nullptr; walk = walk->m_outer) {
+            walk->m_members.erase(accessor);
+        }
+    }
+
+  private:
+    static Walk*& innermost() {
+        static Walk* walk = nullptr;
+        return walk;
+    }
+
+    std::set<Accessor*> m_members;
+    Walk* m_outer;
+};
 
 /* Follows a path of sub-device indexes from an existing device. Empty when the
  * device is missing, an index is past the end of its list, or the store fails. */
