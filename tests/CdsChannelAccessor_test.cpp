@@ -1739,3 +1739,33 @@ TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringADeviceCh
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(CdsChannelAccessorTest,
+       LastAccessorsOfAChannelDestroyedInsideItsUpdateCloseItsSubscription) {
+    addUpsWithVoltage();
+    std::unique_ptr<CdsChannelAccessor> accessors[2] = {voltageValueAccessor(),
+                                                        voltageValueAccessor()};
+    int calls = 0;
+    for (auto& accessor : accessors) {
+        accessor->setUpdateCallback([&](kq::CValue const& value) {
+            if (value != kq::CValue(1.0f)) {
+                return;
+            }
+            ++calls;
+            // A listener that tears the whole map down: both accessors of the channel.
+            accessors[0].reset();
+            accessors[1].reset();
+        });
+    }
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+    store.setChannelValue(kVoltage, kq::CValue(2.0f));
+
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace
