@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "cdshost/store.h"
+// Allocation failures on demand, while accessors are torn down.
+#include "failing_allocation.h"
 #include "modbus/CdsInBandAccessor.h"
 #include "value_recorder.h"
 
@@ -1764,6 +1766,60 @@ TEST_F(CdsChannelAccessorTest,
     store.setChannelValue(kVoltage, kq::CValue(2.0f));
 
     EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// ---- Tearing down while memory runs out ---------------------------------------------
+
+/* Destroys a freshly built accessor with the allocation after `successes`
+ * ones failing; returns whether that allocation was reached. A destructor
+ * must not throw, so a failing allocation inside it must neither leave it
+ * nor end the process. */
+template <typename Make>
+bool destroyWithAllocationFailing(long successes, Make make) {
+    std::unique_ptr<CdsChannelAccessor> accessor = make();
+    failing_allocation::FailAllocationGuard const guard(successes);
+    accessor.reset();
+    return guard.failed();
+}
+
+TEST_F(CdsChannelAccessorTest, DestructorSurvivesEveryFailingAllocation) {
+    addUpsWithVoltage();
+    // A value accessor has never been in the state and settings registries:
+    // finding that out while it is torn down must not need memory. (Counting
+    // calls per id would take memory of the store's first.)
+    store.countCallsPerId(false);
+    long successes = 0;
+    while (destroyWithAllocationFailing(successes, [] { return voltageValueAccessor(); })) {
+        ++successes;
+        ASSERT_LT(successes, 1000);
+    }
+    // The last destruction met no failure: it left everything behind it.
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, DestructorWithLeftoverEntriesSurvivesEveryFailingAllocation) {
+    addUpsWithVoltage();
+    long successes = 0;
+    auto const alarmEnabled = [] {
+        // Registered under channel id 0 by its first detection, and under the
+        // channel's id after the next: the entry under 0 is a leftover.
+        auto accessor =
+            std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::AlarmEnabled);
+        cdshost::Store::instance().notifyDevice(kUps, kq::sub::DeviceChanged);
+        return accessor;
+    };
+    while (destroyWithAllocationFailing(successes, alarmEnabled)) {
+        ++successes;
+        ASSERT_LT(successes, 1000);
+    }
+    // The last destruction met no failure: it left everything behind it.
     EXPECT_TRUE(registriesEmpty());
     EXPECT_EQ(store.subscriptionCount(), 0u);
 }

@@ -34,9 +34,28 @@ template <typename Accessor>
 using Placements = std::unordered_multimap<Accessor const*, unsigned long long>;
 
 template <typename Accessor>
+using PlacementIndex = std::unordered_map<void const*, Placements<Accessor>>;
+
+template <typename Accessor>
+PlacementIndex<Accessor>& placementIndex() {
+    static PlacementIndex<Accessor> byRegistry;
+    return byRegistry;
+}
+
+/* The placements of one registry, made on the first add to it. */
+template <typename Accessor>
 Placements<Accessor>& placementsIn(Registry<Accessor> const& registry) {
-    static std::unordered_map<void const*, Placements<Accessor>> byRegistry;
-    return byRegistry[&registry];
+    return placementIndex<Accessor>()[&registry];
+}
+
+/* The placements of one registry, or null while nothing was ever added to it.
+ * Allocates nothing: removals run in destructors, and a destructor must not
+ * fail for want of memory. */
+template <typename Accessor>
+Placements<Accessor>* existingPlacementsIn(Registry<Accessor> const& registry) {
+    auto& index = placementIndex<Accessor>();
+    auto const found = index.find(&registry);
+    return found != index.end() ? &found->second : nullptr;
 }
 
 template <typename Accessor>
@@ -48,12 +67,15 @@ void notePlacement(Registry<Accessor> const& registry, Accessor const* accessor,
 template <typename Accessor>
 void forgetPlacement(Registry<Accessor> const& registry, Accessor const* accessor,
                      unsigned long long id) {
-    auto& placements = placementsIn(registry);
-    auto const [first, last] = placements.equal_range(accessor);
+    Placements<Accessor>* const placements = existingPlacementsIn(registry);
+    if (placements == nullptr) {
+        return;
+    }
+    auto const [first, last] = placements->equal_range(accessor);
     auto const found =
         std::find_if(first, last, [id](auto const& placement) { return placement.second == id; });
     if (found != last) {
-        placements.erase(found);
+        placements->erase(found);
     }
 }
 
@@ -137,16 +159,16 @@ template <typename Accessor>
 void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accessors,
                       std::map<unsigned long long, unsigned long long>& subscriptionIds,
                       Accessor* accessor) noexcept {
-    auto const [first, last] = placementsIn(accessors).equal_range(accessor);
-    if (first == last) {
+    Placements<Accessor>* const placements = existingPlacementsIn(accessors);
+    if (placements == nullptr) {
         return;
     }
-    // A copy: each removal below forgets its id in the index.
-    std::vector<unsigned long long> ids;
-    for (auto placement = first; placement != last; ++placement) {
-        ids.push_back(placement->second);
-    }
-    for (unsigned long long const id : ids) {
+    // One placement at a time, taken out of the index before its removal:
+    // nothing is copied, so leaving needs no memory.
+    for (auto placement = placements->find(accessor); placement != placements->end();
+         placement = placements->find(accessor)) {
+        unsigned long long const id = placement->second;
+        placements->erase(placement);
         remove(accessors, subscriptionIds, id, accessor);
     }
 }
