@@ -295,6 +295,7 @@ TEST_F(CdsAlarmToOneDiscreteAccessorTest, IndexPathBindsTheChannelOfTheSubDevice
     Accessor accessor(kUps, {1}, "Fan.Failure", modbus::AlarmTypeFlagSetLevel7);
     expectBound(&accessor, 21, 200);
     EXPECT_EQ(accessor.getCValue(), kTrue);
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0u);  // the direct sub-devices
 }
 
 TEST_F(CdsAlarmToOneDiscreteAccessorTest, IndexPathBeyondTheListWaitsForTheConfiguredDevice) {

@@ -191,6 +191,9 @@ TEST_F(CdsChannelAccessorTest, SubDevicePathConstructorWalksIndexesToSubDevice) 
     EXPECT_EQ(store.calls("getDevice", kUps), 1u);
     EXPECT_EQ(store.calls("getSubDevicesIds", kUps), 1u);
     EXPECT_EQ(store.calls("getSubDevicesIds", module1), 1u);
+    // Each step asks for the direct sub-devices: selector 0.
+    EXPECT_EQ(store.lastSubDeviceSelector(kUps), 0u);
+    EXPECT_EQ(store.lastSubDeviceSelector(module1), 0u);
     EXPECT_EQ(store.calls("getChannelId", cell0), 1u);
     EXPECT_EQ(store.calls("getChannelId"), 1u);
     // The channel's device is followed, not the top device.

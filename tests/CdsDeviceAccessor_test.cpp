@@ -319,6 +319,23 @@ TEST_F(CdsDeviceAccessorTest, Attribute16CountsWhatTheStoreListsForSelector7FFFF
     EXPECT_EQ(accessor.getCValue(), kq::CValue(static_cast<unsigned long long>(listed.size())));
 }
 
+TEST_F(CdsDeviceAccessorTest, Attribute16AsksTheStoreWithSelector7FFFFFFF) {
+    addSubDevices(kUps, 2, "Module");
+    CdsDeviceAccessor const accessor(kUps, cdsapi::AttributeSubDeviceCount);
+    store().resetCalls();
+    static_cast<void>(accessor.getCValue());
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0x7FFFFFFFu);
+}
+
+TEST_F(CdsDeviceAccessorTest, IndexPathIsFollowedWithSelector0) {
+    auto const children = addSubDevices(kUps, 2, "Module");
+    addSubDevices(children[1], 1, "Cell");
+    CdsDeviceAccessor const accessor(kUps, {1, 0}, cdsapi::AttributeModel);
+    ASSERT_TRUE(accessor.isExitingInCds());
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0u);
+    EXPECT_EQ(store().lastSubDeviceSelector(children[1]), 0u);
+}
+
 TEST_F(CdsDeviceAccessorTest, Attribute16BeforeDetectionAsksAboutDevice0) {
     CdsDeviceAccessor const accessor(77, cdsapi::AttributeSubDeviceCount);
     store().resetCalls();
