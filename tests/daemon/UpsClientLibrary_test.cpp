@@ -43,6 +43,16 @@ TEST(UpsClientLibraryTest, TheFirstUseLoadsTheLibraryAndResolvesEveryFunction) {
     EXPECT_EQ(&UpsClientLibrary::instance(), &library);
 }
 
+TEST(UpsClientLibraryTest, TheFirstUseDoesNotStartNssForTheSslTheDaemonNeverUses) {
+    // upscli_init would start NSS, which loads its soft token (and with it
+    // its crypto library), about 2.5 MiB resident, and write a line on
+    // stderr; plain connections need none of it.
+    ASSERT_TRUE(UpsClientLibrary::instance().loaded()) << UpsClientLibrary::instance().failure();
+    EXPECT_TRUE(mapped("libnss3.so"));
+    EXPECT_FALSE(mapped("libsoftokn3.so"));
+    EXPECT_FALSE(mapped("libfreebl3.so"));
+}
+
 TEST(UpsClientLibraryTest, ResolvedFunctionsWorkAConnectionRefusedIsAFailureOfTheLibrary) {
     UpsClientLibrary const& library = UpsClientLibrary::instance();
     ASSERT_TRUE(library.loaded()) << library.failure();
