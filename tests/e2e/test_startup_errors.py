@@ -125,9 +125,17 @@ class StartupErrorsTest(unittest.TestCase):
 
     def test_an_audit_trail_that_cannot_be_opened_is_a_bad_configuration_naming_the_reason(self):
         trail = self.path("no-such-directory/audit.log")
-        self.assertRefusedBeforeServing(
-            serving("--audit-log", trail),
-            '--audit-log: cannot open the audit trail "%s": No such file or directory' % trail)
+        message = '--audit-log: cannot open the audit trail "%s": No such file or directory' % trail
+        self.assertRefusedBeforeServing(serving("--audit-log", trail), message)
+        self.assertRefusedBeforeServing(run("--check", "--audit-log", trail), message)
+
+    def test_check_finds_an_audit_trail_that_can_be_opened_without_creating_it(self):
+        # Created by a --check run as root, the trail could not be written
+        # by the service's own user afterwards.
+        trail = self.path("audit.log")
+        out = run("--check", "--audit-log", trail)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertFalse(os.path.exists(trail))
 
     def test_a_privileged_port_without_the_right_to_bind_it_says_what_gives_that_right(self):
         with open("/proc/sys/net/ipv4/ip_unprivileged_port_start", encoding="utf-8") as f:

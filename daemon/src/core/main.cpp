@@ -258,6 +258,13 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
             refusals.push_back({std::string("--nut-credentials: ") + error.what(), {}});
         }
     }
+    // The audit trail is opened when serving starts; --check asks whether
+    // it could be, without creating it.
+    if (options.check && !options.auditLog.empty()) {
+        if (std::optional<std::string> const why = AuditTrail::whyNotOpenable(options.auditLog)) {
+            refusals.push_back({"--audit-log: " + *why, {}});
+        }
+    }
     if (!refusals.empty()) {
         for (auto const& line : refusalLines(refusals)) {
             log.error(line);
