@@ -216,8 +216,11 @@ class Walk {
     }
 
   private:
+    /* Per thread: a walk and the destructions it must hear of run on one
+     * thread (the caller serialises them), and handlers that only read,
+     * delivered on two threads at once, must not share a chain. */
     static Walk*& innermost() {
-        static Walk* walk = nullptr;
+        thread_local Walk* walk = nullptr;
         return walk;
     }
 
