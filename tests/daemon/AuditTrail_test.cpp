@@ -71,5 +71,33 @@ TEST_F(AuditTrailTest, AFileThatCannotBeOpenedThrowsNamingItAndTheReason) {
     }
 }
 
+TEST_F(AuditTrailTest, WhyNotOpenableSaysWhatOpeningWouldThrowWithoutCreatingTheFile) {
+    EXPECT_EQ(AuditTrail::whyNotOpenable(path), std::nullopt);
+    EXPECT_FALSE(std::ifstream(path).good()) << "the check created the trail";
+    AuditTrail(path, fixedClock()).record("kept");
+    EXPECT_EQ(AuditTrail::whyNotOpenable(path), std::nullopt);
+    EXPECT_EQ(AuditTrail::whyNotOpenable("/nonexistent-directory/audit.log"),
+              "cannot open the audit trail \"/nonexistent-directory/audit.log\": No such file or "
+              "directory");
+    std::string const directory = ::testing::TempDir();
+    EXPECT_EQ(AuditTrail::whyNotOpenable(directory),
+              "cannot open the audit trail \"" + directory + "\": Is a directory");
+    try {
+        AuditTrail trail(directory);
+        FAIL() << "opened a directory";
+    } catch (std::runtime_error const& error) {
+        EXPECT_EQ(error.what(), *AuditTrail::whyNotOpenable(directory));
+    }
+    // A file under a file: opening fails as the check says.
+    std::string const under = path + "/audit.log";
+    ASSERT_TRUE(AuditTrail::whyNotOpenable(under).has_value());
+    try {
+        AuditTrail trail(under);
+        FAIL() << "opened a file under a file";
+    } catch (std::runtime_error const& error) {
+        EXPECT_EQ(error.what(), *AuditTrail::whyNotOpenable(under));
+    }
+}
+
 }  // namespace
 }  // namespace tarsel::daemon

@@ -74,7 +74,8 @@ TEST_F(ConfigurationFilesTest, ABadUpsMapIsRefusedNamingItsFile) {
         FAIL() << "a bad map was taken";
     } catch (ConfigurationError const& error) {
         EXPECT_NE(std::string(error.what()).find(bad), std::string::npos) << error.what();
-        EXPECT_FALSE(error.errors().empty());
+        ASSERT_EQ(error.refusals().size(), 1u);
+        EXPECT_FALSE(error.refusals().front().errors.empty());
     }
 }
 
@@ -85,7 +86,8 @@ TEST_F(ConfigurationFilesTest, ABadMapIsRefusedNamingItsFile) {
         FAIL() << "a bad map was taken";
     } catch (ConfigurationError const& error) {
         EXPECT_EQ(std::string(error.what()), "the register map \"" + bad + "\" cannot be served:");
-        EXPECT_FALSE(error.errors().empty());
+        ASSERT_EQ(error.refusals().size(), 1u);
+        EXPECT_FALSE(error.refusals().front().errors.empty());
     }
 }
 
@@ -96,8 +98,40 @@ TEST_F(ConfigurationFilesTest, ABadScenarioIsRefusedNamingItsFile) {
         FAIL() << "a bad scenario was taken";
     } catch (ConfigurationError const& error) {
         EXPECT_EQ(std::string(error.what()), "the scenario \"" + bad + "\" cannot be played:");
-        EXPECT_FALSE(error.errors().empty());
+        ASSERT_EQ(error.refusals().size(), 1u);
+        EXPECT_FALSE(error.refusals().front().errors.empty());
     }
+}
+
+TEST_F(ConfigurationFilesTest, EveryBadFileIsRefusedAtOnceABadMapHidesNoOther) {
+    std::string const map = file("bad-map.json", R"({"entries": [{"table": "coils"}]})");
+    std::string const upsMap = file("bad-ups.json", R"({"entries": 3})");
+    std::string const scenario = file("bad-scenario.json", R"({"devices": 5})");
+    try {
+        loadConfiguration({"--map", map, "--scenario", scenario});
+        FAIL() << "bad files were taken";
+    } catch (ConfigurationError const& error) {
+        ASSERT_EQ(error.refusals().size(), 2u);
+        EXPECT_EQ(error.refusals()[0].heading,
+                  "the register map \"" + map + "\" cannot be served:");
+        EXPECT_EQ(error.refusals()[1].heading,
+                  "the scenario \"" + scenario + "\" cannot be played:");
+        EXPECT_FALSE(error.refusals()[1].errors.empty());
+        EXPECT_EQ(std::string(error.what()), error.refusals()[0].heading);
+    }
+    try {
+        loadConfiguration({"--map", map, "--nut", "a", "--nut-map", upsMap});
+        FAIL() << "bad files were taken";
+    } catch (ConfigurationError const& error) {
+        ASSERT_EQ(error.refusals().size(), 2u);
+        EXPECT_EQ(error.refusals()[1].heading,
+                  "the register map \"" + upsMap + "\" cannot be served:");
+    }
+}
+
+TEST_F(ConfigurationFilesTest, RefusalLinesAreEachHeadingThenItsErrorsIndented) {
+    EXPECT_EQ(refusalLines({{"the map:", {"a", "b"}}, {"--tls-port: no module", {}}}),
+              (std::vector<std::string>{"the map:", "  a", "  b", "--tls-port: no module"}));
 }
 
 /* The one error loadConfiguration() refuses args with, under its heading. */
@@ -105,9 +139,12 @@ std::string refusal(std::vector<std::string> const& args) {
     try {
         loadConfiguration(args);
     } catch (ConfigurationError const& error) {
-        std::string text = error.what();
-        for (auto const& line : error.errors()) {
-            text += "\n" + line;
+        std::string text;
+        for (auto const& refusal : error.refusals()) {
+            text += (text.empty() ? "" : "\n") + refusal.heading;
+            for (auto const& line : refusal.errors) {
+                text += "\n" + line;
+            }
         }
         return text;
     }

@@ -371,6 +371,26 @@ TEST_F(ReloaderTest, AMissingMapFileIsRefused) {
     EXPECT_EQ(readHolding(m_daemon.core(), 0, 2), (std::vector<std::uint16_t>{0, 5}));
 }
 
+TEST_F(ReloaderTest, EveryBadFileOfAReloadIsLoggedNotOnlyTheFirst) {
+    std::vector<std::string> const args = {"--map", "/nonexistent/map.json", "--scenario",
+                                           "/nonexistent/scenario.json"};
+    Reloader reload = Reloader([args] { return loadConfiguration(args); }, parseOptions(args),
+                               m_daemon.core(), {}, &m_metrics, m_daemon.log());
+    EXPECT_FALSE(reload.reload());
+    std::string const log = m_daemon.logText();
+    std::size_t const map =
+        log.find("error: reload: the register map \"/nonexistent/map.json\" cannot be served:");
+    std::size_t const scenario =
+        log.find("error: reload: the scenario \"/nonexistent/scenario.json\" cannot be played:");
+    std::size_t const refused = log.find("error: reload refused; still serving the running map");
+    ASSERT_NE(map, std::string::npos) << log;
+    ASSERT_NE(scenario, std::string::npos) << log;
+    ASSERT_NE(refused, std::string::npos) << log;
+    EXPECT_LT(map, scenario);
+    EXPECT_LT(scenario, refused);
+    EXPECT_EQ(m_metrics.reloads(ReloadOutcome::Refused), 1u);
+}
+
 TEST_F(ReloaderTest, AChangedListenerIsRefusedAsNeedingARestart) {
     std::vector<std::string> next = m_args;
     next.insert(next.end(), {"--port", "1503", "--nut-interval", "2"});

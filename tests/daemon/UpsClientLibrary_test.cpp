@@ -32,7 +32,6 @@ TEST(UpsClientLibraryTest, TheFirstUseLoadsTheLibraryAndResolvesEveryFunction) {
     UpsClientLibrary const& library = UpsClientLibrary::instance();
     ASSERT_TRUE(library.loaded()) << library.failure();
     EXPECT_TRUE(mapped("libupsclient.so"));
-    EXPECT_NE(library.init, nullptr);
     EXPECT_NE(library.tryconnect, nullptr);
     EXPECT_NE(library.disconnect, nullptr);
     EXPECT_NE(library.list_start, nullptr);
@@ -42,6 +41,16 @@ TEST(UpsClientLibraryTest, TheFirstUseLoadsTheLibraryAndResolvesEveryFunction) {
     EXPECT_NE(library.upserror, nullptr);
     EXPECT_NE(library.strerror, nullptr);
     EXPECT_EQ(&UpsClientLibrary::instance(), &library);
+}
+
+TEST(UpsClientLibraryTest, TheFirstUseDoesNotStartNssForTheSslTheDaemonNeverUses) {
+    // upscli_init would start NSS, which loads its soft token (and with it
+    // its crypto library), about 2.5 MiB resident, and write a line on
+    // stderr; plain connections need none of it.
+    ASSERT_TRUE(UpsClientLibrary::instance().loaded()) << UpsClientLibrary::instance().failure();
+    EXPECT_TRUE(mapped("libnss3.so"));
+    EXPECT_FALSE(mapped("libsoftokn3.so"));
+    EXPECT_FALSE(mapped("libfreebl3.so"));
 }
 
 TEST(UpsClientLibraryTest, ResolvedFunctionsWorkAConnectionRefusedIsAFailureOfTheLibrary) {
@@ -66,14 +75,14 @@ TEST(UpsClientLibraryTest, AFileThatCannotBeLoadedIsAFailureNamingIt) {
         << library.failure();
     EXPECT_NE(library.failure().find("libtarsel-no-such-client.so.0"), std::string::npos)
         << library.failure();
-    EXPECT_EQ(library.init, nullptr);
+    EXPECT_EQ(library.tryconnect, nullptr);
 }
 
 TEST(UpsClientLibraryTest, ALibraryWithoutTheClientsFunctionsIsAFailureNamingTheFirstMissing) {
     // Any library this process has mapped anyway; it has no upscli_* at all.
     UpsClientLibrary const library("libm.so.6");
     EXPECT_FALSE(library.loaded());
-    EXPECT_EQ(library.failure(), "cannot load NUT's client library: upscli_init is missing");
+    EXPECT_EQ(library.failure(), "cannot load NUT's client library: upscli_tryconnect is missing");
 }
 
 }  // namespace

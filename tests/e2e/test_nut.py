@@ -139,6 +139,16 @@ class NutTest(GatewayWithUpsdTest):
             maps = f.read()
         self.assertIn("/libupsclient.so", maps)
 
+    def test_every_line_on_stderr_is_the_daemons_own_log_line(self):
+        # NUT's client library writes on stderr when it is initialised for
+        # SSL, which the daemon never uses: a line outside the log format
+        # that a journal shows without priority and integrators ask about.
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.assertEqual(text(self.registers(NAME, 8)), "bench")
+        self.daemon.stop()
+        strays = [line for line in self.daemon.log_lines if not line.startswith("tarsel-modbusd:")]
+        self.assertEqual(strays, [], "\n".join(self.daemon.log_lines))
+
     def test_every_float_and_32_bit_entry_decodes_big_endian_to_the_dev_files_value(self):
         self.start({"bench": ("bench.dev", demo_dev())})
         with open(NUT_MAP, encoding="utf-8") as f:

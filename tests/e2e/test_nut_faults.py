@@ -75,6 +75,7 @@ class Script:
     def __init__(self, variables):
         self.variables = dict(variables)
         self.misbehaving = None
+        self.commands_answer = None  # LIST CMD misbehaving, a function of nothing
         # How upsd answers SET VAR and GET TRACKING (functions of nothing).
         self.set_answer = lambda: f"OK TRACKING {TRACKING_ID}\n".encode("ascii")
         self.tracking_answer = lambda: b"SUCCESS\n"
@@ -83,6 +84,8 @@ class Script:
     def __call__(self, line):
         if self.misbehaving is not None and line.startswith("LIST VAR"):
             return self.misbehaving()
+        if self.commands_answer is not None and line.startswith("LIST CMD"):
+            return self.commands_answer()
         words = line.split()
         if words[:1] in (["USERNAME"], ["PASSWORD"]) or words == ["SET", "TRACKING", "ON"]:
             return b"OK\n"
@@ -112,7 +115,7 @@ class NutFaultsTest(unittest.TestCase):
         self.upsd.stop()
         self.dir.cleanup()
 
-    def start(self, writes=False, env=None):
+    def start(self, writes=False, env=None, served=True):
         args = ["--map", NUT_MAP, "--nut-interval", str(POLL_S), "--nut",
                 self.upsd.endpoint("ups")]
         if writes:
@@ -123,8 +126,9 @@ class NutFaultsTest(unittest.TestCase):
             args += ["--nut-writes", "--nut-credentials", credentials]
         self.daemon = Daemon(args=args, verbose=False, env=env)
         self.client = self.daemon.client()
-        self.assertTrue(wait_until(lambda: self.charge() == [100], 10.0),
-                        "the UPS was never served\n" + self.log())
+        if served:
+            self.assertTrue(wait_until(lambda: self.charge() == [100], 10.0),
+                            "the UPS was never served\n" + self.log())
 
     def charge(self):
         """battery.charge as served, or None for an exception; asserts that
@@ -260,6 +264,40 @@ class NutFaultsTest(unittest.TestCase):
         self.assertIn("stale: Data stale", changes[0])
         self.script.misbehaving = None
         self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+
+    def assertSaidOnce(self, text):
+        self.daemon.drain_log()
+        said = [line for line in self.daemon.log_lines if text in line]
+        self.assertEqual(len(said), 1, "\n".join(self.daemon.log_lines[-30:]))
+
+    def test_a_variable_list_ended_as_another_upss_is_not_taken_for_this_upss(self):
+        self.start()
+        # NUT's client library takes any END LIST for the end of the list it
+        # asked for: these lines could be another UPS's.
+        self.script.misbehaving = lambda: (b'BEGIN LIST VAR ups\nVAR ups battery.charge "18"\n'
+                                           b'END LIST VAR other\n')
+        self.assertTrue(wait_until(lambda: self.charge() == [UINT16_NOT_IMPLEMENTED],
+                                   FAULT_LIMIT_S), self.log())
+        polls = len(self.upsd.requests_of("LIST VAR"))
+        self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST VAR")) >= polls + 3,
+                                   FAULT_LIMIT_S), self.log())
+        self.assertEqual(self.charge(), [UINT16_NOT_IMPLEMENTED])
+        self.script.misbehaving = None
+        self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+        self.assertSaidOnce('upsd unreachable: upsd ended the list of "ups" with '
+                            '"END LIST VAR other"')
+
+    def test_a_command_list_ended_as_another_upss_is_not_taken_for_this_upss(self):
+        self.script.commands_answer = lambda: (b'BEGIN LIST CMD ups\nCMD ups beeper.off\n'
+                                               b'END LIST CMD other\n')
+        self.start(served=False)
+        self.assertTrue(wait_until(lambda: len(self.upsd.requests_of("LIST CMD")) >= 3, 10.0),
+                        self.log())
+        self.assertNotEqual(self.charge(), [100])
+        self.script.commands_answer = None
+        self.assertTrue(wait_until(lambda: self.charge() == [100], FAULT_LIMIT_S), self.log())
+        self.assertSaidOnce('upsd unreachable: upsd ended the list of "ups" with '
+                            '"END LIST CMD other"')
 
     def test_sigterm_during_a_connect_that_then_succeeds_stops_without_polling_on(self):
         # A upsd whose queue of connections waiting to be accepted is full:

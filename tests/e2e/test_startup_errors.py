@@ -93,11 +93,49 @@ class StartupErrorsTest(unittest.TestCase):
         out = run("--check", *args)
         self.assertEqual(out.returncode, 0, out.stderr)
 
+    def test_every_file_at_fault_is_listed_at_once_by_check_and_at_start(self):
+        # A bad map must not hide a bad scenario, TLS certificate or NUT
+        # credentials file: each would otherwise cost one more round of
+        # fixing and checking.
+        bad_map = self.path("map.json")
+        with open(bad_map, "w", encoding="utf-8") as f:
+            f.write('{"entries": [{"table": "coils"}]}')
+        bad_scenario = self.path("scenario.json")
+        with open(bad_scenario, "w", encoding="utf-8") as f:
+            f.write('{"devices": 5}')
+        files = make_certificates(self.dir.name)
+        missing = self.path("missing.pem")
+        tls = ("--tls-port", "0", "--tls-cert", missing, "--tls-key", files["server"][1],
+               "--tls-ca", files["ca"][0], "--tls-role", "operator=read-write")
+        expected = ('the register map "%s" cannot be served:' % bad_map,
+                    'the scenario "%s" cannot be played:' % bad_scenario,
+                    "TLS: cannot load the certificate %s: " % missing)
+        args = ("--map", bad_map, "--scenario", bad_scenario, *tls)
+        for out in (run("--check", *args), serving(*args)):
+            for message in expected:
+                self.assertRefusedBeforeServing(out, message)
+        credentials = self.path("credentials")
+        with open(credentials, "w", encoding="utf-8") as f:
+            f.write("username = gateway\n")
+        os.chmod(credentials, 0o600)
+        out = run("--check", "--map", bad_map, *tls, "--nut", "ups@127.0.0.1:1", "--nut-writes",
+                  "--nut-credentials", credentials)
+        for message in (expected[0], expected[2], "--nut-credentials: "):
+            self.assertRefusedBeforeServing(out, message)
+
     def test_an_audit_trail_that_cannot_be_opened_is_a_bad_configuration_naming_the_reason(self):
         trail = self.path("no-such-directory/audit.log")
-        self.assertRefusedBeforeServing(
-            serving("--audit-log", trail),
-            '--audit-log: cannot open the audit trail "%s": No such file or directory' % trail)
+        message = '--audit-log: cannot open the audit trail "%s": No such file or directory' % trail
+        self.assertRefusedBeforeServing(serving("--audit-log", trail), message)
+        self.assertRefusedBeforeServing(run("--check", "--audit-log", trail), message)
+
+    def test_check_finds_an_audit_trail_that_can_be_opened_without_creating_it(self):
+        # Created by a --check run as root, the trail could not be written
+        # by the service's own user afterwards.
+        trail = self.path("audit.log")
+        out = run("--check", "--audit-log", trail)
+        self.assertEqual(out.returncode, 0, out.stderr)
+        self.assertFalse(os.path.exists(trail))
 
     def test_a_privileged_port_without_the_right_to_bind_it_says_what_gives_that_right(self):
         with open("/proc/sys/net/ipv4/ip_unprivileged_port_start", encoding="utf-8") as f:

@@ -1,5 +1,8 @@
 #include "AuditTrail.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -30,6 +33,33 @@ AuditTrail::AuditTrail(std::string const& path, Clock clock)
         throw std::runtime_error("cannot open the audit trail " + quotedValue(path) + ": " +
                                  std::strerror(errno));
     }
+}
+
+std::optional<std::string> AuditTrail::whyNotOpenable(std::string const& path) {
+    int reason = 0;
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0) {
+        if (S_ISDIR(status.st_mode)) {
+            reason = EISDIR;
+        } else if (::access(path.c_str(), W_OK) != 0) {
+            reason = errno;
+        }
+    } else if (errno == ENOENT) {
+        // Opening would create it: its directory must let us.
+        std::string::size_type const slash = path.rfind('/');
+        std::string const directory = slash == std::string::npos ? "."
+                                      : slash == 0               ? "/"
+                                                                 : path.substr(0, slash);
+        if (::access(directory.c_str(), W_OK | X_OK) != 0) {
+            reason = errno;
+        }
+    } else {
+        reason = errno;
+    }
+    if (reason == 0) {
+        return std::nullopt;
+    }
+    return "cannot open the audit trail " + quotedValue(path) + ": " + std::strerror(reason);
 }
 
 void AuditTrail::record(std::string const& text) {

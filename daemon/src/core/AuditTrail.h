@@ -7,6 +7,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace tarsel::daemon {
@@ -19,6 +20,12 @@ class AuditTrail {
      * cannot be opened. */
     explicit AuditTrail(
         std::string const& path, Clock clock = [] { return std::chrono::system_clock::now(); });
+
+    /* Why the file could not be opened for appending, in the words the
+     * constructor would throw, found without opening or creating it (what
+     * --check asks: a trail it created as root could not be written by the
+     * service's user afterwards); nothing when it could be opened. */
+    static std::optional<std::string> whyNotOpenable(std::string const& path);
 
     /* One line: the UTC time, then the text with its control characters
      * escaped; written through at once, so a crash loses nothing. */

@@ -94,30 +94,52 @@ bool sameTls(TlsConfig const& a, TlsConfig const& b) {
            a.caFile == b.caFile && a.roles == b.roles;
 }
 
+/* Runs `load`; what it refuses joins `refusals`, under `heading` when
+ * the refusal is a file's errors: loading goes on with the next file. */
+template <typename Load>
+void collectRefusal(std::vector<Refusal>& refusals, std::string const& heading, Load&& load) {
+    try {
+        load();
+    } catch (MapError const& error) {
+        refusals.push_back({heading, error.errors()});
+    } catch (ScenarioError const& error) {
+        refusals.push_back({heading, error.errors()});
+    } catch (ConfigurationError const& error) {
+        refusals.insert(refusals.end(), error.refusals().begin(), error.refusals().end());
+    }
+}
+
 }  // namespace
+
+std::vector<std::string> refusalLines(std::vector<Refusal> const& refusals) {
+    std::vector<std::string> lines;
+    for (Refusal const& refusal : refusals) {
+        lines.push_back(refusal.heading);
+        for (auto const& error : refusal.errors) {
+            lines.push_back("  " + error);
+        }
+    }
+    return lines;
+}
 
 Configuration loadFiles(Options options) {
     Configuration configuration;
-    try {
-        configuration.map = loadMap(options);
-    } catch (MapError const& error) {
-        throw ConfigurationError(mapHeading(options.mapFile), error.errors());
-    }
+    std::vector<Refusal> refusals;
+    collectRefusal(refusals, mapHeading(options.mapFile),
+                   [&] { configuration.map = loadMap(options); });
     for (std::string const& file : options.nutMaps) {
         std::string const heading = mapHeading(file);
-        try {
+        collectRefusal(refusals, heading, [&] {
             configuration.upsMaps.push_back(
                 file.empty()
                     ? std::nullopt
                     : std::optional(parseRegisterMap(readNamedFile("--nut-map", file, heading))));
-        } catch (MapError const& error) {
-            throw ConfigurationError(heading, error.errors());
-        }
+        });
     }
-    try {
-        configuration.scenario = loadScenario(options);
-    } catch (ScenarioError const& error) {
-        throw ConfigurationError(scenarioHeading(options.scenarioFile), error.errors());
+    collectRefusal(refusals, scenarioHeading(options.scenarioFile),
+                   [&] { configuration.scenario = loadScenario(options); });
+    if (!refusals.empty()) {
+        throw ConfigurationError(std::move(refusals));
     }
     configuration.options = std::move(options);
     return configuration;

@@ -24,20 +24,37 @@ struct Configuration {
     std::optional<Scenario> scenario;  // nothing: no scenario (none, or NUT)
 };
 
-/* A configuration that cannot be served: what it is, and every error. */
+/* One thing of a configuration that cannot be used (a file, a setting):
+ * what it is, and every error found in it (none when the heading says it
+ * all). */
+struct Refusal {
+    std::string heading;
+    std::vector<std::string> errors;
+};
+
+/* A configuration that cannot be served: every file or setting at fault,
+ * each with its errors, so that one look at the log (or one --check) shows
+ * all there is to mend. what() is the first heading. */
 class ConfigurationError : public std::runtime_error {
   public:
     ConfigurationError(std::string const& heading, std::vector<std::string> errors)
-        : std::runtime_error(heading), m_errors(std::move(errors)) {}
-    std::vector<std::string> const& errors() const { return m_errors; }
+        : ConfigurationError(std::vector<Refusal>{{heading, std::move(errors)}}) {}
+    /* At least one refusal. */
+    explicit ConfigurationError(std::vector<Refusal> refusals)
+        : std::runtime_error(refusals.at(0).heading), m_refusals(std::move(refusals)) {}
+    std::vector<Refusal> const& refusals() const { return m_refusals; }
 
   private:
-    std::vector<std::string> m_errors;
+    std::vector<Refusal> m_refusals;
 };
 
+/* The refusals as log lines: each heading, then its errors indented. */
+std::vector<std::string> refusalLines(std::vector<Refusal> const& refusals);
+
 /* Reads and checks the maps and the scenario the options name. Throws
- * ConfigurationError listing every error of the file at fault, or naming
- * the option, the file and the reason for a file that cannot be read. */
+ * ConfigurationError listing every file at fault: every error of a file
+ * with errors, the option, the file and the reason for a file that cannot
+ * be read. A bad map does not hide a bad scenario. */
 Configuration loadFiles(Options options);
 /* The command line, then its files; a bad command line is a
  * ConfigurationError too. */

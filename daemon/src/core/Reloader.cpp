@@ -45,26 +45,31 @@ bool Reloader::loadAndApply() {
         next = m_load();
         served = servedConfig(next);
     } catch (ConfigurationError const& error) {
-        return refuse(error.errors(), error.what());
+        return refuse(error.refusals());
     } catch (std::exception const& error) {
-        return refuse({}, error.what());
+        return refuse({{error.what(), {}}});
     }
     std::vector<std::string> const restart = settingsNeedingRestart(m_running, next.options);
     if (!restart.empty()) {
-        return refuse({}, joined(restart) + " changed, which needs a restart");
+        return refuse({{joined(restart) + " changed, which needs a restart", {}}});
     }
     apply(next, served);
     return true;
 }
 
-bool Reloader::refuse(std::vector<std::string> const& errors, std::string const& why) {
-    if (!errors.empty()) {
-        m_log.error("reload: " + why);
-        for (auto const& line : errors) {
-            m_log.error("  " + line);
+bool Reloader::refuse(std::vector<Refusal> const& refusals) {
+    // One reason without details fits the closing line; anything more is
+    // listed first, each file or setting with its errors.
+    bool const oneLine = refusals.size() == 1 && refusals.front().errors.empty();
+    if (!oneLine) {
+        for (Refusal const& refusal : refusals) {
+            m_log.error("reload: " + refusal.heading);
+            for (auto const& line : refusal.errors) {
+                m_log.error("  " + line);
+            }
         }
     }
-    m_log.error("reload refused" + (errors.empty() ? ": " + why : std::string()) +
+    m_log.error("reload refused" + (oneLine ? ": " + refusals.front().heading : std::string()) +
                 "; still serving the running map");
     if (m_metrics != nullptr) {
         m_metrics->countReload(ReloadOutcome::Refused);

@@ -43,7 +43,7 @@ class Reloader {
 
   private:
     bool loadAndApply();
-    bool refuse(std::vector<std::string> const& errors, std::string const& why);
+    bool refuse(std::vector<Refusal> const& refusals);
     void apply(Configuration const& next, ServedConfig const& served);
 
     Load m_load;

@@ -189,18 +189,53 @@ int serve(Configuration const& configuration, std::vector<std::string> const& ar
     return status;
 }
 
+/* Loads the TLS module of --tls-port and, with it, the certificate, key
+ * and CA; what cannot be used is refused, naming it. */
+std::optional<Refusal> loadTls(Options const& options, std::optional<TlsModule>& module,
+                               std::shared_ptr<TlsContext const>& context) {
+    std::optional<std::string> const path = TlsModule::pathBesideProgram();
+    if (!path) {
+        return Refusal{std::string("--tls-port: cannot find the TLS module: the program's own "
+                                   "file cannot be read from ") +
+                           TlsModule::kProgramLink,
+                       {}};
+    }
+    module.emplace(*path);
+    if (!module->loaded()) {
+        return Refusal{"--tls-port: " + module->failure(), {}};
+    }
+    try {
+        context = module->makeContext(options.tls);
+    } catch (std::exception const& error) {
+        return Refusal{error.what(), {}};
+    }
+    return std::nullopt;
+}
+
+/* What --check reports of a configuration that can be served. */
+int reportChecked(Configuration const& configuration, Log& log) {
+    log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
+    for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
+        log.warning("map: " + line);
+    }
+    log.info(configuration.scenario
+                 ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
+                       " events, valid"
+                 : std::string("scenario: none"));
+    return 0;
+}
+
 int run(std::vector<std::string> const& args, Options const& options, Log& log) {
     Configuration configuration;
     CoreConfig config;
+    // Everything that cannot be used is listed before the daemon stops (or
+    // --check answers): a bad map does not hide a bad scenario or key.
+    std::vector<Refusal> refusals;
     try {
         configuration = loadFiles(options);
         static_cast<ServedConfig&>(config) = servedConfig(configuration);
     } catch (ConfigurationError const& error) {
-        log.error(error.what());
-        for (auto const& line : error.errors()) {
-            log.error("  " + line);
-        }
-        return kExitBadInput;
+        refusals = error.refusals();
     }
     // The TLS module is loaded only for --tls-port, before anything
     // listens (--describe listens to nothing); a reload cannot change TLS,
@@ -210,45 +245,34 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
     std::optional<TlsModule> tls;
     std::shared_ptr<TlsContext const> tlsContext;
     if (options.tlsPort && !options.describe) {
-        std::optional<std::string> const path = TlsModule::pathBesideProgram();
-        if (!path) {
-            log.error(std::string("--tls-port: cannot find the TLS module: the program's own file "
-                                  "cannot be read from ") +
-                      TlsModule::kProgramLink);
-            return kExitBadInput;
-        }
-        tls.emplace(*path);
-        if (!tls->loaded()) {
-            log.error("--tls-port: " + tls->failure());
-            return kExitBadInput;
-        }
-        try {
-            tlsContext = tls->makeContext(options.tls);
-        } catch (std::exception const& error) {
-            log.error(error.what());
-            return kExitBadInput;
+        if (std::optional<Refusal> refusal = loadTls(options, tls, tlsContext)) {
+            refusals.push_back(std::move(*refusal));
         }
     }
+    // The upsd user is read at start only; a file the daemon would refuse
+    // then is refused by --check now.
+    if (options.check && options.nutWrites) {
+        try {
+            nut::readCredentials(options.nutCredentials);
+        } catch (std::runtime_error const& error) {
+            refusals.push_back({std::string("--nut-credentials: ") + error.what(), {}});
+        }
+    }
+    // The audit trail is opened when serving starts; --check asks whether
+    // it could be, without creating it.
+    if (options.check && !options.auditLog.empty()) {
+        if (std::optional<std::string> const why = AuditTrail::whyNotOpenable(options.auditLog)) {
+            refusals.push_back({"--audit-log: " + *why, {}});
+        }
+    }
+    if (!refusals.empty()) {
+        for (auto const& line : refusalLines(refusals)) {
+            log.error(line);
+        }
+        return kExitBadInput;
+    }
     if (options.check) {
-        // The upsd user is read at start only; a file the daemon would
-        // refuse then is refused now.
-        if (options.nutWrites) {
-            try {
-                nut::readCredentials(options.nutCredentials);
-            } catch (std::runtime_error const& error) {
-                log.error(std::string("--nut-credentials: ") + error.what());
-                return kExitBadInput;
-            }
-        }
-        log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
-        for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
-            log.warning("map: " + line);
-        }
-        log.info(configuration.scenario
-                     ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
-                           " events, valid"
-                     : std::string("scenario: none"));
-        return 0;
+        return reportChecked(configuration, log);
     }
     config.scenario = std::move(configuration.scenario);
     // What serving needs is in `config` now; the loaded files are not kept

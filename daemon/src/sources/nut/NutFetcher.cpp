@@ -9,7 +9,10 @@
 // does: it interrupts a poll that outlives its bound by shutting the
 // connection down under the library's feet, and a list longer than any UPS
 // has is cut short here.
+#include <strings.h>
+
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -68,15 +71,21 @@ class NutFetcher : public Fetcher {
         if (more < 0) {
             return failure();
         }
+        if (!endsOurList(count, answer, "VAR")) {
+            return endedAsAnother(endLine(count, answer));
+        }
         m_midList = false;
         // Commands change only with the driver: listed once per connection
         // and again after any fault.
         if (!m_commands) {
-            switch (listCommands()) {
+            std::string foreignEnd;
+            switch (listCommands(foreignEnd)) {
                 case Listed::Whole:
                     break;
                 case Listed::TooLong:
                     return tooLong("commands");
+                case Listed::EndedAsAnother:
+                    return endedAsAnother(foreignEnd);
                 case Listed::Failed:
                     if (!commandsRefused()) {
                         return failure();
@@ -92,10 +101,11 @@ class NutFetcher : public Fetcher {
     void interrupt() override { m_socket.interrupt(); }
 
   private:
-    enum class Listed { Whole, Failed, TooLong };
+    enum class Listed { Whole, Failed, TooLong, EndedAsAnother };
 
-    /* LIST CMD: each line is CMD <ups> <command>. */
-    Listed listCommands() {
+    /* LIST CMD: each line is CMD <ups> <command>. When upsd ends the list
+     * as another one, `foreignEnd` is the line it ended it with. */
+    Listed listCommands(std::string& foreignEnd) {
         char const* query[] = {"CMD", m_endpoint.ups.c_str()};
         if (m_library.list_start(&m_connection, 2, query) < 0) {
             return Listed::Failed;
@@ -115,6 +125,10 @@ class NutFetcher : public Fetcher {
         }
         if (more < 0) {
             return Listed::Failed;
+        }
+        if (!endsOurList(count, answer, "CMD")) {
+            foreignEnd = endLine(count, answer);
+            return Listed::EndedAsAnother;
         }
         m_midList = false;
         m_commands = std::move(commands);
@@ -155,6 +169,33 @@ class NutFetcher : public Fetcher {
         m_connected = true;
         m_socket.attach(m_connection.fd);
         return true;
+    }
+
+    /* Whether the line a list ended with, END LIST <kind> <ups>, ends the
+     * list asked for. The library takes any END LIST for the end: a upsd
+     * that ended another list there (one list crossed with another) would
+     * have its lines taken for this UPS's whole list. */
+    bool endsOurList(std::size_t count, char** answer, char const* kind) const {
+        return count >= 4 && ::strcasecmp(answer[2], kind) == 0 &&
+               ::strcasecmp(answer[3], m_endpoint.ups.c_str()) == 0;
+    }
+
+    static std::string endLine(std::size_t count, char** answer) {
+        std::string line;
+        for (std::size_t i = 0; i < count; ++i) {
+            line += (i == 0 ? "" : " ") + std::string(answer[i]);
+        }
+        return line;
+    }
+
+    /* A list that upsd ended as another one: none of it is taken, and the
+     * connection, out of step with upsd, is opened anew next time. */
+    Reading endedAsAnother(std::string const& line) {
+        m_commands.reset();
+        disconnect();
+        Reading reading;
+        reading.detail = "upsd ended the list of \"" + m_endpoint.ups + "\" with \"" + line + "\"";
+        return reading;
     }
 
     /* A list longer than any UPS has: the rest of it is left unread, with

@@ -5,11 +5,8 @@
 namespace tarsel::daemon::nut {
 
 UpsClientLibrary const& UpsClientLibrary::instance() {
-    // Function-local statics: loaded, then initialised, once, whichever
-    // thread comes first.
+    // A function-local static: loaded once, whichever thread comes first.
     static UpsClientLibrary const library(TARSEL_UPSCLIENT_SONAME);
-    [[maybe_unused]] static bool const initialised =
-        library.loaded() && (library.init(0, nullptr, nullptr, nullptr), true);
     return library;
 }
 
@@ -20,7 +17,6 @@ UpsClientLibrary::UpsClientLibrary(char const* fileName)
         m_failure = std::string("cannot load NUT's client library: ") + ::dlerror();
         return;
     }
-    resolve(init, "upscli_init");
     resolve(tryconnect, "upscli_tryconnect");
     resolve(disconnect, "upscli_disconnect");
     resolve(list_start, "upscli_list_start");

@@ -18,10 +18,14 @@ namespace tarsel::daemon::nut {
 
 class UpsClientLibrary {
   public:
-    /* The library the program was built against, loaded and initialised
-     * (upscli_init, no certificates: upsd on this machine or the local
-     * network) once for the process, at the first call from any thread.
-     * Never unloaded: its NSS keeps state until the process exits. */
+    /* The library the program was built against, loaded once for the
+     * process, at the first call from any thread; never unloaded. It is not
+     * initialised: upscli_init sets up SSL (NSS, which Debian builds it
+     * with) for connections that ask for it, and the daemon's never do
+     * (upsd on this machine or the local network). Initialising it anyway
+     * started NSS for nothing and wrote "Init SSL without certificate
+     * database" on stderr, outside the daemon's log format; the library
+     * would initialise itself before any SSL it were asked for. */
     static UpsClientLibrary const& instance();
 
     /* Loads the library of that file name and resolves its functions;
@@ -37,7 +41,6 @@ class UpsClientLibrary {
 
     // The functions the daemon calls, with the header's own signatures;
     // every one is set when loaded().
-    decltype(&::upscli_init) init = nullptr;
     decltype(&::upscli_tryconnect) tryconnect = nullptr;
     decltype(&::upscli_disconnect) disconnect = nullptr;
     decltype(&::upscli_list_start) list_start = nullptr;
