@@ -70,6 +70,35 @@ set(CPACK_COMPONENT_DEVEL_DESCRIPTION
     "Headers, CMake package and pkg-config file of libtarsel_modbus")
 set(CPACK_COMPONENT_DEVEL_DEPENDS runtime)
 
+# What dpkg learns of the libraries from the runtime package: shlibs names
+# the package (and the least version) that a program linked against each
+# SONAME depends on, so that dpkg-shlibdeps can compute the dependency of a
+# consumer's own package; the trigger has the loader's cache rebuilt.
+set(_tarsel_shlibs "libtarsel_modbus ${_tarsel_soversion} ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
+if(TARSEL_MODBUS_PLATFORM STREQUAL "HOST")
+    string(APPEND _tarsel_shlibs
+        "libtarsel_cdshost ${_tarsel_soversion} ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})\n")
+endif()
+file(WRITE ${PROJECT_BINARY_DIR}/debian/runtime/shlibs "${_tarsel_shlibs}")
+configure_file(${PROJECT_SOURCE_DIR}/package/triggers ${PROJECT_BINARY_DIR}/debian/runtime/triggers COPYONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_BINARY_DIR}/debian/runtime/shlibs ${PROJECT_BINARY_DIR}/debian/runtime/triggers)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# Each library package carries the copyright file and its changelog in its
+# own documentation directory. gzip -n: no name or time stamp in the archive,
+# so that packages built from the same sources are the same.
+set(_tarsel_changelog_gz ${PROJECT_BINARY_DIR}/debian/changelog.Debian.gz)
+execute_process(COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/package/changelog
+                OUTPUT_FILE ${_tarsel_changelog_gz} COMMAND_ERROR_IS_FATAL ANY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/package/changelog)
+foreach(_tarsel_component runtime devel)
+    string(TOUPPER ${_tarsel_component} _tarsel_upper)
+    install(FILES ${PROJECT_SOURCE_DIR}/package/copyright ${_tarsel_changelog_gz}
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${_tarsel_upper}_PACKAGE_NAME}
+            COMPONENT ${_tarsel_component})
+endforeach()
+
 # The daemon's package. Built with Debian 12's libraries; the dependencies
 # are those of the program's NEEDED entries (Package.DaemonDeb checks them).
 if(TARGET tarsel-modbusd)

@@ -26,7 +26,7 @@ test_packages=(
     nut-server nut-client
     clang-format clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user
-    lintian systemd man-db strace
+    lintian dpkg-dev systemd man-db strace
 )
 
 case "$set_name" in

@@ -99,6 +99,7 @@ test_checks() {
     need_command dpkg-deb dpkg
     need_command readelf binutils
     need_command lintian lintian
+    need_command dpkg-shlibdeps dpkg-dev
     need_command systemd-analyze systemd
     need_command man man-db
     need_command gzip gzip

@@ -4,6 +4,16 @@
 #   -DSOURCE_DIR -DWORK_DIR -DHOST_PREFIX -DLIBDIR -DCONSUMER_PROJECT
 #   -DGENERATOR -DCXX_COMPILER [-DLAUNCHER]
 file(REMOVE_RECURSE ${WORK_DIR})
+# The stand-in's headers are the platform API the SDK provides, no more: the
+# host platform's own headers (cdshost/) stay out of reach, so a library
+# source that reaches past the seam does not compile here.
+set(SDK_INCLUDE_DIR ${WORK_DIR}/sdk/include)
+foreach(header cdsapi/cds_accessor.h cdsapi/in_band_accessor.h cdsapi/types.h
+               kq/value.h kq/model.h conv/seconds_duration.h modbus/byte_order.h)
+    get_filename_component(subdirectory ${header} DIRECTORY)
+    file(COPY ${HOST_PREFIX}/include/tarsel_modbus/platform/${header}
+         DESTINATION ${SDK_INCLUDE_DIR}/${subdirectory})
+endforeach()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/stand-in-sdk/CardPlatformSdkConfig.cmake.in
                ${WORK_DIR}/sdk/CardPlatformSdkConfig.cmake @ONLY)
 

@@ -98,9 +98,11 @@ class Upsd:
         socket_prefix = os.path.join(self.state, "dummy-ups-" + name)
         self._wait(lambda: os.path.exists(socket_prefix), "dummy-ups for " + name)
 
-    def start_upsd(self):
+    def start_upsd(self, wait=True):
         self.upsd = subprocess.Popen([UPSD, "-F"] + self._user, env=self.env,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        if not wait:
+            return
         # dummy-ups hands its variables over a little at a time: wait until
         # the last of every file (all of them have a device.serial) is there.
         for name in self.upses:

@@ -15,7 +15,7 @@ PREFLIGHT = os.path.join(ROOT, "scripts", "preflight.sh")
 CHECKED_COMMANDS = ["c++", "make", "cmake", "pkg-config", "git", "clang-format",
                     "arm-linux-gnueabihf-g++", "qemu-arm", "mbpoll", "dpkg-deb", "readelf",
                     "upsc", "upsrw", "upscmd", "openssl", "clang", "clang++", "lintian",
-                    "systemd-analyze", "man", "gzip", "strace"]
+                    "dpkg-shlibdeps", "systemd-analyze", "man", "gzip", "strace"]
 
 
 def run_preflight(job, env_changes):
