@@ -295,6 +295,7 @@ TEST_F(CdsAlarmToOneDiscreteAccessorTest, IndexPathBindsTheChannelOfTheSubDevice
     Accessor accessor(kUps, {1}, "Fan.Failure", modbus::AlarmTypeFlagSetLevel7);
     expectBound(&accessor, 21, 200);
     EXPECT_EQ(accessor.getCValue(), kTrue);
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0u);  // the direct sub-devices
 }
 
 TEST_F(CdsAlarmToOneDiscreteAccessorTest, IndexPathBeyondTheListWaitsForTheConfiguredDevice) {
@@ -753,6 +754,84 @@ TEST_F(CdsAlarmToOneDiscreteAccessorTest, CreatedDeviceWithoutTheChannelWaitsFor
     store().addDevice("Bypass", 77);
     expectWaitingForChannel(&accessor, 77);
     EXPECT_EQ(deviceSubs(kCreated, 77), 0u);
+}
+
+// ---- Accessors destroyed by a listener during a notification ------------------------
+
+using MutuallyDestroyingPair = accessor_test::MutuallyDestroyingPair<Accessor>;
+
+/* Both accessors gone: no registry entry and no subscription left. */
+void expectNothingLeft() {
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorChannelAlarmSubscriber.empty());
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorDeviceSettingsSubscriber.empty());
+    EXPECT_TRUE(Accessor::m_mapChannelAccessorDeviceCreationSubscriber.empty());
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+}
+
+std::unique_ptr<Accessor> overloadSetAccessor() {
+    return std::make_unique<Accessor>(10, "Output.Overload", modbus::AlarmTypeFlagSet);
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringAnAlarmUpdateIsNotCalled) {
+    MutuallyDestroyingPair pair(&overloadSetAccessor);
+    pair.arm();
+
+    store().raiseAlarm(kFault, {3, true});
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(inAlarmRegistry(kFault, pair.survivor()));
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringRedetectionIsNotDetected) {
+    MutuallyDestroyingPair pair(&overloadSetAccessor);
+    pair.arm();
+    // The alarm's probe read fails, so both accessors detect again.
+    store().failNext("getChannelCValue", 1);
+
+    store().raiseAlarm(kFault, {3, true});
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringADeviceChangeIsNotDetected) {
+    MutuallyDestroyingPair pair(&overloadSetAccessor);
+    pair.arm();
+
+    store().removeChannel(kFault);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_FALSE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsAlarmToOneDiscreteAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringDeviceCreationIsNotDetected) {
+    static constexpr cdshost::Id kLater = 20;
+    MutuallyDestroyingPair pair(
+        [] { return std::make_unique<Accessor>(kLater, "Fan.Fault", modbus::AlarmTypeFlagSet); });
+    pair.arm();
+    store().addDevice("Later", kLater, 0, false);
+    store().addChannel(kLater, "Fan.Fault", kq::CValue(false), 200, false);
+
+    store().notifyDevice(kLater, kq::sub::DeviceCreated);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    expectNothingLeft();
 }
 
 }  // namespace

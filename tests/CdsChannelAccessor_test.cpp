@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "cdshost/store.h"
+// Allocation failures on demand, while accessors are torn down.
+#include "failing_allocation.h"
 #include "modbus/CdsInBandAccessor.h"
 #include "value_recorder.h"
 
@@ -189,6 +191,9 @@ TEST_F(CdsChannelAccessorTest, SubDevicePathConstructorWalksIndexesToSubDevice) 
     EXPECT_EQ(store.calls("getDevice", kUps), 1u);
     EXPECT_EQ(store.calls("getSubDevicesIds", kUps), 1u);
     EXPECT_EQ(store.calls("getSubDevicesIds", module1), 1u);
+    // Each step asks for the direct sub-devices: selector 0.
+    EXPECT_EQ(store.lastSubDeviceSelector(kUps), 0u);
+    EXPECT_EQ(store.lastSubDeviceSelector(module1), 0u);
     EXPECT_EQ(store.calls("getChannelId", cell0), 1u);
     EXPECT_EQ(store.calls("getChannelId"), 1u);
     // The channel's device is followed, not the top device.
@@ -1657,3 +1662,169 @@ TEST_F(CdsChannelAccessorTest, DestructorStillLeavesItsOwnRegistriesFirstInOrder
     EXPECT_EQ(store.calls("unsubscribe", settingsSubscription), 1u);
     EXPECT_EQ(store.subscriptionCount(), 0u);
 }
+
+// ---- Accessors destroyed by a listener during a notification ------------------------
+
+namespace {
+
+using MutuallyDestroyingPair = accessor_test::MutuallyDestroyingPair<CdsChannelAccessor>;
+
+std::unique_ptr<CdsChannelAccessor> voltageValueAccessor() {
+    return std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::Value);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringAValueUpdateIsNotCalled) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_EQ(updates.at(kVoltage), (Accessors{pair.survivor()}));
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringRedetectionIsNotDetected) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+    // The update's read fails, so both accessors detect again; the first
+    // detection finds the channel and its listener destroys the other.
+    store.failNext("getChannelCValue", 1);
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringDeviceCreationIsNotDetected) {
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+    // The device appears with its channel: one creation notification.
+    store.addDevice(kUpsName, kUps, 0, false);
+    store.addChannel(kUps, kVoltageName, kq::CValue(230.5f), kVoltage, false);
+
+    store.notifyDevice(kUps, kq::sub::DeviceCreated);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, AccessorDestroyedByAnotherListenerDuringADeviceChangeIsNotDetected) {
+    addUpsWithVoltage();
+    MutuallyDestroyingPair pair(&voltageValueAccessor);
+    pair.arm();
+
+    store.removeChannel(kVoltage);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_TRUE(pair.onlyOneWasCalled());
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_FALSE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(CdsChannelAccessorTest,
+       LastAccessorsOfAChannelDestroyedInsideItsUpdateCloseItsSubscription) {
+    addUpsWithVoltage();
+    std::unique_ptr<CdsChannelAccessor> accessors[2] = {voltageValueAccessor(),
+                                                        voltageValueAccessor()};
+    int calls = 0;
+    for (auto& accessor : accessors) {
+        accessor->setUpdateCallback([&](kq::CValue const& value) {
+            if (value != kq::CValue(1.0f)) {
+                return;
+            }
+            ++calls;
+            // A listener that tears the whole map down: both accessors of the channel.
+            accessors[0].reset();
+            accessors[1].reset();
+        });
+    }
+
+    store.setChannelValue(kVoltage, kq::CValue(1.0f));
+    store.setChannelValue(kVoltage, kq::CValue(2.0f));
+
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// ---- Tearing down while memory runs out ---------------------------------------------
+
+/* Destroys a freshly built accessor with the allocation after `successes`
+ * ones failing; returns whether that allocation was reached. A destructor
+ * must not throw, so a failing allocation inside it must neither leave it
+ * nor end the process. */
+template <typename Make>
+bool destroyWithAllocationFailing(long successes, Make make) {
+    std::unique_ptr<CdsChannelAccessor> accessor = make();
+    failing_allocation::FailAllocationGuard const guard(successes);
+    accessor.reset();
+    return guard.failed();
+}
+
+TEST_F(CdsChannelAccessorTest, DestructorSurvivesEveryFailingAllocation) {
+    addUpsWithVoltage();
+    // A value accessor has never been in the state and settings registries:
+    // finding that out while it is torn down must not need memory. (Counting
+    // calls per id would take memory of the store's first.)
+    store.countCallsPerId(false);
+    long successes = 0;
+    while (destroyWithAllocationFailing(successes, [] { return voltageValueAccessor(); })) {
+        ++successes;
+        ASSERT_LT(successes, 1000);
+    }
+    // The last destruction met no failure: it left everything behind it.
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+TEST_F(CdsChannelAccessorTest, DestructorWithLeftoverEntriesSurvivesEveryFailingAllocation) {
+    addUpsWithVoltage();
+    long successes = 0;
+    auto const alarmEnabled = [] {
+        // Registered under channel id 0 by its first detection, and under the
+        // channel's id after the next: the entry under 0 is a leftover.
+        auto accessor =
+            std::make_unique<CdsChannelAccessor>(kUps, kVoltageName, DataType::AlarmEnabled);
+        cdshost::Store::instance().notifyDevice(kUps, kq::sub::DeviceChanged);
+        return accessor;
+    };
+    while (destroyWithAllocationFailing(successes, alarmEnabled)) {
+        ++successes;
+        ASSERT_LT(successes, 1000);
+    }
+    // The last destruction met no failure: it left everything behind it.
+    EXPECT_TRUE(registriesEmpty());
+    EXPECT_EQ(store.subscriptionCount(), 0u);
+}
+
+}  // namespace

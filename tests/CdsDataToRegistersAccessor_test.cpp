@@ -464,6 +464,23 @@ TEST_F(CdsDataToRegistersAccessorTest, GeneratedExistenceIsAvailableExactlyWhenE
 
 // ---- Lifecycle -------------------------------------------------------------------
 
+TEST_F(CdsDataToRegistersAccessorTest, CompositeDestroyedByItsListenerDuringAPushIsLeftAlone) {
+    // Two sources of one channel: one value update walks both. The listener
+    // destroys the composite, and with it both sources, on the first push.
+    std::unique_ptr<CdsDataToRegistersAccessor> encoder = composite({"A", "A"});
+    int pushes = 0;
+    encoder->setCallback([&](Registers const&) {
+        ++pushes;
+        encoder.reset();
+    });
+
+    world.store.setChannelValue(a, kq::CValue(10));
+    world.store.setChannelValue(a, kq::CValue(20));
+
+    EXPECT_EQ(pushes, 1);
+    EXPECT_EQ(world.store.subscriptionCount(), 0u);
+}
+
 TEST(CdsDataToRegistersAccessorLifecycle, ListenerThatClearsItselfInsideAPushRunsToItsEnd) {
     auto* const source = new encoder_test::ListenerSlot();
     CdsDataToRegistersAccessor encoder(

@@ -319,6 +319,23 @@ TEST_F(CdsDeviceAccessorTest, Attribute16CountsWhatTheStoreListsForSelector7FFFF
     EXPECT_EQ(accessor.getCValue(), kq::CValue(static_cast<unsigned long long>(listed.size())));
 }
 
+TEST_F(CdsDeviceAccessorTest, Attribute16AsksTheStoreWithSelector7FFFFFFF) {
+    addSubDevices(kUps, 2, "Module");
+    CdsDeviceAccessor const accessor(kUps, cdsapi::AttributeSubDeviceCount);
+    store().resetCalls();
+    static_cast<void>(accessor.getCValue());
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0x7FFFFFFFu);
+}
+
+TEST_F(CdsDeviceAccessorTest, IndexPathIsFollowedWithSelector0) {
+    auto const children = addSubDevices(kUps, 2, "Module");
+    addSubDevices(children[1], 1, "Cell");
+    CdsDeviceAccessor const accessor(kUps, {1, 0}, cdsapi::AttributeModel);
+    ASSERT_TRUE(accessor.isExitingInCds());
+    EXPECT_EQ(store().lastSubDeviceSelector(kUps), 0u);
+    EXPECT_EQ(store().lastSubDeviceSelector(children[1]), 0u);
+}
+
 TEST_F(CdsDeviceAccessorTest, Attribute16BeforeDetectionAsksAboutDevice0) {
     CdsDeviceAccessor const accessor(77, cdsapi::AttributeSubDeviceCount);
     store().resetCalls();
@@ -695,6 +712,86 @@ TEST_F(CdsDeviceAccessorTest, CreationNotificationRedetectsEveryWaitingAccessor)
     EXPECT_TRUE(b.isExitingInCds());
     EXPECT_EQ(deviceSubs(kChanged, 77), 2u);
     EXPECT_EQ(deviceSubs(kCreated, 77), 0u);
+}
+
+// ---- Accessors destroyed by a listener during a notification ------------------------
+
+using MutuallyDestroyingPair = accessor_test::MutuallyDestroyingPair<CdsDeviceAccessor>;
+
+std::unique_ptr<CdsDeviceAccessor> upsModelAccessor() {
+    return std::make_unique<CdsDeviceAccessor>(10, cdsapi::AttributeModel);
+}
+
+/* Both accessors gone: no registry entry and no subscription left. */
+void expectNothingLeft() {
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSubscriber.empty());
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceSettingsSubscriber.empty());
+    EXPECT_TRUE(CdsDeviceAccessor::m_mapDeviceAccessorDeviceCreationSubscriber.empty());
+    EXPECT_EQ(store().subscriptionCount(), 0u);
+}
+
+TEST_F(CdsDeviceAccessorTest,
+       AccessorDestroyedByAnotherListenerDuringAnAttributeUpdateIsNotCalled) {
+    // Only the attribute update carries a value: the settings notification
+    // that comes with it hands the listeners the invalid value.
+    MutuallyDestroyingPair pair(&upsModelAccessor, [](kq::CValue const& v) { return v.isValid(); });
+    pair.arm();
+
+    store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 2000");
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(inUpdateRegistry(kUps, pair.survivor()));
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsDeviceAccessorTest, AccessorDestroyedByAnotherListenerDuringADeviceChangeIsNotDetected) {
+    MutuallyDestroyingPair pair(&upsModelAccessor,
+                                [](kq::CValue const& v) { return !v.isValid(); });
+    pair.arm();
+
+    store().notifyDevice(kUps, kq::sub::DeviceChanged);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    EXPECT_EQ(pair.alive(), 1u);
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsDeviceAccessorTest, AccessorDestroyedByAnotherListenerDuringDeviceCreationIsNotDetected) {
+    static constexpr cdshost::Id kLater = 20;
+    MutuallyDestroyingPair pair(
+        [] { return std::make_unique<CdsDeviceAccessor>(kLater, cdsapi::AttributeModel); });
+    pair.arm();
+
+    store().addDevice("Later", kLater);
+
+    EXPECT_EQ(pair.called().size(), 1u);
+    ASSERT_EQ(pair.alive(), 1u);
+    EXPECT_TRUE(pair.survivor()->isExitingInCds());
+    pair.destroyAll();
+    expectNothingLeft();
+}
+
+TEST_F(CdsDeviceAccessorTest, AccessorThatItsListenerDestroysBeforeThrowingIsNotDetectedAgain) {
+    auto accessor = std::make_unique<CdsDeviceAccessor>(kUps, cdsapi::AttributeModel);
+    bool called = false;
+    accessor->setUpdateCallback([&](kq::CValue const& value) {
+        if (!value.isValid() || value.as_string() != "Model 2000") {
+            return;
+        }
+        called = true;
+        accessor.reset();
+        throw std::runtime_error("listener failed after destroying its accessor");
+    });
+
+    // The failure of a listener is not the store's to see: the handler keeps it.
+    store().setDeviceAttribute(kUps, cdsapi::AttributeModel, "Model 2000");
+
+    EXPECT_TRUE(called);
+    EXPECT_EQ(accessor, nullptr);
+    expectNothingLeft();
 }
 
 }  // namespace

@@ -163,6 +163,22 @@ TEST_F(CdsapiClientTest, GetSubDevicesIdsGivesInsertionOrderForEitherSelector) {
     EXPECT_EQ(store.calls("getSubDevicesIds", ups), 2u);
 }
 
+TEST_F(CdsapiClientTest, GetSubDevicesIdsNotesTheSelectorOfTheLastCallPerDevice) {
+    EXPECT_EQ(store.lastSubDeviceSelector(ups), std::nullopt);
+    inBand.getSubDevicesIds(ups, 0x7FFFFFFF);
+    inBand.getSubDevicesIds(subA, 0);
+    EXPECT_EQ(store.lastSubDeviceSelector(ups), 0x7FFFFFFFu);
+    EXPECT_EQ(store.lastSubDeviceSelector(subA), 0u);
+    inBand.getSubDevicesIds(ups, 0);
+    EXPECT_EQ(store.lastSubDeviceSelector(ups), 0u);
+    // A call that fails before the store answers notes nothing.
+    store.failNext("getSubDevicesIds");
+    EXPECT_THROW(inBand.getSubDevicesIds(ups, 5), cdshost::InjectedFault);
+    EXPECT_EQ(store.lastSubDeviceSelector(ups), 0u);
+    store.resetCalls();
+    EXPECT_EQ(store.lastSubDeviceSelector(ups), std::nullopt);
+}
+
 TEST_F(CdsapiClientTest, GetSubDevicesIdsListsDirectSubDevicesOnly) {
     Id const deep = store.addDevice("Deep", 0, subA);
     EXPECT_EQ(inBand.getSubDevicesIds(ups, 0x7FFFFFFF), (std::vector<Id>{subA, subB}));

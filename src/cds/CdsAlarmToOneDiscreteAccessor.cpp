@@ -17,6 +17,7 @@ constexpr unsigned long long kUnknownDeviceId = ~0ULL;
 constexpr std::int32_t kLevel7 = 7;
 
 using shared_registry::inBand;
+using Walk = shared_registry::Walk<CdsAlarmToOneDiscreteAccessor>;
 
 using Handler = void (*)(unsigned long long);
 
@@ -151,6 +152,8 @@ CdsAlarmToOneDiscreteAccessor::~CdsAlarmToOneDiscreteAccessor() {
     // resolved later, or the alarm entry of a channel replaced without a
     // notification in between. Leave those too.
     leaveEveryRegistry(this);
+    // A listener may destroy an accessor while a notification walks its id.
+    Walk::forget(this);
 }
 
 void CdsAlarmToOneDiscreteAccessor::setCValue(kq::CValue const&) {
@@ -297,14 +300,14 @@ void CdsAlarmToOneDiscreteAccessor::unsubscribeDeviceCreation(
 
 void CdsAlarmToOneDiscreteAccessor::cdsChannelAlarm(unsigned long long id) {
     // Copied: a re-detection below changes the registries.
-    auto const accessors = m_mapChannelAccessorChannelAlarmSubscriber.at(id);
+    Walk accessors(m_mapChannelAccessorChannelAlarmSubscriber.at(id));
     bool failed = false;
     try {
         // Probes that the channel is still there; the value itself is not used.
         inBand().getChannelCValue(id);
-        for (CdsAlarmToOneDiscreteAccessor* const accessor : accessors) {
+        accessors.forEach([](CdsAlarmToOneDiscreteAccessor* accessor) {
             accessor->callbackUpdateChannelValue(accessor->getCValue());
-        }
+        });
     } catch (...) {
         failed = true;
     }
@@ -313,20 +316,16 @@ void CdsAlarmToOneDiscreteAccessor::cdsChannelAlarm(unsigned long long id) {
     }
     // Every accessor of the channel is marked gone before any of them looks
     // again, so none reads the channel in between.
-    for (CdsAlarmToOneDiscreteAccessor* const accessor : accessors) {
-        accessor->m_existingInCds = false;
-    }
-    for (CdsAlarmToOneDiscreteAccessor* const accessor : accessors) {
-        accessor->detectChannel();
-    }
+    accessors.forEach(
+        [](CdsAlarmToOneDiscreteAccessor* accessor) { accessor->m_existingInCds = false; });
+    accessors.forEach([](CdsAlarmToOneDiscreteAccessor* accessor) { accessor->detectChannel(); });
 }
 
 void CdsAlarmToOneDiscreteAccessor::cdsDeviceSettings(unsigned long long id) {
     try {
-        auto const accessors = m_mapChannelAccessorDeviceSettingsSubscriber.at(id);
-        for (CdsAlarmToOneDiscreteAccessor* const accessor : accessors) {
-            accessor->detectChannel();
-        }
+        Walk accessors(m_mapChannelAccessorDeviceSettingsSubscriber.at(id));
+        accessors.forEach(
+            [](CdsAlarmToOneDiscreteAccessor* accessor) { accessor->detectChannel(); });
     } catch (...) {
         // Swallowed, and the first failing detection ends the walk: the
         // accessors after it are not detected again. Intended.
@@ -334,10 +333,8 @@ void CdsAlarmToOneDiscreteAccessor::cdsDeviceSettings(unsigned long long id) {
 }
 
 void CdsAlarmToOneDiscreteAccessor::cdsDeviceCreation(unsigned long long id) {
-    auto const accessors = m_mapChannelAccessorDeviceCreationSubscriber.at(id);
-    for (CdsAlarmToOneDiscreteAccessor* const accessor : accessors) {
-        accessor->detectChannel();
-    }
+    Walk accessors(m_mapChannelAccessorDeviceCreationSubscriber.at(id));
+    accessors.forEach([](CdsAlarmToOneDiscreteAccessor* accessor) { accessor->detectChannel(); });
 }
 
 }  // namespace modbus

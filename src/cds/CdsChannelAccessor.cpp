@@ -204,9 +204,11 @@ cdsapi::TriggerId triggerOf(DataType dataType) {
                                           static_cast<int>(DataType::AlarmThreshold0));
 }
 
+using Walk = shared_registry::Walk<CdsChannelAccessor>;
+
 /* Copies the accessor set of an id; throws std::out_of_range "map::at" for an
- * id without an entry. The handlers iterate over the copy because a
- * re-detection changes the registries. */
+ * id without an entry. The handlers walk the copy because a re-detection
+ * changes the registries. */
 std::set<CdsChannelAccessor*> accessorsOf(AccessorRegistry const& registry, Id id) {
     return registry.at(id);
 }
@@ -214,14 +216,9 @@ std::set<CdsChannelAccessor*> accessorsOf(AccessorRegistry const& registry, Id i
 /* After a failed existence test every accessor of the id searches again. All
  * are marked missing first (markMissing reaches the private flag), so none
  * reports existing while the others run. */
-void redetectAll(std::set<CdsChannelAccessor*> const& accessors,
-                 void (*markMissing)(CdsChannelAccessor*)) {
-    for (CdsChannelAccessor* accessor : accessors) {
-        markMissing(accessor);
-    }
-    for (CdsChannelAccessor* accessor : accessors) {
-        accessor->detectChannel();
-    }
+void redetectAll(Walk& accessors, void (*markMissing)(CdsChannelAccessor*)) {
+    accessors.forEach(markMissing);
+    accessors.forEach([](CdsChannelAccessor* accessor) { accessor->detectChannel(); });
 }
 
 /* One alarm setting of a channel as the accessor delivers it; an invalid
@@ -303,6 +300,8 @@ CdsChannelAccessor::~CdsChannelAccessor() {
     }
     unsubscribeDeviceCreation(m_deviceId, this);
     leaveEveryRegistry(this);
+    // A listener may destroy an accessor while a notification walks its id.
+    Walk::forget(this);
 }
 
 // ---- CdsDataAccessor ------------------------------------------------------------
@@ -510,15 +509,14 @@ void CdsChannelAccessor::unsubscribeDeviceCreation(unsigned long long id,
 
 void CdsChannelAccessor::cdsChannelUpdate(unsigned long long channelId) {
     // Intended: an id without an entry throws "map::at" into the client.
-    std::set<CdsChannelAccessor*> const accessors =
-        accessorsOf(m_mapChannelAccessorChannelUpdateSubscriber, channelId);
+    Walk accessors(accessorsOf(m_mapChannelAccessorChannelUpdateSubscriber, channelId));
     try {
         // One read for all accessors of the channel.
         kq::CValue const value =
             CdsInBandAccessor::getInstance().inBand().getChannelCValue(channelId);
-        for (CdsChannelAccessor* accessor : accessors) {
+        accessors.forEach([&value](CdsChannelAccessor* accessor) {
             accessor->callbackUpdateChannelValue(value);
-        }
+        });
     } catch (...) {
         redetectAll(accessors, [](CdsChannelAccessor* a) { a->m_isExisting = false; });
     }
@@ -526,16 +524,15 @@ void CdsChannelAccessor::cdsChannelUpdate(unsigned long long channelId) {
 
 void CdsChannelAccessor::cdsChannelState(unsigned long long channelId) {
     // Intended: an id without an entry throws "map::at" into the client.
-    std::set<CdsChannelAccessor*> const accessors =
-        accessorsOf(m_mapChannelAccessorChannelStateSubscriber, channelId);
+    Walk accessors(accessorsOf(m_mapChannelAccessorChannelStateSubscriber, channelId));
     try {
         // The value itself is not needed: the read fails when the channel is gone.
         static_cast<void>(CdsInBandAccessor::getInstance().inBand().getChannelCValue(channelId));
         kq::CValue const enabled(
             CdsInBandAccessor::getInstance().inBand().getChannelAlarmEnabled(channelId));
-        for (CdsChannelAccessor* accessor : accessors) {
+        accessors.forEach([&enabled](CdsChannelAccessor* accessor) {
             accessor->callbackUpdateChannelValue(enabled);
-        }
+        });
     } catch (...) {
         redetectAll(accessors, [](CdsChannelAccessor* a) { a->m_isExisting = false; });
     }
@@ -543,8 +540,7 @@ void CdsChannelAccessor::cdsChannelState(unsigned long long channelId) {
 
 void CdsChannelAccessor::cdsChannelSettings(unsigned long long channelId) {
     // Intended: an id without an entry throws "map::at" into the client.
-    std::set<CdsChannelAccessor*> const accessors =
-        accessorsOf(m_mapChannelAccessorChannelSettingsSubscriber, channelId);
+    Walk accessors(accessorsOf(m_mapChannelAccessorChannelSettingsSubscriber, channelId));
     try {
         // Existence test only: each accessor reads its own setting below.
         static_cast<void>(CdsInBandAccessor::getInstance().inBand().getChannelCValue(channelId));
@@ -552,22 +548,19 @@ void CdsChannelAccessor::cdsChannelSettings(unsigned long long channelId) {
         redetectAll(accessors, [](CdsChannelAccessor* a) { a->m_isExisting = false; });
         return;
     }
-    for (CdsChannelAccessor* accessor : accessors) {
+    accessors.forEach([](CdsChannelAccessor* accessor) {
         try {
             accessor->callbackUpdateChannelValue(accessor->getCValue());
         } catch (...) {
             // One accessor's failure must not keep the others from their update.
         }
-    }
+    });
 }
 
 void CdsChannelAccessor::cdsDeviceSettings(unsigned long long deviceId) {
     try {
-        std::set<CdsChannelAccessor*> const accessors =
-            accessorsOf(m_mapChannelAccessorDeviceSettingsSubscriber, deviceId);
-        for (CdsChannelAccessor* accessor : accessors) {
-            accessor->detectChannel();
-        }
+        Walk accessors(accessorsOf(m_mapChannelAccessorDeviceSettingsSubscriber, deviceId));
+        accessors.forEach([](CdsChannelAccessor* accessor) { accessor->detectChannel(); });
     } catch (...) {
         // Intended: unlike the other handlers this one lets nothing through, a
         // missing entry included.
@@ -576,11 +569,8 @@ void CdsChannelAccessor::cdsDeviceSettings(unsigned long long deviceId) {
 
 void CdsChannelAccessor::cdsDeviceCreation(unsigned long long deviceId) {
     // Intended: an id without an entry throws "map::at" into the client.
-    std::set<CdsChannelAccessor*> const accessors =
-        accessorsOf(m_mapChannelAccessorDeviceCreationSubscriber, deviceId);
-    for (CdsChannelAccessor* accessor : accessors) {
-        accessor->detectChannel();
-    }
+    Walk accessors(accessorsOf(m_mapChannelAccessorDeviceCreationSubscriber, deviceId));
+    accessors.forEach([](CdsChannelAccessor* accessor) { accessor->detectChannel(); });
 }
 
 }  // namespace modbus

@@ -18,6 +18,7 @@ constexpr unsigned long long kUnknownDeviceId = ~0ULL;
 constexpr unsigned int kCountSelector = 0x7FFFFFFF;
 
 using shared_registry::inBand;
+using Walk = shared_registry::Walk<CdsDeviceAccessor>;
 
 /* Opens a device subscription whose notifications go to `handler` with the
  * subscribed id (the id the store passes along is not used). */
@@ -98,6 +99,8 @@ CdsDeviceAccessor::~CdsDeviceAccessor() {
     // An update read that failed for a vanished device keeps the update
     // registration under an id this accessor no longer holds; leave it too.
     leaveEveryRegistry(this);
+    // A listener may destroy an accessor while a notification walks its id.
+    Walk::forget(this);
 }
 
 void CdsDeviceAccessor::setCValue(kq::CValue const& value) {
@@ -232,25 +235,28 @@ void CdsDeviceAccessor::unsubscribeDeviceCreation(unsigned long long id,
 
 void CdsDeviceAccessor::cdsDeviceUpdate(unsigned long long id) {
     // Copied: a re-detection below changes the registries.
-    auto const accessors = m_mapDeviceAccessorDeviceSubscriber.at(id);
-    for (CdsDeviceAccessor* const accessor : accessors) {
+    Walk accessors(m_mapDeviceAccessorDeviceSubscriber.at(id));
+    accessors.forEach([id, &accessors](CdsDeviceAccessor* accessor) {
         try {
             accessor->callbackUpdateDeviceValue(
                 kq::CValue(inBand().getDeviceAttribute(id, accessor->m_attribute)));
         } catch (...) {
+            // A listener that destroyed its own accessor before it threw
+            // leaves nothing to detect.
+            if (!accessors.holds(accessor)) {
+                return;
+            }
             // Only the failing accessor looks for its device again.
             accessor->m_existingInCds = false;
             accessor->detectDevice();
         }
-    }
+    });
 }
 
 void CdsDeviceAccessor::cdsDeviceSettings(unsigned long long id) {
     try {
-        auto const accessors = m_mapDeviceAccessorDeviceSettingsSubscriber.at(id);
-        for (CdsDeviceAccessor* const accessor : accessors) {
-            accessor->detectDevice();
-        }
+        Walk accessors(m_mapDeviceAccessorDeviceSettingsSubscriber.at(id));
+        accessors.forEach([](CdsDeviceAccessor* accessor) { accessor->detectDevice(); });
     } catch (...) {
         // Swallowed, and the first failing detection ends the walk: the
         // accessors after it are not detected again. Intended.
@@ -258,10 +264,8 @@ void CdsDeviceAccessor::cdsDeviceSettings(unsigned long long id) {
 }
 
 void CdsDeviceAccessor::cdsDeviceCreation(unsigned long long id) {
-    auto const accessors = m_mapDeviceAccessorDeviceCreationSubscriber.at(id);
-    for (CdsDeviceAccessor* const accessor : accessors) {
-        accessor->detectDevice();
-    }
+    Walk accessors(m_mapDeviceAccessorDeviceCreationSubscriber.at(id));
+    accessors.forEach([](CdsDeviceAccessor* accessor) { accessor->detectDevice(); });
 }
 
 }  // namespace modbus

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "cdsapi/in_band_accessor.h"
@@ -33,9 +34,28 @@ template <typename Accessor>
 using Placements = std::unordered_multimap<Accessor const*, unsigned long long>;
 
 template <typename Accessor>
+using PlacementIndex = std::unordered_map<void const*, Placements<Accessor>>;
+
+template <typename Accessor>
+PlacementIndex<Accessor>& placementIndex() {
+    static PlacementIndex<Accessor> byRegistry;
+    return byRegistry;
+}
+
+/* The placements of one registry, made on the first add to it. */
+template <typename Accessor>
 Placements<Accessor>& placementsIn(Registry<Accessor> const& registry) {
-    static std::unordered_map<void const*, Placements<Accessor>> byRegistry;
-    return byRegistry[&registry];
+    return placementIndex<Accessor>()[&registry];
+}
+
+/* The placements of one registry, or null while nothing was ever added to it.
+ * Allocates nothing: removals run in destructors, and a destructor must not
+ * fail for want of memory. */
+template <typename Accessor>
+Placements<Accessor>* existingPlacementsIn(Registry<Accessor> const& registry) {
+    auto& index = placementIndex<Accessor>();
+    auto const found = index.find(&registry);
+    return found != index.end() ? &found->second : nullptr;
 }
 
 template <typename Accessor>
@@ -47,12 +67,15 @@ void notePlacement(Registry<Accessor> const& registry, Accessor const* accessor,
 template <typename Accessor>
 void forgetPlacement(Registry<Accessor> const& registry, Accessor const* accessor,
                      unsigned long long id) {
-    auto& placements = placementsIn(registry);
-    auto const [first, last] = placements.equal_range(accessor);
+    Placements<Accessor>* const placements = existingPlacementsIn(registry);
+    if (placements == nullptr) {
+        return;
+    }
+    auto const [first, last] = placements->equal_range(accessor);
     auto const found =
         std::find_if(first, last, [id](auto const& placement) { return placement.second == id; });
     if (found != last) {
-        placements.erase(found);
+        placements->erase(found);
     }
 }
 
@@ -136,19 +159,74 @@ template <typename Accessor>
 void removeEverywhere(std::map<unsigned long long, std::set<Accessor*>>& accessors,
                       std::map<unsigned long long, unsigned long long>& subscriptionIds,
                       Accessor* accessor) noexcept {
-    auto const [first, last] = placementsIn(accessors).equal_range(accessor);
-    if (first == last) {
+    Placements<Accessor>* const placements = existingPlacementsIn(accessors);
+    if (placements == nullptr) {
         return;
     }
-    // A copy: each removal below forgets its id in the index.
-    std::vector<unsigned long long> ids;
-    for (auto placement = first; placement != last; ++placement) {
-        ids.push_back(placement->second);
-    }
-    for (unsigned long long const id : ids) {
+    // One placement at a time, taken out of the index before its removal:
+    // nothing is copied, so leaving needs no memory.
+    for (auto placement = placements->find(accessor); placement != placements->end();
+         placement = placements->find(accessor)) {
+        unsigned long long const id = placement->second;
+        placements->erase(placement);
         remove(accessors, subscriptionIds, id, accessor);
     }
 }
+
+/* The accessors one notification handler walks: a copy of an id's set, since
+ * detection changes the registries while the walk runs. An accessor destroyed
+ * during the walk (by a listener that tears down an encoder, say) is taken out
+ * of every walk under way by its destructor, through forget(), so no walk
+ * reaches freed memory. Walks nest when a listener causes another
+ * notification; each lives on its handler's stack. Nothing is locked: like
+ * the registries, walks rely on the caller serialising notifications and
+ * destruction. */
+template <typename Accessor>
+class Walk {
+  public:
+    explicit Walk(std::set<Accessor*> accessors)
+        : m_members(std::move(accessors)), m_outer(innermost()) {
+        innermost() = this;
+    }
+    ~Walk() { innermost() = m_outer; }
+    Walk(Walk const&) = delete;
+    Walk& operator=(Walk const&) = delete;
+
+    /* Calls visit(accessor) for every accessor of the walk still alive, in
+     * ascending address order, as the registries' sets are ordered. visit may
+     * destroy any accessor, the one it was given included. */
+    template <typename Visit>
+    void forEach(Visit visit) {
+        for (auto next = m_members.begin(); next != m_members.end();) {
+            Accessor* const accessor = *next;
+            visit(accessor);
+            // Only compared, never followed: the accessor may be gone by now.
+            next = m_members.upper_bound(accessor);
+        }
+    }
+
+    /* Whether the accessor is still alive (it was in the walk to begin with). */
+    bool holds(Accessor* accessor) const { return m_members.count(accessor) != 0; }
+
+    /* An accessor's destructor: no walk under way may reach it any more. */
+    static void forget(Accessor* accessor) noexcept {
+        for (Walk* walk = innermost(); walk != nullptr; walk = walk->m_outer) {
+            walk->m_members.erase(accessor);
+        }
+    }
+
+  private:
+    /* Per thread: a walk and the destructions it must hear of run on one
+     * thread (the caller serialises them), and handlers that only read,
+     * delivered on two threads at once, must not share a chain. */
+    static Walk*& innermost() {
+        thread_local Walk* walk = nullptr;
+        return walk;
+    }
+
+    std::set<Accessor*> m_members;
+    Walk* m_outer;
+};
 
 /* Follows a path of sub-device indexes from an existing device. Empty when the
  * device is missing, an index is past the end of its list, or the store fails. */

@@ -300,6 +300,8 @@ inline constexpr DecimalTextVector kDecimalTexts[] = {
     {"FortyTwo",                 "42",           42,      "42"},
     {"LeadingBlankTrailingJunk", " 7x",          7,       "7"},
     {"LeadingZeros",             "007",          7,       "7"},
+    {"LeadingZeroIsNotOctal",    "010",          10,      "10"},
+    {"HexPrefixStopsAtTheX",     "0x1A",         0,       "0"},
     {"PlusSign",                 "+12",          12,      "12"},
     {"MinusOneWraps",            "-1",           0xFFFF,  "65535"},
     {"Uint16Max",                "65535",        0xFFFF,  "65535"},

@@ -70,8 +70,9 @@ std::vector<unsigned long long> InBandAccessor::getSubDevicesIds(unsigned long l
     // order they were added.
     // Device 0 is "no device": it has no sub-devices. A device accessor that
     // has not found its device yet asks about it when it counts sub-devices.
-    (void)selector;
+    // The selector is only noted, so that tests see which one was asked with.
     return store().clientCall(Operation::getSubDevicesIds, deviceId, [&](Events&) {
+        store().lastSubDeviceSelectors[deviceId] = selector;
         return deviceId == 0 ? std::vector<unsigned long long>{}
                              : store().deviceLocked(deviceId).subDevices;
     });

@@ -647,6 +647,7 @@ void Store::Impl::resetLocked() {
     connectionCount.clear();
     faults.clear();
     nameAnswers.clear();
+    lastSubDeviceSelectors.clear();
 }
 
 // ==== Store ====================================================================
@@ -871,8 +872,18 @@ std::size_t Store::calls(std::string const& operation, Id id) const {
     return count;
 }
 
+std::optional<unsigned int> Store::lastSubDeviceSelector(Id device) const {
+    std::lock_guard<StoreLock> lock(m_impl->mutex);
+    auto const found = m_impl->lastSubDeviceSelectors.find(device);
+    if (found == m_impl->lastSubDeviceSelectors.end()) {
+        return std::nullopt;
+    }
+    return found->second;
+}
+
 void Store::resetCalls() {
     std::lock_guard<StoreLock> lock(m_impl->mutex);
+    m_impl->lastSubDeviceSelectors.clear();
     m_impl->callCount.fill(0);
     m_impl->callCountById.clear();
     m_impl->unsubscribesById.clear();

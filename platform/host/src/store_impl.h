@@ -213,6 +213,9 @@ struct Store::Impl {
     std::map<std::string, std::size_t> connectionCount;
     std::vector<Fault> faults;
     std::map<std::string, Id> nameAnswers;
+    // The selector of the last getSubDevicesIds() per device asked about:
+    // one entry a device, however often it is asked.
+    std::unordered_map<Id, unsigned int> lastSubDeviceSelectors;
 
     // ---- World (lock held) ------------------------------------------------
     Device& deviceLocked(Id id);

@@ -199,6 +199,11 @@ class Store {
     std::size_t calls(std::string const& operation, Id id) const;
     /* Every operation called since the last reset, with its count. */
     std::map<std::string, std::size_t> callsByOperation() const;
+    /* The selector that the last getSubDevicesIds() call about that device
+     * passed, or nothing when none reached the store since the last reset.
+     * The host answers every selector alike; this shows which one the caller
+     * asked with. */
+    std::optional<unsigned int> lastSubDeviceSelector(Id device) const;
     void resetCalls();
     /* Counting per id keeps a count for every id a call ever named, and
      * subscription ids are never given twice: a store that lives as long as
