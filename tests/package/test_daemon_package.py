@@ -20,8 +20,8 @@ import tempfile
 import time
 import unittest
 
-PACKAGES = os.environ["TARSEL_PACKAGES"]
-ARCHITECTURE = os.environ["TARSEL_DEB_ARCHITECTURE"]
+from debs import ARCHITECTURE, deb, native, run
+
 UNIT = "usr/lib/systemd/system/tarsel-modbusd.service"
 SETTINGS = "etc/tarsel-modbusd/tarsel-modbusd.json"
 SECRETS = "etc/tarsel-modbusd/secrets.json"
@@ -30,22 +30,6 @@ MAN_PAGE = "usr/share/man/man8/tarsel-modbusd.8.gz"
 TLS_MODULE = re.compile(r"(?m) \./(usr/lib/(?:[^ /]+/)?tarsel-modbusd/tarsel-modbusd-tls\.so)$")
 STARTUP_LIMIT_S = 20.0
 E2E_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e")
-
-
-def deb(name):
-    found = [f for f in os.listdir(PACKAGES)
-             if f.startswith(name + "_") and f.endswith("_%s.deb" % ARCHITECTURE)]
-    if len(found) != 1:
-        raise AssertionError("expected one %s package in %s, found %s" % (name, PACKAGES, found))
-    return os.path.join(PACKAGES, found[0])
-
-
-def run(*command, env=None, timeout=120):
-    return subprocess.run(command, capture_output=True, text=True, timeout=timeout, env=env)
-
-
-def native():
-    return run("dpkg", "--print-architecture").stdout.strip() == ARCHITECTURE
 
 
 def read_model(port):

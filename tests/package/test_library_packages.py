@@ -11,26 +11,10 @@ import subprocess
 import tempfile
 import unittest
 
-PACKAGES = os.environ["TARSEL_PACKAGES"]
-ARCHITECTURE = os.environ["TARSEL_DEB_ARCHITECTURE"]
+from debs import deb, native, run
+
 RUNTIME = "libtarsel-modbus1"
 DEVEL = "libtarsel-modbus-dev"
-
-
-def deb(name):
-    found = [f for f in os.listdir(PACKAGES)
-             if f.startswith(name + "_") and f.endswith("_%s.deb" % ARCHITECTURE)]
-    if len(found) != 1:
-        raise AssertionError("expected one %s package in %s, found %s" % (name, PACKAGES, found))
-    return os.path.join(PACKAGES, found[0])
-
-
-def run(*command, cwd=None, timeout=120):
-    return subprocess.run(command, capture_output=True, text=True, timeout=timeout, cwd=cwd)
-
-
-def native():
-    return run("dpkg", "--print-architecture").stdout.strip() == ARCHITECTURE
 
 
 def sonames(root):
