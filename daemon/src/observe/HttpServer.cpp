@@ -153,7 +153,7 @@ void HttpServer::acceptAll(Clock::time_point now) {
             }
             return;
         }
-        if (m_clients.size() >= m_limits.maxClients) {
+        if (m_clients.size() >= m_limits.maxClients && !closeOneAnswered()) {
             // Monitoring scrapes one page at a time; more at once is a flood.
             m_log.limited(Log::Level::Warning, "HTTP clients refused",
                           "HTTP: " + std::to_string(m_clients.size()) +
@@ -163,6 +163,20 @@ void HttpServer::acceptAll(Clock::time_point now) {
         }
         m_clients.push_back(std::make_unique<Client>(fd, now));
     }
+}
+
+bool HttpServer::closeOneAnswered() {
+    auto const answered =
+        std::min_element(m_clients.begin(), m_clients.end(), [](auto const& a, auto const& b) {
+            bool const aDraining = a->stage == Client::Stage::Draining;
+            bool const bDraining = b->stage == Client::Stage::Draining;
+            return aDraining != bDraining ? aDraining : a->since < b->since;
+        });
+    if (answered == m_clients.end() || (*answered)->stage != Client::Stage::Draining) {
+        return false;
+    }
+    m_clients.erase(answered);
+    return true;
 }
 
 bool HttpServer::readFrom(Client& client, Clock::time_point now) {
@@ -198,8 +212,9 @@ bool HttpServer::readFrom(Client& client, Clock::time_point now) {
         case HttpParse::Status::Incomplete:
             return !ended;  // gone before its request ended
         case HttpParse::Status::Bad:
+            // Limited by status: a flood of one kind does not hide the first of another.
             m_log.limited(
-                Log::Level::Warning, "bad HTTP requests",
+                Log::Level::Warning, "bad HTTP requests (" + std::to_string(parse.code) + ")",
                 "HTTP: request refused with " + std::to_string(parse.code) + ": " + parse.reason);
             answer(client, errorResponse(parse.code, parse.reason), asksForHead(client.input), now);
             break;

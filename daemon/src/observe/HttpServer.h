@@ -66,6 +66,11 @@ class HttpServer {
     struct Client;
 
     void acceptAll(Clock::time_point now);
+    /* Makes room for a new client by closing the one answered the longest
+     * ago that has not closed yet: it has all it asked for, and a client
+     * that never closes must not keep the next scrape out. False when every
+     * client still waits for its answer. */
+    bool closeOneAnswered();
     /* False when the client is done (answered or gone). */
     bool readFrom(Client& client, Clock::time_point now);
     void answer(Client& client, HttpResponse const& response, bool headOnly, Clock::time_point now);
