@@ -162,6 +162,40 @@ class ObserveTest(GatewayWithUpsdTest):
         # The write changed config.label: one push at least.
         self.assertGreaterEqual(values["tarsel_modbusd_pushes_total"], 1)
 
+    def test_metrics_count_refused_and_rejected_writes_and_unserved_functions_as_they_happened(self):
+        self.start(scenario_json=running_ups(), args=["--allow-write", "127.0.0.2",
+                                                         "--allow-write", "coils=127.0.0.1"])
+        self.client = self.daemon.client()
+        c = self.client
+        # Registers are not this client's to write: refused before the map is consulted.
+        for _ in range(3):
+            self.assertEqual(c.write_registers(60, [0x4142, 0], slave=1).exception_code, 1)
+        self.assertEqual(c.write_register(60, 7, slave=1).exception_code, 1)
+        # Coil 90 is no entry: Illegal Data Address, a rejected write.
+        for _ in range(2):
+            self.assertEqual(c.write_coil(90, True, slave=1).exception_code, 2)
+        # Diagnostics (function 8) is not served: Illegal Function, counted under its code.
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as raw:
+            raw.sendall(struct.pack(">HHHBBHH", 1, 0, 6, 1, 8, 0, 0))
+            self.assertEqual(raw.recv(9)[7:], bytes([0x88, 0x01]))
+        values = samples(get(self.port, "/metrics")[1])
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="refused"}'], 4)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="rejected"}'], 2)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="written"}'], 0)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="failed"}'], 0)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="16"}'], 3)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="6"}'], 1)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="5"}'], 2)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="8"}'], 1)
+        exceptions = {k: v for k, v in values.items()
+                      if k.startswith("tarsel_modbusd_exceptions_total")}
+        self.assertEqual(exceptions, {
+            'tarsel_modbusd_exceptions_total{function="16",code="1"}': 3,
+            'tarsel_modbusd_exceptions_total{function="6",code="1"}': 1,
+            'tarsel_modbusd_exceptions_total{function="5",code="2"}': 2,
+            'tarsel_modbusd_exceptions_total{function="8",code="1"}': 1,
+        })
+
     def test_the_metrics_page_is_prometheus_text_whose_counters_survive_a_reload(self):
         self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
         self.start(args=["--map", NUT_MAP, "--nut-interval", "0.2", "--nut",
