@@ -246,7 +246,7 @@ TEST_F(HttpServerTest, ClientsBeyondTheLimitAreRefused) {
     }
 }
 
-TEST_F(HttpServerTest, AnsweredClientsThatNeverCloseDoNotKeepANewClientOut) {
+TEST_F(HttpServerTest, AnAnsweredClientThatNeverClosesIsClosedForANewOne) {
     HttpLimits limits;
     limits.maxClients = 2;
     start(limits);
@@ -267,7 +267,33 @@ TEST_F(HttpServerTest, AnsweredClientsThatNeverCloseDoNotKeepANewClientOut) {
     }
 }
 
-TEST_F(HttpServerTest, ClientsStillWaitingForTheirAnswerAreNotClosedForANewOne) {
+TEST_F(HttpServerTest, AClientStillSendingItsRequestAfterASecondIsClosedForANewOne) {
+    HttpLimits limits;
+    limits.maxClients = 2;
+    start(limits);
+    std::vector<int> slow{connectTo(m_server->port()), connectTo(m_server->port())};
+    ASSERT_EQ(::send(slow[0], "GET /", 5, 0), 5);  // and nothing more
+    for (int i = 0; i < 10; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_server->clientCount(), 2u);
+    int const fd = connectTo(m_server->port());
+    std::string const request = "GET /metrics HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    pump(Clock::now() + 1500ms);  // the slow clients have been at it for over a second
+    EXPECT_NE(receiveAll(fd).find("path /metrics"), std::string::npos);
+    EXPECT_EQ(m_answered, 1);
+    // The one connected first went.
+    char byte = 0;
+    EXPECT_EQ(::recv(slow[0], &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_EQ(::recv(slow[1], &byte, 1, MSG_DONTWAIT), -1);
+    ::close(fd);
+    for (int const client : slow) {
+        ::close(client);
+    }
+}
+
+TEST_F(HttpServerTest, ClientsConnectedWithinTheLastSecondAreNotClosedForANewOne) {
     HttpLimits limits;
     limits.maxClients = 2;
     start(limits);

@@ -112,6 +112,27 @@ class HttpAbuseTest(unittest.TestCase):
         length = int(answer.split(b"Content-Length: ", 1)[1].split(b"\r\n", 1)[0])
         self.assertEqual(len(body), length)
 
+    def hold_every_place(self, request):
+        """Eight clients (every place the endpoint has) that sent `request`
+        and then neither read nor close."""
+        held = [socket.create_connection(("127.0.0.1", self.port), timeout=5) for _ in range(8)]
+        for sock in held:
+            self.addCleanup(sock.close)
+            sock.sendall(request)
+        return held
+
+    def test_a_scrape_is_answered_while_answered_clients_that_never_close_hold_every_place(self):
+        self.hold_every_place(b"GET /metrics HTTP/1.1\r\n\r\n")
+        time.sleep(0.3)  # all eight answered
+        self.assertEqual(status_of(raw_exchange(self.port, b"GET /healthz HTTP/1.1\r\n\r\n")),
+                         "HTTP/1.1 200 OK")
+
+    def test_a_scrape_is_answered_while_slow_clients_hold_every_place(self):
+        self.hold_every_place(b"GET /metrics HTTP/1.1\r\nX-Slow: ")
+        time.sleep(1.2)  # slow for over a second
+        self.assertEqual(status_of(raw_exchange(self.port, b"GET /healthz HTTP/1.1\r\n\r\n")),
+                         "HTTP/1.1 200 OK")
+
     def test_modbus_clients_are_answered_promptly_while_the_endpoint_is_abused(self):
         port = self.port
         deadline = time.monotonic() + ABUSE_S

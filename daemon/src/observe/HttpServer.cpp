@@ -14,6 +14,10 @@ namespace tarsel::daemon {
 namespace {
 
 constexpr int kMaxAcceptsPerPass = 16;
+// A request on the endpoint's network comes in a few milliseconds: a client
+// still sending its own after this long is slow enough to make room for a
+// new one when every place is taken.
+constexpr std::chrono::seconds kMinSlowToEvict{1};
 // What a client may still send after its answer before it is closed anyway.
 constexpr std::size_t kMaxDrainBytes = 64 * 1024;
 
@@ -153,7 +157,7 @@ void HttpServer::acceptAll(Clock::time_point now) {
             }
             return;
         }
-        if (m_clients.size() >= m_limits.maxClients && !closeOneAnswered()) {
+        if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
             // Monitoring scrapes one page at a time; more at once is a flood.
             m_log.limited(Log::Level::Warning, "HTTP clients refused",
                           "HTTP: " + std::to_string(m_clients.size()) +
@@ -165,17 +169,28 @@ void HttpServer::acceptAll(Clock::time_point now) {
     }
 }
 
-bool HttpServer::closeOneAnswered() {
-    auto const answered =
-        std::min_element(m_clients.begin(), m_clients.end(), [](auto const& a, auto const& b) {
-            bool const aDraining = a->stage == Client::Stage::Draining;
-            bool const bDraining = b->stage == Client::Stage::Draining;
-            return aDraining != bDraining ? aDraining : a->since < b->since;
-        });
-    if (answered == m_clients.end() || (*answered)->stage != Client::Stage::Draining) {
+bool HttpServer::makeRoom(Clock::time_point now) {
+    auto const oldestIn = [this](Client::Stage stage) {
+        auto found = m_clients.end();
+        for (auto it = m_clients.begin(); it != m_clients.end(); ++it) {
+            if ((*it)->stage == stage &&
+                (found == m_clients.end() || (*it)->since < (*found)->since)) {
+                found = it;
+            }
+        }
+        return found;
+    };
+    auto victim = oldestIn(Client::Stage::Draining);
+    if (victim == m_clients.end()) {
+        victim = oldestIn(Client::Stage::Reading);
+        if (victim != m_clients.end() && now - (*victim)->since < kMinSlowToEvict) {
+            victim = m_clients.end();
+        }
+    }
+    if (victim == m_clients.end()) {
         return false;
     }
-    m_clients.erase(answered);
+    m_clients.erase(victim);
     return true;
 }
 
