@@ -320,7 +320,11 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
         case TlsSession::Step::Pending:
             return true;
         case TlsSession::Step::Failed:
-            why = {"TLS handshakes failed", "TLS handshake failed: " + tls.failure()};
+            // Limited by reason: strangers' failures, as many as they like,
+            // do not hide the first of another kind (a master's certificate
+            // that expired).
+            why = {"TLS handshakes failed (" + tls.failure() + ")",
+                   "TLS handshake failed: " + tls.failure()};
             return false;
         case TlsSession::Step::Done:
             break;
