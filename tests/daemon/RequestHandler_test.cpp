@@ -492,6 +492,18 @@ TEST(RequestHandlerTest, AReadOnlyRoleCannotWriteButReads) {
     EXPECT_NE(daemon.logText().find("refused (the client's role is read-only)"), std::string::npos);
 }
 
+TEST(RequestHandlerTest, RequestLinesOfATlsClientNameItsCertificateAfterItsAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    RequestOrigin origin{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    origin.certificate = "certificate=\"/CN=scada\" role=\"operator\"";
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), origin).exception, 0);
+    EXPECT_NE(daemon.logText().find(": written; client=127.0.0.1:5021 certificate=\"/CN=scada\" "
+                                    "role=\"operator\" unit=1 function=6 address=2\n"),
+              std::string::npos)
+        << daemon.logText();
+}
+
 TEST(RequestHandlerTest, EntryAllowListsNarrowTheListenersRules) {
     std::string map = kMap;
     std::string const entry = R"("name": "t", "table")";

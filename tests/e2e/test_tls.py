@@ -122,8 +122,10 @@ class TlsTest(unittest.TestCase):
         self.assertEqual(read.registers, text_registers(b"Secure rack"))
         _, log = self.daemon.stop()
         self.assertIn('certificate "/CN=operator", role "operator" (read-write)', log)
+        # Who wrote: the certificate, after the address it came from.
         self.assertRegex(log, r'write "ups\.location" holding-registers 20: "[^"]*" -> '
-                              r'"Secure rack": written; client=127\.0\.0\.1:')
+                              r'"Secure rack": written; client=127\.0\.0\.1:\d+ '
+                              r'certificate="/CN=operator" role="operator" unit=1 function=16 ')
 
     def test_read_only_role_reads_but_a_write_is_illegal_function(self):
         client = self.tls_client("viewer")

@@ -221,9 +221,11 @@ std::string const& RequestHandler::fields() {
         char frameFields[48];
         char const* const end = writeFrameFields(frameFields, m_frame, m_frameLength);
         m_fields.clear();
-        m_fields.append("client=", 7)
-            .append(m_origin->client)
-            .append(frameFields, static_cast<std::size_t>(end - frameFields));
+        m_fields.append("client=", 7).append(m_origin->client);
+        if (!m_origin->certificate.empty()) {
+            m_fields.append(" ", 1).append(m_origin->certificate);
+        }
+        m_fields.append(frameFields, static_cast<std::size_t>(end - frameFields));
         m_fieldsBuilt = true;
     }
     return m_fields;
