@@ -22,7 +22,8 @@ test_packages=(
     "${run_packages[@]}"
     git openssl
     libgtest-dev libgmock-dev googletest libbenchmark-dev
-    python3 python3-pymodbus python3-serial-asyncio python3-cryptography mbpoll
+    python3 python3-pymodbus python3-serial-asyncio python3-cryptography
+    python3-prometheus-client mbpoll
     nut-server nut-client
     clang-format clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf qemu-user

@@ -32,6 +32,7 @@ python_package() {
     serial_asyncio) echo python3-serial-asyncio ;;
     serial) echo python3-serial ;;
     cryptography) echo python3-cryptography ;;
+    prometheus_client) echo python3-prometheus-client ;;
     *) echo "unknown: the one providing Python module '$1'" ;;
     esac
 }
@@ -110,6 +111,8 @@ test_checks() {
     # read_device_information lives in pymodbus's extended (repl) client.
     need_python_module pymodbus.repl.client.mclient
     need_python_module cryptography.x509
+    # The metrics page is checked with a Prometheus text parser of its own.
+    need_python_module prometheus_client.parser
 }
 
 case "$set_name" in

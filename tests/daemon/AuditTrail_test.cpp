@@ -1,5 +1,10 @@
 #include "AuditTrail.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,6 +13,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "Log.h"
 
 namespace tarsel::daemon {
 namespace {
@@ -19,11 +26,21 @@ class AuditTrailTest : public ::testing::Test {
     std::chrono::system_clock::time_point const when =
         std::chrono::system_clock::from_time_t(1795462867);
 
-    void SetUp() override { std::remove(path.c_str()); }
-    void TearDown() override { std::remove(path.c_str()); }
+    std::ostringstream logged;
+    Log log{logged};
 
-    std::string contents() const {
-        std::ifstream in(path);
+    void SetUp() override {
+        std::remove(path.c_str());
+        std::remove((path + ".1").c_str());
+    }
+    void TearDown() override {
+        std::remove(path.c_str());
+        std::remove((path + ".1").c_str());
+    }
+
+    std::string contents() const { return contentsOf(path); }
+    static std::string contentsOf(std::string const& file) {
+        std::ifstream in(file);
         std::ostringstream text;
         text << in.rdbuf();
         return text.str();
@@ -34,7 +51,7 @@ class AuditTrailTest : public ::testing::Test {
 };
 
 TEST_F(AuditTrailTest, EachRecordIsOneLineStartingWithItsUtcTime) {
-    AuditTrail trail(path, fixedClock());
+    AuditTrail trail(path, log, fixedClock());
     trail.record("write \"ups.location\": written");
     trail.record("write \"ups.contact\": refused");
     EXPECT_EQ(contents(),
@@ -43,26 +60,26 @@ TEST_F(AuditTrailTest, EachRecordIsOneLineStartingWithItsUtcTime) {
 }
 
 TEST_F(AuditTrailTest, ControlCharactersCannotStartALineOfTheirOwn) {
-    AuditTrail trail(path, fixedClock());
+    AuditTrail trail(path, log, fixedClock());
     trail.record("write \"x\": \nforged\x1b[31m");
     EXPECT_EQ(contents(), "2026-11-23T19:41:07Z write \"x\": \\nforged\\x1B[31m\n");
 }
 
 TEST_F(AuditTrailTest, RecordsAreWrittenThroughAtOnce) {
-    AuditTrail trail(path, fixedClock());
+    AuditTrail trail(path, log, fixedClock());
     trail.record("first");
     EXPECT_EQ(contents(), "2026-11-23T19:41:07Z first\n");  // while the trail is still open
 }
 
 TEST_F(AuditTrailTest, AnExistingTrailIsAppendedTo) {
-    AuditTrail(path, fixedClock()).record("before a restart");
-    AuditTrail(path, fixedClock()).record("after it");
+    AuditTrail(path, log, fixedClock()).record("before a restart");
+    AuditTrail(path, log, fixedClock()).record("after it");
     EXPECT_EQ(contents(), "2026-11-23T19:41:07Z before a restart\n2026-11-23T19:41:07Z after it\n");
 }
 
 TEST_F(AuditTrailTest, AFileThatCannotBeOpenedThrowsNamingItAndTheReason) {
     try {
-        AuditTrail trail("/nonexistent-directory/audit.log");
+        AuditTrail trail("/nonexistent-directory/audit.log", log);
         FAIL() << "opened a file in a missing directory";
     } catch (std::runtime_error const& error) {
         EXPECT_STREQ(error.what(),
@@ -74,7 +91,7 @@ TEST_F(AuditTrailTest, AFileThatCannotBeOpenedThrowsNamingItAndTheReason) {
 TEST_F(AuditTrailTest, WhyNotOpenableSaysWhatOpeningWouldThrowWithoutCreatingTheFile) {
     EXPECT_EQ(AuditTrail::whyNotOpenable(path), std::nullopt);
     EXPECT_FALSE(std::ifstream(path).good()) << "the check created the trail";
-    AuditTrail(path, fixedClock()).record("kept");
+    AuditTrail(path, log, fixedClock()).record("kept");
     EXPECT_EQ(AuditTrail::whyNotOpenable(path), std::nullopt);
     EXPECT_EQ(AuditTrail::whyNotOpenable("/nonexistent-directory/audit.log"),
               "cannot open the audit trail \"/nonexistent-directory/audit.log\": No such file or "
@@ -83,7 +100,7 @@ TEST_F(AuditTrailTest, WhyNotOpenableSaysWhatOpeningWouldThrowWithoutCreatingThe
     EXPECT_EQ(AuditTrail::whyNotOpenable(directory),
               "cannot open the audit trail \"" + directory + "\": Is a directory");
     try {
-        AuditTrail trail(directory);
+        AuditTrail trail(directory, log);
         FAIL() << "opened a directory";
     } catch (std::runtime_error const& error) {
         EXPECT_EQ(error.what(), *AuditTrail::whyNotOpenable(directory));
@@ -92,11 +109,95 @@ TEST_F(AuditTrailTest, WhyNotOpenableSaysWhatOpeningWouldThrowWithoutCreatingThe
     std::string const under = path + "/audit.log";
     ASSERT_TRUE(AuditTrail::whyNotOpenable(under).has_value());
     try {
-        AuditTrail trail(under);
+        AuditTrail trail(under, log);
         FAIL() << "opened a file under a file";
     } catch (std::runtime_error const& error) {
         EXPECT_EQ(error.what(), *AuditTrail::whyNotOpenable(under));
     }
+}
+
+/* Lowers the file size limit of this process (each test has its own) to
+ * `bytes` while it lives: writes past it fail with EFBIG, as they would with
+ * ENOSPC on a full disk, and work again once the limit is back. */
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        std::signal(SIGXFSZ, SIG_IGN);  // a failed write, not a signal that ends the test
+        ::getrlimit(RLIMIT_FSIZE, &m_saved);
+        rlimit lowered = m_saved;
+        lowered.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &lowered);
+    }
+    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &m_saved); }
+    FileSizeLimit(FileSizeLimit const&) = delete;
+    FileSizeLimit& operator=(FileSizeLimit const&) = delete;
+
+  private:
+    rlimit m_saved{};
+};
+
+TEST_F(AuditTrailTest, ARecordThatCannotBeWrittenIsLoggedAsAnErrorWithItsText) {
+    AuditTrail trail("/dev/full", log, fixedClock());
+    trail.record("write \"ups.location\": written");
+    EXPECT_EQ(logged.str(),
+              "tarsel-modbusd: error: cannot write to the audit trail \"/dev/full\": No space left "
+              "on device; not recorded there: write \"ups.location\": written\n");
+}
+
+TEST_F(AuditTrailTest, RecordingResumesOnceTheFileCanGrowAgain) {
+    AuditTrail trail(path, log, fixedClock());
+    trail.record("first");
+    {
+        FileSizeLimit const full(contents().size());
+        trail.record("second");
+        trail.record("third");
+    }
+    trail.record("fourth");
+    EXPECT_EQ(contents(), "2026-11-23T19:41:07Z first\n2026-11-23T19:41:07Z fourth\n");
+    EXPECT_NE(logged.str().find("not recorded there: third\n"), std::string::npos) << logged.str();
+    EXPECT_NE(logged.str().find("tarsel-modbusd: the audit trail \"" + path +
+                                "\" is written again; 2 records could not be written to it\n"),
+              std::string::npos)
+        << logged.str();
+}
+
+TEST_F(AuditTrailTest, ARecordWrittenInPartDoesNotRunIntoTheNextOne) {
+    AuditTrail trail(path, log, fixedClock());
+    trail.record("first");
+    {
+        FileSizeLimit const nearlyFull(contents().size() + 10);
+        trail.record("second");
+    }
+    trail.record("third");
+    EXPECT_EQ(contents(), "2026-11-23T19:41:07Z first\n2026-11-23\n2026-11-23T19:41:07Z third\n");
+}
+
+TEST_F(AuditTrailTest, ATrailRenamedAwayIsCreatedAfreshAtTheNextRecord) {
+    AuditTrail trail(path, log, fixedClock());
+    trail.record("before the rotation");
+    ASSERT_EQ(std::rename(path.c_str(), (path + ".1").c_str()), 0);
+    trail.record("after it");
+    EXPECT_EQ(contentsOf(path + ".1"), "2026-11-23T19:41:07Z before the rotation\n");
+    EXPECT_EQ(contents(), "2026-11-23T19:41:07Z after it\n");
+    EXPECT_NE(logged.str().find("was moved or removed; recording in a new one"), std::string::npos)
+        << logged.str();
+}
+
+TEST_F(AuditTrailTest, ATrailRemovedIsCreatedAfreshAtTheNextRecord) {
+    AuditTrail trail(path, log, fixedClock());
+    trail.record("before the removal");
+    ASSERT_EQ(std::remove(path.c_str()), 0);
+    trail.record("after it");
+    EXPECT_EQ(contents(), "2026-11-23T19:41:07Z after it\n");
+}
+
+TEST_F(AuditTrailTest, ATrailTruncatedUnderItIsWrittenFromItsNewStart) {
+    AuditTrail trail(path, log, fixedClock());
+    trail.record("copied away");
+    ASSERT_EQ(::truncate(path.c_str(), 0), 0);
+    trail.record("after the truncation");
+    // No hole of NUL bytes as long as what was copied away.
+    EXPECT_EQ(contents(), "2026-11-23T19:41:07Z after the truncation\n");
 }
 
 }  // namespace

@@ -149,6 +149,17 @@ TEST_F(HttpServerTest, AMalformedRequestIsRefusedWith400) {
     EXPECT_EQ(m_answered, 0);
 }
 
+TEST_F(HttpServerTest, AFloodOfOneBadRequestDoesNotHideTheFirstOfAnother) {
+    start();
+    for (std::size_t i = 0; i <= Log::kBurstPerMinute; ++i) {
+        exchange("GET metrics HTTP/1.1\r\n\r\n");
+    }
+    exchange("GET /metrics HTTP/2.0\r\n\r\n");
+    EXPECT_NE(m_logText.str().find("HTTP: request refused with 505: only HTTP/1.0 and HTTP/1.1"),
+              std::string::npos)
+        << m_logText.str();
+}
+
 TEST_F(HttpServerTest, ARefusedHeadRequestGetsItsErrorAnswerWithoutABody) {
     start();
     // The client reads no body after the header of an answer to HEAD: bytes
@@ -231,6 +242,72 @@ TEST_F(HttpServerTest, ClientsBeyondTheLimitAreRefused) {
     EXPECT_NE(m_logText.str().find("HTTP: 2 clients connected; connection refused"),
               std::string::npos);
     for (int const fd : fds) {
+        ::close(fd);
+    }
+}
+
+TEST_F(HttpServerTest, AnAnsweredClientThatNeverClosesIsClosedForANewOne) {
+    HttpLimits limits;
+    limits.maxClients = 2;
+    start(limits);
+    std::string const request = "GET /metrics HTTP/1.1\r\n\r\n";
+    std::vector<int> answered;
+    for (int i = 0; i < 2; ++i) {
+        answered.push_back(connectTo(m_server->port()));
+        ASSERT_EQ(::send(answered.back(), request.data(), request.size(), 0),
+                  static_cast<ssize_t>(request.size()));
+        EXPECT_NE(receiveAll(answered.back()).find("path /metrics"), std::string::npos);
+    }
+    ASSERT_EQ(m_server->clientCount(), 2u);  // both answered, neither closed
+    std::string const answer = exchange(request);
+    EXPECT_NE(answer.find("path /metrics"), std::string::npos) << answer;
+    EXPECT_EQ(m_answered, 3);
+    for (int const fd : answered) {
+        ::close(fd);
+    }
+}
+
+TEST_F(HttpServerTest, AClientStillSendingItsRequestAfterASecondIsClosedForANewOne) {
+    HttpLimits limits;
+    limits.maxClients = 2;
+    start(limits);
+    std::vector<int> slow{connectTo(m_server->port()), connectTo(m_server->port())};
+    ASSERT_EQ(::send(slow[0], "GET /", 5, 0), 5);  // and nothing more
+    for (int i = 0; i < 10; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_server->clientCount(), 2u);
+    int const fd = connectTo(m_server->port());
+    std::string const request = "GET /metrics HTTP/1.1\r\n\r\n";
+    ASSERT_EQ(::send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    pump(Clock::now() + 1500ms);  // the slow clients have been at it for over a second
+    EXPECT_NE(receiveAll(fd).find("path /metrics"), std::string::npos);
+    EXPECT_EQ(m_answered, 1);
+    // The one connected first went.
+    char byte = 0;
+    EXPECT_EQ(::recv(slow[0], &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_EQ(::recv(slow[1], &byte, 1, MSG_DONTWAIT), -1);
+    ::close(fd);
+    for (int const client : slow) {
+        ::close(client);
+    }
+}
+
+TEST_F(HttpServerTest, ClientsConnectedWithinTheLastSecondAreNotClosedForANewOne) {
+    HttpLimits limits;
+    limits.maxClients = 2;
+    start(limits);
+    std::vector<int> waiting{connectTo(m_server->port()), connectTo(m_server->port())};
+    ASSERT_EQ(::send(waiting[0], "GET /", 5, 0), 5);  // its request not ended yet
+    for (int i = 0; i < 10; ++i) {
+        pump();
+    }
+    ASSERT_EQ(m_server->clientCount(), 2u);
+    std::string const answer = exchange("GET /metrics HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(answer, "");  // refused: closed without an answer
+    EXPECT_EQ(m_server->clientCount(), 2u);
+    EXPECT_EQ(m_answered, 0);
+    for (int const fd : waiting) {
         ::close(fd);
     }
 }

@@ -20,6 +20,31 @@ TEST(LogTextTest, EscapeControlsKeepsPrintableTextAndUtf8) {
               "C");
 }
 
+TEST(LogTextTest, EscapeControlsEscapesTheC1ControlsAndTheUnicodeLineBreaksOfUtf8) {
+    // U+009B (a terminal's escape sequence), U+0085 (next line), U+2028, U+2029.
+    EXPECT_EQ(escapeControls("a\xC2\x9B"
+                             "31mb\xC2\x85"
+                             "c\xE2\x80\xA8"
+                             "d\xE2\x80\xA9"
+                             "e"),
+              "a\\xC2\\x9B31mb\\xC2\\x85c\\xE2\\x80\\xA8d\\xE2\\x80\\xA9e");
+    // Their neighbours are text.
+    EXPECT_EQ(escapeControls("\xC2\xA0\xE2\x80\xA7\xE2\x80\xAA"),
+              "\xC2\xA0\xE2\x80\xA7\xE2\x80\xAA");
+}
+
+TEST(LogTextTest, EscapeControlsEscapesEveryByteThatIsNotWellFormedUtf8) {
+    EXPECT_EQ(escapeControls("a\x9B"
+                             "31m"),
+              "a\\x9B31m");                               // a C1 control of 8-bit terminals
+    EXPECT_EQ(escapeControls("\xC3"), "\\xC3");           // cut short at the end
+    EXPECT_EQ(escapeControls("\xC3z"), "\\xC3z");         // cut short before ASCII
+    EXPECT_EQ(escapeControls("\xC0\xAF"), "\\xC0\\xAF");  // overlong "/"
+    EXPECT_EQ(escapeControls("\xED\xA0\x80"), "\\xED\\xA0\\x80");           // a surrogate
+    EXPECT_EQ(escapeControls("\xF4\x90\x80\x80"), "\\xF4\\x90\\x80\\x80");  // beyond U+10FFFF
+    EXPECT_EQ(escapeControls("\xF0\x9F\x94\x8B \xE2\x82\xAC"), "\xF0\x9F\x94\x8B \xE2\x82\xAC");
+}
+
 TEST(LogTextTest, QuotedValueEscapesQuotesBackslashesAndEveryNonAsciiByte) {
     EXPECT_EQ(quotedValue("Rack 1"), "\"Rack 1\"");
     EXPECT_EQ(quotedValue("a\"b\\c"), "\"a\\\"b\\\\c\"");

@@ -28,6 +28,32 @@ TEST(LogTest, ALineBreakInTheTextCannotStartAForgedLine) {
     EXPECT_EQ(out.str(), "tarsel-modbusd: wrote \"x\\ntarsel-modbusd: error: FORGED\"\n");
 }
 
+/* Takes nothing while `full` is set, as a file on a full disk. */
+class FillingBuffer : public std::stringbuf {
+  public:
+    bool full = false;
+
+  protected:
+    std::streamsize xsputn(char const* text, std::streamsize count) override {
+        return full ? 0 : std::stringbuf::xsputn(text, count);
+    }
+    int_type overflow(int_type c) override {
+        return full ? traits_type::eof() : std::stringbuf::overflow(c);
+    }
+};
+
+TEST(LogTest, LoggingResumesOnceTheStreamTakesLinesAgain) {
+    FillingBuffer buffer;
+    std::ostream out(&buffer);
+    Log log(out);
+    log.info("before");
+    buffer.full = true;
+    log.info("lost");
+    buffer.full = false;
+    log.info("after");
+    EXPECT_EQ(buffer.str(), "tarsel-modbusd: before\ntarsel-modbusd: after\n");
+}
+
 TEST(LogTest, LinesWritesMultiLineTextOfTheDaemonsOwnLineByLine) {
     std::ostringstream out;
     Log log(out);

@@ -443,6 +443,21 @@ TEST(RequestHandlerTest, AWriteFromAnAddressNotAllowedIsIllegalFunctionAndWrites
     EXPECT_EQ(TestDaemon::channel(2, "T"), kq::CValue(42));
 }
 
+TEST(RequestHandlerTest, AStrangersRefusedWritesDoNotHideTheFirstWriteRefusedForAnotherReason) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    applyAllowOption(rules, true, "127.0.0.1");
+    for (std::size_t i = 0; i <= Log::kBurstPerMinute; ++i) {
+        EXPECT_EQ(askFrom(daemon, request(6, 2, 42), stranger(rules)).exception, 0x01);
+    }
+    RequestOrigin const local{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    EXPECT_EQ(askFrom(daemon, request(6, 30, 5), local).exception, 4);
+    EXPECT_NE(daemon.logText().find("write \"missing\" holding-registers 30: (not available) -> "
+                                    "[0x0005]: refused (not available); client=127.0.0.1:5021"),
+              std::string::npos)
+        << daemon.logText();
+}
+
 TEST(RequestHandlerTest, AReadFromAnAddressNotAllowedIsIllegalFunction) {
     TestDaemon daemon(kMap, kRunningUps);
     AccessRules rules;
@@ -475,6 +490,18 @@ TEST(RequestHandlerTest, AReadOnlyRoleCannotWriteButReads) {
     EXPECT_EQ(TestDaemon::channel(2, "Switch"), kq::CValue(true));
     EXPECT_EQ(askFrom(daemon, request(1, 0, 1), readOnly).bits, (std::vector<uint8_t>{1}));
     EXPECT_NE(daemon.logText().find("refused (the client's role is read-only)"), std::string::npos);
+}
+
+TEST(RequestHandlerTest, RequestLinesOfATlsClientNameItsCertificateAfterItsAddress) {
+    TestDaemon daemon(kMap, kRunningUps);
+    AccessRules rules;
+    RequestOrigin origin{"127.0.0.1:5021", 0x7F000001, &rules, true};
+    origin.certificate = "certificate=\"/CN=scada\" role=\"operator\"";
+    EXPECT_EQ(askFrom(daemon, request(6, 2, 42), origin).exception, 0);
+    EXPECT_NE(daemon.logText().find(": written; client=127.0.0.1:5021 certificate=\"/CN=scada\" "
+                                    "role=\"operator\" unit=1 function=6 address=2\n"),
+              std::string::npos)
+        << daemon.logText();
 }
 
 TEST(RequestHandlerTest, EntryAllowListsNarrowTheListenersRules) {

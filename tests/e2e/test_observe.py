@@ -16,6 +16,8 @@ import unittest
 import urllib.error
 import urllib.request
 
+from prometheus_client.parser import text_string_to_metric_families
+
 from harness import DAEMON, Daemon, poll_until, running_ups
 from nut_harness import NUT_MAP, GatewayWithUpsdTest, Upsd, demo_dev
 
@@ -72,6 +74,48 @@ def samples(text):
     return values
 
 
+def parsed_families(test, text):
+    """The families of a metrics page, read by a Prometheus text parser of
+    its own, with what that parser leaves unchecked checked here: every
+    sample belongs to the family whose HELP and TYPE lines came before it,
+    and every histogram adds up."""
+    families = list(text_string_to_metric_families(text))
+    declared = None
+    for line in text.splitlines():
+        if line.startswith("# TYPE "):
+            declared = line.split(" ")[2]
+        elif line and not line.startswith("#"):
+            name = re.match(r"[a-zA-Z_:][a-zA-Z0-9_:]*", line).group(0)
+            test.assertIn(name, [declared, declared + "_bucket", declared + "_sum",
+                                 declared + "_count"], line)
+    for family in families:
+        test.assertIn(family.type, ("counter", "gauge", "histogram"), family.name)
+        test.assertTrue(family.documentation, family.name)
+        if family.type == "histogram":
+            check_histogram(test, family)
+    return families
+
+
+def check_histogram(test, family):
+    buckets = [s for s in family.samples if s.name.endswith("_bucket")]
+    bounds = [float(s.labels["le"]) for s in buckets]
+    test.assertEqual(bounds, sorted(bounds), family.name)
+    test.assertEqual(bounds[-1], float("inf"), family.name)
+    counts = [s.value for s in buckets]
+    test.assertEqual(counts, sorted(counts), family.name + ": buckets not cumulative")
+    count = [s.value for s in family.samples if s.name.endswith("_count")]
+    total = [s.value for s in family.samples if s.name.endswith("_sum")]
+    test.assertEqual(count, [counts[-1]], family.name)
+    test.assertEqual(len(total), 1, family.name)
+    test.assertGreaterEqual(total[0], 0, family.name)
+
+
+def counter_values(families):
+    """{(sample name, labels): value} of every counter and histogram sample."""
+    return {(s.name, tuple(sorted(s.labels.items()))): s.value
+            for f in families if f.type in ("counter", "histogram") for s in f.samples}
+
+
 class ObserveTest(GatewayWithUpsdTest):
     def start(self, **kwargs):
         kwargs["args"] = list(kwargs.get("args", ())) + HTTP_ARGS
@@ -117,6 +161,62 @@ class ObserveTest(GatewayWithUpsdTest):
         self.assertEqual(values["tarsel_modbusd_map_available"], 1)
         # The write changed config.label: one push at least.
         self.assertGreaterEqual(values["tarsel_modbusd_pushes_total"], 1)
+
+    def test_metrics_count_refused_and_rejected_writes_and_unserved_functions_as_they_happened(self):
+        self.start(scenario_json=running_ups(), args=["--allow-write", "127.0.0.2",
+                                                         "--allow-write", "coils=127.0.0.1"])
+        self.client = self.daemon.client()
+        c = self.client
+        # Registers are not this client's to write: refused before the map is consulted.
+        for _ in range(3):
+            self.assertEqual(c.write_registers(60, [0x4142, 0], slave=1).exception_code, 1)
+        self.assertEqual(c.write_register(60, 7, slave=1).exception_code, 1)
+        # Coil 90 is no entry: Illegal Data Address, a rejected write.
+        for _ in range(2):
+            self.assertEqual(c.write_coil(90, True, slave=1).exception_code, 2)
+        # Diagnostics (function 8) is not served: Illegal Function, counted under its code.
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as raw:
+            raw.sendall(struct.pack(">HHHBBHH", 1, 0, 6, 1, 8, 0, 0))
+            self.assertEqual(raw.recv(9)[7:], bytes([0x88, 0x01]))
+        values = samples(get(self.port, "/metrics")[1])
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="refused"}'], 4)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="rejected"}'], 2)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="written"}'], 0)
+        self.assertEqual(values['tarsel_modbusd_writes_total{outcome="failed"}'], 0)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="16"}'], 3)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="6"}'], 1)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="5"}'], 2)
+        self.assertEqual(values['tarsel_modbusd_requests_total{function="8"}'], 1)
+        exceptions = {k: v for k, v in values.items()
+                      if k.startswith("tarsel_modbusd_exceptions_total")}
+        self.assertEqual(exceptions, {
+            'tarsel_modbusd_exceptions_total{function="16",code="1"}': 3,
+            'tarsel_modbusd_exceptions_total{function="6",code="1"}': 1,
+            'tarsel_modbusd_exceptions_total{function="5",code="2"}': 2,
+            'tarsel_modbusd_exceptions_total{function="8",code="1"}': 1,
+        })
+
+    def test_the_metrics_page_is_prometheus_text_whose_counters_survive_a_reload(self):
+        self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
+        self.start(args=["--map", NUT_MAP, "--nut-interval", "0.2", "--nut",
+                         self.upsd.endpoint("bench")])
+        polled = lambda: samples(get(self.port, "/metrics")[1])[
+            "tarsel_modbusd_source_polls_total"] >= 3
+        self.assertTrue(poll_until(polled, attempts=int(OPEN_LIMIT_S / 0.25), interval=0.25))
+        self.client = self.daemon.client()
+        for _ in range(3):
+            self.client.read_holding_registers(0, 2, slave=1)
+        self.client.read_holding_registers(9000, 1, slave=1)
+        status, page = get(self.port, "/metrics")
+        self.assertEqual(status, 200)
+        before = counter_values(parsed_families(self, page))
+        self.assertGreater(before[("tarsel_modbusd_source_poll_duration_seconds_count", ())], 0)
+        os.kill(self.daemon.process.pid, signal.SIGHUP)
+        self.assertTrue(self.daemon.wait_for_log("reload applied: ", 10.0),
+                        "\n".join(self.daemon.log_lines))
+        after = counter_values(parsed_families(self, get(self.port, "/metrics")[1]))
+        for key, value in before.items():
+            self.assertGreaterEqual(after[key], value, key)
 
     def test_healthz_goes_from_503_to_200_when_the_ups_becomes_available(self):
         self.start()  # the shipped scenario: the UPS is detected after ~3 s

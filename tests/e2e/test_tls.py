@@ -122,8 +122,10 @@ class TlsTest(unittest.TestCase):
         self.assertEqual(read.registers, text_registers(b"Secure rack"))
         _, log = self.daemon.stop()
         self.assertIn('certificate "/CN=operator", role "operator" (read-write)', log)
+        # Who wrote: the certificate, after the address it came from.
         self.assertRegex(log, r'write "ups\.location" holding-registers 20: "[^"]*" -> '
-                              r'"Secure rack": written; client=127\.0\.0\.1:')
+                              r'"Secure rack": written; client=127\.0\.0\.1:\d+ '
+                              r'certificate="/CN=operator" role="operator" unit=1 function=16 ')
 
     def test_read_only_role_reads_but_a_write_is_illegal_function(self):
         client = self.tls_client("viewer")
@@ -158,6 +160,20 @@ class TlsTest(unittest.TestCase):
         out, err = self.s_client("expired")
         self.assertEqual(out, b"", err)
         self.assertTrue(self.daemon.wait_for_log("TLS handshake failed: certificate has expired"))
+
+    def test_strangers_failing_their_handshakes_do_not_hide_the_first_expired_certificate(self):
+        for _ in range(12):
+            with socket.create_connection(("127.0.0.1", self.tls_port), timeout=5) as raw:
+                raw.sendall(b"GET / HTTP/1.0\r\n\r\n")
+                raw.settimeout(5)
+                try:
+                    while raw.recv(1024):
+                        pass
+                except OSError:
+                    pass
+        self.s_client("expired")
+        self.assertTrue(self.daemon.wait_for_log("TLS handshake failed: certificate has expired"),
+                        "\n".join(self.daemon.log_lines))
 
     def test_a_certificate_without_a_configured_role_is_closed(self):
         for name in ("no-role", "unknown-role"):

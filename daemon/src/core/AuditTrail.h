@@ -5,21 +5,24 @@
 #pragma once
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
 
+#include "Descriptor.h"
+
 namespace tarsel::daemon {
+
+class Log;
 
 class AuditTrail {
   public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     /* Opens (appends to) the file; std::runtime_error naming it when it
-     * cannot be opened. */
-    explicit AuditTrail(
-        std::string const& path, Clock clock = [] { return std::chrono::system_clock::now(); });
+     * cannot be opened. What goes wrong later goes to `log`. */
+    AuditTrail(
+        std::string path, Log& log, Clock clock = [] { return std::chrono::system_clock::now(); });
 
     /* Why the file could not be opened for appending, in the words the
      * constructor would throw, found without opening or creating it (what
@@ -28,12 +31,26 @@ class AuditTrail {
     static std::optional<std::string> whyNotOpenable(std::string const& path);
 
     /* One line: the UTC time, then the text with its control characters
-     * escaped; written through at once, so a crash loses nothing. */
+     * escaped; written through at once, so a crash loses nothing. A trail
+     * renamed or removed since the last record (rotated) is created afresh
+     * first. A record that cannot be written (a full disk) is logged as an
+     * error with its text instead, and the next one is tried again. */
     void record(std::string const& text);
 
   private:
-    std::ofstream m_out;
+    /* Opens the file at the path again when it is no longer the one written. */
+    void followRotation();
+    /* Appends the whole line; the system's reason when it could not. */
+    std::optional<std::string> append(std::string const& line);
+
+    std::string m_path;
+    Log& m_log;
     Clock m_clock;
+    std::optional<Descriptor> m_file;
+    // The last line was written in part (the disk filled up under it): the
+    // next one starts with a line break, so it never continues that line.
+    bool m_torn = false;
+    unsigned long long m_lost = 0;  // records not written since the last one that was
 };
 
 }  // namespace tarsel::daemon

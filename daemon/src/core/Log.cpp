@@ -89,6 +89,10 @@ void Log::lines(Level level, std::string const& text) {
 }
 
 void Log::write(Level level, std::string const& text) {
+    // A line the stream could not take (stderr on a full disk) leaves it
+    // failed, and a failed stream writes nothing more: the next line tries
+    // again.
+    m_out.clear();
     // Flushed line by line: scripts and tests follow the log through a pipe.
     if (m_format == Format::Journal) {
         m_out << priority(level) << prefix(level) << escapeControls(text) << std::endl;

@@ -10,9 +10,12 @@
 
 namespace tarsel::daemon {
 
-/* Escapes control characters (C0 and DEL) as "\n", "\r", "\t" or "\xNN";
+/* Escapes control characters (C0, DEL and the C1 controls of UTF-8) as
+ * "\n", "\r", "\t" or "\xNN" per byte, and so the Unicode line and
+ * paragraph separators and every byte that is not part of well-formed UTF-8;
  * leaves everything else, UTF-8 included, as it is. What every log line goes
- * through, so no line can ever hold a line break or a terminal escape. */
+ * through, so no line can ever hold a line break or a terminal escape, for
+ * readers that know Unicode too. */
 std::string escapeControls(std::string_view text);
 
 /* A value a client chose, between double quotes: backslash, quote, control

@@ -64,7 +64,7 @@ std::unique_ptr<AuditTrail> openAuditTrail(Options const& options, Log& log) {
     if (options.auditLog.empty()) {
         return nullptr;
     }
-    auto trail = std::make_unique<AuditTrail>(options.auditLog);
+    auto trail = std::make_unique<AuditTrail>(options.auditLog, log);
     log.info("every write is recorded in " + quotedValue(options.auditLog));
     return trail;
 }

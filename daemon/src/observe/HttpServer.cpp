@@ -14,6 +14,10 @@ namespace tarsel::daemon {
 namespace {
 
 constexpr int kMaxAcceptsPerPass = 16;
+// A request on the endpoint's network comes in a few milliseconds: a client
+// still sending its own after this long is slow enough to make room for a
+// new one when every place is taken.
+constexpr std::chrono::seconds kMinSlowToEvict{1};
 // What a client may still send after its answer before it is closed anyway.
 constexpr std::size_t kMaxDrainBytes = 64 * 1024;
 
@@ -153,7 +157,7 @@ void HttpServer::acceptAll(Clock::time_point now) {
             }
             return;
         }
-        if (m_clients.size() >= m_limits.maxClients) {
+        if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
             // Monitoring scrapes one page at a time; more at once is a flood.
             m_log.limited(Log::Level::Warning, "HTTP clients refused",
                           "HTTP: " + std::to_string(m_clients.size()) +
@@ -163,6 +167,31 @@ void HttpServer::acceptAll(Clock::time_point now) {
         }
         m_clients.push_back(std::make_unique<Client>(fd, now));
     }
+}
+
+bool HttpServer::makeRoom(Clock::time_point now) {
+    auto const oldestIn = [this](Client::Stage stage) {
+        auto found = m_clients.end();
+        for (auto it = m_clients.begin(); it != m_clients.end(); ++it) {
+            if ((*it)->stage == stage &&
+                (found == m_clients.end() || (*it)->since < (*found)->since)) {
+                found = it;
+            }
+        }
+        return found;
+    };
+    auto victim = oldestIn(Client::Stage::Draining);
+    if (victim == m_clients.end()) {
+        victim = oldestIn(Client::Stage::Reading);
+        if (victim != m_clients.end() && now - (*victim)->since < kMinSlowToEvict) {
+            victim = m_clients.end();
+        }
+    }
+    if (victim == m_clients.end()) {
+        return false;
+    }
+    m_clients.erase(victim);
+    return true;
 }
 
 bool HttpServer::readFrom(Client& client, Clock::time_point now) {
@@ -198,8 +227,9 @@ bool HttpServer::readFrom(Client& client, Clock::time_point now) {
         case HttpParse::Status::Incomplete:
             return !ended;  // gone before its request ended
         case HttpParse::Status::Bad:
+            // Limited by status: a flood of one kind does not hide the first of another.
             m_log.limited(
-                Log::Level::Warning, "bad HTTP requests",
+                Log::Level::Warning, "bad HTTP requests (" + std::to_string(parse.code) + ")",
                 "HTTP: request refused with " + std::to_string(parse.code) + ": " + parse.reason);
             answer(client, errorResponse(parse.code, parse.reason), asksForHead(client.input), now);
             break;

@@ -66,6 +66,13 @@ class HttpServer {
     struct Client;
 
     void acceptAll(Clock::time_point now);
+    /* Makes room for a new client by closing the one answered the longest
+     * ago that has not closed yet (it has all it asked for), or else the
+     * one connected the longest ago that has been sending its request for a
+     * second or more: clients that never close, or send a byte now and
+     * then, must not keep the next scrape out. False when every client is
+     * being answered or connected within the last second. */
+    bool makeRoom(Clock::time_point now);
     /* False when the client is done (answered or gone). */
     bool readFrom(Client& client, Clock::time_point now);
     void answer(Client& client, HttpResponse const& response, bool headOnly, Clock::time_point now);

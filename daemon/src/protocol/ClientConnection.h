@@ -101,6 +101,9 @@ class ClientConnection {
     /* What the client's certificate role allows; true on plain connections. */
     bool roleMayWrite() const { return m_roleMayWrite; }
     void setRoleMayWrite(bool mayWrite) { m_roleMayWrite = mayWrite; }
+    /* The certificate's fields for request lines; empty on plain connections. */
+    std::string const& certificate() const { return m_certificate; }
+    void setCertificate(std::string fields) { m_certificate = std::move(fields); }
     std::size_t pendingOutput() const { return m_outputBytes; }
 
     /* When a complete request last arrived (or the connection, before any). */
@@ -121,6 +124,7 @@ class ClientConnection {
     int m_fd;
     std::unique_ptr<TlsSession> m_tls;
     bool m_roleMayWrite = true;
+    std::string m_certificate;
     PeerAddress m_peer;
     std::size_t m_outputLimit;
     std::vector<std::uint8_t> m_input;

@@ -266,6 +266,7 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
     origin.ipv4 = client.peer().ipv4;
     origin.rules = &m_access;
     origin.roleMayWrite = client.roleMayWrite();
+    origin.certificate = client.certificate();
     for (int turn = 0; turn < kFramesPerTurn; ++turn) {
         switch (client.takeFrame(frame)) {
             case ClientConnection::FrameStatus::Incomplete:
@@ -320,7 +321,11 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
         case TlsSession::Step::Pending:
             return true;
         case TlsSession::Step::Failed:
-            why = {"TLS handshakes failed", "TLS handshake failed: " + tls.failure()};
+            // Limited by reason: strangers' failures, as many as they like,
+            // do not hide the first of another kind (a master's certificate
+            // that expired).
+            why = {"TLS handshakes failed (" + tls.failure() + ")",
+                   "TLS handshake failed: " + tls.failure()};
             return false;
         case TlsSession::Step::Done:
             break;
@@ -336,6 +341,8 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
     }
     bool const mayWrite = access.value_or(RoleAccess::ReadOnly) == RoleAccess::ReadWrite;
     client.setRoleMayWrite(mayWrite);
+    client.setCertificate("certificate=" + quotedValue(tls.peerSubject()) +
+                          " role=" + quotedValue(*role));
     client.handshakeDone(now);
     m_log.limited(Log::Level::Info, "TLS clients accepted",
                   "client " + client.peer().text + ": certificate " + who + " (" +

@@ -173,6 +173,13 @@ struct AuditLine {
     }
 };
 
+/* Refusals are limited in the log by their reason: a stranger refused over
+ * and over does not hide the first write refused for another reason (an
+ * entry that went unavailable). */
+std::string refusedKind(char const* what, std::string const& why) {
+    return std::string("refused ") + what + " (" + why + ")";
+}
+
 /* "127.0.0.1" of "127.0.0.1:40212": a client's writes are counted together
  * whatever port it connects from. */
 std::string addressOf(std::string_view client) {
@@ -214,9 +221,11 @@ std::string const& RequestHandler::fields() {
         char frameFields[48];
         char const* const end = writeFrameFields(frameFields, m_frame, m_frameLength);
         m_fields.clear();
-        m_fields.append("client=", 7)
-            .append(m_origin->client)
-            .append(frameFields, static_cast<std::size_t>(end - frameFields));
+        m_fields.append("client=", 7).append(m_origin->client);
+        if (!m_origin->certificate.empty()) {
+            m_fields.append(" ", 1).append(m_origin->certificate);
+        }
+        m_fields.append(frameFields, static_cast<std::size_t>(end - frameFields));
         m_fieldsBuilt = true;
     }
     return m_fields;
@@ -435,10 +444,15 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     }
     Table const table = *tableOf(answer.function);
     if (std::string const why = writeRefusal(table, {}); !why.empty()) {
-        // Before the map is consulted: a stranger learns nothing of it.
-        m_log.limited(Log::Level::Warning, "refused writes",
-                      "write to " + std::string(tableName(table)) + " " +
-                          std::to_string(answer.address) + ": refused (" + why + "); " + fields());
+        // Before the map is consulted: a stranger learns nothing of it. The
+        // trail keeps the attempt all the same, whatever the log's limit.
+        std::string const line = "write to " + std::string(tableName(table)) + " " +
+                                 std::to_string(answer.address) + ": refused (" + why + "); " +
+                                 fields();
+        if (m_auditTrail != nullptr) {
+            m_auditTrail->record(line);
+        }
+        m_log.limited(Log::Level::Warning, refusedKind("writes", why), line);
         return refuse(answer, ec::kIllegalFunction);
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
@@ -643,7 +657,7 @@ std::string RequestHandler::writeRefusal(Table table,
 }
 
 Answer RequestHandler::refuseRead(Answer answer, std::string const& why) {
-    m_log.limited(Log::Level::Warning, "refused reads",
+    m_log.limited(Log::Level::Warning, refusedKind("reads", why),
                   "read of " + std::string(tableName(*tableOf(answer.function))) + " " +
                       std::to_string(answer.address) + ": refused (" + why + "); " + fields());
     return refuse(std::move(answer), ec::kIllegalFunction);
@@ -700,7 +714,7 @@ void RequestHandler::auditRefused(ServedEntry const& entry,
         m_auditTrail->record(line);
     }
     // In the log, refused writes are limited, so a stranger cannot flood it.
-    m_log.limited(Log::Level::Warning, "refused writes", line);
+    m_log.limited(Log::Level::Warning, refusedKind("writes", why), line);
 }
 
 }  // namespace tarsel::daemon

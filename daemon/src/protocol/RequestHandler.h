@@ -50,6 +50,10 @@ struct RequestOrigin {
     std::uint32_t ipv4 = 0x7F000001;     // host byte order
     AccessRules const* rules = nullptr;  // the listener's; none: everything allowed
     bool roleMayWrite = true;            // false for a read-only role of a client certificate
+    // A TLS client's certificate, as request lines name it after the address
+    // (certificate="/CN=scada" role="operator"): who wrote, more than where
+    // from. Empty on a plain connection.
+    std::string_view certificate = {};
 };
 
 class RequestHandler {
