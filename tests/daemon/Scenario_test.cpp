@@ -81,6 +81,32 @@ TEST(ScenarioTest, ValuesFollowTheirTypedForm) {
     EXPECT_EQ(valueFromJson(nlohmann::json::parse("\"x\"")), kq::CValue("x"));
 }
 
+TEST(ScenarioTest, AValueItsTypeCannotHoldIsRefusedNotCutToFit) {
+    auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {
+        "a": {"int32": 3000000000}, "b": {"uint32": 4294967296}, "c": {"float": 1e39},
+        "d": {"int64": 9223372036854775808}, "e": 18446744073709551615, "f": -3.5e38}}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "devices[0].channels.a: 3000000000 is out of the range of \"int32\"",
+                          "devices[0].channels.b: 4294967296 is out of the range of \"uint32\"",
+                          "devices[0].channels.c: 1e+39 is out of the range of \"float\"",
+                          "devices[0].channels.d: 9223372036854775808 is out of the range of "
+                          "\"int64\"",
+                          "devices[0].channels.e: 18446744073709551615 is out of the range of "
+                          "int64 (a plain integer)",
+                          "devices[0].channels.f: -3.5e+38 is out of the range of float (a plain "
+                          "number)"}));
+}
+
+TEST(ScenarioTest, ValuesAtTheEdgesOfTheirTypesAreKept) {
+    auto const value = [](char const* text) { return valueFromJson(nlohmann::json::parse(text)); };
+    EXPECT_EQ(value(R"({"int32": -2147483648})"), kq::CValue(-2147483647 - 1));
+    EXPECT_EQ(value(R"({"uint32": 4294967295})"), kq::CValue(4294967295u));
+    EXPECT_EQ(value(R"({"int64": 9223372036854775807})"), kq::CValue(9223372036854775807LL));
+    EXPECT_EQ(value(R"({"uint64": 18446744073709551615})"), kq::CValue(18446744073709551615ULL));
+    EXPECT_EQ(value("2147483648"), kq::CValue(2147483648LL));
+    EXPECT_EQ(value(R"({"double": 1e300})"), kq::CValue(1e300));
+}
+
 TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) {
     Player p(R"({"devices": [{"id": 2, "name": "UPS", "attributes": {"model": "M"},
         "channels": {"V": {"float": 1.5}},
@@ -234,6 +260,56 @@ TEST(ScenarioTest, AnEventBeyondWhatTheClockCanReachIsNeverDue) {
     EXPECT_GT(*p.player.nextDue(), start + std::chrono::hours(24 * 365 * 100));
     p.player.playDue(start + std::chrono::hours(24 * 365));
     EXPECT_EQ(p.player.played(), 0u);
+}
+
+TEST(ScenarioTest, APeriodTooShortToPlayIsRefused) {
+    // 1e-300 added to a time of 1 s leaves it at 1 s: the event would run
+    // for ever without the loop ever getting its turn back.
+    auto const errors = errorsOf(R"({"events": [
+        {"at": 1, "every": 1e-300, "do": "log", "text": "a"},
+        {"at": 1, "every": 0.0009, "do": "log", "text": "b"}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "events[0].every: expected 0 or at least 0.001 seconds, got 1e-300",
+                          "events[1].every: expected 0 or at least 0.001 seconds, got 0.0009"}));
+    EXPECT_NO_THROW(
+        parseScenario(R"({"events": [{"at": 1, "every": 0.001, "do": "log", "text": "a"}]})"));
+}
+
+TEST(ScenarioTest, ARepeatPlaysAtItsStartPlusAWholeNumberOfPeriods) {
+    // Fifteen periods of 0.1 after 0 is 1.5; 0.1 added up fifteen times is
+    // 1.5000000000000002, a run late, and later still the longer it runs.
+    Player p(R"({"events": [{"at": 0, "every": 0.1, "do": "log", "text": "a"}]})");
+    p.player.playFirst(1.5);
+    EXPECT_EQ(p.player.played(), 16u);
+    auto const start = ScenarioPlayer::Clock::now();
+    Player q(R"({"events": [{"at": 4, "every": 0.1, "times": 0, "do": "log", "text": "a"}]})");
+    q.player.start(start);
+    for (int second = 5; second <= 2304; ++second) {
+        q.player.playDue(start + std::chrono::seconds(second));
+    }
+    // The next run is 23,001 periods after 4 s: at 2304.1 s. With 0.1 added
+    // up run by run it came at 2304.099999999 s.
+    EXPECT_EQ(q.player.played(), 23001u);
+    ASSERT_TRUE(q.player.nextDue());
+    EXPECT_EQ(*q.player.nextDue(), start + std::chrono::milliseconds(2'304'100));
+}
+
+TEST(ScenarioTest, RunsDueAtOnceAreHandedToTheLoopInBatches) {
+    Player p(R"({"events": [{"at": 1, "times": 2500, "do": "log", "text": "a"},
+                            {"at": 1, "do": "log", "text": "last"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    auto const now = start + std::chrono::seconds(1);
+    p.player.start(start);
+    p.player.playDue(now);
+    EXPECT_EQ(p.player.played(), ScenarioPlayer::kRunsPerPass);
+    // What is left is still due: the loop does not wait before the next pass.
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_LE(*p.player.nextDue(), now);
+    p.player.playDue(now);
+    p.player.playDue(now);
+    EXPECT_EQ(p.player.played(), 2501u);
+    EXPECT_FALSE(p.player.nextDue());
+    EXPECT_NE(p.out.str().find("scenario: last"), std::string::npos);
 }
 
 TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {

@@ -19,6 +19,11 @@
 
 namespace tarsel::daemon {
 
+/* The shortest "every" a scenario may give: a shorter period asks for more
+ * runs than the loop can play, and one below the resolution of its seconds
+ * would never move the event's time on. */
+constexpr double kShortestPeriodSeconds = 0.001;
+
 /* A scenario file that cannot be played; errors() lists every problem. */
 class ScenarioError : public std::runtime_error {
   public:
@@ -63,13 +68,17 @@ class ScenarioPlayer {
     void seed();
     /* Counts event times from now. */
     void start(Clock::time_point now);
-    /* Runs every event that is due at `now`, in time order. */
+    /* Runs the events that are due at `now`, in time order, at most
+     * kRunsPerPass of them: what is left stays due, so the loop comes back
+     * at once, having heard its clients and signals in between. */
     void playDue(Clock::time_point now);
     /* Runs, at once, every event due within `seconds` of the start. */
     void playFirst(double seconds);
     /* When the next event is due; nothing when none is left. */
     std::optional<Clock::time_point> nextDue() const;
     std::size_t played() const { return m_played; }
+
+    static constexpr std::size_t kRunsPerPass = 1000;
 
   private:
     struct Pending {

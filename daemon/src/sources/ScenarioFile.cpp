@@ -1,4 +1,6 @@
 // Reading and checking scenario files.
+#include <cmath>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -214,6 +216,10 @@ std::optional<ScenarioEvent> ScenarioChecker::checkEvent(json const& value,
     if (event.at < 0 || event.every < 0) {
         m_check.error(where, "\"at\" and \"every\" must not be negative");
     }
+    if (event.every > 0 && event.every < kShortestPeriodSeconds) {
+        m_check.error(where + ".every", "expected 0 or at least 0.001 seconds, got " +
+                                            JsonChecker::shortDump(value["every"]));
+    }
     auto const times = m_check.integer(value, "times", where, 0, 1000000000, false);
     event.times = times ? static_cast<std::size_t>(*times) : (event.every > 0 ? 0 : 1);
     if (event.times == 0 && event.every <= 0) {
@@ -296,22 +302,81 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     }
 }
 
-/* {"uint32": 7} and the like: a value of the store's own alternative. */
+/* The integer as T, when it is one that T holds; nothing otherwise. A JSON
+ * integer from 0 up is unsigned, below 0 signed. */
+template <class T>
+std::optional<T> integerAs(json const& value) {
+    using Limits = std::numeric_limits<T>;
+    if (value.is_number_unsigned()) {
+        auto const number = value.get<unsigned long long>();
+        if (number <= static_cast<unsigned long long>(Limits::max())) {
+            return static_cast<T>(number);
+        }
+    } else if (value.is_number_integer() && Limits::is_signed) {
+        auto const number = value.get<long long>();
+        if (number >= static_cast<long long>(Limits::min())) {
+            return static_cast<T>(number);
+        }
+    }
+    return std::nullopt;
+}
+
+/* The number as a float, when it is within a float's range. */
+std::optional<float> floatOf(json const& value) {
+    double const number = value.get<double>();
+    if (std::fabs(number) <= static_cast<double>(std::numeric_limits<float>::max())) {
+        return static_cast<float>(number);
+    }
+    return std::nullopt;
+}
+
+/* type: the alternative asked for by name, or what a plain number is read
+ * as ("int64 (a plain integer)"). */
+[[noreturn]] void outOfRange(std::string const& type, json const& value) {
+    throw std::invalid_argument(JsonChecker::shortDump(value) + " is out of the range of " + type);
+}
+
+template <class T>
+kq::CValue integerValue(std::string const& type, json const& value) {
+    if (auto const number = integerAs<T>(value)) {
+        return kq::CValue(*number);
+    }
+    outOfRange(type, value);
+}
+
+template <class T>
+kq::CValue typedInteger(std::string const& type, json const& value) {
+    return integerValue<T>("\"" + type + "\"", value);
+}
+
+/* {"uint32": 7} and the like: a value of the store's own alternative. An
+ * integer or number that the alternative cannot hold is an error rather
+ * than a value cut to fit: {"int32": 3000000000} is not -1294967296. */
 std::optional<kq::CValue> typedValue(std::string const& type, json const& inner) {
     bool const integer = inner.is_number_integer();
-    bool const natural = inner.is_number_unsigned();
     if (type == "bool" && inner.is_boolean()) {
         return kq::CValue(inner.get<bool>());
     }
-    if ((type == "int32" && integer) || (type == "int64" && integer)) {
-        return type == "int32" ? kq::CValue(inner.get<int>()) : kq::CValue(inner.get<long long>());
+    if (type == "int32" && integer) {
+        return typedInteger<int>(type, inner);
     }
-    if ((type == "uint32" && natural) || (type == "uint64" && natural)) {
-        return type == "uint32" ? kq::CValue(inner.get<unsigned>())
-                                : kq::CValue(inner.get<unsigned long long>());
+    if (type == "int64" && integer) {
+        return typedInteger<long long>(type, inner);
     }
-    if ((type == "float" || type == "double") && inner.is_number()) {
-        return type == "float" ? kq::CValue(inner.get<float>()) : kq::CValue(inner.get<double>());
+    if (type == "uint32" && integer && inner.is_number_unsigned()) {
+        return typedInteger<unsigned>(type, inner);
+    }
+    if (type == "uint64" && integer && inner.is_number_unsigned()) {
+        return typedInteger<unsigned long long>(type, inner);
+    }
+    if (type == "float" && inner.is_number()) {
+        if (auto const number = floatOf(inner)) {
+            return kq::CValue(*number);
+        }
+        outOfRange("\"float\"", inner);
+    }
+    if (type == "double" && inner.is_number()) {
+        return kq::CValue(inner.get<double>());
     }
     if (type == "string" && inner.is_string()) {
         return kq::CValue(inner.get<std::string>());
@@ -364,14 +429,18 @@ kq::CValue valueFromJson(json const& value) {
         return kq::CValue(value.get<bool>());
     }
     if (value.is_number_integer()) {
-        long long const number = value.get<long long>();
-        if (number >= -2147483648LL && number <= 2147483647LL) {
-            return kq::CValue(static_cast<int>(number));
+        // An int32, or an int64 when it needs one; beyond that, a uint64
+        // must be asked for by name.
+        if (auto const number = integerAs<int>(value)) {
+            return kq::CValue(*number);
         }
-        return kq::CValue(number);
+        return integerValue<long long>("int64 (a plain integer)", value);
     }
     if (value.is_number()) {
-        return kq::CValue(value.get<float>());
+        if (auto const number = floatOf(value)) {
+            return kq::CValue(*number);
+        }
+        outOfRange("float (a plain number)", value);
     }
     if (value.is_string()) {
         return kq::CValue(value.get<std::string>());

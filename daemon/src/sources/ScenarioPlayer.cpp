@@ -122,9 +122,11 @@ void ScenarioPlayer::playDue(Clock::time_point now) {
         return;
     }
     double const elapsed = std::chrono::duration<double>(now - m_start).count();
-    // Bounded: each run moves the event's time forward or uses up its runs.
-    for (Pending* next = earliest(); next != nullptr && next->next <= elapsed; next = earliest()) {
+    std::size_t runs = 0;
+    for (Pending* next = earliest();
+         next != nullptr && next->next <= elapsed && runs < kRunsPerPass; next = earliest()) {
         run(*next);
+        ++runs;
     }
 }
 
@@ -149,7 +151,12 @@ void ScenarioPlayer::run(Pending& pending) {
     ++m_played;
     m_earliestKnown = false;
     // An event without "every" runs once per its "times" at the same moment.
-    pending.next += pending.event.every > 0 ? pending.event.every : 0.0;
+    // A repeat's time is counted from "at", not added up run by run: the
+    // rounding of each addition would move the schedule a little further
+    // every run (0.1 added 15 times is more than 1.5).
+    if (pending.event.every > 0) {
+        pending.next = pending.event.at + static_cast<double>(pending.runs) * pending.event.every;
+    }
 }
 
 void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
