@@ -4,7 +4,9 @@
 #include <sstream>
 
 #include "EmbeddedDefaults.h"
+#include "JsonChecks.h"
 #include "Log.h"
+#include "MapModel.h"
 #include "Scenario.h"
 #include "cdshost/store.h"
 
@@ -57,6 +59,46 @@ TEST(ScenarioTest, ArraysNestedWithoutEndAreRefusedNotACrash) {
         errorsOf(R"({"devices": [], "events": [{"at": 1, "do": "log", "text": )" + deep + "}]}"),
         (std::vector<std::string>{
             "scenario: not read: arrays and objects nested more than 1024 levels deep"}));
+}
+
+TEST(ScenarioTest, AnIdGivenTwiceAmongDevicesCreatedTogetherIsRefused) {
+    // The store would refuse the second device when the daemon starts, after
+    // --check had called the file valid.
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS"},
+            {"id": 3, "name": "B", "subDevices": [{"id": 2, "name": "C"}]}],
+        "events": [{"at": 1, "do": "add-device", "device": {"id": 7, "name": "D",
+                    "subDevices": [{"id": 7, "name": "E"}]}}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "devices[1].subDevices[0].id: device id 2 is that of devices[0] already",
+                          "events[0].device.subDevices[0].id: device id 7 is that of "
+                          "events[0].device already"}));
+    // A device removed may come back under its id.
+    EXPECT_NO_THROW(parseScenario(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 1, "do": "remove-device", "device": 2},
+        {"at": 2, "do": "add-device", "device": {"id": 2, "name": "UPS"}}]})"));
+}
+
+TEST(ScenarioTest, APathOrADeviceNameThatCanNeverBeFoundIsRefused) {
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 1, "do": "remove-device", "device": 2, "path": "0"},
+        {"at": 1, "do": "remove-device", "device": 2, "path": [0, -1]},
+        {"at": 1, "do": "add-device", "parent": 2, "parentPath": [1.5], "device": {"name": "O"}},
+        {"at": 1, "do": "add-device", "parentPath": [0], "device": {"name": "P"}},
+        {"at": 1, "do": "remove-device", "device": "Outlet"},
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": 4294967296, "value": "x"},
+        {"at": 2, "do": "remove-device", "device": "O"},
+        {"at": 2, "do": "add-device", "parent": "UPS", "device": {"name": "Q"}}]})");
+    EXPECT_EQ(
+        errors,
+        (std::vector<std::string>{
+            "events[0].path: expected an array of sub-device indexes (integers from 0), got \"0\"",
+            "events[1].path: expected an array of sub-device indexes (integers from 0), got [0,-1]",
+            "events[2].parentPath: expected an array of sub-device indexes (integers from 0), got "
+            "[1.5]",
+            "events[3].parentPath: needs a \"parent\"",
+            "events[5].attribute: expected an attribute number or one of " +
+                joinChoices(attributeNames()),
+            "events[4].device: no device of the scenario is named \"Outlet\""}));
 }
 
 TEST(ScenarioTest, BadValueIsRefused) {

@@ -45,6 +45,11 @@ std::optional<std::string> valueProblem(json const& value) {
     return std::nullopt;
 }
 
+/* The explicit ids of devices created together (the devices of the start,
+ * or one added device with its sub-devices), each with where it was given:
+ * the store refuses a second device under an id in use. */
+using IdsGiven = std::map<unsigned long long, std::string>;
+
 class ScenarioChecker {
   public:
     /* Takes the parsed file, whose devices it keeps. */
@@ -52,8 +57,11 @@ class ScenarioChecker {
     std::vector<std::string> const& errors() const { return m_check.errors(); }
 
   private:
-    void checkDevice(json const& device, std::string const& where);
+    void checkDevice(json const& device, std::string const& where, IdsGiven& ids);
+    void checkId(json const& device, std::string const& where, IdsGiven& ids);
     void checkDeviceRef(json const& body, char const* key, std::string const& where);
+    void checkPath(json const& body, char const* key, std::string const& where);
+    void checkNamesReferred();
     void checkValue(json const& value, std::string const& where);
     void checkValues(json const& body, std::string const& where, bool required);
     void checkSettings(json const& settings, std::string const& where);
@@ -61,6 +69,9 @@ class ScenarioChecker {
     void checkAction(ScenarioEvent const& event);
 
     JsonChecker m_check;
+    // Every device name the scenario creates, and the places that name one.
+    std::set<std::string> m_names;
+    std::vector<std::pair<std::string, std::string>> m_namesReferred;
 };
 
 Scenario ScenarioChecker::parse(json root) {
@@ -74,8 +85,9 @@ Scenario ScenarioChecker::parse(json root) {
     if (root.contains("devices")) {
         if (root["devices"].is_array()) {
             json const& devices = root["devices"];
+            IdsGiven ids;
             for (std::size_t i = 0; i < devices.size(); ++i) {
-                checkDevice(devices[i], "devices[" + std::to_string(i) + "]");
+                checkDevice(devices[i], "devices[" + std::to_string(i) + "]", ids);
             }
             // Moved, not copied: the devices of a large scenario are most of it.
             scenario.devices = std::move(root["devices"]);
@@ -92,18 +104,43 @@ Scenario ScenarioChecker::parse(json root) {
             }
         }
     }
+    checkNamesReferred();
     return scenario;
 }
 
-void ScenarioChecker::checkDevice(json const& device, std::string const& where) {
+/* A name no device of the scenario has is never found: the store starts
+ * empty and only the scenario adds devices. */
+void ScenarioChecker::checkNamesReferred() {
+    for (auto const& [where, name] : m_namesReferred) {
+        if (m_names.count(name) == 0) {
+            m_check.error(where, "no device of the scenario is named \"" + name + "\"");
+        }
+    }
+}
+
+void ScenarioChecker::checkId(json const& device, std::string const& where, IdsGiven& ids) {
+    auto const id = m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
+    if (!id) {
+        return;
+    }
+    auto const [given, added] = ids.emplace(static_cast<unsigned long long>(*id), where);
+    if (!added) {
+        m_check.error(where + ".id", "device id " + std::to_string(*id) + " is that of " +
+                                         given->second + " already");
+    }
+}
+
+void ScenarioChecker::checkDevice(json const& device, std::string const& where, IdsGiven& ids) {
     if (!m_check.expectObject(device, where)) {
         return;
     }
     m_check.unknownFields(
         device, where, {"id", "name", "attributes", "channels", "alarms", "subDevices", "comment"},
         " of a device");
-    m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
-    m_check.text(device, "name", where, true);
+    checkId(device, where, ids);
+    if (auto const name = m_check.text(device, "name", where, true)) {
+        m_names.insert(*name);
+    }
     if (device.contains("attributes")) {
         json const& attributes = device["attributes"];
         if (!m_check.expectObject(attributes, where + ".attributes")) {
@@ -140,7 +177,7 @@ void ScenarioChecker::checkDevice(json const& device, std::string const& where) 
             return;
         }
         for (std::size_t i = 0; i < subs.size(); ++i) {
-            checkDevice(subs[i], where + ".subDevices[" + std::to_string(i) + "]");
+            checkDevice(subs[i], where + ".subDevices[" + std::to_string(i) + "]", ids);
         }
     }
 }
@@ -152,6 +189,25 @@ void ScenarioChecker::checkDeviceRef(json const& body, char const* key, std::str
     } else if (!it->is_number_unsigned() && !(it->is_string() && !it->get<std::string>().empty())) {
         m_check.error(JsonChecker::field(where, key),
                       "expected a device id or a device name, got " + JsonChecker::shortDump(*it));
+    } else if (it->is_string()) {
+        m_namesReferred.emplace_back(JsonChecker::field(where, key), it->get<std::string>());
+    }
+}
+
+/* A path to a sub-device: indexes into each device's sub-devices in turn. */
+void ScenarioChecker::checkPath(json const& body, char const* key, std::string const& where) {
+    auto const it = body.find(key);
+    if (it == body.end()) {
+        return;
+    }
+    bool valid = it->is_array();
+    for (std::size_t i = 0; valid && i < it->size(); ++i) {
+        valid = (*it)[i].is_number_unsigned();
+    }
+    if (!valid) {
+        m_check.error(JsonChecker::field(where, key),
+                      "expected an array of sub-device indexes (integers from 0), got " +
+                          JsonChecker::shortDump(*it));
     }
 }
 
@@ -257,15 +313,20 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
         if (!body.contains("device")) {
             m_check.error(where, "missing field \"device\"");
         } else {
-            checkDevice(body["device"], where + ".device");
+            IdsGiven ids;
+            checkDevice(body["device"], where + ".device", ids);
         }
         if (body.contains("parent")) {
             checkDeviceRef(body, "parent", where);
+        } else if (body.contains("parentPath")) {
+            m_check.error(where + ".parentPath", "needs a \"parent\"");
         }
+        checkPath(body, "parentPath", where);
         m_check.boolean(body, "parentChanged", where, false);
         return;
     }
     checkDeviceRef(body, "device", where);
+    checkPath(body, "path", where);
     if (action.find("channel") != std::string::npos || action.find("alarm") != std::string::npos) {
         m_check.text(body, "channel", where, true);
     }
@@ -292,7 +353,10 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     }
     if (action == "set-attribute" && body.contains("attribute")) {
         json const& attribute = body["attribute"];
-        if (!attribute.is_number_unsigned() &&
+        // A number as the map takes one: the store's attributes are 32-bit.
+        bool const number =
+            attribute.is_number_unsigned() && attribute.get<unsigned long long>() <= 0xFFFFFFFFULL;
+        if (!number &&
             !(attribute.is_string() && attributeFromName(attribute.get<std::string>()))) {
             m_check.error(where + ".attribute", "expected an attribute number or one of " +
                                                     joinChoices(attributeNames()));
