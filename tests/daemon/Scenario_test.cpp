@@ -167,6 +167,23 @@ TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) 
               kq::CValue(true));
 }
 
+TEST(ScenarioTest, SeedNamesEveryDeviceTheStoreRefusesAndCreatesTheOthers) {
+    // Ids taken as a device without an id of its own could have taken them.
+    store().addDevice("Other", 7);
+    store().addDevice("Another", 8);
+    Player p(R"({"devices": [{"id": 7, "name": "A"}, {"id": 2, "name": "UPS",
+        "subDevices": [{"name": "Outlet 1"}, {"id": 8, "name": "B"}]}, {"id": 3, "name": "C"}]})");
+    try {
+        p.player.seed();
+        ADD_FAILURE() << "the seed was accepted";
+    } catch (ScenarioError const& error) {
+        EXPECT_EQ(error.errors(),
+                  (std::vector<std::string>{"devices[0]: device id 7 is in use",
+                                            "devices[1].subDevices[1]: device id 8 is in use"}));
+    }
+    EXPECT_TRUE(store().hasDevice(3));
+}
+
 TEST(ScenarioTest, SeedRunsOnceAndLetsTheDescriptionOfTheDevicesGo) {
     Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 1}}]})");
     p.player.seed();

@@ -90,5 +90,20 @@ class ScenarioTest(unittest.TestCase):
                               out.stderr)
 
 
+    def test_an_id_the_store_gave_a_device_already_is_refused_at_start_and_by_check(self):
+        # The first device, without an id, gets id 1 from the store; the
+        # second asks for 1. The daemon stopped with status 1 and "device id 1
+        # is in use" after --check had called the file valid.
+        path = self.write({"devices": [{"name": "A"}, {"id": 1, "name": "B"}]})
+        for args in (("--port", "0", "--run-seconds", "1"), ("--check",),
+                     ("--describe=csv",)):
+            with self.subTest(args=args):
+                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
+                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                self.assertEqual(out.returncode, BAD_CONFIGURATION, out.stderr[-2000:])
+                self.assertIn('the scenario "%s" cannot be played:' % path, out.stderr)
+                self.assertIn("error:   devices[1]: device id 1 is in use", out.stderr)
+                self.assertNotIn("listening on", out.stderr)
+
 if __name__ == "__main__":
     unittest.main()

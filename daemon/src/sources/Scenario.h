@@ -64,7 +64,8 @@ class ScenarioPlayer {
     ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log);
 
     /* Creates the devices of the scenario's start, once: their description
-     * is let go afterwards. */
+     * is let go afterwards. Throws ScenarioError naming each device the
+     * store refuses (an id it gave a device without one already). */
     void seed();
     /* Counts event times from now. */
     void start(Clock::time_point now);
@@ -90,11 +91,12 @@ class ScenarioPlayer {
     Pending* earliest();
     void run(Pending& pending);
     void apply(ScenarioEvent const& event, std::size_t run);
-    unsigned long long addDevice(nlohmann::json const& device, unsigned long long parent,
-                                 bool parentChanged);
+    unsigned long long addDevice(nlohmann::json const& device, std::string const& where,
+                                 unsigned long long parent, bool parentChanged);
     unsigned long long resolveDevice(nlohmann::json const& body) const;
     unsigned long long resolveChannel(nlohmann::json const& body) const;
-    cdshost::Id buildDevice(nlohmann::json const& device, cdshost::Id parent,
+    cdshost::Id buildDevice(nlohmann::json const& device, std::string const& where,
+                            cdshost::Id parent,
                             std::vector<std::pair<cdshost::Id, cdshost::Id>>& created);
     void announce(cdshost::Id device, kq::sub::subscription_type type);
     void applyAlarmSettings(unsigned long long channel, nlohmann::json const& settings,

@@ -75,8 +75,16 @@ ScenarioPlayer::ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& lo
 }
 
 void ScenarioPlayer::seed() {
-    for (auto const& device : m_devices) {
-        addDevice(device, 0, false);
+    std::vector<std::string> refused;
+    for (std::size_t i = 0; i < m_devices.size(); ++i) {
+        try {
+            addDevice(m_devices[i], "devices[" + std::to_string(i) + "]", 0, false);
+        } catch (std::invalid_argument const& error) {
+            refused.emplace_back(error.what());
+        }
+    }
+    if (!refused.empty()) {
+        throw ScenarioError(std::move(refused));
     }
     // The store holds the devices now; their description is not needed again
     // and, for a large world, is megabytes of parsed JSON.
@@ -171,7 +179,8 @@ void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
                 ? resolveDevice({{"device", body["parent"]},
                                  {"path", body.value("parentPath", json::array())}})
                 : 0;
-        addDevice(body["device"], parent, body.value("parentChanged", true));
+        addDevice(body["device"], event.path + ".device", parent,
+                  body.value("parentChanged", true));
     } else if (action == "remove-device") {
         m_store.removeDevice(resolveDevice(body));
     } else if (action == "rename-device") {
@@ -202,14 +211,14 @@ void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
     }
 }
 
-unsigned long long ScenarioPlayer::addDevice(json const& device, unsigned long long parent,
-                                             bool parentChanged) {
+unsigned long long ScenarioPlayer::addDevice(json const& device, std::string const& where,
+                                             unsigned long long parent, bool parentChanged) {
     // The device is built silently with everything it holds, then announced:
     // a device appears in the data store whole, never without its channels.
     // Sub-devices are announced before their parent, so whoever waits for the
     // parent finds its sub-devices there already.
     std::vector<std::pair<cdshost::Id, cdshost::Id>> created;
-    cdshost::Id const id = buildDevice(device, parent, created);
+    cdshost::Id const id = buildDevice(device, where, parent, created);
     for (auto it = created.rbegin(); it != created.rend(); ++it) {
         announce(it->first, kq::sub::DeviceCreated);
         announce(cdshost::kAllOnes, kq::sub::DeviceCreated);
@@ -230,11 +239,19 @@ void ScenarioPlayer::announce(cdshost::Id device, kq::sub::subscription_type typ
     }
 }
 
-cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
+cdshost::Id ScenarioPlayer::buildDevice(json const& device, std::string const& where,
+                                        cdshost::Id parent,
                                         std::vector<std::pair<cdshost::Id, cdshost::Id>>& created) {
     constexpr bool kSilent = false;
     std::string const name = device["name"].get<std::string>();
-    cdshost::Id const id = m_store.addDevice(name, device.value("id", 0ULL), parent, kSilent);
+    cdshost::Id id = 0;
+    try {
+        id = m_store.addDevice(name, device.value("id", 0ULL), parent, kSilent);
+    } catch (std::invalid_argument const& error) {
+        // An id in use: one the store gave a device of the scenario that has
+        // none, which the file's checks cannot foresee.
+        throw std::invalid_argument(where + ": " + error.what());
+    }
     created.emplace_back(id, parent);
     m_names[name] = id;
     json const& attributes = fieldOrEmpty(device, "attributes", json::value_t::object);
@@ -255,8 +272,8 @@ cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
         applyAlarmSettings(channel, item.value(), kSilent);
     }
     json const& subDevices = fieldOrEmpty(device, "subDevices", json::value_t::array);
-    for (auto const& sub : subDevices) {
-        buildDevice(sub, id, created);
+    for (std::size_t i = 0; i < subDevices.size(); ++i) {
+        buildDevice(subDevices[i], where + ".subDevices[" + std::to_string(i) + "]", id, created);
     }
     return id;
 }
