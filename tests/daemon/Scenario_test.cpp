@@ -240,6 +240,20 @@ TEST(ScenarioTest, StepThatDoesNotFitTheStoreIsLoggedAndTheScenarioGoesOn) {
     EXPECT_NE(p.out.str().find("scenario: still here"), std::string::npos);
 }
 
+TEST(ScenarioTest, ARenamedDeviceGoesByItsNewNameAndNotItsOldOne) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 0}}], "events": [
+        {"at": 1, "do": "rename-device", "device": "UPS", "name": "Big UPS"},
+        {"at": 2, "do": "set-channel", "device": "Big UPS", "channel": "V", "value": 5},
+        {"at": 3, "do": "set-channel", "device": "UPS", "channel": "V", "value": 6}]})");
+    p.player.seed();
+    p.player.playFirst(3);
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(5));
+    EXPECT_NE(p.out.str().find("warning: scenario events[2] (set-channel): no device named "
+                               "\"UPS\""),
+              std::string::npos)
+        << p.out.str();
+}
+
 TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
     Player p(
         R"({"events": [{"at": 3, "do": "log", "text": "a"}, {"at": 1, "do": "log", "text": "b"}]})");

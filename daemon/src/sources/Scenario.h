@@ -93,6 +93,7 @@ class ScenarioPlayer {
     void apply(ScenarioEvent const& event, std::size_t run);
     unsigned long long addDevice(nlohmann::json const& device, std::string const& where,
                                  unsigned long long parent, bool parentChanged);
+    void rename(unsigned long long device, std::string const& name);
     unsigned long long resolveDevice(nlohmann::json const& body) const;
     unsigned long long resolveChannel(nlohmann::json const& body) const;
     cdshost::Id buildDevice(nlohmann::json const& device, std::string const& where,

@@ -335,7 +335,9 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     } else if (action == "add-channel") {
         checkValues(body, where, false);
     } else if (action == "rename-device") {
-        m_check.text(body, "name", where, true);
+        if (auto const name = m_check.text(body, "name", where, true)) {
+            m_names.insert(*name);
+        }
     } else if (action == "notify-device") {
         auto const kind = m_check.text(body, "event", where, true);
         if (kind && *kind != "created" && *kind != "changed") {

@@ -184,7 +184,7 @@ void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
     } else if (action == "remove-device") {
         m_store.removeDevice(resolveDevice(body));
     } else if (action == "rename-device") {
-        m_store.renameDevice(resolveDevice(body), body["name"].get<std::string>());
+        rename(resolveDevice(body), body["name"].get<std::string>());
     } else if (action == "set-channel") {
         m_store.setChannelValue(resolveChannel(body), valueFromJson(pick(body, run)));
     } else if (action == "add-channel") {
@@ -276,6 +276,16 @@ cdshost::Id ScenarioPlayer::buildDevice(json const& device, std::string const& w
         buildDevice(subDevices[i], where + ".subDevices[" + std::to_string(i) + "]", id, created);
     }
     return id;
+}
+
+/* The device goes by its new name from now on, in the scenario as in the
+ * store. */
+void ScenarioPlayer::rename(unsigned long long device, std::string const& name) {
+    m_store.renameDevice(device, name);
+    for (auto it = m_names.begin(); it != m_names.end();) {
+        it = it->second == device ? m_names.erase(it) : std::next(it);
+    }
+    m_names[name] = device;
 }
 
 unsigned long long ScenarioPlayer::resolveDevice(json const& body) const {
