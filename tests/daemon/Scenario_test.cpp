@@ -101,6 +101,25 @@ TEST(ScenarioTest, APathOrADeviceNameThatCanNeverBeFoundIsRefused) {
             "events[4].device: no device of the scenario is named \"Outlet\""}));
 }
 
+TEST(ScenarioTest, AnAttributeThatIsNoTextOrAnAlarmNumberNoFloatHoldsIsRefused) {
+    // An attribute number was only found out when the step ran, in the JSON
+    // reader's words; an alarm threshold of 1e39 became infinity.
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 1},
+            "alarms": {"V": {"hysteresis": -1e40}}}], "events": [
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": "location", "value": 5},
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": "location",
+         "values": ["Rack 1", true]},
+        {"at": 1, "do": "alarm-settings", "device": 2, "channel": "V",
+         "settings": {"thresholds": [1e39, 0, 0, 0]}}]})");
+    EXPECT_EQ(errors,
+              (std::vector<std::string>{
+                  "devices[0].alarms.V.hysteresis: expected a number a float holds, got -1e+40",
+                  "events[0].value: expected a text, got 5",
+                  "events[1].values[1]: expected a text, got true",
+                  "events[2].settings.thresholds: expected an array of 4 numbers floats hold, got "
+                  "[1e+39,0,0,0]"}));
+}
+
 TEST(ScenarioTest, BadValueIsRefused) {
     auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {"X": {"int8": 1}}}]})");
     ASSERT_EQ(errors.size(), 1u);

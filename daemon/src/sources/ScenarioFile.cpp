@@ -35,6 +35,8 @@ std::map<std::string, FieldNames> const& actionFields() {
     return fields;
 }
 
+std::optional<float> floatOf(json const& value);
+
 /* Why the value cannot be a channel's value; nothing when it can. */
 std::optional<std::string> valueProblem(json const& value) {
     try {
@@ -62,8 +64,8 @@ class ScenarioChecker {
     void checkDeviceRef(json const& body, char const* key, std::string const& where);
     void checkPath(json const& body, char const* key, std::string const& where);
     void checkNamesReferred();
-    void checkValue(json const& value, std::string const& where);
-    void checkValues(json const& body, std::string const& where, bool required);
+    void checkValue(json const& value, std::string const& where, bool text);
+    void checkValues(json const& body, std::string const& where, bool required, bool texts);
     void checkSettings(json const& settings, std::string const& where);
     std::optional<ScenarioEvent> checkEvent(json const& value, std::string const& where);
     void checkAction(ScenarioEvent const& event);
@@ -211,13 +213,17 @@ void ScenarioChecker::checkPath(json const& body, char const* key, std::string c
     }
 }
 
-void ScenarioChecker::checkValue(json const& value, std::string const& where) {
-    if (auto const problem = valueProblem(value)) {
+/* text: the value must be a JSON string (an attribute's). */
+void ScenarioChecker::checkValue(json const& value, std::string const& where, bool text) {
+    if (text && !value.is_string()) {
+        m_check.error(where, "expected a text, got " + JsonChecker::shortDump(value));
+    } else if (auto const problem = valueProblem(value)) {
         m_check.error(where, *problem);
     }
 }
 
-void ScenarioChecker::checkValues(json const& body, std::string const& where, bool required) {
+void ScenarioChecker::checkValues(json const& body, std::string const& where, bool required,
+                                  bool texts) {
     bool const one = body.contains("value");
     bool const many = body.contains("values");
     if (one == many && (required || one)) {
@@ -225,12 +231,12 @@ void ScenarioChecker::checkValues(json const& body, std::string const& where, bo
         return;
     }
     if (one) {
-        checkValue(body["value"], where + ".value");
+        checkValue(body["value"], where + ".value", texts);
     } else if (many && (!body["values"].is_array() || body["values"].empty())) {
         m_check.error(where + ".values", "expected a non-empty array");
     } else if (many) {
         for (std::size_t i = 0; i < body["values"].size(); ++i) {
-            checkValue(body["values"][i], where + ".values[" + std::to_string(i) + "]");
+            checkValue(body["values"][i], where + ".values[" + std::to_string(i) + "]", texts);
         }
     }
 }
@@ -244,16 +250,21 @@ void ScenarioChecker::checkSettings(json const& settings, std::string const& whe
                           " of alarm settings");
     m_check.boolean(settings, "enabled", where, false);
     m_check.boolean(settings, "thresholdFlag", where, false);
-    m_check.number(settings, "hysteresis", where, false);
+    if (m_check.number(settings, "hysteresis", where, false) && !floatOf(settings["hysteresis"])) {
+        m_check.error(where + ".hysteresis", "expected a number a float holds, got " +
+                                                 JsonChecker::shortDump(settings["hysteresis"]));
+    }
     m_check.integer(settings, "level", where, -2147483648LL, 2147483647LL, false);
     if (settings.contains("thresholds")) {
         json const& thresholds = settings["thresholds"];
         bool valid = thresholds.is_array() && thresholds.size() == 4;
         for (std::size_t i = 0; valid && i < 4; ++i) {
-            valid = thresholds[i].is_number();
+            valid = thresholds[i].is_number() && floatOf(thresholds[i]);
         }
         if (!valid) {
-            m_check.error(where + ".thresholds", "expected an array of 4 numbers");
+            m_check.error(where + ".thresholds",
+                          "expected an array of 4 numbers floats hold, got " +
+                              JsonChecker::shortDump(thresholds));
         }
     }
 }
@@ -331,9 +342,9 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
         m_check.text(body, "channel", where, true);
     }
     if (action == "set-channel" || action == "set-attribute") {
-        checkValues(body, where, true);
+        checkValues(body, where, true, action == "set-attribute");
     } else if (action == "add-channel") {
-        checkValues(body, where, false);
+        checkValues(body, where, false, false);
     } else if (action == "rename-device") {
         if (auto const name = m_check.text(body, "name", where, true)) {
             m_names.insert(*name);
