@@ -11,18 +11,23 @@ import tempfile
 import time
 import unittest
 
-from harness import DAEMON, Daemon, running_ups
+from harness import DAEMON, Daemon, poll_until, running_ups
 
 BAD_CONFIGURATION = 2
 OPERATING_STATUS = 61  # input register of the UPS's operating status
+BATTERY_CHARGE = 50  # input register, uint16
+LOW_BATTERY_WARNING = 12  # holding register, a numeric string
 
 
 def read_status(client):
-    try:
-        answer = client.read_input_registers(OPERATING_STATUS, count=1, slave=1)
-    except TypeError:  # pymodbus 3.10 and later name it device_id
-        answer = client.read_input_registers(OPERATING_STATUS, count=1, device_id=1)
+    answer = client.read_input_registers(OPERATING_STATUS, 1, slave=1)
     return None if answer.isError() else answer.registers
+
+
+def read(client, address):
+    """The input register's value, or the exception code as a string."""
+    answer = client.read_input_registers(address, 1, slave=1)
+    return "exception %d" % answer.exception_code if answer.isError() else answer.registers[0]
 
 
 class ScenarioTest(unittest.TestCase):
@@ -104,6 +109,38 @@ class ScenarioTest(unittest.TestCase):
                 self.assertIn('the scenario "%s" cannot be played:' % path, out.stderr)
                 self.assertIn("error:   devices[1]: device id 1 is in use", out.stderr)
                 self.assertNotIn("listening on", out.stderr)
+
+    def test_a_ups_that_leaves_and_comes_back_is_served_again_and_its_changes_pushed(self):
+        ups = running_ups()["devices"][-1]
+        events = [{"at": 1, "do": "remove-device", "device": 2},
+                  {"at": 2, "do": "add-device", "device": ups},
+                  {"at": 3, "do": "set-channel", "device": 2, "channel": "Battery.Charge",
+                   "value": {"uint32": 77}}]
+        daemon = Daemon(None, running_ups(events=events), verbose=False)
+        with daemon:
+            client = daemon.client()
+            try:
+                self.assertEqual(read(client, BATTERY_CHARGE), 100)
+                # Gone: each entry reads its unavailable value (the gate, once
+                # open, stays open) and a write is refused.
+                self.assertTrue(poll_until(lambda: read(client, BATTERY_CHARGE) == 0xFFFF,
+                                           attempts=60))
+                self.assertEqual(read(client, OPERATING_STATUS), 0xFFFF)
+                answer = client.write_register(LOW_BATTERY_WARNING, 25, slave=1)
+                self.assertTrue(answer.isError())
+                self.assertEqual(answer.exception_code, 4)
+                # Back: served again, and a later change reaches the client.
+                self.assertTrue(poll_until(lambda: read(client, BATTERY_CHARGE) == 100,
+                                           attempts=60))
+                self.assertEqual(read(client, OPERATING_STATUS), 16)
+                self.assertFalse(client.write_register(LOW_BATTERY_WARNING, 25, slave=1).isError())
+                self.assertTrue(poll_until(lambda: read(client, BATTERY_CHARGE) == 77,
+                                           attempts=60))
+            finally:
+                client.close()
+            status, log = daemon.stop()
+        self.assertEqual(status, 0, log[-2000:])
+        self.assertIn("stopped; data-store subscriptions still open: 0", log)
 
 if __name__ == "__main__":
     unittest.main()
