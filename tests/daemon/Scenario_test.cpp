@@ -273,6 +273,27 @@ TEST(ScenarioTest, ARenamedDeviceGoesByItsNewNameAndNotItsOldOne) {
         << p.out.str();
 }
 
+TEST(ScenarioTest, ARepeatThatFailsEveryRunIsLoggedAFewTimesAMinuteNotEveryRun) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 0, "every": 0.01, "do": "set-channel", "device": 2, "channel": "Nope", "value": 1},
+        {"at": 0, "every": 0.5, "do": "remove-device", "device": 9}]})");
+    p.player.seed();
+    p.player.playFirst(1);
+    EXPECT_EQ(p.player.played(), 104u);
+    auto const count = [&](std::string const& text) {
+        std::size_t n = 0;
+        for (auto at = p.out.str().find(text); at != std::string::npos;
+             at = p.out.str().find(text, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(count("warning: scenario events[0] (set-channel): device 2 has no channel"),
+              Log::kBurstPerMinute);
+    // Each event has its own allowance.
+    EXPECT_EQ(count("warning: scenario events[1] (remove-device): no device 9"), 3u);
+}
+
 TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
     Player p(
         R"({"events": [{"at": 3, "do": "log", "text": "a"}, {"at": 1, "do": "log", "text": "b"}]})");

@@ -149,11 +149,15 @@ void ScenarioPlayer::run(Pending& pending) {
         apply(pending.event, pending.runs);
     } catch (std::exception const& error) {
         // A scenario step that does not fit the store as it is now (a device
-        // already removed, say) is reported and the scenario goes on.
-        m_log.warning("scenario " + pending.event.path + " (" + pending.event.action +
-                      "): " + error.what());
+        // already removed, say) is reported and the scenario goes on. A
+        // repeat fails the same way each run: a few lines a minute per event,
+        // then a count, rather than one line every period.
+        m_log.limited(
+            Log::Level::Warning, "scenario " + pending.event.path,
+            "scenario " + pending.event.path + " (" + pending.event.action + "): " + error.what());
     } catch (cdshost::ForeignFault const& fault) {
-        m_log.warning("scenario " + pending.event.path + ": foreign fault in " + fault.operation);
+        m_log.limited(Log::Level::Warning, "scenario " + pending.event.path,
+                      "scenario " + pending.event.path + ": foreign fault in " + fault.operation);
     }
     ++pending.runs;
     ++m_played;
