@@ -10,9 +10,11 @@
 
 namespace tarsel::daemon {
 
-/* Escapes control characters (C0 and DEL) as "\n", "\r", "\t" or "\xNN";
- * leaves everything else, UTF-8 included, as it is. What every log line goes
- * through, so no line can ever hold a line break or a terminal escape. */
+/* Escapes control characters (C0 and DEL) as "\n", "\r", "\t" or "\xNN",
+ * and so every byte that is not part of well-formed UTF-8; leaves everything
+ * else, UTF-8 included, as it is. What every log line goes through, so no
+ * line can ever hold a line break or a terminal escape, or be binary to the
+ * journal. */
 std::string escapeControls(std::string_view text);
 
 /* A value a client chose, between double quotes: backslash, quote, control
