@@ -87,7 +87,9 @@ TEST(ScenarioTest, APathOrADeviceNameThatCanNeverBeFoundIsRefused) {
         {"at": 1, "do": "remove-device", "device": "Outlet"},
         {"at": 1, "do": "set-attribute", "device": 2, "attribute": 4294967296, "value": "x"},
         {"at": 2, "do": "remove-device", "device": "O"},
-        {"at": 2, "do": "add-device", "parent": "UPS", "device": {"name": "Q"}}]})");
+        {"at": 2, "do": "add-device", "parent": "UPS", "device": {"name": "Q"}},
+        {"at": 3, "do": "remove-device", "device": 0},
+        {"at": 3, "do": "add-device", "parent": 18446744073709551615, "device": {"name": "R"}}]})");
     EXPECT_EQ(
         errors,
         (std::vector<std::string>{
@@ -98,6 +100,9 @@ TEST(ScenarioTest, APathOrADeviceNameThatCanNeverBeFoundIsRefused) {
             "events[3].parentPath: needs a \"parent\"",
             "events[5].attribute: expected an attribute number or one of " +
                 joinChoices(attributeNames()),
+            "events[8].device: expected a device id (from 1) or a device name, got 0",
+            "events[9].parent: expected a device id (from 1) or a device name, got "
+            "18446744073709551615",
             "events[4].device: no device of the scenario is named \"Outlet\""}));
 }
 

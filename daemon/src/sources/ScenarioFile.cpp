@@ -52,6 +52,12 @@ std::optional<std::string> valueProblem(json const& value) {
  * the store refuses a second device under an id in use. */
 using IdsGiven = std::map<unsigned long long, std::string>;
 
+/* An id a device can have: 0 is none and all ones the store's "any". */
+bool isDeviceId(json const& value) {
+    return value.is_number_unsigned() && value.get<unsigned long long>() >= 1 &&
+           value.get<unsigned long long>() <= 0x7FFFFFFFFFFFFFFFULL;
+}
+
 class ScenarioChecker {
   public:
     /* Takes the parsed file, whose devices it keeps. */
@@ -188,9 +194,10 @@ void ScenarioChecker::checkDeviceRef(json const& body, char const* key, std::str
     auto const it = body.find(key);
     if (it == body.end()) {
         m_check.error(where, std::string("missing field \"") + key + "\"");
-    } else if (!it->is_number_unsigned() && !(it->is_string() && !it->get<std::string>().empty())) {
-        m_check.error(JsonChecker::field(where, key),
-                      "expected a device id or a device name, got " + JsonChecker::shortDump(*it));
+    } else if (!isDeviceId(*it) && !(it->is_string() && !it->get<std::string>().empty())) {
+        m_check.error(
+            JsonChecker::field(where, key),
+            "expected a device id (from 1) or a device name, got " + JsonChecker::shortDump(*it));
     } else if (it->is_string()) {
         m_namesReferred.emplace_back(JsonChecker::field(where, key), it->get<std::string>());
     }
