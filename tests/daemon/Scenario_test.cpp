@@ -430,6 +430,18 @@ TEST(ScenarioTest, RunsDueAtOnceAreHandedToTheLoopInBatches) {
     EXPECT_NE(p.out.str().find("scenario: last"), std::string::npos);
 }
 
+TEST(ScenarioTest, PlayingAheadStopsWhereTheClockCannotReach) {
+    // --describe-at 1e18: an event the clock never reaches does not play, and
+    // a repeat out there, whose time one period no longer moves, does not
+    // keep the playing from ending.
+    Player p(R"({"events": [{"at": 5e9, "do": "log", "text": "a"},
+                            {"at": 1e17, "every": 1, "do": "log", "text": "b"},
+                            {"at": 4e9, "do": "log", "text": "c"}]})");
+    p.player.playFirst(1e18);
+    EXPECT_EQ(p.player.played(), 1u);
+    EXPECT_NE(p.out.str().find("scenario: c"), std::string::npos);
+}
+
 TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {
     auto const errors = errorsOf("80E000000000000000000900004");
     ASSERT_EQ(errors.size(), 1u);

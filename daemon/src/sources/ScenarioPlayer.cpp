@@ -1,4 +1,5 @@
 // Playing a scenario into the simulated data store.
+#include <algorithm>
 #include <cmath>
 
 #include "MapModel.h"
@@ -139,6 +140,12 @@ void ScenarioPlayer::playDue(Clock::time_point now) {
 }
 
 void ScenarioPlayer::playFirst(double seconds) {
+    // What the clock cannot reach never comes, here as when playing along
+    // the clock: past it, a second added to an event's time could leave it
+    // where it was, and the loop below would never end.
+    using Seconds = std::chrono::duration<double>;
+    double const reachable = Seconds(Clock::duration::max()).count() / 2;
+    seconds = std::min(seconds, reachable);
     for (Pending* next = earliest(); next != nullptr && next->next <= seconds; next = earliest()) {
         run(*next);
     }
