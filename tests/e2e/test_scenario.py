@@ -142,5 +142,22 @@ class ScenarioTest(unittest.TestCase):
         self.assertEqual(status, 0, log[-2000:])
         self.assertIn("stopped; data-store subscriptions still open: 0", log)
 
+    def test_describe_at_plays_the_runs_due_up_to_n_seconds_and_not_one_more(self):
+        # The 16th run of a repeat every 0.1 s from 0 is due at 1.5 s. Added
+        # up run by run, its time was 1.5000000000000002: --describe-at 1.5
+        # left it out.
+        charge = {"at": 0, "every": 0.1, "do": "set-channel", "device": 2,
+                  "channel": "Battery.Charge", "values": [{"uint32": n} for n in range(1, 21)]}
+        path = self.write(running_ups(events=[charge]))
+        for seconds, value in (("1.4999", "15"), ("1.5", "16")):
+            with self.subTest(seconds=seconds):
+                out = subprocess.run([DAEMON, "--scenario", path, "--describe=json",
+                                      "--describe-at", seconds], capture_output=True, text=True,
+                                     timeout=10, stdin=subprocess.DEVNULL)
+                self.assertEqual(out.returncode, 0, out.stderr[-2000:])
+                entries = json.loads(out.stdout)["entries"]
+                entry = [e for e in entries if e["name"] == "battery.charge"][0]
+                self.assertEqual(entry["value"], value)
+
 if __name__ == "__main__":
     unittest.main()
