@@ -49,6 +49,21 @@ def exchange(sock, pdu, transaction=1):
     return body
 
 
+def exchange_all(sock, pdus):
+    """Sends the request PDUs in one go; returns their answer PDUs in order."""
+    sock.sendall(b"".join(struct.pack(">HHHB", transaction, 0, len(pdu) + 1, 1) + pdu
+                          for transaction, pdu in enumerate(pdus, 1)))
+    stream = sock.makefile("rb")
+    answers = []
+    for _ in pdus:
+        header = stream.read(7)
+        if len(header) < 7:
+            raise ConnectionError("closed")
+        (length,) = struct.unpack(">H", header[4:6])
+        answers.append(stream.read(length - 1))
+    return answers
+
+
 def string_of(registers):
     """Registers of a string entry as text, up to the first zero byte."""
     raw = b"".join(struct.pack(">H", r) for r in registers)
@@ -180,6 +195,29 @@ class IdentificationTest(unittest.TestCase):
         # Which entries the library leaves unavailable depends on the order of
         # its registries; at least one was, and was rebuilt.
         self.assertIn("rebuilt after a change of its device", log)
+        self.assertIn("data-store subscriptions still open: 0", log)
+
+    def test_identity_entries_read_correctly_right_after_an_attribute_write(self):
+        # Two writes in one go: the second changes the device again before
+        # the loop may rebuild the entries the first one left gone (at most
+        # twice a second); the reads behind them rebuild those entries.
+        self.start(running_ups())
+        attributes = ups_attributes()
+        sock = self.socket()
+        first = struct.pack(">BHHB", 16, 20, 16, 32) + b"Hall 3".ljust(32, b"\0")
+        location = b"Hall 4".ljust(32, b"\0")
+        second = struct.pack(">BHHB", 16, 20, 16, 32) + location
+        read_back = struct.pack(">BHH", 3, 20, 16)
+        identity = struct.pack(">BHH", 4, 0, 16)
+        answers = exchange_all(sock, [first, second, read_back, identity])
+        self.assertEqual(answers[0], struct.pack(">BHH", 16, 20, 16))
+        self.assertEqual(answers[1], struct.pack(">BHH", 16, 20, 16))
+        self.assertEqual(answers[2][2:], location)
+        self.assertEqual(answers[3][0], 4, answers[3].hex())
+        model = string_of(struct.unpack(">16H", answers[3][2:]))
+        self.assertEqual(model, attributes["model"][:32])
+        status, log = self.daemon.stop()
+        self.assertEqual(status, 0, log)
         self.assertIn("data-store subscriptions still open: 0", log)
 
 

@@ -303,7 +303,7 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
     ServedEntry const* reading = nullptr;
     bool const registers = isRegisterTable(table);
     try {
-        for (ServedEntry const* entry : coverage.entries) {
+        for (ServedEntry* entry : coverage.entries) {
             reading = entry;
             modbus::RegistersDataAccessor const* const encoder = entry->encoder.registers.get();
             modbus::DiscretesDataAccessor const* const bits = entry->encoder.discretes.get();
@@ -313,16 +313,17 @@ Answer RequestHandler::read(Answer answer, std::size_t length) {
                 if (encoder->isDataAvailable()) {
                     placeRegisters(*entry, *encoder, answer);
                 } else {
-                    code = readUnavailable(*entry, answer);
+                    code = readNotAvailable(*entry, answer);
                 }
             } else if (!registers && bits != nullptr && encoder == nullptr) {
                 if (bits->isDataAvailable()) {
                     placeBits(*entry, *bits, answer);
                 } else {
-                    code = readUnavailable(*entry, answer);
+                    code = readNotAvailable(*entry, answer);
                 }
             } else {
-                code = readEntry(*entry, answer);
+                code = available(*entry) ? readEntry(*entry, answer)
+                                         : readNotAvailable(*entry, answer);
             }
             if (code != 0) {
                 return refuse(answer, code);
@@ -385,6 +386,18 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
         place(entry.encoder.discretes->getData(), size, offset, registers, answer);
     }
     return 0;
+}
+
+/* An entry that reads as not available. One whose device attribute the
+ * library reports gone since a change of its device (an attribute written a
+ * moment ago) is built again first and read at once, as the loop would do
+ * before long: a client that reads back what it has just written gets it. */
+std::uint8_t RequestHandler::readNotAvailable(ServedEntry& entry, Answer& answer) {
+    if (AttributeRefresh::stale(entry)) {
+        m_map.rebuild(entry);
+        return readEntry(entry, answer);
+    }
+    return readUnavailable(entry, answer);
 }
 
 /* What an entry that is not available answers: its exception, or its
