@@ -45,6 +45,16 @@ TEST(LogTextTest, EscapeControlsEscapesEveryByteThatIsNotWellFormedUtf8) {
     EXPECT_EQ(escapeControls("\xF0\x9F\x94\x8B \xE2\x82\xAC"), "\xF0\x9F\x94\x8B \xE2\x82\xAC");
 }
 
+TEST(LogTextTest, EscapeControlsEscapesLatin1TextAndKeepsTheEdgesOfUtf8) {
+    // A Latin-1 "caf\xE9" quoted in a parse error of a scenario file.
+    EXPECT_EQ(escapeControls("last read: '\"caf\xE9\"'"), "last read: '\"caf\\xE9\"'");
+    EXPECT_EQ(escapeControls("\x80 \xC0\xAF \xE0\x80\xAF \xED\xA0\x80 \xF4\x90\x80\x80 \xF5"),
+              "\\x80 \\xC0\\xAF \\xE0\\x80\\xAF \\xED\\xA0\\x80 \\xF4\\x90\\x80\\x80 \\xF5");
+    EXPECT_EQ(escapeControls("cut \xE2\x82"), "cut \\xE2\\x82");
+    EXPECT_EQ(escapeControls("\xE2\x82\xAC \xF0\x9F\x94\x8C \xF4\x8F\xBF\xBF \xED\x9F\xBF"),
+              "\xE2\x82\xAC \xF0\x9F\x94\x8C \xF4\x8F\xBF\xBF \xED\x9F\xBF");
+}
+
 TEST(LogTextTest, QuotedValueEscapesQuotesBackslashesAndEveryNonAsciiByte) {
     EXPECT_EQ(quotedValue("Rack 1"), "\"Rack 1\"");
     EXPECT_EQ(quotedValue("a\"b\\c"), "\"a\\\"b\\\\c\"");

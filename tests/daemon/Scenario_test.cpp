@@ -4,7 +4,9 @@
 #include <sstream>
 
 #include "EmbeddedDefaults.h"
+#include "JsonChecks.h"
 #include "Log.h"
+#include "MapModel.h"
 #include "Scenario.h"
 #include "cdshost/store.h"
 
@@ -59,6 +61,70 @@ TEST(ScenarioTest, ArraysNestedWithoutEndAreRefusedNotACrash) {
             "scenario: not read: arrays and objects nested more than 1024 levels deep"}));
 }
 
+TEST(ScenarioTest, AnIdGivenTwiceAmongDevicesCreatedTogetherIsRefused) {
+    // The store would refuse the second device when the daemon starts, after
+    // --check had called the file valid.
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS"},
+            {"id": 3, "name": "B", "subDevices": [{"id": 2, "name": "C"}]}],
+        "events": [{"at": 1, "do": "add-device", "device": {"id": 7, "name": "D",
+                    "subDevices": [{"id": 7, "name": "E"}]}}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "devices[1].subDevices[0].id: device id 2 is that of devices[0] already",
+                          "events[0].device.subDevices[0].id: device id 7 is that of "
+                          "events[0].device already"}));
+    // A device removed may come back under its id.
+    EXPECT_NO_THROW(parseScenario(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 1, "do": "remove-device", "device": 2},
+        {"at": 2, "do": "add-device", "device": {"id": 2, "name": "UPS"}}]})"));
+}
+
+TEST(ScenarioTest, APathOrADeviceNameThatCanNeverBeFoundIsRefused) {
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 1, "do": "remove-device", "device": 2, "path": "0"},
+        {"at": 1, "do": "remove-device", "device": 2, "path": [0, -1]},
+        {"at": 1, "do": "add-device", "parent": 2, "parentPath": [1.5], "device": {"name": "O"}},
+        {"at": 1, "do": "add-device", "parentPath": [0], "device": {"name": "P"}},
+        {"at": 1, "do": "remove-device", "device": "Outlet"},
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": 4294967296, "value": "x"},
+        {"at": 2, "do": "remove-device", "device": "O"},
+        {"at": 2, "do": "add-device", "parent": "UPS", "device": {"name": "Q"}},
+        {"at": 3, "do": "remove-device", "device": 0},
+        {"at": 3, "do": "add-device", "parent": 18446744073709551615, "device": {"name": "R"}}]})");
+    EXPECT_EQ(
+        errors,
+        (std::vector<std::string>{
+            "events[0].path: expected an array of sub-device indexes (integers from 0), got \"0\"",
+            "events[1].path: expected an array of sub-device indexes (integers from 0), got [0,-1]",
+            "events[2].parentPath: expected an array of sub-device indexes (integers from 0), got "
+            "[1.5]",
+            "events[3].parentPath: needs a \"parent\"",
+            "events[5].attribute: expected an attribute number or one of " +
+                joinChoices(attributeNames()),
+            "events[8].device: expected a device id (from 1) or a device name, got 0",
+            "events[9].parent: expected a device id (from 1) or a device name, got "
+            "18446744073709551615",
+            "events[4].device: no device of the scenario is named \"Outlet\""}));
+}
+
+TEST(ScenarioTest, AnAttributeThatIsNoTextOrAnAlarmNumberNoFloatHoldsIsRefused) {
+    // An attribute number was only found out when the step ran, in the JSON
+    // reader's words; an alarm threshold of 1e39 became infinity.
+    auto const errors = errorsOf(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 1},
+            "alarms": {"V": {"hysteresis": -1e40}}}], "events": [
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": "location", "value": 5},
+        {"at": 1, "do": "set-attribute", "device": 2, "attribute": "location",
+         "values": ["Rack 1", true]},
+        {"at": 1, "do": "alarm-settings", "device": 2, "channel": "V",
+         "settings": {"thresholds": [1e39, 0, 0, 0]}}]})");
+    EXPECT_EQ(errors,
+              (std::vector<std::string>{
+                  "devices[0].alarms.V.hysteresis: expected a number a float holds, got -1e+40",
+                  "events[0].value: expected a text, got 5",
+                  "events[1].values[1]: expected a text, got true",
+                  "events[2].settings.thresholds: expected an array of 4 numbers floats hold, got "
+                  "[1e+39,0,0,0]"}));
+}
+
 TEST(ScenarioTest, BadValueIsRefused) {
     auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {"X": {"int8": 1}}}]})");
     ASSERT_EQ(errors.size(), 1u);
@@ -81,6 +147,32 @@ TEST(ScenarioTest, ValuesFollowTheirTypedForm) {
     EXPECT_EQ(valueFromJson(nlohmann::json::parse("\"x\"")), kq::CValue("x"));
 }
 
+TEST(ScenarioTest, AValueItsTypeCannotHoldIsRefusedNotCutToFit) {
+    auto const errors = errorsOf(R"({"devices": [{"name": "D", "channels": {
+        "a": {"int32": 3000000000}, "b": {"uint32": 4294967296}, "c": {"float": 1e39},
+        "d": {"int64": 9223372036854775808}, "e": 18446744073709551615, "f": -3.5e38}}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "devices[0].channels.a: 3000000000 is out of the range of \"int32\"",
+                          "devices[0].channels.b: 4294967296 is out of the range of \"uint32\"",
+                          "devices[0].channels.c: 1e+39 is out of the range of \"float\"",
+                          "devices[0].channels.d: 9223372036854775808 is out of the range of "
+                          "\"int64\"",
+                          "devices[0].channels.e: 18446744073709551615 is out of the range of "
+                          "int64 (a plain integer)",
+                          "devices[0].channels.f: -3.5e+38 is out of the range of float (a plain "
+                          "number)"}));
+}
+
+TEST(ScenarioTest, ValuesAtTheEdgesOfTheirTypesAreKept) {
+    auto const value = [](char const* text) { return valueFromJson(nlohmann::json::parse(text)); };
+    EXPECT_EQ(value(R"({"int32": -2147483648})"), kq::CValue(-2147483647 - 1));
+    EXPECT_EQ(value(R"({"uint32": 4294967295})"), kq::CValue(4294967295u));
+    EXPECT_EQ(value(R"({"int64": 9223372036854775807})"), kq::CValue(9223372036854775807LL));
+    EXPECT_EQ(value(R"({"uint64": 18446744073709551615})"), kq::CValue(18446744073709551615ULL));
+    EXPECT_EQ(value("2147483648"), kq::CValue(2147483648LL));
+    EXPECT_EQ(value(R"({"double": 1e300})"), kq::CValue(1e300));
+}
+
 TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) {
     Player p(R"({"devices": [{"id": 2, "name": "UPS", "attributes": {"model": "M"},
         "channels": {"V": {"float": 1.5}},
@@ -97,6 +189,23 @@ TEST(ScenarioTest, SeedCreatesDevicesWithAttributesChannelsAlarmsAndSubDevices) 
     ASSERT_EQ(store().subDevices(2).size(), 1u);
     EXPECT_EQ(store().channelValue(store().channelId(store().subDevices(2)[0], "On")),
               kq::CValue(true));
+}
+
+TEST(ScenarioTest, SeedNamesEveryDeviceTheStoreRefusesAndCreatesTheOthers) {
+    // Ids taken as a device without an id of its own could have taken them.
+    store().addDevice("Other", 7);
+    store().addDevice("Another", 8);
+    Player p(R"({"devices": [{"id": 7, "name": "A"}, {"id": 2, "name": "UPS",
+        "subDevices": [{"name": "Outlet 1"}, {"id": 8, "name": "B"}]}, {"id": 3, "name": "C"}]})");
+    try {
+        p.player.seed();
+        ADD_FAILURE() << "the seed was accepted";
+    } catch (ScenarioError const& error) {
+        EXPECT_EQ(error.errors(),
+                  (std::vector<std::string>{"devices[0]: device id 7 is in use",
+                                            "devices[1].subDevices[1]: device id 8 is in use"}));
+    }
+    EXPECT_TRUE(store().hasDevice(3));
 }
 
 TEST(ScenarioTest, SeedRunsOnceAndLetsTheDescriptionOfTheDevicesGo) {
@@ -153,6 +262,41 @@ TEST(ScenarioTest, StepThatDoesNotFitTheStoreIsLoggedAndTheScenarioGoesOn) {
               std::string::npos)
         << p.out.str();
     EXPECT_NE(p.out.str().find("scenario: still here"), std::string::npos);
+}
+
+TEST(ScenarioTest, ARenamedDeviceGoesByItsNewNameAndNotItsOldOne) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS", "channels": {"V": 0}}], "events": [
+        {"at": 1, "do": "rename-device", "device": "UPS", "name": "Big UPS"},
+        {"at": 2, "do": "set-channel", "device": "Big UPS", "channel": "V", "value": 5},
+        {"at": 3, "do": "set-channel", "device": "UPS", "channel": "V", "value": 6}]})");
+    p.player.seed();
+    p.player.playFirst(3);
+    EXPECT_EQ(store().channelValue(store().channelId(2, "V")), kq::CValue(5));
+    EXPECT_NE(p.out.str().find("warning: scenario events[2] (set-channel): no device named "
+                               "\"UPS\""),
+              std::string::npos)
+        << p.out.str();
+}
+
+TEST(ScenarioTest, ARepeatThatFailsEveryRunIsLoggedAFewTimesAMinuteNotEveryRun) {
+    Player p(R"({"devices": [{"id": 2, "name": "UPS"}], "events": [
+        {"at": 0, "every": 0.01, "do": "set-channel", "device": 2, "channel": "Nope", "value": 1},
+        {"at": 0, "every": 0.5, "do": "remove-device", "device": 9}]})");
+    p.player.seed();
+    p.player.playFirst(1);
+    EXPECT_EQ(p.player.played(), 104u);
+    auto const count = [&](std::string const& text) {
+        std::size_t n = 0;
+        for (auto at = p.out.str().find(text); at != std::string::npos;
+             at = p.out.str().find(text, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(count("warning: scenario events[0] (set-channel): device 2 has no channel"),
+              Log::kBurstPerMinute);
+    // Each event has its own allowance.
+    EXPECT_EQ(count("warning: scenario events[1] (remove-device): no device 9"), 3u);
 }
 
 TEST(ScenarioTest, NextDueFollowsTheEarliestPendingEvent) {
@@ -234,6 +378,68 @@ TEST(ScenarioTest, AnEventBeyondWhatTheClockCanReachIsNeverDue) {
     EXPECT_GT(*p.player.nextDue(), start + std::chrono::hours(24 * 365 * 100));
     p.player.playDue(start + std::chrono::hours(24 * 365));
     EXPECT_EQ(p.player.played(), 0u);
+}
+
+TEST(ScenarioTest, APeriodTooShortToPlayIsRefused) {
+    // 1e-300 added to a time of 1 s leaves it at 1 s: the event would run
+    // for ever without the loop ever getting its turn back.
+    auto const errors = errorsOf(R"({"events": [
+        {"at": 1, "every": 1e-300, "do": "log", "text": "a"},
+        {"at": 1, "every": 0.0009, "do": "log", "text": "b"}]})");
+    EXPECT_EQ(errors, (std::vector<std::string>{
+                          "events[0].every: expected 0 or at least 0.001 seconds, got 1e-300",
+                          "events[1].every: expected 0 or at least 0.001 seconds, got 0.0009"}));
+    EXPECT_NO_THROW(
+        parseScenario(R"({"events": [{"at": 1, "every": 0.001, "do": "log", "text": "a"}]})"));
+}
+
+TEST(ScenarioTest, ARepeatPlaysAtItsStartPlusAWholeNumberOfPeriods) {
+    // Fifteen periods of 0.1 after 0 is 1.5; 0.1 added up fifteen times is
+    // 1.5000000000000002, a run late, and later still the longer it runs.
+    Player p(R"({"events": [{"at": 0, "every": 0.1, "do": "log", "text": "a"}]})");
+    p.player.playFirst(1.5);
+    EXPECT_EQ(p.player.played(), 16u);
+    auto const start = ScenarioPlayer::Clock::now();
+    Player q(R"({"events": [{"at": 4, "every": 0.1, "times": 0, "do": "log", "text": "a"}]})");
+    q.player.start(start);
+    for (int second = 5; second <= 2304; ++second) {
+        q.player.playDue(start + std::chrono::seconds(second));
+    }
+    // The next run is 23,001 periods after 4 s: at 2304.1 s. With 0.1 added
+    // up run by run it came at 2304.099999999 s.
+    EXPECT_EQ(q.player.played(), 23001u);
+    ASSERT_TRUE(q.player.nextDue());
+    EXPECT_EQ(*q.player.nextDue(), start + std::chrono::milliseconds(2'304'100));
+}
+
+TEST(ScenarioTest, RunsDueAtOnceAreHandedToTheLoopInBatches) {
+    Player p(R"({"events": [{"at": 1, "times": 2500, "do": "log", "text": "a"},
+                            {"at": 1, "do": "log", "text": "last"}]})");
+    auto const start = ScenarioPlayer::Clock::now();
+    auto const now = start + std::chrono::seconds(1);
+    p.player.start(start);
+    p.player.playDue(now);
+    EXPECT_EQ(p.player.played(), ScenarioPlayer::kRunsPerPass);
+    // What is left is still due: the loop does not wait before the next pass.
+    ASSERT_TRUE(p.player.nextDue());
+    EXPECT_LE(*p.player.nextDue(), now);
+    p.player.playDue(now);
+    p.player.playDue(now);
+    EXPECT_EQ(p.player.played(), 2501u);
+    EXPECT_FALSE(p.player.nextDue());
+    EXPECT_NE(p.out.str().find("scenario: last"), std::string::npos);
+}
+
+TEST(ScenarioTest, PlayingAheadStopsWhereTheClockCannotReach) {
+    // --describe-at 1e18: an event the clock never reaches does not play, and
+    // a repeat out there, whose time one period no longer moves, does not
+    // keep the playing from ending.
+    Player p(R"({"events": [{"at": 5e9, "do": "log", "text": "a"},
+                            {"at": 1e17, "every": 1, "do": "log", "text": "b"},
+                            {"at": 4e9, "do": "log", "text": "c"}]})");
+    p.player.playFirst(1e18);
+    EXPECT_EQ(p.player.played(), 1u);
+    EXPECT_NE(p.out.str().find("scenario: c"), std::string::npos);
 }
 
 TEST(ScenarioTest, ANumberTooLargeForADoubleIsAnErrorNotACrash) {

@@ -25,11 +25,6 @@ std::string mapHeading(std::string const& file) {
                         : "the register map \"" + file + "\" cannot be served:";
 }
 
-std::string scenarioHeading(std::string const& file) {
-    return file.empty() ? std::string("the built-in scenario cannot be played:")
-                        : "the scenario \"" + file + "\" cannot be played:";
-}
-
 /* Why the file at path cannot be read, in the system's words. */
 std::string unreadableReason(std::string const& path) {
     int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -110,6 +105,11 @@ void collectRefusal(std::vector<Refusal>& refusals, std::string const& heading, 
 }
 
 }  // namespace
+
+std::string scenarioHeading(std::string const& file) {
+    return file.empty() ? std::string("the built-in scenario cannot be played:")
+                        : "the scenario \"" + file + "\" cannot be played:";
+}
 
 std::vector<std::string> refusalLines(std::vector<Refusal> const& refusals) {
     std::vector<std::string> lines;

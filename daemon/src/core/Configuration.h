@@ -48,6 +48,9 @@ class ConfigurationError : public std::runtime_error {
     std::vector<Refusal> m_refusals;
 };
 
+/* The heading of a scenario's errors, naming its file. */
+std::string scenarioHeading(std::string const& file);
+
 /* The refusals as log lines: each heading, then its errors indented. */
 std::vector<std::string> refusalLines(std::vector<Refusal> const& refusals);
 

@@ -212,16 +212,35 @@ std::optional<Refusal> loadTls(Options const& options, std::optional<TlsModule>&
     return std::nullopt;
 }
 
-/* What --check reports of a configuration that can be served. */
-int reportChecked(Configuration const& configuration, Log& log) {
+/* The scenario's error lines under its heading. */
+int refuseScenario(std::string const& file, ScenarioError const& error, Log& log) {
+    for (auto const& line : refusalLines({{scenarioHeading(file), error.errors()}})) {
+        log.error(line);
+    }
+    return kExitBadInput;
+}
+
+/* What --check reports of a configuration that can be served. The start's
+ * devices go into this process's data store, empty and seen by no one, as
+ * serving would put them there: an id the store gives a device without one
+ * may be the id another device asks for, which reading the file cannot tell. */
+int reportChecked(Configuration& configuration, Log& log) {
+    bool const scenario = configuration.scenario.has_value();
+    std::size_t const events = scenario ? configuration.scenario->events.size() : 0;
+    if (configuration.scenario) {
+        try {
+            ScenarioPlayer(std::move(*configuration.scenario), cdshost::Store::instance(), log)
+                .seed();
+        } catch (ScenarioError const& error) {
+            return refuseScenario(configuration.options.scenarioFile, error, log);
+        }
+    }
     log.info("map: " + std::to_string(configuration.map.entries.size()) + " entries, valid");
     for (auto const& line : mapWarnings(configuration.map, probeFloatLayout())) {
         log.warning("map: " + line);
     }
-    log.info(configuration.scenario
-                 ? "scenario: " + std::to_string(configuration.scenario->events.size()) +
-                       " events, valid"
-                 : std::string("scenario: none"));
+    log.info(scenario ? "scenario: " + std::to_string(events) + " events, valid"
+                      : std::string("scenario: none"));
     return 0;
 }
 
@@ -297,7 +316,13 @@ int run(std::vector<std::string> const& args, Options const& options, Log& log) 
         log.error(std::string("--nut-credentials: ") + error.what());
         return kExitBadInput;
     }
-    int const status = serve(configuration, args, std::move(config), tlsContext, log);
+    int status = 0;
+    try {
+        status = serve(configuration, args, std::move(config), tlsContext, log);
+    } catch (ScenarioError const& error) {
+        // The store refused a device of the start; nothing listens yet.
+        return refuseScenario(options.scenarioFile, error, log);
+    }
     // Every encoder is gone now; what remains open would be a leak.
     log.info("stopped; data-store subscriptions still open: " +
              std::to_string(cdshost::Store::instance().subscriptionCount()));

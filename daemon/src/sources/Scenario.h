@@ -19,6 +19,11 @@
 
 namespace tarsel::daemon {
 
+/* The shortest "every" a scenario may give: a shorter period asks for more
+ * runs than the loop can play, and one below the resolution of its seconds
+ * would never move the event's time on. */
+constexpr double kShortestPeriodSeconds = 0.001;
+
 /* A scenario file that cannot be played; errors() lists every problem. */
 class ScenarioError : public std::runtime_error {
   public:
@@ -59,17 +64,22 @@ class ScenarioPlayer {
     ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& log);
 
     /* Creates the devices of the scenario's start, once: their description
-     * is let go afterwards. */
+     * is let go afterwards. Throws ScenarioError naming each device the
+     * store refuses (an id it gave a device without one already). */
     void seed();
     /* Counts event times from now. */
     void start(Clock::time_point now);
-    /* Runs every event that is due at `now`, in time order. */
+    /* Runs the events that are due at `now`, in time order, at most
+     * kRunsPerPass of them: what is left stays due, so the loop comes back
+     * at once, having heard its clients and signals in between. */
     void playDue(Clock::time_point now);
     /* Runs, at once, every event due within `seconds` of the start. */
     void playFirst(double seconds);
     /* When the next event is due; nothing when none is left. */
     std::optional<Clock::time_point> nextDue() const;
     std::size_t played() const { return m_played; }
+
+    static constexpr std::size_t kRunsPerPass = 1000;
 
   private:
     struct Pending {
@@ -81,11 +91,13 @@ class ScenarioPlayer {
     Pending* earliest();
     void run(Pending& pending);
     void apply(ScenarioEvent const& event, std::size_t run);
-    unsigned long long addDevice(nlohmann::json const& device, unsigned long long parent,
-                                 bool parentChanged);
+    unsigned long long addDevice(nlohmann::json const& device, std::string const& where,
+                                 unsigned long long parent, bool parentChanged);
+    void rename(unsigned long long device, std::string const& name);
     unsigned long long resolveDevice(nlohmann::json const& body) const;
     unsigned long long resolveChannel(nlohmann::json const& body) const;
-    cdshost::Id buildDevice(nlohmann::json const& device, cdshost::Id parent,
+    cdshost::Id buildDevice(nlohmann::json const& device, std::string const& where,
+                            cdshost::Id parent,
                             std::vector<std::pair<cdshost::Id, cdshost::Id>>& created);
     void announce(cdshost::Id device, kq::sub::subscription_type type);
     void applyAlarmSettings(unsigned long long channel, nlohmann::json const& settings,

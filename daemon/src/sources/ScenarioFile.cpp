@@ -1,4 +1,6 @@
 // Reading and checking scenario files.
+#include <cmath>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -33,6 +35,8 @@ std::map<std::string, FieldNames> const& actionFields() {
     return fields;
 }
 
+std::optional<float> floatOf(json const& value);
+
 /* Why the value cannot be a channel's value; nothing when it can. */
 std::optional<std::string> valueProblem(json const& value) {
     try {
@@ -43,6 +47,17 @@ std::optional<std::string> valueProblem(json const& value) {
     return std::nullopt;
 }
 
+/* The explicit ids of devices created together (the devices of the start,
+ * or one added device with its sub-devices), each with where it was given:
+ * the store refuses a second device under an id in use. */
+using IdsGiven = std::map<unsigned long long, std::string>;
+
+/* An id a device can have: 0 is none and all ones the store's "any". */
+bool isDeviceId(json const& value) {
+    return value.is_number_unsigned() && value.get<unsigned long long>() >= 1 &&
+           value.get<unsigned long long>() <= 0x7FFFFFFFFFFFFFFFULL;
+}
+
 class ScenarioChecker {
   public:
     /* Takes the parsed file, whose devices it keeps. */
@@ -50,15 +65,21 @@ class ScenarioChecker {
     std::vector<std::string> const& errors() const { return m_check.errors(); }
 
   private:
-    void checkDevice(json const& device, std::string const& where);
+    void checkDevice(json const& device, std::string const& where, IdsGiven& ids);
+    void checkId(json const& device, std::string const& where, IdsGiven& ids);
     void checkDeviceRef(json const& body, char const* key, std::string const& where);
-    void checkValue(json const& value, std::string const& where);
-    void checkValues(json const& body, std::string const& where, bool required);
+    void checkPath(json const& body, char const* key, std::string const& where);
+    void checkNamesReferred();
+    void checkValue(json const& value, std::string const& where, bool text);
+    void checkValues(json const& body, std::string const& where, bool required, bool texts);
     void checkSettings(json const& settings, std::string const& where);
     std::optional<ScenarioEvent> checkEvent(json const& value, std::string const& where);
     void checkAction(ScenarioEvent const& event);
 
     JsonChecker m_check;
+    // Every device name the scenario creates, and the places that name one.
+    std::set<std::string> m_names;
+    std::vector<std::pair<std::string, std::string>> m_namesReferred;
 };
 
 Scenario ScenarioChecker::parse(json root) {
@@ -72,8 +93,9 @@ Scenario ScenarioChecker::parse(json root) {
     if (root.contains("devices")) {
         if (root["devices"].is_array()) {
             json const& devices = root["devices"];
+            IdsGiven ids;
             for (std::size_t i = 0; i < devices.size(); ++i) {
-                checkDevice(devices[i], "devices[" + std::to_string(i) + "]");
+                checkDevice(devices[i], "devices[" + std::to_string(i) + "]", ids);
             }
             // Moved, not copied: the devices of a large scenario are most of it.
             scenario.devices = std::move(root["devices"]);
@@ -90,18 +112,43 @@ Scenario ScenarioChecker::parse(json root) {
             }
         }
     }
+    checkNamesReferred();
     return scenario;
 }
 
-void ScenarioChecker::checkDevice(json const& device, std::string const& where) {
+/* A name no device of the scenario has is never found: the store starts
+ * empty and only the scenario adds devices. */
+void ScenarioChecker::checkNamesReferred() {
+    for (auto const& [where, name] : m_namesReferred) {
+        if (m_names.count(name) == 0) {
+            m_check.error(where, "no device of the scenario is named \"" + name + "\"");
+        }
+    }
+}
+
+void ScenarioChecker::checkId(json const& device, std::string const& where, IdsGiven& ids) {
+    auto const id = m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
+    if (!id) {
+        return;
+    }
+    auto const [given, added] = ids.emplace(static_cast<unsigned long long>(*id), where);
+    if (!added) {
+        m_check.error(where + ".id", "device id " + std::to_string(*id) + " is that of " +
+                                         given->second + " already");
+    }
+}
+
+void ScenarioChecker::checkDevice(json const& device, std::string const& where, IdsGiven& ids) {
     if (!m_check.expectObject(device, where)) {
         return;
     }
     m_check.unknownFields(
         device, where, {"id", "name", "attributes", "channels", "alarms", "subDevices", "comment"},
         " of a device");
-    m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
-    m_check.text(device, "name", where, true);
+    checkId(device, where, ids);
+    if (auto const name = m_check.text(device, "name", where, true)) {
+        m_names.insert(*name);
+    }
     if (device.contains("attributes")) {
         json const& attributes = device["attributes"];
         if (!m_check.expectObject(attributes, where + ".attributes")) {
@@ -138,7 +185,7 @@ void ScenarioChecker::checkDevice(json const& device, std::string const& where) 
             return;
         }
         for (std::size_t i = 0; i < subs.size(); ++i) {
-            checkDevice(subs[i], where + ".subDevices[" + std::to_string(i) + "]");
+            checkDevice(subs[i], where + ".subDevices[" + std::to_string(i) + "]", ids);
         }
     }
 }
@@ -147,19 +194,43 @@ void ScenarioChecker::checkDeviceRef(json const& body, char const* key, std::str
     auto const it = body.find(key);
     if (it == body.end()) {
         m_check.error(where, std::string("missing field \"") + key + "\"");
-    } else if (!it->is_number_unsigned() && !(it->is_string() && !it->get<std::string>().empty())) {
-        m_check.error(JsonChecker::field(where, key),
-                      "expected a device id or a device name, got " + JsonChecker::shortDump(*it));
+    } else if (!isDeviceId(*it) && !(it->is_string() && !it->get<std::string>().empty())) {
+        m_check.error(
+            JsonChecker::field(where, key),
+            "expected a device id (from 1) or a device name, got " + JsonChecker::shortDump(*it));
+    } else if (it->is_string()) {
+        m_namesReferred.emplace_back(JsonChecker::field(where, key), it->get<std::string>());
     }
 }
 
-void ScenarioChecker::checkValue(json const& value, std::string const& where) {
-    if (auto const problem = valueProblem(value)) {
+/* A path to a sub-device: indexes into each device's sub-devices in turn. */
+void ScenarioChecker::checkPath(json const& body, char const* key, std::string const& where) {
+    auto const it = body.find(key);
+    if (it == body.end()) {
+        return;
+    }
+    bool valid = it->is_array();
+    for (std::size_t i = 0; valid && i < it->size(); ++i) {
+        valid = (*it)[i].is_number_unsigned();
+    }
+    if (!valid) {
+        m_check.error(JsonChecker::field(where, key),
+                      "expected an array of sub-device indexes (integers from 0), got " +
+                          JsonChecker::shortDump(*it));
+    }
+}
+
+/* text: the value must be a JSON string (an attribute's). */
+void ScenarioChecker::checkValue(json const& value, std::string const& where, bool text) {
+    if (text && !value.is_string()) {
+        m_check.error(where, "expected a text, got " + JsonChecker::shortDump(value));
+    } else if (auto const problem = valueProblem(value)) {
         m_check.error(where, *problem);
     }
 }
 
-void ScenarioChecker::checkValues(json const& body, std::string const& where, bool required) {
+void ScenarioChecker::checkValues(json const& body, std::string const& where, bool required,
+                                  bool texts) {
     bool const one = body.contains("value");
     bool const many = body.contains("values");
     if (one == many && (required || one)) {
@@ -167,12 +238,12 @@ void ScenarioChecker::checkValues(json const& body, std::string const& where, bo
         return;
     }
     if (one) {
-        checkValue(body["value"], where + ".value");
+        checkValue(body["value"], where + ".value", texts);
     } else if (many && (!body["values"].is_array() || body["values"].empty())) {
         m_check.error(where + ".values", "expected a non-empty array");
     } else if (many) {
         for (std::size_t i = 0; i < body["values"].size(); ++i) {
-            checkValue(body["values"][i], where + ".values[" + std::to_string(i) + "]");
+            checkValue(body["values"][i], where + ".values[" + std::to_string(i) + "]", texts);
         }
     }
 }
@@ -186,16 +257,21 @@ void ScenarioChecker::checkSettings(json const& settings, std::string const& whe
                           " of alarm settings");
     m_check.boolean(settings, "enabled", where, false);
     m_check.boolean(settings, "thresholdFlag", where, false);
-    m_check.number(settings, "hysteresis", where, false);
+    if (m_check.number(settings, "hysteresis", where, false) && !floatOf(settings["hysteresis"])) {
+        m_check.error(where + ".hysteresis", "expected a number a float holds, got " +
+                                                 JsonChecker::shortDump(settings["hysteresis"]));
+    }
     m_check.integer(settings, "level", where, -2147483648LL, 2147483647LL, false);
     if (settings.contains("thresholds")) {
         json const& thresholds = settings["thresholds"];
         bool valid = thresholds.is_array() && thresholds.size() == 4;
         for (std::size_t i = 0; valid && i < 4; ++i) {
-            valid = thresholds[i].is_number();
+            valid = thresholds[i].is_number() && floatOf(thresholds[i]);
         }
         if (!valid) {
-            m_check.error(where + ".thresholds", "expected an array of 4 numbers");
+            m_check.error(where + ".thresholds",
+                          "expected an array of 4 numbers floats hold, got " +
+                              JsonChecker::shortDump(thresholds));
         }
     }
 }
@@ -213,6 +289,10 @@ std::optional<ScenarioEvent> ScenarioChecker::checkEvent(json const& value,
     event.every = m_check.number(value, "every", where, false).value_or(0.0);
     if (event.at < 0 || event.every < 0) {
         m_check.error(where, "\"at\" and \"every\" must not be negative");
+    }
+    if (event.every > 0 && event.every < kShortestPeriodSeconds) {
+        m_check.error(where + ".every", "expected 0 or at least 0.001 seconds, got " +
+                                            JsonChecker::shortDump(value["every"]));
     }
     auto const times = m_check.integer(value, "times", where, 0, 1000000000, false);
     event.times = times ? static_cast<std::size_t>(*times) : (event.every > 0 ? 0 : 1);
@@ -251,24 +331,31 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
         if (!body.contains("device")) {
             m_check.error(where, "missing field \"device\"");
         } else {
-            checkDevice(body["device"], where + ".device");
+            IdsGiven ids;
+            checkDevice(body["device"], where + ".device", ids);
         }
         if (body.contains("parent")) {
             checkDeviceRef(body, "parent", where);
+        } else if (body.contains("parentPath")) {
+            m_check.error(where + ".parentPath", "needs a \"parent\"");
         }
+        checkPath(body, "parentPath", where);
         m_check.boolean(body, "parentChanged", where, false);
         return;
     }
     checkDeviceRef(body, "device", where);
+    checkPath(body, "path", where);
     if (action.find("channel") != std::string::npos || action.find("alarm") != std::string::npos) {
         m_check.text(body, "channel", where, true);
     }
     if (action == "set-channel" || action == "set-attribute") {
-        checkValues(body, where, true);
+        checkValues(body, where, true, action == "set-attribute");
     } else if (action == "add-channel") {
-        checkValues(body, where, false);
+        checkValues(body, where, false, false);
     } else if (action == "rename-device") {
-        m_check.text(body, "name", where, true);
+        if (auto const name = m_check.text(body, "name", where, true)) {
+            m_names.insert(*name);
+        }
     } else if (action == "notify-device") {
         auto const kind = m_check.text(body, "event", where, true);
         if (kind && *kind != "created" && *kind != "changed") {
@@ -286,7 +373,10 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     }
     if (action == "set-attribute" && body.contains("attribute")) {
         json const& attribute = body["attribute"];
-        if (!attribute.is_number_unsigned() &&
+        // A number as the map takes one: the store's attributes are 32-bit.
+        bool const number =
+            attribute.is_number_unsigned() && attribute.get<unsigned long long>() <= 0xFFFFFFFFULL;
+        if (!number &&
             !(attribute.is_string() && attributeFromName(attribute.get<std::string>()))) {
             m_check.error(where + ".attribute", "expected an attribute number or one of " +
                                                     joinChoices(attributeNames()));
@@ -296,22 +386,81 @@ void ScenarioChecker::checkAction(ScenarioEvent const& event) {
     }
 }
 
-/* {"uint32": 7} and the like: a value of the store's own alternative. */
+/* The integer as T, when it is one that T holds; nothing otherwise. A JSON
+ * integer from 0 up is unsigned, below 0 signed. */
+template <class T>
+std::optional<T> integerAs(json const& value) {
+    using Limits = std::numeric_limits<T>;
+    if (value.is_number_unsigned()) {
+        auto const number = value.get<unsigned long long>();
+        if (number <= static_cast<unsigned long long>(Limits::max())) {
+            return static_cast<T>(number);
+        }
+    } else if (value.is_number_integer() && Limits::is_signed) {
+        auto const number = value.get<long long>();
+        if (number >= static_cast<long long>(Limits::min())) {
+            return static_cast<T>(number);
+        }
+    }
+    return std::nullopt;
+}
+
+/* The number as a float, when it is within a float's range. */
+std::optional<float> floatOf(json const& value) {
+    double const number = value.get<double>();
+    if (std::fabs(number) <= static_cast<double>(std::numeric_limits<float>::max())) {
+        return static_cast<float>(number);
+    }
+    return std::nullopt;
+}
+
+/* type: the alternative asked for by name, or what a plain number is read
+ * as ("int64 (a plain integer)"). */
+[[noreturn]] void outOfRange(std::string const& type, json const& value) {
+    throw std::invalid_argument(JsonChecker::shortDump(value) + " is out of the range of " + type);
+}
+
+template <class T>
+kq::CValue integerValue(std::string const& type, json const& value) {
+    if (auto const number = integerAs<T>(value)) {
+        return kq::CValue(*number);
+    }
+    outOfRange(type, value);
+}
+
+template <class T>
+kq::CValue typedInteger(std::string const& type, json const& value) {
+    return integerValue<T>("\"" + type + "\"", value);
+}
+
+/* {"uint32": 7} and the like: a value of the store's own alternative. An
+ * integer or number that the alternative cannot hold is an error rather
+ * than a value cut to fit: {"int32": 3000000000} is not -1294967296. */
 std::optional<kq::CValue> typedValue(std::string const& type, json const& inner) {
     bool const integer = inner.is_number_integer();
-    bool const natural = inner.is_number_unsigned();
     if (type == "bool" && inner.is_boolean()) {
         return kq::CValue(inner.get<bool>());
     }
-    if ((type == "int32" && integer) || (type == "int64" && integer)) {
-        return type == "int32" ? kq::CValue(inner.get<int>()) : kq::CValue(inner.get<long long>());
+    if (type == "int32" && integer) {
+        return typedInteger<int>(type, inner);
     }
-    if ((type == "uint32" && natural) || (type == "uint64" && natural)) {
-        return type == "uint32" ? kq::CValue(inner.get<unsigned>())
-                                : kq::CValue(inner.get<unsigned long long>());
+    if (type == "int64" && integer) {
+        return typedInteger<long long>(type, inner);
     }
-    if ((type == "float" || type == "double") && inner.is_number()) {
-        return type == "float" ? kq::CValue(inner.get<float>()) : kq::CValue(inner.get<double>());
+    if (type == "uint32" && integer && inner.is_number_unsigned()) {
+        return typedInteger<unsigned>(type, inner);
+    }
+    if (type == "uint64" && integer && inner.is_number_unsigned()) {
+        return typedInteger<unsigned long long>(type, inner);
+    }
+    if (type == "float" && inner.is_number()) {
+        if (auto const number = floatOf(inner)) {
+            return kq::CValue(*number);
+        }
+        outOfRange("\"float\"", inner);
+    }
+    if (type == "double" && inner.is_number()) {
+        return kq::CValue(inner.get<double>());
     }
     if (type == "string" && inner.is_string()) {
         return kq::CValue(inner.get<std::string>());
@@ -364,14 +513,18 @@ kq::CValue valueFromJson(json const& value) {
         return kq::CValue(value.get<bool>());
     }
     if (value.is_number_integer()) {
-        long long const number = value.get<long long>();
-        if (number >= -2147483648LL && number <= 2147483647LL) {
-            return kq::CValue(static_cast<int>(number));
+        // An int32, or an int64 when it needs one; beyond that, a uint64
+        // must be asked for by name.
+        if (auto const number = integerAs<int>(value)) {
+            return kq::CValue(*number);
         }
-        return kq::CValue(number);
+        return integerValue<long long>("int64 (a plain integer)", value);
     }
     if (value.is_number()) {
-        return kq::CValue(value.get<float>());
+        if (auto const number = floatOf(value)) {
+            return kq::CValue(*number);
+        }
+        outOfRange("float (a plain number)", value);
     }
     if (value.is_string()) {
         return kq::CValue(value.get<std::string>());

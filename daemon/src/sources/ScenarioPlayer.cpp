@@ -1,4 +1,5 @@
 // Playing a scenario into the simulated data store.
+#include <algorithm>
 #include <cmath>
 
 #include "MapModel.h"
@@ -75,8 +76,16 @@ ScenarioPlayer::ScenarioPlayer(Scenario scenario, cdshost::Store& store, Log& lo
 }
 
 void ScenarioPlayer::seed() {
-    for (auto const& device : m_devices) {
-        addDevice(device, 0, false);
+    std::vector<std::string> refused;
+    for (std::size_t i = 0; i < m_devices.size(); ++i) {
+        try {
+            addDevice(m_devices[i], "devices[" + std::to_string(i) + "]", 0, false);
+        } catch (std::invalid_argument const& error) {
+            refused.emplace_back(error.what());
+        }
+    }
+    if (!refused.empty()) {
+        throw ScenarioError(std::move(refused));
     }
     // The store holds the devices now; their description is not needed again
     // and, for a large world, is megabytes of parsed JSON.
@@ -122,13 +131,21 @@ void ScenarioPlayer::playDue(Clock::time_point now) {
         return;
     }
     double const elapsed = std::chrono::duration<double>(now - m_start).count();
-    // Bounded: each run moves the event's time forward or uses up its runs.
-    for (Pending* next = earliest(); next != nullptr && next->next <= elapsed; next = earliest()) {
+    std::size_t runs = 0;
+    for (Pending* next = earliest();
+         next != nullptr && next->next <= elapsed && runs < kRunsPerPass; next = earliest()) {
         run(*next);
+        ++runs;
     }
 }
 
 void ScenarioPlayer::playFirst(double seconds) {
+    // What the clock cannot reach never comes, here as when playing along
+    // the clock: past it, a second added to an event's time could leave it
+    // where it was, and the loop below would never end.
+    using Seconds = std::chrono::duration<double>;
+    double const reachable = Seconds(Clock::duration::max()).count() / 2;
+    seconds = std::min(seconds, reachable);
     for (Pending* next = earliest(); next != nullptr && next->next <= seconds; next = earliest()) {
         run(*next);
     }
@@ -139,17 +156,26 @@ void ScenarioPlayer::run(Pending& pending) {
         apply(pending.event, pending.runs);
     } catch (std::exception const& error) {
         // A scenario step that does not fit the store as it is now (a device
-        // already removed, say) is reported and the scenario goes on.
-        m_log.warning("scenario " + pending.event.path + " (" + pending.event.action +
-                      "): " + error.what());
+        // already removed, say) is reported and the scenario goes on. A
+        // repeat fails the same way each run: a few lines a minute per event,
+        // then a count, rather than one line every period.
+        m_log.limited(
+            Log::Level::Warning, "scenario " + pending.event.path,
+            "scenario " + pending.event.path + " (" + pending.event.action + "): " + error.what());
     } catch (cdshost::ForeignFault const& fault) {
-        m_log.warning("scenario " + pending.event.path + ": foreign fault in " + fault.operation);
+        m_log.limited(Log::Level::Warning, "scenario " + pending.event.path,
+                      "scenario " + pending.event.path + ": foreign fault in " + fault.operation);
     }
     ++pending.runs;
     ++m_played;
     m_earliestKnown = false;
     // An event without "every" runs once per its "times" at the same moment.
-    pending.next += pending.event.every > 0 ? pending.event.every : 0.0;
+    // A repeat's time is counted from "at", not added up run by run: the
+    // rounding of each addition would move the schedule a little further
+    // every run (0.1 added 15 times is more than 1.5).
+    if (pending.event.every > 0) {
+        pending.next = pending.event.at + static_cast<double>(pending.runs) * pending.event.every;
+    }
 }
 
 void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
@@ -164,11 +190,12 @@ void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
                 ? resolveDevice({{"device", body["parent"]},
                                  {"path", body.value("parentPath", json::array())}})
                 : 0;
-        addDevice(body["device"], parent, body.value("parentChanged", true));
+        addDevice(body["device"], event.path + ".device", parent,
+                  body.value("parentChanged", true));
     } else if (action == "remove-device") {
         m_store.removeDevice(resolveDevice(body));
     } else if (action == "rename-device") {
-        m_store.renameDevice(resolveDevice(body), body["name"].get<std::string>());
+        rename(resolveDevice(body), body["name"].get<std::string>());
     } else if (action == "set-channel") {
         m_store.setChannelValue(resolveChannel(body), valueFromJson(pick(body, run)));
     } else if (action == "add-channel") {
@@ -195,14 +222,14 @@ void ScenarioPlayer::apply(ScenarioEvent const& event, std::size_t run) {
     }
 }
 
-unsigned long long ScenarioPlayer::addDevice(json const& device, unsigned long long parent,
-                                             bool parentChanged) {
+unsigned long long ScenarioPlayer::addDevice(json const& device, std::string const& where,
+                                             unsigned long long parent, bool parentChanged) {
     // The device is built silently with everything it holds, then announced:
     // a device appears in the data store whole, never without its channels.
     // Sub-devices are announced before their parent, so whoever waits for the
     // parent finds its sub-devices there already.
     std::vector<std::pair<cdshost::Id, cdshost::Id>> created;
-    cdshost::Id const id = buildDevice(device, parent, created);
+    cdshost::Id const id = buildDevice(device, where, parent, created);
     for (auto it = created.rbegin(); it != created.rend(); ++it) {
         announce(it->first, kq::sub::DeviceCreated);
         announce(cdshost::kAllOnes, kq::sub::DeviceCreated);
@@ -223,11 +250,19 @@ void ScenarioPlayer::announce(cdshost::Id device, kq::sub::subscription_type typ
     }
 }
 
-cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
+cdshost::Id ScenarioPlayer::buildDevice(json const& device, std::string const& where,
+                                        cdshost::Id parent,
                                         std::vector<std::pair<cdshost::Id, cdshost::Id>>& created) {
     constexpr bool kSilent = false;
     std::string const name = device["name"].get<std::string>();
-    cdshost::Id const id = m_store.addDevice(name, device.value("id", 0ULL), parent, kSilent);
+    cdshost::Id id = 0;
+    try {
+        id = m_store.addDevice(name, device.value("id", 0ULL), parent, kSilent);
+    } catch (std::invalid_argument const& error) {
+        // An id in use: one the store gave a device of the scenario that has
+        // none, which the file's checks cannot foresee.
+        throw std::invalid_argument(where + ": " + error.what());
+    }
     created.emplace_back(id, parent);
     m_names[name] = id;
     json const& attributes = fieldOrEmpty(device, "attributes", json::value_t::object);
@@ -248,10 +283,20 @@ cdshost::Id ScenarioPlayer::buildDevice(json const& device, cdshost::Id parent,
         applyAlarmSettings(channel, item.value(), kSilent);
     }
     json const& subDevices = fieldOrEmpty(device, "subDevices", json::value_t::array);
-    for (auto const& sub : subDevices) {
-        buildDevice(sub, id, created);
+    for (std::size_t i = 0; i < subDevices.size(); ++i) {
+        buildDevice(subDevices[i], where + ".subDevices[" + std::to_string(i) + "]", id, created);
     }
     return id;
+}
+
+/* The device goes by its new name from now on, in the scenario as in the
+ * store. */
+void ScenarioPlayer::rename(unsigned long long device, std::string const& name) {
+    m_store.renameDevice(device, name);
+    for (auto it = m_names.begin(); it != m_names.end();) {
+        it = it->second == device ? m_names.erase(it) : std::next(it);
+    }
+    m_names[name] = device;
 }
 
 unsigned long long ScenarioPlayer::resolveDevice(json const& body) const {
