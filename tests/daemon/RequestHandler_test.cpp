@@ -558,6 +558,42 @@ TEST(RequestHandlerTest, EveryWriteIsAuditedWithOldAndNewValueAndOutcome) {
         << log;
 }
 
+TEST(RequestHandlerTest, WritesRejectedBeforeAnyEntryIsAskedAreAuditedWithTheirException) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    EXPECT_EQ(daemon.ask(request(6, 9000, 1)).exception, 0x02);
+    EXPECT_EQ(daemon.ask(request(5, 0, 0x1234)).exception, 0x03);
+    EXPECT_EQ(daemon.ask(testing::writeRegisters(4, {1, 2})).exception, 0x02);  // inside "label"
+    std::string const log = daemon.logText();
+    for (char const* const line :
+         {"write to holding-registers 9000: rejected (no whole entries at those addresses): "
+          "answered 0x02; client=local unit=1 function=6 address=9000\n",
+          "write to coils 0: rejected (malformed request): answered 0x03; client=local unit=1 "
+          "function=5 address=0\n",
+          "write to holding-registers 4: rejected (no whole entries at those addresses): "
+          "answered 0x02; client=local unit=1 function=16 address=4\n"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    }
+}
+
+TEST(RequestHandlerTest, AWriteWhileTheMapIsNotAvailableIsAudited) {
+    TestDaemon daemon(kMap, kStartingUps, false);
+    EXPECT_EQ(daemon.ask(request(6, 30, 1)).exception, 0x0A);
+    EXPECT_NE(daemon.logText().find("write to holding-registers 30: rejected (the map is not "
+                                    "available yet): answered 0x0A; client=local"),
+              std::string::npos)
+        << daemon.logText();
+}
+
+TEST(RequestHandlerTest, AWriteRefusedWholesaleIsAudited) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    daemon.core().handler().refuseWrites();
+    EXPECT_EQ(daemon.ask(request(6, 30, 1)).exception, 0x01);
+    EXPECT_NE(daemon.logText().find("write to holding-registers 30: rejected (writes are "
+                                    "refused): answered 0x01; client=local"),
+              std::string::npos)
+        << daemon.logText();
+}
+
 TEST(RequestHandlerTest, AWriteThatFailsPartWaySaysWhichEntriesTookTheirPart) {
     char const* const map = R"({"entries": [
       {"name": "a", "table": "holding-registers", "address": 0, "encoder": "uint16",

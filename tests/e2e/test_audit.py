@@ -71,6 +71,22 @@ class AuditTrailTest(unittest.TestCase):
                           "client=127.0.0.1:", line)
         self.assertLessEqual(log.count("write to holding-registers 60: refused"), 11, log)
 
+    def test_writes_rejected_before_any_entry_is_asked_are_each_in_the_trail(self):
+        # What a scan of the address space sends: writes where no entry is.
+        self.start()
+        for address in range(9000, 9020):
+            response = self.client.write_register(address, 1, slave=1)
+            self.assertTrue(response.isError())
+            self.assertEqual(response.exception_code, 2)
+        _, log = self.daemon.stop()
+        lines = self.lines_of(self.trail)
+        self.assertEqual(len(lines), 20, "\n".join(lines))
+        for address, line in zip(range(9000, 9020), lines):
+            self.assertRegex(line, RECORD)
+            self.assertIn(" write to holding-registers %d: rejected (no whole entries at those "
+                          "addresses): answered 0x02; client=127.0.0.1:" % address, line)
+        self.assertLessEqual(log.count("rejected (no whole entries at those addresses)"), 11, log)
+
     def test_a_string_a_client_writes_cannot_forge_a_second_record(self):
         self.start()
         forged = b"\nZ write\xe2\x80\xa8\xc2\x85"  # 13 of the label's 16 bytes

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -60,6 +61,19 @@ Answer refuse(Answer answer, std::uint8_t code) {
     answer.registers.clear();
     answer.bits.clear();
     return answer;
+}
+
+/* What a write refused while the map cannot be served was refused for, by
+ * the exception it gets (see refuseUnavailable()). */
+char const* whyRefusedUnavailable(std::uint8_t code) {
+    switch (code) {
+        case ec::kIllegalFunction:
+            return "refused by the access rules";
+        case ec::kIllegalDataAddress:
+            return "no whole entries at those addresses";
+        default:
+            return "the map is not available yet";
+    }
 }
 
 bool available(ServedEntry const& entry) {
@@ -268,14 +282,24 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     RequestShape const shape = checkRequestShape(pdu, pduLength);
     answer.address = shape.address;
     answer.quantity = shape.quantity;
+    bool const writing = isWriteFunction(answer.function);
     if (shape.exception != 0) {
-        return refuse(answer, shape.exception);
+        return writing
+                   ? rejectWrite(answer, shape.exception,
+                                 shape.exception == ec::kIllegalDataValue ? "malformed request"
+                                                                          : "past the last address")
+                   : refuse(answer, shape.exception);
     }
-    if (answer.function > kReadInputRegisters && m_writesRefused) {
-        return refuse(answer, ec::kIllegalFunction);
+    if (writing && m_writesRefused) {
+        return rejectWrite(answer, ec::kIllegalFunction, "writes are refused");
     }
     if (!m_availability.isAvailable()) {
-        return refuseUnavailable(answer);
+        Answer refused = refuseUnavailable(answer);
+        if (!writing) {
+            return refused;
+        }
+        std::uint8_t const code = refused.exception;
+        return rejectWrite(std::move(refused), code, whyRefusedUnavailable(code));
     }
     return answer.function <= kReadInputRegisters ? read(answer, pduLength)
                                                   : write(answer, pdu, pduLength);
@@ -436,11 +460,11 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     bool const single =
         answer.function == kWriteSingleCoil || answer.function == kWriteSingleRegister;
     if (single && length != 5) {
-        return refuse(answer, ec::kIllegalDataValue);
+        return rejectWrite(answer, ec::kIllegalDataValue, "malformed request");
     }
     auto const values = writtenValues(answer.function, pdu, length, answer.quantity);
     if (!values) {
-        return refuse(answer, ec::kIllegalDataValue);
+        return rejectWrite(answer, ec::kIllegalDataValue, "malformed request");
     }
     Table const table = *tableOf(answer.function);
     if (std::string const why = writeRefusal(table, {}); !why.empty()) {
@@ -457,7 +481,10 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
     if (coverage.exception != 0) {
-        return refuse(answer, coverage.exception);
+        return rejectWrite(answer, coverage.exception,
+                           coverage.exception == ec::kIllegalDataAddress
+                               ? "no whole entries at those addresses"
+                               : "quantity out of range");
     }
     if (std::string const why = writeRefusal(table, coverage.entries); !why.empty()) {
         for (ServedEntry const* entry : coverage.entries) {
@@ -701,6 +728,22 @@ void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
     m_log.limited(Log::Level::Info,
                   "writes of " + entry.definition.name + " by " + addressOf(m_origin->client),
                   line);
+}
+
+/* A write answered with an exception before any entry was asked: the trail
+ * keeps it too (it holds every write a client attempts), the log only a few
+ * a minute, since these are what a scan of the address space sends. */
+Answer RequestHandler::rejectWrite(Answer answer, std::uint8_t code, char const* why) {
+    char hex[8];
+    std::snprintf(hex, sizeof hex, "0x%02X", code);
+    std::string const line = "write to " + std::string(tableName(*tableOf(answer.function))) + " " +
+                             std::to_string(answer.address) + ": rejected (" + why +
+                             "): answered " + hex + "; " + fields();
+    if (m_auditTrail != nullptr) {
+        m_auditTrail->record(line);
+    }
+    m_log.limited(Log::Level::Warning, std::string("rejected writes: ") + why, line);
+    return refuse(answer, code);
 }
 
 void RequestHandler::auditRefused(ServedEntry const& entry,

@@ -105,6 +105,7 @@ class RequestHandler {
     Answer identify(Answer answer, std::uint8_t const* pdu, std::size_t length);
     Answer write(Answer answer, std::uint8_t const* pdu, std::size_t length);
     std::uint8_t readEntry(ServedEntry const& entry, Answer& answer);
+    Answer rejectWrite(Answer answer, std::uint8_t code, char const* why);
     std::uint8_t readNotAvailable(ServedEntry& entry, Answer& answer);
     std::uint8_t readUnavailable(ServedEntry const& entry, Answer& answer);
     std::uint8_t readyToWrite(ServedEntry& entry, std::vector<std::uint16_t> const& part);
