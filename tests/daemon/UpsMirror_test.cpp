@@ -240,7 +240,7 @@ TEST_F(UpsMirrorTest, AVariableThatDisappearsLosesItsChannelAndAttribute) {
     EXPECT_EQ(value("battery.charge"), kq::CValue(100)) << "and gets them back when it returns";
 }
 
-TEST_F(UpsMirrorTest, AnOutletAppearsAndDisappears) {
+TEST_F(UpsMirrorTest, OutletsThatAppearAreAddedAndAnnouncedWholeOnceEach) {
     auto withoutOutlets = onLine();
     withoutOutlets.erase("outlet.1.status");
     withoutOutlets.erase("outlet.1.desc");
@@ -252,13 +252,28 @@ TEST_F(UpsMirrorTest, AnOutletAppearsAndDisappears) {
     ASSERT_EQ(m_store.subDevices(kUps).size(), 2u);
     EXPECT_EQ(m_created.size(), 2u) << "each new outlet announced once, whole";
     EXPECT_EQ(value("outlet.2.status", outlet(1)), kq::CValue("off"));
+}
+
+TEST_F(UpsMirrorTest, AnOutletThatGoesKeepsItsPlaceEmptiedAndTakesItAgainWhenItComesBack) {
+    m_mirror.apply(onLine());
+    cdshost::Id const first = outlet(0);
     cdshost::Id const second = outlet(1);
     auto withoutFirst = onLine();
     withoutFirst.erase("outlet.1.status");
     withoutFirst.erase("outlet.1.desc");
     m_mirror.apply(withoutFirst);
-    ASSERT_EQ(m_store.subDevices(kUps).size(), 1u);
-    EXPECT_EQ(outlet(0), second);
+    // The second outlet is still the second sub-device: entries over its
+    // place go on reading it, and nothing reads it at the first one's.
+    ASSERT_EQ(m_store.subDevices(kUps), (std::vector<cdshost::Id>{first, second}));
+    EXPECT_EQ(channel("outlet.1.status", first), 0u);
+    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "");
+    EXPECT_EQ(value("outlet.2.status", second), kq::CValue("off"));
+    countCreations();
+    m_mirror.apply(onLine());
+    ASSERT_EQ(m_store.subDevices(kUps), (std::vector<cdshost::Id>{first, second}));
+    EXPECT_EQ(value("outlet.1.status", first), kq::CValue("on"));
+    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "PowerShare 1");
+    EXPECT_TRUE(m_created.empty()) << "an outlet back at its place is no new device";
 }
 
 TEST_F(UpsMirrorTest, AnOutletLosingOneVariableKeepsItsDevice) {

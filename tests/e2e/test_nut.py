@@ -36,6 +36,7 @@ OUTPUT_VOLTAGE = 53
 LOAD, REALPOWER, CHARGE, RUNTIME = 57, 58, 60, 61
 BATTERY_TEMPERATURE, UPS_TEMPERATURE, STATUS_WORD, OPERATING_STATUS = 64, 65, 66, 67
 OUTLET1_STATUS, OUTLET2_STATUS = 106, 116
+OUTLET1_DESC, OUTLET2_DESC = 100, 110
 TOKENS = ["OL", "OB", "LB", "HB", "RB", "CHRG", "DISCHRG", "BYPASS", "CAL", "OFF", "OVER", "TRIM",
           "BOOST", "FSD"]
 
@@ -245,6 +246,29 @@ class NutTest(GatewayWithUpsdTest):
             self.assertTrue(self.upsd.upsrw("bench", f"outlet.2.{variable}", ""))
         self.wait_until(lambda: self.registers(OUTLET2_STATUS, 2) == STRING_NOT_IMPLEMENTED,
                         2.0 + SERVED_LIMIT_S, "outlet.2 did not disappear")
+        self.assertTrue(self.daemon.alive())
+
+    def test_an_outlet_before_another_keeps_its_place_while_it_is_gone_and_when_it_comes_back(self):
+        # The entries of each outlet name its place among the UPS's
+        # sub-devices: while outlet.1 is gone, outlet.2 stays at the second
+        # place and nothing of it shows at the first; outlet.1 comes back to
+        # its own place.
+        self.start({"bench": ("bench.dev", demo_dev())})
+        self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "PowerShare 1")
+        for variable in ("id", "desc", "status", "switchable", "current"):
+            self.assertTrue(self.upsd.upsrw("bench", f"outlet.1.{variable}", ""))
+        self.wait_until(lambda: self.registers(OUTLET1_STATUS, 2) == STRING_NOT_IMPLEMENTED,
+                        2.0 + SERVED_LIMIT_S, "outlet.1 did not disappear")
+        self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "")
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "PowerShare 2")
+        self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
+        self.upsd.write_file("bench.dev", demo_dev())
+        self.wait_until(lambda: text(self.registers(OUTLET1_STATUS, 2)) == "on",
+                        5.0 + SERVED_LIMIT_S, "outlet.1 did not come back to its place")
+        self.wait_until(lambda: text(self.registers(OUTLET1_DESC, 6)) == "PowerShare 1",
+                        2.0, "outlet.1's description did not come back")
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "PowerShare 2")
+        self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
         self.assertTrue(self.daemon.alive())
 
     def test_a_ups_that_comes_back_with_other_variables_and_outlets_is_served_as_it_is_now(self):

@@ -121,30 +121,18 @@ void UpsMirror::update(Variables const& variables) {
     updateStatus(variables, kNotify);
 }
 
+/* Each variable that is gone loses its channel and empties its attribute. An
+ * outlet that goes with all its variables keeps its sub-device, emptied: an
+ * entry's path names a place among the UPS's sub-devices, so removing it
+ * would move every outlet after it up one place (their entries would read
+ * the next outlet's name, and an outlet coming back would be added last,
+ * where no entry looks for it). It takes its own place again when it comes
+ * back; the whole UPS going takes its outlets with it. */
 void UpsMirror::removeVanished(Variables const& variables) {
-    auto const remaining = outletsOf(variables);
-    std::set<unsigned int> gone;
     for (auto const& [name, value] : m_variables) {
-        if (variables.count(name) != 0) {
-            continue;
-        }
-        auto const outlet = outletNumber(name);
-        if (outlet && remaining.count(*outlet) == 0) {
-            // The whole outlet went: its sub-device goes, channels and all.
-            gone.insert(*outlet);
-        } else {
+        if (variables.count(name) == 0) {
             removeVariable(name);
         }
-    }
-    for (unsigned int const outlet : gone) {
-        cdshost::Id const device = m_outlets.at(outlet);
-        for (auto it = m_channels.begin(); it != m_channels.end();) {
-            auto const number = outletNumber(it->first);
-            it = number && *number == outlet ? m_channels.erase(it) : std::next(it);
-        }
-        m_outlets.erase(outlet);
-        notifying([&] { m_store.removeDevice(device); });
-        ++m_changes;
     }
 }
 
