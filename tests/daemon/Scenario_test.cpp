@@ -40,6 +40,29 @@ TEST(ScenarioTest, ShippedScenarioIsValid) {
     EXPECT_FALSE(scenario.events.empty());
 }
 
+TEST(ScenarioTest, AScenarioThatNeverNamesTheOperatingStatusChannelIsWarnedAbout) {
+    auto const warnings = scenarioWarnings(parseScenario(R"({"devices": [{"id": 2, "name": "UPS",
+          "channels": {"Battery.Charge": {"uint32": 90}}}],
+          "events": [{"at": 1, "do": "set-channel", "device": 2, "channel": "Battery.Charge",
+                      "value": {"uint32": 80}}]})"));
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0],
+              "no device and no event names the channel "
+              "\"PowerDistribution.Status.OperatingStatus\", whose value 16 on device 2 tells "
+              "that the UPS is there: the map will never be served");
+}
+
+TEST(ScenarioTest, AScenarioNamingTheOperatingStatusAtTheStartOrInAnEventIsNotWarnedAbout) {
+    EXPECT_TRUE(scenarioWarnings(parseScenario(embeddedScenario())).empty());
+    EXPECT_TRUE(scenarioWarnings(parseScenario(R"({"devices": [{"id": 2, "name": "UPS",
+          "channels": {"PowerDistribution.Status.OperatingStatus": {"uint32": 2}}}]})"))
+                    .empty());
+    EXPECT_TRUE(scenarioWarnings(parseScenario(R"({"events": [{"at": 1, "do": "add-device",
+          "device": {"id": 2, "name": "UPS", "channels": {
+            "PowerDistribution.Status.OperatingStatus": {"uint32": 16}}}}]})"))
+                    .empty());
+}
+
 TEST(ScenarioTest, UnknownActionAndMissingFieldsAreListedTogether) {
     auto const errors = errorsOf(R"({"events": [
         {"at": 1, "do": "explode"},

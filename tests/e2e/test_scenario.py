@@ -81,6 +81,26 @@ class ScenarioTest(unittest.TestCase):
                               out.stderr)
                 self.assertNotIn("listening on", out.stderr)
 
+    def test_a_scenario_that_never_names_the_operating_status_is_warned_about(self):
+        # Valid, and played, but the availability check never sees the UPS:
+        # the map would stay unavailable with no word why.
+        ups = running_ups()["devices"][-1]
+        del ups["channels"]["PowerDistribution.Status.OperatingStatus"]
+        path = self.write({"devices": [ups]})
+        warning = ('warning: scenario: no device and no event names the channel '
+                   '"PowerDistribution.Status.OperatingStatus", whose value 16 on device 2 '
+                   'tells that the UPS is there: the map will never be served')
+        for args in (("--port", "0", "--run-seconds", "0.5"), ("--check",)):
+            with self.subTest(args=args):
+                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
+                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                self.assertEqual(out.returncode, 0, out.stderr[-2000:])
+                self.assertIn(warning, out.stderr)
+        shipped = subprocess.run([DAEMON, "--check"], capture_output=True, text=True,
+                                 timeout=10, stdin=subprocess.DEVNULL)
+        self.assertEqual(shipped.returncode, 0, shipped.stderr[-2000:])
+        self.assertNotIn("the map will never be served", shipped.stderr)
+
     def test_devices_given_one_id_twice_are_refused_at_start_and_by_check(self):
         # --check called this valid; the daemon then stopped with status 1 and
         # "device id 2 is in use", naming neither the file nor the device.

@@ -14,6 +14,9 @@ DaemonCore::DaemonCore(CoreConfig config, Log& log)
     cdshost::Store::instance().countCallsPerId(false);
     logFloatLayout();
     if (config.scenario) {
+        for (auto const& line : scenarioWarnings(*config.scenario)) {
+            m_log.warning("scenario: " + line);
+        }
         auto scenario = std::make_unique<ScenarioSource>(std::move(*config.scenario),
                                                          cdshost::Store::instance(), log);
         m_scenario = &scenario->player();

@@ -228,6 +228,9 @@ int reportChecked(Configuration& configuration, Log& log) {
     bool const scenario = configuration.scenario.has_value();
     std::size_t const events = scenario ? configuration.scenario->events.size() : 0;
     if (configuration.scenario) {
+        for (auto const& line : scenarioWarnings(*configuration.scenario)) {
+            log.warning("scenario: " + line);
+        }
         try {
             ScenarioPlayer(std::move(*configuration.scenario), cdshost::Store::instance(), log)
                 .seed();

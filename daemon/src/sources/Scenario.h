@@ -55,6 +55,11 @@ Scenario parseScenario(std::string const& text);
 /* The actions a scenario event may name. */
 std::vector<std::string> scenarioActions();
 
+/* What a valid scenario may still get wrong, one line each: a scenario that
+ * never names the operating-status channel the availability check reads
+ * never lets the map be served. */
+std::vector<std::string> scenarioWarnings(Scenario const& scenario);
+
 /* Plays a scenario into the store, on the caller's thread: the data store
  * then notifies the library on that same thread. */
 class ScenarioPlayer {

@@ -1,4 +1,5 @@
 // Reading and checking scenario files.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -8,8 +9,10 @@
 #include "JsonChecks.h"
 #include "JsonNesting.h"
 #include "JsonView.h"
+#include "LogText.h"
 #include "MapModel.h"
 #include "Scenario.h"
+#include "modbus/PowerDistributionAvailableAccessor.h"
 
 namespace tarsel::daemon {
 
@@ -474,6 +477,46 @@ ScenarioError::ScenarioError(std::vector<std::string> errors)
     : std::runtime_error(errors.empty() ? std::string("invalid scenario")
                                         : "invalid scenario: " + errors.front()),
       m_errors(std::move(errors)) {}
+
+namespace {
+
+/* Whether `text` is a key or a string anywhere in `value`. */
+bool mentions(json const& value, std::string const& text) {
+    if (value.is_string()) {
+        return value.get_ref<std::string const&>() == text;
+    }
+    if (value.is_array()) {
+        return std::any_of(value.begin(), value.end(),
+                           [&text](json const& item) { return mentions(item, text); });
+    }
+    if (value.is_object()) {
+        for (auto const& [key, item] : value.items()) {
+            if (key == text || mentions(item, text)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+std::vector<std::string> scenarioWarnings(Scenario const& scenario) {
+    using Status = modbus::PowerDistributionAvailableAccessor::OperatingStatusReader;
+    std::string const channel = Status::kChannelName;
+    bool const named = mentions(scenario.devices, channel) ||
+                       std::any_of(scenario.events.begin(), scenario.events.end(),
+                                   [&channel](ScenarioEvent const& event) {
+                                       return mentions(event.body, channel);
+                                   });
+    if (named) {
+        return {};
+    }
+    return {"no device and no event names the channel " + quotedValue(channel) + ", whose value " +
+            std::to_string(Status::kAvailableStatus) + " on device " +
+            std::to_string(Status::kDeviceId) +
+            " tells that the UPS is there: the map will never be served"};
+}
 
 std::vector<std::string> scenarioActions() {
     std::vector<std::string> names;
