@@ -426,7 +426,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
  * moment ago) is built again first and read at once, as the loop would do
  * before long: a client that reads back what it has just written gets it. */
 std::uint8_t RequestHandler::readNotAvailable(ServedEntry& entry, Answer& answer) {
-    if (AttributeRefresh::stale(entry)) {
+    if (AttributeRefresh::staleOnRequest(entry)) {
         m_map.rebuild(entry);
         return readEntry(entry, answer);
     }
@@ -570,7 +570,7 @@ void RequestHandler::logWrittenInPart(Table table, Answer const& answer,
  * loop would do before long. */
 std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
                                           std::vector<std::uint16_t> const& part) {
-    if (AttributeRefresh::stale(entry)) {
+    if (AttributeRefresh::staleOnRequest(entry)) {
         m_map.rebuild(entry);
     }
     if (available(entry) && everySourcePresent(entry)) {
