@@ -272,7 +272,15 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     }
     // 0 and 255 are how Modbus TCP clients address "the server itself".
     if (unit != m_unitId && unit != 0 && unit != 0xFF) {
-        return refuse(answer, ec::kGatewayTargetFailed);
+        if (!isWriteFunction(answer.function)) {
+            return refuse(answer, ec::kGatewayTargetFailed);
+        }
+        // The trail keeps every write a client attempts, one to a unit
+        // that is not served too; its address as far as the frame has one.
+        RequestShape const shape = checkRequestShape(pdu, pduLength);
+        answer.address = shape.address;
+        answer.quantity = shape.quantity;
+        return rejectWrite(answer, ec::kGatewayTargetFailed, "no such unit");
     }
     if (answer.function == kEncapsulatedInterface) {
         return identify(answer, pdu, pduLength);
