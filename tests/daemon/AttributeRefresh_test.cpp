@@ -239,6 +239,31 @@ TEST(AttributeRefreshTest, AnEntryWhoseDeviceIsGoneIsNotRebuilt) {
     EXPECT_EQ(readInputs(daemon, 0, 4), kSentinel4);
 }
 
+TEST(AttributeRefreshTest, ReadsOfAnEntryWhoseDeviceIsGoneDoNotAskTheDataStoreEachTime) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    store.removeDevice(2);
+    ASSERT_EQ(readInputs(daemon, 0, 4), kSentinel4);  // finds the device gone
+    store.resetCalls();
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(readInputs(daemon, 0, 4), kSentinel4);
+    }
+    EXPECT_TRUE(store.callsByOperation().empty());
+}
+
+TEST(AttributeRefreshTest, ARequestLooksUpADeviceAgainOnceItIsBackAndChanges) {
+    TestDaemon daemon(kMap, kUps);
+    auto& store = cdshost::Store::instance();
+    store.removeDevice(2);
+    ASSERT_EQ(readInputs(daemon, 0, 4), kSentinel4);  // finds the device gone
+    store.addDevice("UPS", 2);
+    store.setDeviceAttribute(2, cdsapi::AttributeManufacturer, "Maker", false);
+    daemon.core().refreshAttributeEntries(Clock::now());  // the loop's pass
+    ASSERT_EQ(readInputs(daemon, 0, 4), kMaker);
+    setAttribute(cdsapi::AttributeManufacturer, "New");
+    EXPECT_EQ(readInputs(daemon, 0, 4), (std::vector<std::uint16_t>{0x4E65, 0x7700, 0, 0}));
+}
+
 TEST(AttributeRefreshTest, EntriesWithoutAnAttributeAreNeverRebuilt) {
     TestDaemon daemon(kMap, kUps);
     setAttribute(cdsapi::AttributeLocation, "Hall");

@@ -575,6 +575,18 @@ TEST(RequestHandlerTest, WritesRejectedBeforeAnyEntryIsAskedAreAuditedWithTheirE
     }
 }
 
+TEST(RequestHandlerTest, AWriteToAUnitThatIsNotServedIsAudited) {
+    TestDaemon daemon(kMap, kRunningUps, false);
+    EXPECT_EQ(daemon.ask(request(6, 30, 1, 7)).exception, 0x0B);
+    EXPECT_EQ(daemon.ask(request(3, 30, 1, 7)).exception, 0x0B);
+    std::string const log = daemon.logText();
+    EXPECT_NE(log.find("write to holding-registers 30: rejected (no such unit): answered 0x0B; "
+                       "client=local unit=7 function=6 address=30\n"),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("function=3"), std::string::npos) << log;  // reads are not writes
+}
+
 TEST(RequestHandlerTest, AWriteWhileTheMapIsNotAvailableIsAudited) {
     TestDaemon daemon(kMap, kStartingUps, false);
     EXPECT_EQ(daemon.ask(request(6, 30, 1)).exception, 0x0A);

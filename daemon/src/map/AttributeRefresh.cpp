@@ -57,6 +57,9 @@ std::size_t AttributeRefresh::run(Clock::time_point now) {
     std::optional<Clock::time_point> next;
     for (Watched& watched : m_watched) {
         if (!lostAttribute(*watched.entry)) {
+            // Its device is there again: a request that meets the next change
+            // looks it up at once.
+            watched.entry->noDeviceLookupBefore = {};
             continue;
         }
         if (rebuilt < kMaxPerRun && now >= watched.next) {
@@ -82,6 +85,21 @@ std::size_t AttributeRefresh::run(Clock::time_point now) {
 
 bool AttributeRefresh::stale(ServedEntry const& entry) {
     return lostAttribute(entry) && devicesPresent(entry);
+}
+
+bool AttributeRefresh::staleOnRequest(ServedEntry& entry) {
+    if (!lostAttribute(entry)) {
+        return false;
+    }
+    Clock::time_point const now = Clock::now();
+    if (now < entry.noDeviceLookupBefore) {
+        return false;
+    }
+    if (devicesPresent(entry)) {
+        return true;
+    }
+    entry.noDeviceLookupBefore = now + kMinInterval;
+    return false;
 }
 
 std::optional<AttributeRefresh::Clock::time_point> AttributeRefresh::due() const {

@@ -48,6 +48,12 @@ class AttributeRefresh {
      * serves it again. */
     static bool stale(ServedEntry const& entry);
 
+    /* stale(), for a read or a write that meets the entry: a device found
+     * gone is not looked up again for kMinInterval, so requests that keep
+     * meeting an entry whose device is gone cost no data-store call each
+     * (its data accessor sees the device come back by itself). */
+    static bool staleOnRequest(ServedEntry& entry);
+
   private:
     struct Watched {
         ServedEntry* entry;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -42,6 +43,9 @@ struct ServedEntry {
     PushImage image;
     // Why the last attempt to build the encoder failed; empty once built.
     RareText pendingReason;
+    // A request that finds the device of a lost attribute gone does not ask
+    // the data store again before this (see AttributeRefresh::staleOnRequest).
+    std::chrono::steady_clock::time_point noDeviceLookupBefore{};
     // Declared last so it is destroyed first: the encoder's listener writes
     // into `image`, and the data accessors must leave the data store before
     // anything they could call back into goes away.

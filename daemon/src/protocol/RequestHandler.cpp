@@ -272,7 +272,15 @@ Answer RequestHandler::decide(std::uint8_t const* frame, std::size_t length) {
     }
     // 0 and 255 are how Modbus TCP clients address "the server itself".
     if (unit != m_unitId && unit != 0 && unit != 0xFF) {
-        return refuse(answer, ec::kGatewayTargetFailed);
+        if (!isWriteFunction(answer.function)) {
+            return refuse(answer, ec::kGatewayTargetFailed);
+        }
+        // The trail keeps every write a client attempts, one to a unit
+        // that is not served too; its address as far as the frame has one.
+        RequestShape const shape = checkRequestShape(pdu, pduLength);
+        answer.address = shape.address;
+        answer.quantity = shape.quantity;
+        return rejectWrite(answer, ec::kGatewayTargetFailed, "no such unit");
     }
     if (answer.function == kEncapsulatedInterface) {
         return identify(answer, pdu, pduLength);
@@ -426,7 +434,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
  * moment ago) is built again first and read at once, as the loop would do
  * before long: a client that reads back what it has just written gets it. */
 std::uint8_t RequestHandler::readNotAvailable(ServedEntry& entry, Answer& answer) {
-    if (AttributeRefresh::stale(entry)) {
+    if (AttributeRefresh::staleOnRequest(entry)) {
         m_map.rebuild(entry);
         return readEntry(entry, answer);
     }
@@ -570,7 +578,7 @@ void RequestHandler::logWrittenInPart(Table table, Answer const& answer,
  * loop would do before long. */
 std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
                                           std::vector<std::uint16_t> const& part) {
-    if (AttributeRefresh::stale(entry)) {
+    if (AttributeRefresh::staleOnRequest(entry)) {
         m_map.rebuild(entry);
     }
     if (available(entry) && everySourcePresent(entry)) {
