@@ -59,7 +59,7 @@ std::size_t AttributeRefresh::run(Clock::time_point now) {
         if (!lostAttribute(*watched.entry)) {
             // Its device is there again: a request that meets the next change
             // looks it up at once.
-            watched.entry->noDeviceLookupBefore = {};
+            m_map.endDeviceLookupWait(*watched.entry);
             continue;
         }
         if (rebuilt < kMaxPerRun && now >= watched.next) {
@@ -87,18 +87,18 @@ bool AttributeRefresh::stale(ServedEntry const& entry) {
     return lostAttribute(entry) && devicesPresent(entry);
 }
 
-bool AttributeRefresh::staleOnRequest(ServedEntry& entry) {
+bool AttributeRefresh::staleOnRequest(ServedMap& map, ServedEntry const& entry) {
     if (!lostAttribute(entry)) {
         return false;
     }
     Clock::time_point const now = Clock::now();
-    if (now < entry.noDeviceLookupBefore) {
+    if (now < map.deviceLookupWait(entry)) {
         return false;
     }
     if (devicesPresent(entry)) {
         return true;
     }
-    entry.noDeviceLookupBefore = now + kMinInterval;
+    map.waitForDeviceLookup(entry, now + kMinInterval);
     return false;
 }
 

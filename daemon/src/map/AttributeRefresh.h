@@ -51,8 +51,9 @@ class AttributeRefresh {
     /* stale(), for a read or a write that meets the entry: a device found
      * gone is not looked up again for kMinInterval, so requests that keep
      * meeting an entry whose device is gone cost no data-store call each
-     * (its data accessor sees the device come back by itself). */
-    static bool staleOnRequest(ServedEntry& entry);
+     * (its data accessor sees the device come back by itself). The wait is
+     * kept by `map`, the entry's map. */
+    static bool staleOnRequest(ServedMap& map, ServedEntry const& entry);
 
   private:
     struct Watched {

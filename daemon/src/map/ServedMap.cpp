@@ -150,6 +150,17 @@ void ServedMap::rebuild(ServedEntry& entry) {
                       readableValue(entry.definition, entry.image.words));
 }
 
+std::chrono::steady_clock::time_point ServedMap::deviceLookupWait(ServedEntry const& entry) const {
+    auto const wait = m_deviceLookupWaits.find(&entry);
+    return wait == m_deviceLookupWaits.end() ? std::chrono::steady_clock::time_point{}
+                                             : wait->second;
+}
+
+void ServedMap::waitForDeviceLookup(ServedEntry const& entry,
+                                    std::chrono::steady_clock::time_point until) {
+    m_deviceLookupWaits[&entry] = until;
+}
+
 IdentificationTexts ServedMap::identification() const {
     IdentificationTexts texts;
     for (auto const& object : m_identification) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,9 +44,6 @@ struct ServedEntry {
     PushImage image;
     // Why the last attempt to build the encoder failed; empty once built.
     RareText pendingReason;
-    // A request that finds the device of a lost attribute gone does not ask
-    // the data store again before this (see AttributeRefresh::staleOnRequest).
-    std::chrono::steady_clock::time_point noDeviceLookupBefore{};
     // Declared last so it is destroyed first: the encoder's listener writes
     // into `image`, and the data accessors must leave the data store before
     // anything they could call back into goes away.
@@ -107,6 +105,13 @@ class ServedMap {
      * failure the entry is pending. Never from a callback of that encoder. */
     void rebuild(ServedEntry& entry);
 
+    /* Until when requests that meet `entry` do not look its device up again
+     * (see AttributeRefresh::staleOnRequest); the epoch when they may. Held
+     * apart from the entries: only entries whose device is gone have one. */
+    std::chrono::steady_clock::time_point deviceLookupWait(ServedEntry const& entry) const;
+    void waitForDeviceLookup(ServedEntry const& entry, std::chrono::steady_clock::time_point until);
+    void endDeviceLookupWait(ServedEntry const& entry) { m_deviceLookupWaits.erase(&entry); }
+
   private:
     void add(EntryDefinition const& definition);
     void index(ServedEntry& entry);
@@ -129,6 +134,7 @@ class ServedMap {
     // Entries without an encoder; add(), buildPending() and rebuild() keep it.
     std::size_t m_pending = 0;
     std::vector<IdentificationObjectDefinition> m_identification;
+    std::map<ServedEntry const*, std::chrono::steady_clock::time_point> m_deviceLookupWaits;
 };
 
 /* A value as people read it: discretes as 0/1 digits, strings as their

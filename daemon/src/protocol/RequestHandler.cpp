@@ -434,7 +434,7 @@ std::uint8_t RequestHandler::readEntry(ServedEntry const& entry, Answer& answer)
  * moment ago) is built again first and read at once, as the loop would do
  * before long: a client that reads back what it has just written gets it. */
 std::uint8_t RequestHandler::readNotAvailable(ServedEntry& entry, Answer& answer) {
-    if (AttributeRefresh::staleOnRequest(entry)) {
+    if (AttributeRefresh::staleOnRequest(m_map, entry)) {
         m_map.rebuild(entry);
         return readEntry(entry, answer);
     }
@@ -578,7 +578,7 @@ void RequestHandler::logWrittenInPart(Table table, Answer const& answer,
  * loop would do before long. */
 std::uint8_t RequestHandler::readyToWrite(ServedEntry& entry,
                                           std::vector<std::uint16_t> const& part) {
-    if (AttributeRefresh::staleOnRequest(entry)) {
+    if (AttributeRefresh::staleOnRequest(m_map, entry)) {
         m_map.rebuild(entry);
     }
     if (available(entry) && everySourcePresent(entry)) {
