@@ -15,11 +15,12 @@ constexpr cdshost::Id kUps = 2;
 constexpr cdshost::Id kFirstPoolId = 1000;
 
 Variables onLine() {
-    return {
-        {"battery.charge", "100"},         {"input.voltage", "230.4"},    {"ups.status", "OL CHRG"},
-        {"device.mfr", "Eaton"},           {"device.model", "5P 1550"},   {"device.serial", "0042"},
-        {"ups.firmware", "02.08.0010"},    {"ups.power.nominal", "1550"}, {"outlet.1.status", "on"},
-        {"outlet.1.desc", "PowerShare 1"}, {"outlet.2.status", "off"}};
+    return {{"battery.charge", "100"},         {"input.voltage", "230.4"},
+            {"ups.status", "OL CHRG"},         {"device.mfr", "Tarsel test bench"},
+            {"device.model", "Dummy 1500 RT"}, {"device.serial", "0042"},
+            {"ups.firmware", "02.08.0010"},    {"ups.power.nominal", "1550"},
+            {"outlet.1.status", "on"},         {"outlet.1.desc", "Segment 1"},
+            {"outlet.2.status", "off"}};
 }
 
 class UpsMirrorTest : public ::testing::Test {
@@ -86,8 +87,8 @@ TEST_F(UpsMirrorTest, EachVariableIsAChannelOfItsNutNameWithNumbersAsNumbers) {
 
 TEST_F(UpsMirrorTest, IdentityVariablesAreAlsoDeviceAttributes) {
     m_mirror.apply(onLine());
-    EXPECT_EQ(attribute(kUps, cdsapi::AttributeManufacturer), "Eaton");
-    EXPECT_EQ(attribute(kUps, cdsapi::AttributeModel), "5P 1550");
+    EXPECT_EQ(attribute(kUps, cdsapi::AttributeManufacturer), "Tarsel test bench");
+    EXPECT_EQ(attribute(kUps, cdsapi::AttributeModel), "Dummy 1500 RT");
     EXPECT_EQ(attribute(kUps, cdsapi::AttributeSerialNumber), "0042");
     EXPECT_EQ(attribute(kUps, cdsapi::AttributeFirmwareVersion), "02.08.0010");
     EXPECT_EQ(attribute(kUps, cdsapi::AttributeNominalPower), "1550");
@@ -98,7 +99,7 @@ TEST_F(UpsMirrorTest, OutletsAreSubDevicesInNumberOrder) {
     ASSERT_EQ(m_store.subDevices(kUps).size(), 2u);
     EXPECT_EQ(value("outlet.1.status", outlet(0)), kq::CValue("on"));
     EXPECT_EQ(value("outlet.2.status", outlet(1)), kq::CValue("off"));
-    EXPECT_EQ(attribute(outlet(0), cdsapi::AttributeName), "PowerShare 1");
+    EXPECT_EQ(attribute(outlet(0), cdsapi::AttributeName), "Segment 1");
     EXPECT_EQ(channel("outlet.1.status"), 0u) << "outlet variables live on the outlet only";
 }
 
@@ -272,7 +273,7 @@ TEST_F(UpsMirrorTest, AnOutletThatGoesKeepsItsPlaceEmptiedAndTakesItAgainWhenItC
     m_mirror.apply(onLine());
     ASSERT_EQ(m_store.subDevices(kUps), (std::vector<cdshost::Id>{first, second}));
     EXPECT_EQ(value("outlet.1.status", first), kq::CValue("on"));
-    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "PowerShare 1");
+    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "Segment 1");
     EXPECT_TRUE(m_created.empty()) << "an outlet back at its place is no new device";
 }
 
@@ -404,7 +405,7 @@ TEST_F(UpsMirrorTest, ARatingThatDisappearsFailsNoListener) {
     BuiltEncoder const count = numberOfAttribute(cdsapi::AttributeOutletCount);
     count.registers->setCallback([](std::vector<std::uint16_t> const&) {});
     whole.erase("outlet.count");
-    whole["device.model"] = "5P 1550i";
+    whole["device.model"] = "Dummy 1500 RTi";
     m_mirror.apply(whole);
     EXPECT_EQ(m_mirror.listenerFailures(), std::vector<std::string>{});
     EXPECT_EQ(attribute(kUps, cdsapi::AttributeOutletCount), "");

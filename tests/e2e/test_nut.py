@@ -254,20 +254,20 @@ class NutTest(GatewayWithUpsdTest):
         # place and nothing of it shows at the first; outlet.1 comes back to
         # its own place.
         self.start({"bench": ("bench.dev", demo_dev())})
-        self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "PowerShare 1")
+        self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "Segment 1")
         for variable in ("id", "desc", "status", "switchable", "current"):
             self.assertTrue(self.upsd.upsrw("bench", f"outlet.1.{variable}", ""))
         self.wait_until(lambda: self.registers(OUTLET1_STATUS, 2) == STRING_NOT_IMPLEMENTED,
                         2.0 + SERVED_LIMIT_S, "outlet.1 did not disappear")
         self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "")
-        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "PowerShare 2")
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "Segment 2")
         self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
         self.upsd.write_file("bench.dev", demo_dev())
         self.wait_until(lambda: text(self.registers(OUTLET1_STATUS, 2)) == "on",
                         5.0 + SERVED_LIMIT_S, "outlet.1 did not come back to its place")
-        self.wait_until(lambda: text(self.registers(OUTLET1_DESC, 6)) == "PowerShare 1",
+        self.wait_until(lambda: text(self.registers(OUTLET1_DESC, 6)) == "Segment 1",
                         2.0, "outlet.1's description did not come back")
-        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "PowerShare 2")
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "Segment 2")
         self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
         self.assertTrue(self.daemon.alive())
 
