@@ -137,19 +137,18 @@ class HttpAbuseTest(unittest.TestCase):
         port = self.port
         deadline = time.monotonic() + ABUSE_S
 
-        def byte_a_second(stop):
-            with socket.create_connection(("127.0.0.1", port), timeout=2) as sock:
-                sock.sendall(b"GET /metrics HTTP/1.1\r\nX: ")
-                while not stop.is_set() and time.monotonic() < deadline:
-                    sock.sendall(b"a")
-                    stop.wait(1.0)
+        def dripping(start, piece, every):
+            """A client that sends `start`, then `piece` every `every` seconds."""
+            def drip(stop):
+                with socket.create_connection(("127.0.0.1", port), timeout=2) as sock:
+                    sock.sendall(start)
+                    while not stop.is_set() and time.monotonic() < deadline:
+                        sock.sendall(piece)
+                        stop.wait(every)
+            return drip
 
-        def never_ending_header(stop):
-            with socket.create_connection(("127.0.0.1", port), timeout=2) as sock:
-                sock.sendall(b"GET /metrics HTTP/1.1\r\n")
-                while not stop.is_set() and time.monotonic() < deadline:
-                    sock.sendall(b"X-A: b\r\n")
-                    stop.wait(0.05)
+        byte_a_second = dripping(b"GET /metrics HTTP/1.1\r\nX: ", b"a", 1.0)
+        never_ending_header = dripping(b"GET /metrics HTTP/1.1\r\n", b"X-A: b\r\n", 0.05)
 
         def huge_request_line(stop):
             while not stop.is_set() and time.monotonic() < deadline:

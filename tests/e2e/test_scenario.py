@@ -24,6 +24,12 @@ def read_status(client):
     return None if answer.isError() else answer.registers
 
 
+def run_daemon(*args):
+    """tarsel-modbusd run to its end with `args`: its exit status and what it printed."""
+    return subprocess.run([DAEMON, *args], capture_output=True, text=True, timeout=10,
+                          stdin=subprocess.DEVNULL)
+
+
 def read(client, address):
     """The input register's value, or the exception code as a string."""
     answer = client.read_input_registers(address, 1, slave=1)
@@ -73,8 +79,7 @@ class ScenarioTest(unittest.TestCase):
         path = self.write({"events": [{"at": 0.1, "every": 1e-300, "do": "log", "text": "x"}]})
         for args in (("--port", "0", "--run-seconds", "1"), ("--check",)):
             with self.subTest(args=args):
-                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
-                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                out = run_daemon("--scenario", path, *args)
                 self.assertEqual(out.returncode, BAD_CONFIGURATION, out.stderr[-2000:])
                 self.assertIn('the scenario "%s" cannot be played:' % path, out.stderr)
                 self.assertIn("events[0].every: expected 0 or at least 0.001 seconds, got 1e-300",
@@ -92,12 +97,10 @@ class ScenarioTest(unittest.TestCase):
                    'tells that the UPS is there: the map will never be served')
         for args in (("--port", "0", "--run-seconds", "0.5"), ("--check",)):
             with self.subTest(args=args):
-                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
-                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                out = run_daemon("--scenario", path, *args)
                 self.assertEqual(out.returncode, 0, out.stderr[-2000:])
                 self.assertIn(warning, out.stderr)
-        shipped = subprocess.run([DAEMON, "--check"], capture_output=True, text=True,
-                                 timeout=10, stdin=subprocess.DEVNULL)
+        shipped = run_daemon("--check")
         self.assertEqual(shipped.returncode, 0, shipped.stderr[-2000:])
         self.assertNotIn("the map will never be served", shipped.stderr)
 
@@ -107,8 +110,7 @@ class ScenarioTest(unittest.TestCase):
         path = self.write({"devices": [{"id": 2, "name": "UPS"}, {"id": 2, "name": "Other"}]})
         for args in (("--port", "0", "--run-seconds", "1"), ("--check",)):
             with self.subTest(args=args):
-                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
-                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                out = run_daemon("--scenario", path, *args)
                 self.assertEqual(out.returncode, BAD_CONFIGURATION, out.stderr[-2000:])
                 self.assertIn('the scenario "%s" cannot be played:' % path, out.stderr)
                 self.assertIn("devices[1].id: device id 2 is that of devices[0] already",
@@ -123,8 +125,7 @@ class ScenarioTest(unittest.TestCase):
         for args in (("--port", "0", "--run-seconds", "1"), ("--check",),
                      ("--describe=csv",)):
             with self.subTest(args=args):
-                out = subprocess.run([DAEMON, "--scenario", path, *args], capture_output=True,
-                                     text=True, timeout=10, stdin=subprocess.DEVNULL)
+                out = run_daemon("--scenario", path, *args)
                 self.assertEqual(out.returncode, BAD_CONFIGURATION, out.stderr[-2000:])
                 self.assertIn('the scenario "%s" cannot be played:' % path, out.stderr)
                 self.assertIn("error:   devices[1]: device id 1 is in use", out.stderr)
@@ -171,13 +172,12 @@ class ScenarioTest(unittest.TestCase):
         path = self.write(running_ups(events=[charge]))
         for seconds, value in (("1.4999", "15"), ("1.5", "16")):
             with self.subTest(seconds=seconds):
-                out = subprocess.run([DAEMON, "--scenario", path, "--describe=json",
-                                      "--describe-at", seconds], capture_output=True, text=True,
-                                     timeout=10, stdin=subprocess.DEVNULL)
+                out = run_daemon("--scenario", path, "--describe=json", "--describe-at", seconds)
                 self.assertEqual(out.returncode, 0, out.stderr[-2000:])
                 entries = json.loads(out.stdout)["entries"]
                 entry = [e for e in entries if e["name"] == "battery.charge"][0]
                 self.assertEqual(entry["value"], value)
+
 
 if __name__ == "__main__":
     unittest.main()
