@@ -172,8 +172,9 @@ inline void placeBits(ServedEntry const& entry, modbus::DiscretesDataAccessor co
     }
 }
 
-/* One write's line in the audit trail and in the log, where a client's
- * repeated writes to one entry are summarised under `key`. */
+/* One write's line in the audit trail, kept whole, and in the log, limited
+ * under `key` (a client's writes to one entry, or one reason for refusing or
+ * rejecting writes). */
 struct AuditLine {
     AuditTrail* trail;
     Log* log;
@@ -481,10 +482,7 @@ Answer RequestHandler::write(Answer answer, std::uint8_t const* pdu, std::size_t
         std::string const line = "write to " + std::string(tableName(table)) + " " +
                                  std::to_string(answer.address) + ": refused (" + why + "); " +
                                  fields();
-        if (m_auditTrail != nullptr) {
-            m_auditTrail->record(line);
-        }
-        m_log.limited(Log::Level::Warning, refusedKind("writes", why), line);
+        AuditLine{m_auditTrail, &m_log, refusedKind("writes", why)}(line, Log::Level::Warning);
         return refuse(answer, ec::kIllegalFunction);
     }
     Coverage const coverage = m_map.cover(table, answer.address, answer.quantity, true);
@@ -727,15 +725,12 @@ void RequestHandler::audit(ServedEntry const& entry, std::string const& before,
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + before + " -> " +
         readableValue(entry.definition, written) + ": " + outcome + "; " + fields();
-    if (m_auditTrail != nullptr) {
-        m_auditTrail->record(line);
-    }
     // In the log, the first writes of each client to each entry a minute
     // line by line, the rest counted with the last one in full, so a master
     // stuck in a loop cannot fill the card's storage.
-    m_log.limited(Log::Level::Info,
-                  "writes of " + entry.definition.name + " by " + addressOf(m_origin->client),
-                  line);
+    AuditLine{m_auditTrail, &m_log,
+              "writes of " + entry.definition.name + " by " + addressOf(m_origin->client)}(
+        line, Log::Level::Info);
 }
 
 /* A write answered with an exception before any entry was asked: the trail
@@ -747,10 +742,8 @@ Answer RequestHandler::rejectWrite(Answer answer, std::uint8_t code, char const*
     std::string const line = "write to " + std::string(tableName(*tableOf(answer.function))) + " " +
                              std::to_string(answer.address) + ": rejected (" + why +
                              "): answered " + hex + "; " + fields();
-    if (m_auditTrail != nullptr) {
-        m_auditTrail->record(line);
-    }
-    m_log.limited(Log::Level::Warning, std::string("rejected writes: ") + why, line);
+    AuditLine{m_auditTrail, &m_log, std::string("rejected writes: ") + why}(line,
+                                                                            Log::Level::Warning);
     return refuse(answer, code);
 }
 
@@ -761,11 +754,8 @@ void RequestHandler::auditRefused(ServedEntry const& entry,
         "write " + quotedValue(entry.definition.name) + " " + tableName(entry.definition.table) +
         " " + std::to_string(entry.definition.address) + ": " + currentValue(entry) + " -> " +
         readableValue(entry.definition, written) + ": refused (" + why + "); " + fields();
-    if (m_auditTrail != nullptr) {
-        m_auditTrail->record(line);
-    }
     // In the log, refused writes are limited, so a stranger cannot flood it.
-    m_log.limited(Log::Level::Warning, refusedKind("writes", why), line);
+    AuditLine{m_auditTrail, &m_log, refusedKind("writes", why)}(line, Log::Level::Warning);
 }
 
 }  // namespace tarsel::daemon
