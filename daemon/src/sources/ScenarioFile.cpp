@@ -55,10 +55,13 @@ std::optional<std::string> valueProblem(json const& value) {
  * the store refuses a second device under an id in use. */
 using IdsGiven = std::map<unsigned long long, std::string>;
 
-/* An id a device can have: 0 is none and all ones the store's "any". */
+/* The ids a device can have: 0 is none and all ones the store's "any";
+ * the largest is also the largest integer the checks read as signed. */
+constexpr long long kLargestDeviceId = std::numeric_limits<long long>::max();
+
 bool isDeviceId(json const& value) {
     return value.is_number_unsigned() && value.get<unsigned long long>() >= 1 &&
-           value.get<unsigned long long>() <= 0x7FFFFFFFFFFFFFFFULL;
+           value.get<unsigned long long>() <= static_cast<unsigned long long>(kLargestDeviceId);
 }
 
 class ScenarioChecker {
@@ -130,7 +133,7 @@ void ScenarioChecker::checkNamesReferred() {
 }
 
 void ScenarioChecker::checkId(json const& device, std::string const& where, IdsGiven& ids) {
-    auto const id = m_check.integer(device, "id", where, 1, 0x7FFFFFFFFFFFFFFFLL, false);
+    auto const id = m_check.integer(device, "id", where, 1, kLargestDeviceId, false);
     if (!id) {
         return;
     }
