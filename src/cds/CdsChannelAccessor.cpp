@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "cds/read_path.h"
 #include "cdsapi/types.h"
 #include "kq/model.h"
 #include "modbus/CdsInBandAccessor.h"
@@ -311,7 +312,7 @@ bool CdsChannelAccessor::isExitingInCds() const {
     return m_isExisting;
 }
 
-kq::CValue CdsChannelAccessor::getCValue() const {
+TARSEL_READ_PATH kq::CValue CdsChannelAccessor::getCValue() const {
     if (!m_isExisting) {
         return {};
     }

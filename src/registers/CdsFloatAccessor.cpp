@@ -7,6 +7,7 @@
 #include <sstream>
 #include <utility>
 
+#include "cds/read_path.h"
 #include "registers/encoder_support.h"
 
 namespace modbus {
@@ -70,7 +71,7 @@ std::vector<uint16_t> CdsFloatAccessor::buildArrayFromFloat(float value) const {
     return {pair[0], pair[1]};
 }
 
-std::vector<uint16_t> CdsFloatAccessor::getData() const {
+TARSEL_READ_PATH std::vector<uint16_t> CdsFloatAccessor::getData() const {
     if (!isDataAvailable()) {
         return {};
     }

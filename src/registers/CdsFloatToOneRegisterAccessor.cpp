@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cds/read_path.h"
 #include "registers/encoder_support.h"
 #include "registers/scaled_register_conversions.h"
 
@@ -33,7 +34,7 @@ void CdsFloatToOneRegisterAccessor::setData(std::vector<uint16_t> const& data) {
     m_cdsDataAccessor->setCValue(kq::CValue(value));
 }
 
-std::vector<uint16_t> CdsFloatToOneRegisterAccessor::getData() const {
+TARSEL_READ_PATH std::vector<uint16_t> CdsFloatToOneRegisterAccessor::getData() const {
     if (!isDataAvailable()) {
         return {};
     }

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cds/read_path.h"
 #include "registers/encoder_support.h"
 
 namespace modbus {
@@ -50,7 +51,7 @@ std::vector<uint16_t> CdsInt32Accessor::buildArrayFromInt32(int value) const {
     return detail::wordsOfUint32(static_cast<std::uint32_t>(value), m_byteOrder, kBuildUnsupported);
 }
 
-std::vector<uint16_t> CdsInt32Accessor::getData() const {
+TARSEL_READ_PATH std::vector<uint16_t> CdsInt32Accessor::getData() const {
     if (!isDataAvailable()) {
         return {};
     }

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cds/read_path.h"
 #include "registers/encoder_support.h"
 
 namespace modbus {
@@ -52,7 +53,7 @@ std::vector<uint16_t> CdsUint32Accessor::buildArrayFromInt32(unsigned int value)
     return detail::wordsOfUint32(value, m_byteOrder, kBuildUnsupported);
 }
 
-std::vector<uint16_t> CdsUint32Accessor::getData() const {
+TARSEL_READ_PATH std::vector<uint16_t> CdsUint32Accessor::getData() const {
     if (!isDataAvailable()) {
         return {};
     }

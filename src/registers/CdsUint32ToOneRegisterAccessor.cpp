@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "cds/read_path.h"
 #include "registers/encoder_support.h"
 #include "registers/scaled_register_conversions.h"
 
@@ -66,7 +67,7 @@ void CdsUint32ToOneRegisterAccessor::setData(std::vector<uint16_t> const& data) 
  * served only through a subclass that reports the value unavailable. This is
  * intended and kept: a configured default does not stand in for a missing
  * value in this class. */
-std::vector<uint16_t> CdsUint32ToOneRegisterAccessor::getData() const {
+TARSEL_READ_PATH std::vector<uint16_t> CdsUint32ToOneRegisterAccessor::getData() const {
     if (isDataAvailable()) {
         return buildArrayFromUint32(m_cdsDataAccessor->getCValue().as_uint32(), true);
     }

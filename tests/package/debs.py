@@ -24,3 +24,22 @@ def run(*command, cwd=None, env=None, timeout=120):
 def native():
     """Whether this machine's dpkg is of the packages' architecture."""
     return run("dpkg", "--print-architecture").stdout.strip() == ARCHITECTURE
+
+
+# lintian's tags for a binary built without one of the build's hardening flags.
+HARDENING_TAGS = ("hardening-no-relro", "hardening-no-bindnow", "hardening-no-fortify-functions",
+                  "hardening-no-pie")
+
+
+def hardening_findings(package):
+    """The hardening tags lintian finds on a package's binaries, or None when
+    this build is not meant to have them all (hardening off, or a build that
+    cannot use the checked functions: Debug, the sanitizers)."""
+    if os.environ.get("TARSEL_HARDENED_FULLY") != "ON":
+        return None
+    result = run("lintian", "--display-info", "--tags", ",".join(HARDENING_TAGS), package,
+                 timeout=300)
+    if result.returncode != 0:
+        raise AssertionError("lintian failed: " + result.stdout + result.stderr)
+    return [line for line in result.stdout.splitlines()
+            if any(tag in line for tag in HARDENING_TAGS)]

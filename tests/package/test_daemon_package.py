@@ -20,7 +20,7 @@ import tempfile
 import time
 import unittest
 
-from debs import ARCHITECTURE, deb, native, run
+from debs import ARCHITECTURE, deb, hardening_findings, native, run
 
 UNIT = "usr/lib/systemd/system/tarsel-modbusd.service"
 SETTINGS = "etc/tarsel-modbusd/tarsel-modbusd.json"
@@ -196,6 +196,12 @@ class DaemonPackageTest(unittest.TestCase):
         errors = [line for line in result.stdout.splitlines() if line.startswith("E: ")]
         self.assertEqual(errors, [])
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_lintian_finds_every_binary_hardened(self):
+        findings = hardening_findings(self.deb)
+        if findings is None:
+            self.skipTest("this build is not fully hardened")
+        self.assertEqual(findings, [])
 
     def test_systemd_analyze_verifies_the_unit_without_a_word(self):
         # The unit as shipped but for where its program is: in the scratch

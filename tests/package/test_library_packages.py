@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from debs import deb, native, run
+from debs import deb, hardening_findings, native, run
 
 RUNTIME = "libtarsel-modbus1"
 DEVEL = "libtarsel-modbus-dev"
@@ -95,6 +95,12 @@ class LibraryPackageTest(unittest.TestCase):
 
     def test_lintian_reports_no_errors_on_the_development_package(self):
         self.assertNoLintianErrors(self.devel)
+
+    def test_lintian_finds_the_runtime_package_s_libraries_hardened(self):
+        findings = hardening_findings(self.runtime)
+        if findings is None:
+            self.skipTest("this build is not fully hardened")
+        self.assertEqual(findings, [])
 
     def assertNoLintianErrors(self, package):
         result = run("lintian", "--fail-on", "error", "--no-tag-display-limit", package,

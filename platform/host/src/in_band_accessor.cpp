@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "cdshost/store.h"
+#include "read_path.h"
 #include "store_impl.h"
 
 namespace cdsapi {
@@ -110,7 +111,7 @@ kq::CChannel InBandAccessor::getChannel(unsigned long long deviceId,
     });
 }
 
-kq::CValue InBandAccessor::getChannelCValue(unsigned long long channelId) {
+TARSEL_READ_PATH kq::CValue InBandAccessor::getChannelCValue(unsigned long long channelId) {
     // The hottest call of a served map: one look-up of the store, for the
     // count and the value. A read changes nothing, so there is nothing to
     // deliver afterwards.

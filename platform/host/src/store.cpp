@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "read_path.h"
 #include "store_impl.h"
 
 namespace cdshost {
@@ -536,12 +537,12 @@ void Store::Impl::eraseChannelLocked(Id id) {
     channels.erase(it);
 }
 
-kq::CValue Store::Impl::readChannelValue(Id id) {
+TARSEL_READ_PATH kq::CValue Store::Impl::readChannelValue(Id id) {
     std::lock_guard<StoreLock> lock(mutex);
     return readChannelValueLocked(id);
 }
 
-kq::CValue Store::Impl::readChannelValueLocked(Id id) {
+TARSEL_READ_PATH kq::CValue Store::Impl::readChannelValueLocked(Id id) {
     ++callCount[static_cast<std::size_t>(Operation::getChannelCValue)];
     Channel* const channel =
         id < channelSlots.size() ? channelSlots[id] : unslottedChannelLocked(id);
