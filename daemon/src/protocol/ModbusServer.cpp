@@ -170,8 +170,10 @@ void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::tim
         Closing why;
         bool const open = unread ? client.receive(now) == ClientConnection::ReadStatus::Open
                                  : !client.inputEnded();
-        if (!answerFrames(client, why) || !keepAfterTurn(client, open)) {
+        if (!answerFrames(client, why)) {
             drop(i, why);
+        } else if (!keepAfterTurn(client, open)) {
+            drop(i, {ClosedReason::PeerClosed, {}, {}});
         }
     }
 }
@@ -215,8 +217,10 @@ void ModbusServer::deliverSettled() {
             m_deferred.erase(found);
             failed = failed || client.fill(token, bytes) == ClientConnection::QueueStatus::Failed;
         }
-        if (failed || finished(client)) {
-            drop(i, {});
+        if (failed) {
+            drop(i, {ClosedReason::SendFailed, {}, {}});
+        } else if (finished(client)) {
+            drop(i, {ClosedReason::PeerClosed, {}, {}});
         }
     }
 }
@@ -227,6 +231,7 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
         return shakeHands(client, now, why);
     }
     if ((events & POLLOUT) != 0 && !client.flush()) {
+        why.reason = ClosedReason::SendFailed;
         return false;
     }
     // A TLS read may have waited for the socket to take data: it is retried
@@ -272,7 +277,8 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Incomplete:
                 return true;
             case ClientConnection::FrameStatus::Malformed:
-                why = {"malformed frames", "sent a malformed frame header; connection closed"};
+                why = {ClosedReason::MalformedFrame, "malformed frames",
+                       "sent a malformed frame header; connection closed"};
                 return false;
             case ClientConnection::FrameStatus::Complete:
                 break;
@@ -284,16 +290,14 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
                 if (m_handler->deferredReplies() != nullptr) {
                     m_handler->deferredReplies()->discard(*answer.deferred);
                 }
-                why = {"clients not reading", "does not read its answers (" +
-                                                  std::to_string(client.pendingOutput()) +
-                                                  " bytes queued); connection closed"};
+                why = notReading(client);
                 return false;
             }
             m_deferred[*answer.deferred] = {frame, answer};
             continue;
         }
         if (answer.closeConnection) {
-            why = {"function codes without answer",
+            why = {ClosedReason::NoAnswer, "function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
                        ", which has no Modbus answer; connection closed"};
             return false;
@@ -304,12 +308,11 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::QueueStatus::Queued:
                 break;
             case ClientConnection::QueueStatus::Full:
-                why = {"clients not reading", "does not read its answers (" +
-                                                  std::to_string(client.pendingOutput()) +
-                                                  " bytes queued); connection closed"};
+                why = notReading(client);
                 return false;
             case ClientConnection::QueueStatus::Failed:
-                return false;  // it went away
+                why = {ClosedReason::SendFailed, {}, {}};  // it went away
+                return false;
         }
     }
     return true;  // the rest waits for the next pass
@@ -324,7 +327,7 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
             // Limited by reason: strangers' failures, as many as they like,
             // do not hide the first of another kind (a master's certificate
             // that expired).
-            why = {"TLS handshakes failed (" + tls.failure() + ")",
+            why = {ClosedReason::TlsHandshake, "TLS handshakes failed (" + tls.failure() + ")",
                    "TLS handshake failed: " + tls.failure()};
             return false;
         case TlsSession::Step::Done:
@@ -335,7 +338,7 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
     std::string const who =
         quotedValue(tls.peerSubject()) + ", role " + (role ? quotedValue(*role) : "(none)");
     if (!access) {
-        why = {"TLS clients without a role",
+        why = {ClosedReason::TlsRole, "TLS clients without a role",
                "certificate " + who + ": no access configured for this role; connection closed"};
         return false;
     }
@@ -378,6 +381,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
                 Log::Level::Warning, "clients not allowed",
                 "client " + peer.text + ": may neither read nor write here; connection refused");
             ::close(fd);
+            m_counts.countRefused(RefusedReason::Access);
             continue;
         }
         if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
@@ -385,6 +389,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
                           "client " + peer.text + ": " + std::to_string(m_clients.size()) +
                               " clients connected, none idle; connection refused");
             ::close(fd);
+            m_counts.countRefused(RefusedReason::ClientLimit);
             continue;
         }
         m_log.debug("client " + peer.text + " connected");
@@ -396,11 +401,13 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             } catch (std::runtime_error const& error) {
                 m_log.limited(Log::Level::Error, "TLS sessions failed", error.what());
                 ::close(fd);
+                m_counts.countRefused(RefusedReason::TlsSetup);
                 continue;
             }
         }
         m_clients.push_back(std::make_unique<ClientConnection>(
             fd, std::move(peer), now, m_limits.outputQueueBytes, std::move(tls)));
+        m_counts.countAccepted(m_tls ? ListenerKind::Tls : ListenerKind::Plain);
     }
 }
 
@@ -414,8 +421,24 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
         return false;
     }
     drop(static_cast<std::size_t>(oldest - m_clients.begin()),
-         {"clients closed for room", "quiet the longest; closed to make room for a new client"});
+         {ClosedReason::MadeRoom, "clients closed for room",
+          "quiet the longest; closed to make room for a new client"});
     return true;
+}
+
+ModbusServer::Closing ModbusServer::notReading(ClientConnection const& client) {
+    return {ClosedReason::NotReading, "clients not reading",
+            "does not read its answers (" + std::to_string(client.pendingOutput()) +
+                " bytes queued); connection closed"};
+}
+
+ConnectionCounts ModbusServer::connectionCounts() const {
+    ConnectionCounts counts = m_counts;
+    for (Client const& client : m_clients) {
+        counts.addReceived(client->bytesReceived());
+        counts.addSent(client->bytesSent());
+    }
+    return counts;
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
@@ -428,12 +451,12 @@ void ModbusServer::expire(SteadyClock::time_point now) {
         auto const partial = client.partialSince();
         if (partial && m_limits.partialFrameTimeout.count() > 0 &&
             now - *partial >= m_limits.partialFrameTimeout) {
-            drop(i, {"clients stuck in a frame", "sent no complete frame in " +
-                                                     secondsText(m_limits.partialFrameTimeout) +
-                                                     " s; connection closed"});
+            drop(i, {ClosedReason::FrameTimeout, "clients stuck in a frame",
+                     "sent no complete frame in " + secondsText(m_limits.partialFrameTimeout) +
+                         " s; connection closed"});
         } else if (!partial && m_limits.idleTimeout.count() > 0 &&
                    now - client.lastRequest() >= m_limits.idleTimeout) {
-            drop(i, {"idle clients",
+            drop(i, {ClosedReason::IdleTimeout, "idle clients",
                      "idle for " + secondsText(m_limits.idleTimeout) + " s; connection closed"});
         }
     }
@@ -449,6 +472,9 @@ void ModbusServer::drop(std::size_t index, Closing const& why) {
         }
         m_deferred.erase(token);
     }
+    m_counts.addReceived(m_clients[index]->bytesReceived());
+    m_counts.addSent(m_clients[index]->bytesSent());
+    m_counts.countClosed(why.reason);
     m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(index));
     if (why.text.empty()) {
         m_log.debug("client " + peer + " disconnected");
