@@ -223,6 +223,69 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     EXPECT_EQ(answers(next), std::vector<int>{3});
 }
 
+TEST_F(ModbusServerTest, AWriteWhoseClientIsGoneIsCountedWithItsOutcomeOnceItComes) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    reset(client);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(metrics.requests(6), 0u) << "counted before its outcome";
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    EXPECT_TRUE(m_server->hasBacklog()) << "the count waits for a socket to wake the loop";
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Written), 1u);
+    EXPECT_EQ(m_replies.size(), 0u);
+    EXPECT_FALSE(m_server->hasBacklog());
+    // Its outcome was for no one: the log says so.
+    EXPECT_NE(m_daemon.logText().find("done (too late for the client's answer)"), std::string::npos)
+        << m_daemon.logText();
+}
+
+TEST_F(ModbusServerTest,
+       AWriteWhoseClientIsGoneIsCountedAsTheClientWouldHaveBeenAnsweredPastTheBound) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    reset(client);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    m_ahead = 6s;  // past the bound of 5 s: 0x0B
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u);
+    EXPECT_EQ(metrics.exceptions(6, 0x0B), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Rejected), 1u);
+    // No one was answered 0x0B: the bound's line is not written.
+    EXPECT_EQ(m_daemon.logText().find("answered 0x0B"), std::string::npos) << m_daemon.logText();
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u) << "counted twice";
+    EXPECT_EQ(m_replies.size(), 0u);
+}
+
+TEST_F(ModbusServerTest, AWriteWhosePlaceTheClientHadNoRoomForIsCountedWithItsOutcome) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    ClientLimits limits;
+    limits.outputQueueBytes = 20;  // room for one answer still to come, not two
+    listen(limits);
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const second = withTransaction(testing::request(6, 2, 43), 2);
+    both.insert(both.end(), second.begin(), second.end());
+    send(connectClient(), both);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    ASSERT_EQ(m_writes.pending.size(), 2u) << "both writes were handed over";
+    m_writes.pending[0](RemoteOutcome{0, "done"});
+    m_writes.pending[1](RemoteOutcome{0x04, "failed"});
+    pump();
+    EXPECT_EQ(metrics.requests(6), 2u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Written), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Failed), 1u);
+}
+
 TEST_F(ModbusServerTest, EveryRequestSentBeforeTheClientEndsItsSideIsAnswered) {
     int const client = connectClient();
     std::size_t const requests = 100;  // more than one turn's worth, well below 4 KiB

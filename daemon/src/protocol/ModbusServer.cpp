@@ -179,9 +179,46 @@ void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::tim
 }
 
 bool ModbusServer::hasBacklog() const {
-    return std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
-        return client->hasCompleteFrame() || client->hasUnreadInput() || hasSettled(*client);
-    });
+    return hasSettledOrphan() ||
+           std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
+               return client->hasCompleteFrame() || client->hasUnreadInput() || hasSettled(*client);
+           });
+}
+
+bool ModbusServer::hasSettledOrphan() const {
+    DeferredReplies const* replies = m_handler->deferredReplies();
+    return replies != nullptr &&
+           std::any_of(m_orphans.begin(), m_orphans.end(),
+                       [replies](DeferredReplies::Token token) { return replies->settled(token); });
+}
+
+/* An answer still to come for a client that is gone (or going) reaches no
+ * one, but the write was handed over: its outcome is audited when it comes,
+ * and counted then (see countOrphans()), as the client's answer would have
+ * been. */
+void ModbusServer::orphan(DeferredReplies::Token token) {
+    DeferredReplies* replies = m_handler->deferredReplies();
+    if (replies == nullptr) {
+        m_deferred.erase(token);
+        return;
+    }
+    replies->orphan(token);
+    m_orphans.push_back(token);
+}
+
+void ModbusServer::countOrphans(DeferredReplies& replies) {
+    for (std::size_t i = m_orphans.size(); i-- > 0;) {
+        std::optional<std::uint8_t> const exception = replies.take(m_orphans[i]);
+        if (!exception) {
+            continue;
+        }
+        auto const found = m_deferred.find(m_orphans[i]);
+        if (found != m_deferred.end()) {
+            m_handler->countAnswer(found->second.answer.function, *exception);
+            m_deferred.erase(found);
+        }
+        m_orphans.erase(m_orphans.begin() + static_cast<std::ptrdiff_t>(i));
+    }
 }
 
 bool ModbusServer::hasSettled(ClientConnection const& client) const {
@@ -199,6 +236,7 @@ void ModbusServer::deliverSettled() {
     if (replies == nullptr || m_deferred.empty()) {
         return;
     }
+    countOrphans(*replies);
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         ClientConnection& client = *m_clients[i];
         bool failed = false;
@@ -285,15 +323,14 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
         }
         Answer answer = m_handler->handle(frame.data(), frame.size(), origin);
         if (answer.deferred) {
+            m_deferred[*answer.deferred] = {frame, answer};
             if (client.queueDeferred(*answer.deferred) != ClientConnection::QueueStatus::Queued) {
-                // Its place counts against the output limit: see below.
-                if (m_handler->deferredReplies() != nullptr) {
-                    m_handler->deferredReplies()->discard(*answer.deferred);
-                }
+                // Its place counts against the output limit (see below); the
+                // write is on its way all the same.
+                orphan(*answer.deferred);
                 why = notReading(client);
                 return false;
             }
-            m_deferred[*answer.deferred] = {frame, answer};
             continue;
         }
         if (answer.closeConnection) {
@@ -464,13 +501,8 @@ void ModbusServer::expire(SteadyClock::time_point now) {
 
 void ModbusServer::drop(std::size_t index, Closing const& why) {
     std::string const peer = m_clients[index]->peer().text;
-    // Answers still to come for it reach no one: their outcome is only
-    // audited.
     for (DeferredReplies::Token const token : m_clients[index]->deferredTokens()) {
-        if (m_handler->deferredReplies() != nullptr) {
-            m_handler->deferredReplies()->discard(token);
-        }
-        m_deferred.erase(token);
+        orphan(token);
     }
     m_counts.addReceived(m_clients[index]->bytesReceived());
     m_counts.addSent(m_clients[index]->bytesSent());

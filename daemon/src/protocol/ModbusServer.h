@@ -114,6 +114,11 @@ class ModbusServer {
      * client's order. */
     void deliverSettled();
     bool hasSettled(ClientConnection const& client) const;
+    /* Keeps the answer to come of a client that is gone, to count it. */
+    void orphan(DeferredReplies::Token token);
+    /* Counts the writes of clients that are gone whose outcome has come. */
+    void countOrphans(DeferredReplies& replies);
+    bool hasSettledOrphan() const;
 
     /* A request whose answer is deferred: what its answer is built from. */
     struct Deferred {
@@ -132,6 +137,8 @@ class ModbusServer {
     std::vector<Client> m_clients;
     ConnectionCounts m_counts;
     std::map<DeferredReplies::Token, Deferred> m_deferred;
+    // Tokens in m_deferred whose client is gone.
+    std::vector<DeferredReplies::Token> m_orphans;
     // Kept for their storage alone, so that serving allocates nothing.
     std::vector<int> m_served;
     std::vector<std::uint8_t> m_frame;
