@@ -134,6 +134,28 @@ TEST_F(ClientConnectionTest, TheEndOfTheStreamClosesIt) {
     EXPECT_EQ(m_connection->receive(m_now), ClientConnection::ReadStatus::Closed);
 }
 
+TEST_F(ClientConnectionTest, BytesAreCountedAsTheyArriveAndAsTheSocketTakesThem) {
+    send(kRead);
+    send(Bytes(kRead.begin(), kRead.begin() + 5));
+    EXPECT_EQ(m_connection->bytesReceived(), kRead.size() + 5);
+    Bytes const filler(200, 0xAB);
+    std::uint64_t queued = 0;
+    while (!m_connection->hasPendingOutput()) {
+        ASSERT_EQ(m_connection->queue(filler), ClientConnection::QueueStatus::Queued);
+        queued += filler.size();
+    }
+    // What waits in the queue has not been sent yet.
+    EXPECT_EQ(m_connection->bytesSent(), queued - m_connection->pendingOutput());
+    std::uint8_t buffer[4096];
+    for (int pass = 0; pass < 100000 && m_connection->hasPendingOutput(); ++pass) {
+        while (::read(m_peer, buffer, sizeof buffer) > 0) {
+        }
+        ASSERT_TRUE(m_connection->flush());
+    }
+    ASSERT_FALSE(m_connection->hasPendingOutput());
+    EXPECT_EQ(m_connection->bytesSent(), queued);
+}
+
 /* Everything the peer can read now. */
 Bytes readAll(int fd) {
     Bytes bytes(4096);

@@ -1,5 +1,6 @@
 // Answers that wait for an outcome: settled once, or by their bound with
-// 0x0B, and forgotten when their client goes.
+// 0x0B; forgotten when never asked for, kept for no one when their client
+// goes.
 #include <gtest/gtest.h>
 
 #include "DeferredReplies.h"
@@ -45,6 +46,28 @@ TEST(DeferredRepliesTest, ADiscardedAnswerTakesNoOutcome) {
     replies.discard(token);
     EXPECT_FALSE(replies.settle(token, 0));
     EXPECT_FALSE(replies.take(token));
+}
+
+TEST(DeferredRepliesTest, AnOrphanedAnswerKeepsItsOutcomeButAnswersNoOne) {
+    DeferredReplies replies;
+    auto const token = replies.open(Clock::now());
+    replies.orphan(token);
+    EXPECT_FALSE(replies.settle(token, 0x04)) << "the outcome reached its client";
+    EXPECT_TRUE(replies.settled(token));
+    EXPECT_EQ(replies.take(token), 0x04);
+    EXPECT_EQ(replies.size(), 0u);
+}
+
+TEST(DeferredRepliesTest, AnOrphanedAnswerPastItsBoundIsGatewayTargetFailedWithoutItsNote) {
+    DeferredReplies replies(5s);
+    Clock::time_point const now{};
+    int notes = 0;
+    auto const token = replies.open(now, [&] { ++notes; });
+    replies.orphan(token);
+    replies.expire(now + 5s);
+    EXPECT_EQ(notes, 0) << "no one was answered 0x0B";
+    EXPECT_EQ(replies.take(token), 0x0B);
+    EXPECT_FALSE(replies.settle(token, 0));
 }
 
 TEST(DeferredRepliesTest, EveryAnswerHasItsOwnToken) {

@@ -51,9 +51,21 @@ TEST(HttpRequestTest, UntilTheEmptyLineTheRequestIsIncomplete) {
 }
 
 TEST(HttpRequestTest, OtherMethodsAreRefusedWith405) {
-    HttpParse const result = parse("POST /metrics HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(result.status, HttpParse::Status::Bad);
-    EXPECT_EQ(result.code, 405);
+    for (char const* method : {"POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH"}) {
+        HttpParse const result = parse(std::string(method) + " /metrics HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(result.status, HttpParse::Status::Bad) << method;
+        EXPECT_EQ(result.code, 405) << method;
+    }
+}
+
+TEST(HttpRequestTest, MethodsNoneKnowsAreRefusedWith501ForMethodsAreCaseSensitive) {
+    for (char const* line : {"get /metrics HTTP/1.1\r\n\r\n", "Head / HTTP/1.0\r\n\r\n",
+                             "BREW /pot HTTP/1.1\r\n\r\n", "M-SEARCH / HTTP/1.1\r\n\r\n"}) {
+        HttpParse const result = parse(line);
+        EXPECT_EQ(result.status, HttpParse::Status::Bad) << line;
+        EXPECT_EQ(result.code, 501) << line;
+    }
+    EXPECT_EQ(parse("brew /pot HTTP/1.1\r\nAccept").code, 501);  // before the header ends
 }
 
 TEST(HttpRequestTest, TheAsteriskTargetIsRefusedByMethodWith405AndWithGetWith400) {
@@ -70,7 +82,7 @@ TEST(HttpRequestTest, OtherVersionsAreRefusedWith505) {
 TEST(HttpRequestTest, MalformedRequestLinesAreRefusedWith400) {
     for (char const* line :
          {"GET\r\n\r\n", "GET /\r\n\r\n", "GET  / HTTP/1.1\r\n\r\n", "GET / HTTP/1.1 extra\r\n\r\n",
-          "get / HTTP/1.1\r\n\r\n", "GET metrics HTTP/1.1\r\n\r\n", "GET /\x01 HTTP/1.1\r\n\r\n",
+          "G@T / HTTP/1.1\r\n\r\n", "GET metrics HTTP/1.1\r\n\r\n", "GET /\x01 HTTP/1.1\r\n\r\n",
           "GET / FTP/1.1\r\n\r\n", "\r\n\r\n"}) {
         HttpParse const result = parse(line);
         EXPECT_EQ(result.status, HttpParse::Status::Bad) << line;
@@ -119,6 +131,12 @@ TEST(HttpRequestTest, A405AnswerSaysWhichMethodsAreAllowed) {
     std::string const text = serializeResponse(errorResponse(405, "only GET"), false);
     EXPECT_NE(text.find("Allow: GET, HEAD\r\n"), std::string::npos);
     EXPECT_NE(text.find("Method Not Allowed: only GET\n"), std::string::npos);
+}
+
+TEST(HttpRequestTest, A501AnswerSaysNotImplemented) {
+    std::string const text = serializeResponse(errorResponse(501, "unknown method"), false);
+    EXPECT_EQ(text.rfind("HTTP/1.1 501 Not Implemented\r\n", 0), 0u) << text;
+    EXPECT_EQ(text.find("Allow:"), std::string::npos);
 }
 
 }  // namespace

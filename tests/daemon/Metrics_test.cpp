@@ -104,7 +104,7 @@ TEST(MetricsCountingTest, AnExceptionCodeAbove15IsCountedAsOther) {
     Metrics metrics;
     metrics.countRequest(3, 0x20);
     EXPECT_EQ(metrics.exceptions(3, 0), 1u);
-    HttpResponse const page = metricsResponse({0, 0, false, "", 0, false, {}, 0, 0, &metrics});
+    HttpResponse const page = metricsResponse({0, 0, false, "", 0, false, {}, 0, 0, &metrics, {}});
     EXPECT_NE(page.body.find("tarsel_modbusd_exceptions_total{function=\"3\",code=\"other\"} 1\n"),
               std::string::npos);
 }
@@ -188,6 +188,45 @@ TEST(StatusPagesTest, MetricsShowTheCountsAndTheState) {
         EXPECT_NE(page.find(line), std::string::npos) << line;
     }
     EXPECT_EQ(page.find("function=\"4\",code="), std::string::npos);
+}
+
+TEST(StatusPagesTest, ConnectionCountsAreShownByListenerAndReasonEveryOneFromZero) {
+    DaemonStatus status = healthy();
+    status.connections.countAccepted(ListenerKind::Plain);
+    status.connections.countAccepted(ListenerKind::Plain);
+    status.connections.countRefused(RefusedReason::ClientLimit);
+    status.connections.countClosed(ClosedReason::IdleTimeout);
+    status.connections.countClosed(ClosedReason::MalformedFrame);
+    status.connections.countClosed(ClosedReason::MalformedFrame);
+    status.connections.addReceived(120);
+    status.connections.addSent(110);
+    std::string const page = metricsResponse(status).body;
+    for (char const* line : {
+             "# TYPE tarsel_modbusd_connections_accepted_total counter\n",
+             "tarsel_modbusd_connections_accepted_total{listener=\"plain\"} 2\n",
+             "tarsel_modbusd_connections_accepted_total{listener=\"tls\"} 0\n",
+             "# TYPE tarsel_modbusd_connections_refused_total counter\n",
+             "tarsel_modbusd_connections_refused_total{reason=\"client_limit\"} 1\n",
+             "tarsel_modbusd_connections_refused_total{reason=\"access_rules\"} 0\n",
+             "tarsel_modbusd_connections_refused_total{reason=\"tls_setup\"} 0\n",
+             "# TYPE tarsel_modbusd_connections_closed_total counter\n",
+             "tarsel_modbusd_connections_closed_total{reason=\"idle_timeout\"} 1\n",
+             "tarsel_modbusd_connections_closed_total{reason=\"malformed_frame\"} 2\n",
+             "tarsel_modbusd_connections_closed_total{reason=\"peer_closed\"} 0\n",
+             "tarsel_modbusd_connections_closed_total{reason=\"tls_role\"} 0\n",
+             "# TYPE tarsel_modbusd_received_bytes_total counter\n",
+             "tarsel_modbusd_received_bytes_total 120\n",
+             "tarsel_modbusd_sent_bytes_total 110\n",
+         }) {
+        EXPECT_NE(page.find(line), std::string::npos) << line;
+    }
+    std::size_t closedLines = 0;
+    for (std::size_t at = 0;
+         (at = page.find("\ntarsel_modbusd_connections_closed_total{", at)) != std::string::npos;
+         ++at) {
+        ++closedLines;
+    }
+    EXPECT_EQ(closedLines, kClosedReasons);
 }
 
 TEST(StatusPagesTest, OnlyHealthzAndMetricsAreServed) {

@@ -1,6 +1,8 @@
 // The server side of deferred answers, over loopback sockets: a client's
 // answers leave in the order of its requests, other clients are served
 // meanwhile, and a client that goes away before its answer harms no one.
+// And what becomes of connections, as counted for /metrics: taken on or
+// refused, and why each one ended.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -8,6 +10,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include "DaemonTestSupport.h"
 #include "DescriptorExhaustion.h"
@@ -51,7 +54,8 @@ class ModbusServerTest : public ::testing::Test {
         }
     }
 
-    int connectClient() {
+    /* Connects without waiting for the server to take the client on. */
+    int dial() {
         int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -59,9 +63,45 @@ class ModbusServerTest : public ::testing::Test {
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         m_clients.push_back(fd);
+        return fd;
+    }
+    int connectClient() {
         std::size_t const before = m_server->clientCount();
+        int const fd = dial();
         pumpUntil([&] { return m_server->clientCount() > before; });
         return fd;
+    }
+    /* Closes the client with a reset rather than an end of stream. */
+    void reset(int fd) {
+        linger const abort{1, 0};
+        ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort), 0);
+        ::close(fd);
+        m_clients.erase(std::find(m_clients.begin(), m_clients.end(), fd));
+    }
+
+    /* A server on a free port with these limits and rules instead. */
+    void listen(ClientLimits const& limits, AccessRules const& access = {}) {
+        ListenConfig config;
+        config.port = 0;
+        config.access = access;
+        m_server = std::make_unique<ModbusServer>(config, limits, m_daemon.core().handler(),
+                                                  m_daemon.log());
+    }
+    ConnectionCounts counts() const { return m_server->connectionCounts(); }
+    /* Clients closed for any reason. */
+    std::uint64_t closedInAll() const {
+        std::uint64_t all = 0;
+        for (std::size_t i = 0; i < kClosedReasons; ++i) {
+            all += counts().closed(static_cast<ClosedReason>(i));
+        }
+        return all;
+    }
+    /* Serves until the one client connected is closed; then it has been
+     * closed once, for this reason. */
+    void expectClosedFor(ClosedReason reason) {
+        EXPECT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+        EXPECT_EQ(counts().closed(reason), 1u) << closedReasonName(reason);
+        EXPECT_EQ(closedInAll(), 1u);
     }
 
     /* Passes of the loop's server side, until the condition holds (a few
@@ -71,8 +111,8 @@ class ModbusServerTest : public ::testing::Test {
         for (int i = 0; i < passes && !condition(); ++i) {
             auto fds = m_server->pollSet();
             ::poll(fds.data(), fds.size(), 10);
-            m_server->serve(fds.data(), fds.size(), SteadyClock::now());
-            m_server->expire(SteadyClock::now());
+            m_server->serve(fds.data(), fds.size(), SteadyClock::now() + m_ahead);
+            m_server->expire(SteadyClock::now() + m_ahead);
         }
         return condition();
     }
@@ -119,6 +159,8 @@ class ModbusServerTest : public ::testing::Test {
     DeferredReplies m_replies{5s};
     std::unique_ptr<ModbusServer> m_server;
     std::vector<int> m_clients;
+    // How far ahead of the clock the server is told it is.
+    SteadyClock::duration m_ahead{};
 };
 
 TEST_F(ModbusServerTest, APipelinedReadIsAnsweredAfterTheWriteBeforeIt) {
@@ -179,6 +221,69 @@ TEST_F(ModbusServerTest, AClientGoneBeforeItsAnswerHarmsNoOne) {
     send(next, withTransaction(testing::request(3, 2, 1), 3));
     ASSERT_TRUE(readable(next));
     EXPECT_EQ(answers(next), std::vector<int>{3});
+}
+
+TEST_F(ModbusServerTest, AWriteWhoseClientIsGoneIsCountedWithItsOutcomeOnceItComes) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    reset(client);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    EXPECT_EQ(metrics.requests(6), 0u) << "counted before its outcome";
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    EXPECT_TRUE(m_server->hasBacklog()) << "the count waits for a socket to wake the loop";
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Written), 1u);
+    EXPECT_EQ(m_replies.size(), 0u);
+    EXPECT_FALSE(m_server->hasBacklog());
+    // Its outcome was for no one: the log says so.
+    EXPECT_NE(m_daemon.logText().find("done (too late for the client's answer)"), std::string::npos)
+        << m_daemon.logText();
+}
+
+TEST_F(ModbusServerTest,
+       AWriteWhoseClientIsGoneIsCountedAsTheClientWouldHaveBeenAnsweredPastTheBound) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    reset(client);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    m_ahead = 6s;  // past the bound of 5 s: 0x0B
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u);
+    EXPECT_EQ(metrics.exceptions(6, 0x0B), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Rejected), 1u);
+    // No one was answered 0x0B: the bound's line is not written.
+    EXPECT_EQ(m_daemon.logText().find("answered 0x0B"), std::string::npos) << m_daemon.logText();
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    pump();
+    EXPECT_EQ(metrics.requests(6), 1u) << "counted twice";
+    EXPECT_EQ(m_replies.size(), 0u);
+}
+
+TEST_F(ModbusServerTest, AWriteWhosePlaceTheClientHadNoRoomForIsCountedWithItsOutcome) {
+    Metrics metrics;
+    m_daemon.core().setMetrics(&metrics);
+    ClientLimits limits;
+    limits.outputQueueBytes = 20;  // room for one answer still to come, not two
+    listen(limits);
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const second = withTransaction(testing::request(6, 2, 43), 2);
+    both.insert(both.end(), second.begin(), second.end());
+    send(connectClient(), both);
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 0; }));
+    ASSERT_EQ(m_writes.pending.size(), 2u) << "both writes were handed over";
+    m_writes.pending[0](RemoteOutcome{0, "done"});
+    m_writes.pending[1](RemoteOutcome{0x04, "failed"});
+    pump();
+    EXPECT_EQ(metrics.requests(6), 2u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Written), 1u);
+    EXPECT_EQ(metrics.writes(WriteOutcome::Failed), 1u);
 }
 
 TEST_F(ModbusServerTest, EveryRequestSentBeforeTheClientEndsItsSideIsAnswered) {
@@ -309,6 +414,169 @@ TEST_F(ModbusServerTest, EveryRequestATlsSessionHoldsIsAnsweredThoughTheSocketSh
         << script->output.size() / answerBytes << " answers";
     EXPECT_EQ(script->output.size(), requests * answerBytes);
     EXPECT_EQ(script->handedOut, script->input.size());
+}
+
+TEST_F(ModbusServerTest, ClientsTakenOnAreCountedByTheKindOfTheirListener) {
+    connectClient();
+    connectClient();
+    EXPECT_EQ(counts().accepted(ListenerKind::Plain), 2u);
+    EXPECT_EQ(counts().accepted(ListenerKind::Tls), 0u);
+    listenWithTls(std::make_shared<testing::TlsScript>());
+    connectClient();
+    EXPECT_EQ(counts().accepted(ListenerKind::Tls), 1u);
+    EXPECT_EQ(counts().accepted(ListenerKind::Plain), 0u);
+}
+
+TEST_F(ModbusServerTest, AConnectionPastTheClientLimitIsCountedAsRefused) {
+    ClientLimits limits;
+    limits.maxClients = 1;
+    listen(limits);
+    connectClient();
+    dial();  // the first client was heard from just now: it is not closed for this one
+    EXPECT_TRUE(pumpUntil([&] { return counts().refused(RefusedReason::ClientLimit) == 1; }));
+    EXPECT_EQ(m_server->clientCount(), 1u);
+    EXPECT_EQ(counts().accepted(ListenerKind::Plain), 1u);
+    EXPECT_EQ(closedInAll(), 0u);
+}
+
+TEST_F(ModbusServerTest, AClientClosedToMakeRoomIsCountedAndTheNewOneAccepted) {
+    ClientLimits limits;
+    limits.maxClients = 1;
+    listen(limits);
+    connectClient();
+    m_ahead = 2s;  // the first client has been quiet long enough to give up its place
+    dial();
+    EXPECT_TRUE(pumpUntil([&] { return counts().accepted(ListenerKind::Plain) == 2; }));
+    EXPECT_EQ(m_server->clientCount(), 1u);
+    EXPECT_EQ(counts().closed(ClosedReason::MadeRoom), 1u);
+    EXPECT_EQ(closedInAll(), 1u);
+    EXPECT_EQ(counts().refused(RefusedReason::ClientLimit), 0u);
+}
+
+TEST_F(ModbusServerTest, AConnectionTheAccessRulesKeepOutIsCountedAsRefused) {
+    AccessRules access;
+    applyAllowOption(access, false, "10.0.0.0/8");
+    applyAllowOption(access, true, "10.0.0.0/8");
+    listen(ClientLimits{}, access);
+    dial();
+    EXPECT_TRUE(pumpUntil([&] { return counts().refused(RefusedReason::Access) == 1; }));
+    EXPECT_EQ(counts().accepted(ListenerKind::Plain), 0u);
+    EXPECT_EQ(counts().refused(RefusedReason::ClientLimit), 0u);
+}
+
+TEST_F(ModbusServerTest, AConnectionWithoutATlsSessionIsCountedAsRefused) {
+    auto const script = std::make_shared<testing::TlsScript>();
+    script->sessionsFail = true;
+    listenWithTls(script);
+    dial();
+    EXPECT_TRUE(pumpUntil([&] { return counts().refused(RefusedReason::TlsSetup) == 1; }));
+    EXPECT_EQ(counts().accepted(ListenerKind::Tls), 0u);
+    EXPECT_EQ(m_server->clientCount(), 0u);
+}
+
+TEST_F(ModbusServerTest, AClientThatEndsItsStreamIsCountedAsClosedByItsPeer) {
+    int const client = connectClient();
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);
+    expectClosedFor(ClosedReason::PeerClosed);
+}
+
+TEST_F(ModbusServerTest, AClientThatResetsItsConnectionIsCountedAsClosedByItsPeer) {
+    reset(connectClient());
+    expectClosedFor(ClosedReason::PeerClosed);
+}
+
+TEST_F(ModbusServerTest, AnAnswerTheSocketRefusesIsCountedAsASendFailure) {
+    int const client = connectClient();
+    send(client, withTransaction(testing::request(6, 2, 42), 1));
+    ASSERT_EQ(::shutdown(client, SHUT_WR), 0);  // kept for the answer it is owed
+    ASSERT_TRUE(pumpUntil([&] { return !m_writes.pending.empty(); }));
+    pump();
+    ASSERT_EQ(m_server->clientCount(), 1u);
+    reset(client);
+    m_writes.pending.front()(RemoteOutcome{0, "done"});
+    // A pass without any socket reported: the answer is sent before the
+    // reset is heard from the socket.
+    auto fds = m_server->pollSet();
+    m_server->serve(fds.data(), fds.size(), SteadyClock::now());
+    EXPECT_EQ(m_server->clientCount(), 0u);
+    EXPECT_EQ(counts().closed(ClosedReason::SendFailed), 1u);
+    EXPECT_EQ(closedInAll(), 1u);
+}
+
+TEST_F(ModbusServerTest, AnIdleClientIsCountedAsClosedForItsIdleness) {
+    ClientLimits limits;
+    limits.idleTimeout = 1s;
+    listen(limits);
+    connectClient();
+    m_server->expire(SteadyClock::now() + 2s);
+    expectClosedFor(ClosedReason::IdleTimeout);
+}
+
+TEST_F(ModbusServerTest, AClientStuckInAFrameIsCountedAsClosedForTheFrameTimeout) {
+    ClientLimits limits;
+    limits.partialFrameTimeout = 1s;
+    listen(limits);
+    send(connectClient(), {0, 1, 0});
+    ASSERT_TRUE(pumpUntil([&] { return counts().received() == 3; }));
+    m_server->expire(SteadyClock::now() + 2s);
+    expectClosedFor(ClosedReason::FrameTimeout);
+}
+
+TEST_F(ModbusServerTest, AClientSendingAMalformedHeaderIsCountedAsClosedForIt) {
+    send(connectClient(), {0, 1, 0, 7, 0, 6, 1, 3, 0, 0, 0, 1});  // protocol 7
+    expectClosedFor(ClosedReason::MalformedFrame);
+}
+
+TEST_F(ModbusServerTest, AClientSendingAFrameLongerThanAnyIsCountedAsClosedForAMalformedOne) {
+    send(connectClient(), {0, 1, 0, 0, 0x01, 0x00, 1});  // 262 bytes in all
+    expectClosedFor(ClosedReason::MalformedFrame);
+}
+
+TEST_F(ModbusServerTest, AClientSendingAFunctionCodeWithoutAnswerIsCountedAsClosedForIt) {
+    send(connectClient(), {0, 1, 0, 0, 0, 2, 1, 0x83});
+    expectClosedFor(ClosedReason::NoAnswer);
+}
+
+TEST_F(ModbusServerTest, AClientWhoseAnswersPileUpIsCountedAsClosedForNotReading) {
+    ClientLimits limits;
+    limits.outputQueueBytes = 20;  // room for one answer still to come, not two
+    listen(limits);
+    Bytes both = withTransaction(testing::request(6, 2, 42), 1);
+    Bytes const second = withTransaction(testing::request(6, 2, 43), 2);
+    both.insert(both.end(), second.begin(), second.end());
+    send(connectClient(), both);
+    expectClosedFor(ClosedReason::NotReading);
+}
+
+TEST_F(ModbusServerTest, AFailedTlsHandshakeIsCountedAsClosedForIt) {
+    auto const script = std::make_shared<testing::TlsScript>();
+    script->handshakeFails = true;
+    listenWithTls(script);
+    send(connectClient(), {0});
+    expectClosedFor(ClosedReason::TlsHandshake);
+}
+
+TEST_F(ModbusServerTest, ACertificateWithoutARoleIsCountedAsClosedForIt) {
+    auto const script = std::make_shared<testing::TlsScript>();
+    script->withoutRole = true;
+    listenWithTls(script);
+    send(connectClient(), {0});
+    expectClosedFor(ClosedReason::TlsRole);
+}
+
+TEST_F(ModbusServerTest, TheModbusBytesOfClientsAreCountedConnectedAndOnceGone) {
+    int const client = connectClient();
+    send(client, testing::request(3, 2, 1));  // 12 bytes
+    ASSERT_TRUE(readable(client));
+    std::size_t const answerBytes = 11;  // header, function, count, one register
+    EXPECT_EQ(counts().received(), 12u);
+    EXPECT_EQ(counts().sent(), answerBytes);
+    connectClient();
+    ::close(client);
+    m_clients.erase(m_clients.begin());
+    ASSERT_TRUE(pumpUntil([&] { return m_server->clientCount() == 1; }));
+    EXPECT_EQ(counts().received(), 12u);
+    EXPECT_EQ(counts().sent(), answerBytes);
 }
 
 TEST_F(ModbusServerTest, OutOfDescriptorsTheListenerIsLeftAloneUntilOneFrees) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,9 @@ struct TlsScript {
     std::vector<std::uint8_t> input;   // what the client sends, in order
     std::size_t handedOut = 0;         // how much of it the daemon has read
     std::vector<std::uint8_t> output;  // every byte the daemon wrote
+    bool sessionsFail = false;         // accept() cannot start a session
+    bool handshakeFails = false;       // the handshake fails (a bad certificate)
+    bool withoutRole = false;          // the certificate names no role
 };
 
 class ScriptedTlsSession final : public TlsSession {
@@ -34,6 +38,10 @@ class ScriptedTlsSession final : public TlsSession {
 
     Step handshake() override {
         drainSocket();
+        if (m_script->handshakeFails) {
+            m_failure = "certificate verify failed";
+            return Step::Failed;
+        }
         m_established = true;
         return Step::Done;
     }
@@ -52,7 +60,9 @@ class ScriptedTlsSession final : public TlsSession {
     }
     bool wantsWrite() const override { return false; }
     std::string const& failure() const override { return m_failure; }
-    std::optional<std::string> peerRole() const override { return "operator"; }
+    std::optional<std::string> peerRole() const override {
+        return m_script->withoutRole ? std::nullopt : std::optional<std::string>("operator");
+    }
     std::string peerSubject() const override { return "/CN=scripted"; }
 
   private:
@@ -76,6 +86,9 @@ class ScriptedTlsContext final : public TlsContext {
         : TlsContext({{"operator", RoleAccess::ReadWrite}}), m_script(std::move(script)) {}
 
     std::unique_ptr<TlsSession> accept(int fd) const override {
+        if (m_script->sessionsFail) {
+            throw std::runtime_error("TLS session: out of memory");
+        }
         return std::make_unique<ScriptedTlsSession>(fd, m_script);
     }
 

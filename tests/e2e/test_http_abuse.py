@@ -80,6 +80,10 @@ class HttpAbuseTest(unittest.TestCase):
             (b"POST /metrics HTTP/1.1\r\nContent-Length: 2\r\n\r\nab",
              "HTTP/1.1 405 Method Not Allowed"),
             (b"OPTIONS * HTTP/1.1\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"),
+            (b"PUT /metrics HTTP/1.1\r\n\r\n", "HTTP/1.1 405 Method Not Allowed"),
+            # Methods are case-sensitive: "get" is not GET but a method none knows.
+            (b"get /metrics HTTP/1.1\r\n\r\n", "HTTP/1.1 501 Not Implemented"),
+            (b"BREW /pot HTTP/1.1\r\n\r\n", "HTTP/1.1 501 Not Implemented"),
             (b"GET /metrics HTTP/2.0\r\n\r\n", "HTTP/1.1 505 HTTP Version Not Supported"),
             (b"GET /metrics\r\n\r\n", "HTTP/1.1 400 Bad Request"),
             (b"GET /metrics HTTP/1.1\r\nX-No-Colon\r\n\r\n", "HTTP/1.1 400 Bad Request"),
@@ -91,6 +95,8 @@ class HttpAbuseTest(unittest.TestCase):
                 answer = raw_exchange(self.port, request)
                 self.assertEqual(status_of(answer), status, answer[:200])
                 self.assertIn(b"\r\nConnection: close\r\n", answer)
+                if " 405 " in status:
+                    self.assertIn(b"\r\nAllow: GET, HEAD\r\n", answer)
 
     def test_pipelined_requests_get_one_answer_and_the_connection_closes(self):
         answer = raw_exchange(self.port, b"GET /healthz HTTP/1.1\r\n\r\n"

@@ -196,6 +196,59 @@ class ObserveTest(GatewayWithUpsdTest):
             'tarsel_modbusd_exceptions_total{function="8",code="1"}': 1,
         })
 
+    def test_metrics_count_connections_taken_on_refused_and_closed_and_their_bytes(self):
+        self.start(scenario_json=running_ups(),
+                   args=["--max-clients", "2", "--idle-timeout", "1"])
+        read = struct.pack(">HHHBBHH", 1, 0, 6, 1, 3, 0, 2)  # 12 bytes; answered with 13
+
+        def answered(raw):
+            answer = b""
+            while len(answer) < 13 and (chunk := raw.recv(13 - len(answer))):
+                answer += chunk
+            return answer
+
+        self.client = self.daemon.client()
+        for _ in range(3):
+            self.assertFalse(self.client.read_holding_registers(0, 2, slave=1).isError())
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as second:
+            second.sendall(read)
+            self.assertEqual(len(answered(second)), 13)
+            # Both clients were heard from just now: the third is refused.
+            with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as third:
+                self.assertEqual(third.recv(16), b"")
+            # Both are closed once idle for a second.
+            self.assertEqual(second.recv(16), b"")
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as scanner:
+            scanner.sendall(struct.pack(">HHHBBHH", 1, 7, 6, 1, 3, 0, 2))  # protocol 7
+            self.assertEqual(scanner.recv(16), b"")
+        with socket.create_connection(("127.0.0.1", self.daemon.port), timeout=5) as brief:
+            brief.sendall(read)
+            self.assertEqual(len(answered(brief)), 13)
+        closed = 'tarsel_modbusd_connections_closed_total{reason="%s"}'
+        page = {}
+
+        def settled():
+            page["text"] = get(self.port, "/metrics")[1]
+            values = samples(page["text"])
+            return values[closed % "idle_timeout"] == 2 and values[closed % "peer_closed"] == 1
+        self.assertTrue(poll_until(settled, attempts=60, interval=0.05), page["text"])
+        parsed_families(self, page["text"])
+        values = samples(page["text"])
+        self.assertEqual(values['tarsel_modbusd_connections_accepted_total{listener="plain"}'], 4)
+        self.assertEqual(values['tarsel_modbusd_connections_accepted_total{listener="tls"}'], 0)
+        refused = {k: v for k, v in values.items()
+                   if k.startswith("tarsel_modbusd_connections_refused_total") and v}
+        self.assertEqual(refused,
+                         {'tarsel_modbusd_connections_refused_total{reason="client_limit"}': 1})
+        closed_now = {k: v for k, v in values.items()
+                      if k.startswith("tarsel_modbusd_connections_closed_total") and v}
+        self.assertEqual(closed_now, {closed % "idle_timeout": 2, closed % "malformed_frame": 1,
+                                      closed % "peer_closed": 1})
+        self.assertEqual(values["tarsel_modbusd_clients"], 0)
+        # Five reads of 12 bytes and the malformed frame's 12; five answers of 13.
+        self.assertEqual(values["tarsel_modbusd_received_bytes_total"], 6 * 12)
+        self.assertEqual(values["tarsel_modbusd_sent_bytes_total"], 5 * 13)
+
     def test_the_metrics_page_is_prometheus_text_whose_counters_survive_a_reload(self):
         self.upsd = Upsd({"bench": ("bench.dev", demo_dev())})
         self.start(args=["--map", NUT_MAP, "--nut-interval", "0.2", "--nut",

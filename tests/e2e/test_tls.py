@@ -13,7 +13,8 @@ import unittest
 from pymodbus.client import ModbusTlsClient
 from pymodbus.framer.socket_framer import ModbusSocketFramer
 
-from harness import Daemon, running_ups
+from harness import Daemon, poll_until, running_ups
+from test_observe import get, http_port, samples
 from tls_certs import make_certificates
 
 LOCATION = 20
@@ -57,12 +58,13 @@ class TlsTest(unittest.TestCase):
         self.start_daemon()
         self.clients = []
 
-    def start_daemon(self, env=None):
+    def start_daemon(self, env=None, args=()):
         cert, key = self.files["server"]
         self.daemon = Daemon(None, running_ups(), (
             "--tls-port", "0", "--tls-cert", cert, "--tls-key", key,
             "--tls-ca", self.files["ca"][0],
-            "--tls-role", "operator=read-write", "--tls-role", "viewer=read-only"), env=env)
+            "--tls-role", "operator=read-write", "--tls-role", "viewer=read-only", *args),
+                             env=env)
         self.assertTrue(self.daemon.wait_for_log("Modbus/TCP Security (TLS) on 127.0.0.1:"))
         line = [l for l in self.daemon.log_lines if "Modbus/TCP Security (TLS) on" in l][0]
         self.tls_port = int(line.rsplit(":", 1)[1])
@@ -197,6 +199,32 @@ class TlsTest(unittest.TestCase):
             with context.wrap_socket(raw, suppress_ragged_eofs=False) as tls:
                 self.assertEqual(tls.recv(16), b"")
         self.assertTrue(self.daemon.wait_for_log('role "intruder": no access configured'))
+
+    def test_metrics_count_tls_clients_and_why_the_daemon_closed_them(self):
+        self.daemon.stop()
+        self.start_daemon(args=["--http-listen", "127.0.0.1:0"])
+        port = http_port(self.daemon)
+        client = self.tls_client("operator")
+        self.assertTrue(client.connect())
+        self.assertFalse(client.read_holding_registers(LOCATION, 16, slave=1).isError())
+        client.close()
+        self.assertEqual(self.s_client("wrong-ca")[0], b"")
+        self.assertEqual(self.s_client("no-role")[0], b"")
+        closed = 'tarsel_modbusd_connections_closed_total{reason="%s"}'
+        values = {}
+
+        def settled():
+            values.update(samples(get(port, "/metrics")[1]))
+            return values["tarsel_modbusd_clients"] == 0
+        self.assertTrue(poll_until(settled, attempts=60, interval=0.05))
+        self.assertEqual(values['tarsel_modbusd_connections_accepted_total{listener="tls"}'], 3)
+        self.assertEqual(values['tarsel_modbusd_connections_accepted_total{listener="plain"}'], 0)
+        self.assertEqual(values[closed % "tls_handshake"], 1)
+        self.assertEqual(values[closed % "tls_role"], 1)
+        self.assertEqual(values[closed % "peer_closed"], 1)
+        # Modbus bytes, not TLS records: the operator's read and its answer.
+        self.assertEqual(values["tarsel_modbusd_received_bytes_total"], 12)
+        self.assertEqual(values["tarsel_modbusd_sent_bytes_total"], 9 + 32)
 
     def test_tls_1_1_is_refused(self):
         done = subprocess.run(

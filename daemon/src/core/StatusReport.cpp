@@ -9,6 +9,7 @@ DaemonStatus gatherStatus(DaemonCore& core, std::vector<ModbusServer*> const& se
     for (ModbusServer const* server : servers) {
         status.listening += server->listening() ? 1 : 0;
         status.clients += server->clientCount();
+        status.connections += server->connectionCounts();
     }
     status.mapAvailable = core.availability().isAvailable();
     if (!status.mapAvailable) {

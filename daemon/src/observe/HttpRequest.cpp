@@ -14,8 +14,23 @@ HttpParse bad(int code, std::string reason) {
     return parse;
 }
 
+/* What a method may be made of: letters, digits and a few marks. */
 bool isTokenChar(char c) {
-    return c >= 'A' && c <= 'Z';
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+/* The methods HTTP defines that this endpoint does not serve: 405, with the
+ * ones it does in Allow. Methods are case-sensitive: "get" is none of them,
+ * and any other token is a method the endpoint does not know at all (501). */
+bool isOtherKnownMethod(std::string_view method) {
+    for (std::string_view const known :
+         {"POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH"}) {
+        if (method == known) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /* Printable ASCII without spaces: what a request target may hold. */
@@ -96,8 +111,12 @@ HttpParse parseRequestLine(std::string_view line) {
     if (version != "HTTP/1.0" && version != "HTTP/1.1") {
         return bad(505, "only HTTP/1.0 and HTTP/1.1 are served");
     }
-    if (method != "GET" && method != "HEAD") {
+    if (isOtherKnownMethod(method)) {
         return bad(405, "only GET and HEAD are served");
+    }
+    if (method != "GET" && method != "HEAD") {
+        return bad(501,
+                   "unknown method (methods are case-sensitive); only GET and HEAD are served");
     }
     if (asterisk) {
         return bad(400, "the target is not an absolute path");
@@ -174,6 +193,8 @@ char const* reasonPhrase(int status) {
             return "Request Timeout";
         case 431:
             return "Request Header Fields Too Large";
+        case 501:
+            return "Not Implemented";
         case 503:
             return "Service Unavailable";
         case 505:

@@ -64,9 +64,46 @@ void requestFamilies(Exposition& out, Metrics const& metrics) {
     }
 }
 
+template <typename Enum>
+void countsByLabel(Exposition& out, char const* name, char const* label, std::size_t values,
+                   char const* (*nameOf)(Enum),
+                   std::uint64_t (ConnectionCounts::*count)(Enum) const,
+                   ConnectionCounts const& counts) {
+    for (std::size_t i = 0; i < values; ++i) {
+        auto const value = static_cast<Enum>(i);
+        out.sample(metric(name), {{label, nameOf(value)}},
+                   static_cast<double>((counts.*count)(value)));
+    }
+}
+
+void connectionFamilies(Exposition& out, ConnectionCounts const& counts) {
+    out.family(metric("connections_accepted_total"),
+               "Modbus connections accepted, by listener: plain, tls", MetricType::Counter);
+    countsByLabel(out, "connections_accepted_total", "listener", kListenerKinds, listenerKindName,
+                  &ConnectionCounts::accepted, counts);
+    out.family(metric("connections_refused_total"),
+               "Modbus connections closed as soon as accepted, by reason: client_limit "
+               "(--max-clients, none quiet enough to close for it), access_rules (may neither read "
+               "nor write), tls_setup (no TLS session could be started)",
+               MetricType::Counter);
+    countsByLabel(out, "connections_refused_total", "reason", kRefusedReasons, refusedReasonName,
+                  &ConnectionCounts::refused, counts);
+    out.family(metric("connections_closed_total"),
+               "Modbus connections that were served and ended, by reason", MetricType::Counter);
+    countsByLabel(out, "connections_closed_total", "reason", kClosedReasons, closedReasonName,
+                  &ConnectionCounts::closed, counts);
+    out.family(metric("received_bytes_total"),
+               "Modbus bytes received from clients (TLS: as decrypted)", MetricType::Counter);
+    out.sample(metric("received_bytes_total"), static_cast<double>(counts.received()));
+    out.family(metric("sent_bytes_total"), "Modbus bytes sent to clients (TLS: before encryption)",
+               MetricType::Counter);
+    out.sample(metric("sent_bytes_total"), static_cast<double>(counts.sent()));
+}
+
 void stateFamilies(Exposition& out, DaemonStatus const& status) {
     out.family(metric("clients"), "Modbus clients connected", MetricType::Gauge);
     out.sample(metric("clients"), static_cast<double>(status.clients));
+    connectionFamilies(out, status.connections);
     out.family(metric("pushes_total"), "Value changes the encoders pushed to the daemon",
                MetricType::Counter);
     out.sample(metric("pushes_total"), static_cast<double>(status.pushes));

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "ConnectionCounts.h"
 #include "HttpRequest.h"
 #include "Metrics.h"
 #include "sources/DataSource.h"
@@ -24,6 +25,7 @@ struct DaemonStatus {
     std::size_t clients = 0;  // Modbus clients connected, all listeners
     std::uint64_t pushes = 0;
     Metrics const* metrics = nullptr;
+    ConnectionCounts connections;  // all listeners
 };
 
 /* 200 with {"status": "ok", ...} when every listener listens, the map is

@@ -108,6 +108,7 @@ ClientConnection::ReadStatus ClientConnection::receive(SteadyClock::time_point n
             m_partialSince = now;
         }
         m_input.insert(m_input.end(), chunk, chunk + received);
+        m_bytesReceived += static_cast<std::uint64_t>(received);
         m_lastHeard = now;
         // A plain socket that gave less than asked has nothing left: asking
         // again would only hear EAGAIN, one system call more per request.
@@ -181,6 +182,7 @@ ClientConnection::QueueStatus ClientConnection::queue(std::vector<std::uint8_t> 
                 return QueueStatus::Failed;
             }
             sent += static_cast<std::size_t>(result);
+            m_bytesSent += static_cast<std::uint64_t>(result);
         }
         if (sent < answer.size()) {
             // The socket would block: the rest waits for the next flush().
@@ -243,6 +245,7 @@ bool ClientConnection::flush() {
         }
         m_sentOfFront += static_cast<std::size_t>(sent);
         m_outputBytes -= static_cast<std::size_t>(sent);
+        m_bytesSent += static_cast<std::uint64_t>(sent);
         if (m_sentOfFront == front.size()) {
             m_output.pop_front();
             m_sentOfFront = 0;

@@ -113,6 +113,11 @@ class ClientConnection {
     /* When any byte last arrived. */
     SteadyClock::time_point lastHeard() const { return m_lastHeard; }
 
+    /* The Modbus bytes received from and sent to the client so far (on a
+     * TLS session: as decrypted, before encryption). */
+    std::uint64_t bytesReceived() const { return m_bytesReceived; }
+    std::uint64_t bytesSent() const { return m_bytesSent; }
+
   private:
     /* What the received bytes start with, without taking anything. */
     FrameStatus frontStatus() const;
@@ -142,6 +147,8 @@ class ClientConnection {
     SteadyClock::time_point m_lastRequest;
     SteadyClock::time_point m_lastHeard;
     std::optional<SteadyClock::time_point> m_partialSince;
+    std::uint64_t m_bytesReceived = 0;
+    std::uint64_t m_bytesSent = 0;
 };
 
 }  // namespace tarsel::daemon

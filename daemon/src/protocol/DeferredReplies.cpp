@@ -25,7 +25,7 @@ bool DeferredReplies::settle(Token token, std::uint8_t exception) {
         return false;
     }
     found->second.exception = exception;
-    return true;
+    return !found->second.orphaned;
 }
 
 bool DeferredReplies::settled(Token token) const {
@@ -45,6 +45,14 @@ std::optional<std::uint8_t> DeferredReplies::take(Token token) {
 
 void DeferredReplies::discard(Token token) {
     m_replies.erase(token);
+}
+
+void DeferredReplies::orphan(Token token) {
+    auto const found = m_replies.find(token);
+    if (found != m_replies.end()) {
+        found->second.orphaned = true;
+        found->second.onTimeout = nullptr;
+    }
 }
 
 void DeferredReplies::expire(Clock::time_point now) {

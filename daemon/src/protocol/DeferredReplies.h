@@ -27,14 +27,18 @@ class DeferredReplies {
      * (may be empty) runs when the bound passes first. */
     Token open(Clock::time_point now, std::function<void()> onTimeout = {});
     /* Settles an open answer; false when it is no longer open (timed out
-     * or discarded): the outcome then reaches no one. */
+     * or discarded) or its client is gone: the outcome then reaches no one. */
     bool settle(Token token, std::uint8_t exception);
     /* True when the answer is settled and waits to be taken. */
     bool settled(Token token) const;
     /* The settled exception code (0: success), once; nothing while open. */
     std::optional<std::uint8_t> take(Token token);
-    /* Forgets an answer whose client went away. */
+    /* Forgets an answer that will never be asked for. */
     void discard(Token token);
+    /* The client of an answer went away: its outcome is still kept, to be
+     * taken (and counted) like any other, settled by its bound too, but it
+     * answers no one: settle() says so, and no time-out note runs. */
+    void orphan(Token token);
     /* Settles every answer whose bound has passed with 0x0B. */
     void expire(Clock::time_point now);
     /* When the next open answer times out; nothing when none is open. */
@@ -47,6 +51,7 @@ class DeferredReplies {
         Clock::time_point deadline;
         std::function<void()> onTimeout;
         std::optional<std::uint8_t> exception;
+        bool orphaned = false;
     };
 
     std::chrono::milliseconds const m_bound;

@@ -170,16 +170,55 @@ void ModbusServer::serveBacklog(std::vector<int> const& served, SteadyClock::tim
         Closing why;
         bool const open = unread ? client.receive(now) == ClientConnection::ReadStatus::Open
                                  : !client.inputEnded();
-        if (!answerFrames(client, why) || !keepAfterTurn(client, open)) {
+        if (!answerFrames(client, why)) {
             drop(i, why);
+        } else if (!keepAfterTurn(client, open)) {
+            drop(i, {ClosedReason::PeerClosed, {}, {}});
         }
     }
 }
 
 bool ModbusServer::hasBacklog() const {
-    return std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
-        return client->hasCompleteFrame() || client->hasUnreadInput() || hasSettled(*client);
-    });
+    return hasSettledOrphan() ||
+           std::any_of(m_clients.begin(), m_clients.end(), [this](Client const& client) {
+               return client->hasCompleteFrame() || client->hasUnreadInput() || hasSettled(*client);
+           });
+}
+
+bool ModbusServer::hasSettledOrphan() const {
+    DeferredReplies const* replies = m_handler->deferredReplies();
+    return replies != nullptr &&
+           std::any_of(m_orphans.begin(), m_orphans.end(),
+                       [replies](DeferredReplies::Token token) { return replies->settled(token); });
+}
+
+/* An answer still to come for a client that is gone (or going) reaches no
+ * one, but the write was handed over: its outcome is audited when it comes,
+ * and counted then (see countOrphans()), as the client's answer would have
+ * been. */
+void ModbusServer::orphan(DeferredReplies::Token token) {
+    DeferredReplies* replies = m_handler->deferredReplies();
+    if (replies == nullptr) {
+        m_deferred.erase(token);
+        return;
+    }
+    replies->orphan(token);
+    m_orphans.push_back(token);
+}
+
+void ModbusServer::countOrphans(DeferredReplies& replies) {
+    for (std::size_t i = m_orphans.size(); i-- > 0;) {
+        std::optional<std::uint8_t> const exception = replies.take(m_orphans[i]);
+        if (!exception) {
+            continue;
+        }
+        auto const found = m_deferred.find(m_orphans[i]);
+        if (found != m_deferred.end()) {
+            m_handler->countAnswer(found->second.answer.function, *exception);
+            m_deferred.erase(found);
+        }
+        m_orphans.erase(m_orphans.begin() + static_cast<std::ptrdiff_t>(i));
+    }
 }
 
 bool ModbusServer::hasSettled(ClientConnection const& client) const {
@@ -197,6 +236,7 @@ void ModbusServer::deliverSettled() {
     if (replies == nullptr || m_deferred.empty()) {
         return;
     }
+    countOrphans(*replies);
     for (std::size_t i = m_clients.size(); i-- > 0;) {
         ClientConnection& client = *m_clients[i];
         bool failed = false;
@@ -215,8 +255,10 @@ void ModbusServer::deliverSettled() {
             m_deferred.erase(found);
             failed = failed || client.fill(token, bytes) == ClientConnection::QueueStatus::Failed;
         }
-        if (failed || finished(client)) {
-            drop(i, {});
+        if (failed) {
+            drop(i, {ClosedReason::SendFailed, {}, {}});
+        } else if (finished(client)) {
+            drop(i, {ClosedReason::PeerClosed, {}, {}});
         }
     }
 }
@@ -227,6 +269,7 @@ bool ModbusServer::serveClient(ClientConnection& client, short events, SteadyClo
         return shakeHands(client, now, why);
     }
     if ((events & POLLOUT) != 0 && !client.flush()) {
+        why.reason = ClosedReason::SendFailed;
         return false;
     }
     // A TLS read may have waited for the socket to take data: it is retried
@@ -272,28 +315,26 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::FrameStatus::Incomplete:
                 return true;
             case ClientConnection::FrameStatus::Malformed:
-                why = {"malformed frames", "sent a malformed frame header; connection closed"};
+                why = {ClosedReason::MalformedFrame, "malformed frames",
+                       "sent a malformed frame header; connection closed"};
                 return false;
             case ClientConnection::FrameStatus::Complete:
                 break;
         }
         Answer answer = m_handler->handle(frame.data(), frame.size(), origin);
         if (answer.deferred) {
+            m_deferred[*answer.deferred] = {frame, answer};
             if (client.queueDeferred(*answer.deferred) != ClientConnection::QueueStatus::Queued) {
-                // Its place counts against the output limit: see below.
-                if (m_handler->deferredReplies() != nullptr) {
-                    m_handler->deferredReplies()->discard(*answer.deferred);
-                }
-                why = {"clients not reading", "does not read its answers (" +
-                                                  std::to_string(client.pendingOutput()) +
-                                                  " bytes queued); connection closed"};
+                // Its place counts against the output limit (see below); the
+                // write is on its way all the same.
+                orphan(*answer.deferred);
+                why = notReading(client);
                 return false;
             }
-            m_deferred[*answer.deferred] = {frame, answer};
             continue;
         }
         if (answer.closeConnection) {
-            why = {"function codes without answer",
+            why = {ClosedReason::NoAnswer, "function codes without answer",
                    "sent function code " + std::to_string(answer.function) +
                        ", which has no Modbus answer; connection closed"};
             return false;
@@ -304,12 +345,11 @@ bool ModbusServer::answerFrames(ClientConnection& client, Closing& why) {
             case ClientConnection::QueueStatus::Queued:
                 break;
             case ClientConnection::QueueStatus::Full:
-                why = {"clients not reading", "does not read its answers (" +
-                                                  std::to_string(client.pendingOutput()) +
-                                                  " bytes queued); connection closed"};
+                why = notReading(client);
                 return false;
             case ClientConnection::QueueStatus::Failed:
-                return false;  // it went away
+                why = {ClosedReason::SendFailed, {}, {}};  // it went away
+                return false;
         }
     }
     return true;  // the rest waits for the next pass
@@ -324,7 +364,7 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
             // Limited by reason: strangers' failures, as many as they like,
             // do not hide the first of another kind (a master's certificate
             // that expired).
-            why = {"TLS handshakes failed (" + tls.failure() + ")",
+            why = {ClosedReason::TlsHandshake, "TLS handshakes failed (" + tls.failure() + ")",
                    "TLS handshake failed: " + tls.failure()};
             return false;
         case TlsSession::Step::Done:
@@ -335,7 +375,7 @@ bool ModbusServer::shakeHands(ClientConnection& client, SteadyClock::time_point 
     std::string const who =
         quotedValue(tls.peerSubject()) + ", role " + (role ? quotedValue(*role) : "(none)");
     if (!access) {
-        why = {"TLS clients without a role",
+        why = {ClosedReason::TlsRole, "TLS clients without a role",
                "certificate " + who + ": no access configured for this role; connection closed"};
         return false;
     }
@@ -378,6 +418,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
                 Log::Level::Warning, "clients not allowed",
                 "client " + peer.text + ": may neither read nor write here; connection refused");
             ::close(fd);
+            m_counts.countRefused(RefusedReason::Access);
             continue;
         }
         if (m_clients.size() >= m_limits.maxClients && !makeRoom(now)) {
@@ -385,6 +426,7 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
                           "client " + peer.text + ": " + std::to_string(m_clients.size()) +
                               " clients connected, none idle; connection refused");
             ::close(fd);
+            m_counts.countRefused(RefusedReason::ClientLimit);
             continue;
         }
         m_log.debug("client " + peer.text + " connected");
@@ -396,11 +438,13 @@ void ModbusServer::acceptAll(SteadyClock::time_point now) {
             } catch (std::runtime_error const& error) {
                 m_log.limited(Log::Level::Error, "TLS sessions failed", error.what());
                 ::close(fd);
+                m_counts.countRefused(RefusedReason::TlsSetup);
                 continue;
             }
         }
         m_clients.push_back(std::make_unique<ClientConnection>(
             fd, std::move(peer), now, m_limits.outputQueueBytes, std::move(tls)));
+        m_counts.countAccepted(m_tls ? ListenerKind::Tls : ListenerKind::Plain);
     }
 }
 
@@ -414,8 +458,24 @@ bool ModbusServer::makeRoom(SteadyClock::time_point now) {
         return false;
     }
     drop(static_cast<std::size_t>(oldest - m_clients.begin()),
-         {"clients closed for room", "quiet the longest; closed to make room for a new client"});
+         {ClosedReason::MadeRoom, "clients closed for room",
+          "quiet the longest; closed to make room for a new client"});
     return true;
+}
+
+ModbusServer::Closing ModbusServer::notReading(ClientConnection const& client) {
+    return {ClosedReason::NotReading, "clients not reading",
+            "does not read its answers (" + std::to_string(client.pendingOutput()) +
+                " bytes queued); connection closed"};
+}
+
+ConnectionCounts ModbusServer::connectionCounts() const {
+    ConnectionCounts counts = m_counts;
+    for (Client const& client : m_clients) {
+        counts.addReceived(client->bytesReceived());
+        counts.addSent(client->bytesSent());
+    }
+    return counts;
 }
 
 void ModbusServer::expire(SteadyClock::time_point now) {
@@ -428,12 +488,12 @@ void ModbusServer::expire(SteadyClock::time_point now) {
         auto const partial = client.partialSince();
         if (partial && m_limits.partialFrameTimeout.count() > 0 &&
             now - *partial >= m_limits.partialFrameTimeout) {
-            drop(i, {"clients stuck in a frame", "sent no complete frame in " +
-                                                     secondsText(m_limits.partialFrameTimeout) +
-                                                     " s; connection closed"});
+            drop(i, {ClosedReason::FrameTimeout, "clients stuck in a frame",
+                     "sent no complete frame in " + secondsText(m_limits.partialFrameTimeout) +
+                         " s; connection closed"});
         } else if (!partial && m_limits.idleTimeout.count() > 0 &&
                    now - client.lastRequest() >= m_limits.idleTimeout) {
-            drop(i, {"idle clients",
+            drop(i, {ClosedReason::IdleTimeout, "idle clients",
                      "idle for " + secondsText(m_limits.idleTimeout) + " s; connection closed"});
         }
     }
@@ -441,14 +501,12 @@ void ModbusServer::expire(SteadyClock::time_point now) {
 
 void ModbusServer::drop(std::size_t index, Closing const& why) {
     std::string const peer = m_clients[index]->peer().text;
-    // Answers still to come for it reach no one: their outcome is only
-    // audited.
     for (DeferredReplies::Token const token : m_clients[index]->deferredTokens()) {
-        if (m_handler->deferredReplies() != nullptr) {
-            m_handler->deferredReplies()->discard(token);
-        }
-        m_deferred.erase(token);
+        orphan(token);
     }
+    m_counts.addReceived(m_clients[index]->bytesReceived());
+    m_counts.addSent(m_clients[index]->bytesSent());
+    m_counts.countClosed(why.reason);
     m_clients.erase(m_clients.begin() + static_cast<std::ptrdiff_t>(index));
     if (why.text.empty()) {
         m_log.debug("client " + peer + " disconnected");

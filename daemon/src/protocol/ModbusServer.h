@@ -17,6 +17,7 @@
 #include "AcceptPause.h"
 #include "AccessRules.h"
 #include "ClientConnection.h"
+#include "ConnectionCounts.h"
 #include "Log.h"
 #include "RequestHandler.h"
 #include "TlsContext.h"
@@ -79,13 +80,18 @@ class ModbusServer {
     /* When the loop must wake up to listen again: while the process is out
      * of descriptors the listener is not polled (see AcceptPause). */
     std::optional<SteadyClock::time_point> listenDue() const { return m_acceptPause.due(); }
+    /* What became of this listener's connections so far; the bytes include
+     * those of the clients still connected. */
+    ConnectionCounts connectionCounts() const;
 
   private:
     using Client = std::unique_ptr<ClientConnection>;
 
-    /* Why a client is closed: `kind` names the event for the log's rate
-     * limit; no text, no line (a client that simply went away). */
+    /* Why a client is closed: `reason` as counted, `kind` names the event
+     * for the log's rate limit; no text, no line (a client that simply went
+     * away). */
     struct Closing {
+        ClosedReason reason = ClosedReason::PeerClosed;
         std::string kind;
         std::string text;
     };
@@ -103,10 +109,16 @@ class ModbusServer {
      * certificate has no role the configuration names. */
     bool shakeHands(ClientConnection& client, SteadyClock::time_point now, Closing& why);
     void drop(std::size_t index, Closing const& why);
+    static Closing notReading(ClientConnection const& client);
     /* Sends the deferred answers settled since the last pass, each in its
      * client's order. */
     void deliverSettled();
     bool hasSettled(ClientConnection const& client) const;
+    /* Keeps the answer to come of a client that is gone, to count it. */
+    void orphan(DeferredReplies::Token token);
+    /* Counts the writes of clients that are gone whose outcome has come. */
+    void countOrphans(DeferredReplies& replies);
+    bool hasSettledOrphan() const;
 
     /* A request whose answer is deferred: what its answer is built from. */
     struct Deferred {
@@ -123,7 +135,10 @@ class ModbusServer {
     int m_port = 0;
     AcceptPause m_acceptPause;
     std::vector<Client> m_clients;
+    ConnectionCounts m_counts;
     std::map<DeferredReplies::Token, Deferred> m_deferred;
+    // Tokens in m_deferred whose client is gone.
+    std::vector<DeferredReplies::Token> m_orphans;
     // Kept for their storage alone, so that serving allocates nothing.
     std::vector<int> m_served;
     std::vector<std::uint8_t> m_frame;
