@@ -36,8 +36,8 @@ class IdPool {
 
 /* The largest outlet number the mirror places. Places follow numbers and the
  * store only appends sub-devices, so outlet N takes N sub-devices: a driver
- * that reports outlet.4000000000.* must not make the UPS that many. No PDU
- * NUT serves has this many outlets. */
+ * that reports outlet.4000000000.* must not make the UPS that many. This is
+ * far more outlets than a UPS or PDU has. */
 constexpr unsigned int kMaxOutlet = 256;
 
 /* The store is not as the mirror left it (something else removed the UPS's
