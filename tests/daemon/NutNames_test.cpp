@@ -49,6 +49,7 @@ TEST(NutNames, OutletNumberOnlyForNumberedOutletVariables) {
     EXPECT_EQ(outletNumber("outlet.1.status"), 1u);
     EXPECT_EQ(outletNumber("outlet.12.load.off.delay"), 12u);
     EXPECT_FALSE(outletNumber("outlet.desc"));
+    EXPECT_FALSE(outletNumber("outlet.0.desc")) << "the unit as a whole, no outlet";
     EXPECT_FALSE(outletNumber("outlet.count"));
     EXPECT_FALSE(outletNumber("outlet.1"));
     EXPECT_FALSE(outletNumber("outlet..x"));

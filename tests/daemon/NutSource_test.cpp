@@ -103,6 +103,26 @@ TEST_F(NutSourceTest, FreshDataBuildsTheUpsAsDevice2) {
     EXPECT_EQ(value(kFirstUpsDevice, "battery.charge"), kq::CValue(97));
 }
 
+TEST_F(NutSourceTest, OutletsBeyondTheLastAreSaidOnceInTheLog) {
+    Variables variables{{"ups.status", "OL"}, {"outlet.1.status", "on"}};
+    for (unsigned int outlet = 1000; outlet < 1007; ++outlet) {
+        variables["outlet." + std::to_string(outlet) + ".status"] = "on";
+    }
+    m_upsd.set("ups", fresh(variables));
+    start({"ups"});
+    ASSERT_TRUE(loopUntil([&] { return m_store.hasDevice(kFirstUpsDevice); }));
+    variables["battery.charge"] = "97";
+    m_upsd.set("ups", fresh(variables));
+    ASSERT_TRUE(
+        loopUntil([&] { return m_store.channelId(kFirstUpsDevice, "battery.charge") != 0; }));
+    std::string const said = "outlets 1000, 1001, 1002, 1003, 1004 and 2 more left out";
+    std::string const log = m_logText.str();
+    auto const first = log.find(said);
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find(said, first + 1), std::string::npos) << "said once\n" << log;
+    EXPECT_EQ(m_store.subDevices(kFirstUpsDevice).size(), 1u);
+}
+
 TEST_F(NutSourceTest, ChangesReachTheStoreOnTheLoopsThread) {
     m_upsd.set("ups", fresh({{"battery.charge", "97"}}));
     start({"ups"});

@@ -277,6 +277,120 @@ TEST_F(UpsMirrorTest, AnOutletThatGoesKeepsItsPlaceEmptiedAndTakesItAgainWhenItC
     EXPECT_TRUE(m_created.empty()) << "an outlet back at its place is no new device";
 }
 
+Variables without(Variables variables, std::string const& prefix) {
+    for (auto it = variables.begin(); it != variables.end();) {
+        it = it->first.rfind(prefix, 0) == 0 ? variables.erase(it) : std::next(it);
+    }
+    return variables;
+}
+
+TEST_F(UpsMirrorTest, AnOutletSeenBeforeALowerNumberedOneStillTakesItsOwnPlace) {
+    // Outlet 1's variables are missing from the first poll: outlet 2 goes to
+    // the second place all the same, and outlet 1 fills the first when it
+    // comes, so entries over either place read their own outlet.
+    m_mirror.apply(without(onLine(), "outlet.1."));
+    ASSERT_EQ(m_store.subDevices(kUps).size(), 2u);
+    cdshost::Id const first = outlet(0);
+    cdshost::Id const second = outlet(1);
+    EXPECT_EQ(value("outlet.2.status", second), kq::CValue("off"));
+    EXPECT_EQ(channel("outlet.2.status", first), 0u);
+    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "") << "emptied, as a gone outlet is";
+    countCreations();
+    m_mirror.apply(onLine());
+    ASSERT_EQ(m_store.subDevices(kUps), (std::vector<cdshost::Id>{first, second}));
+    EXPECT_EQ(value("outlet.1.status", first), kq::CValue("on"));
+    EXPECT_EQ(attribute(first, cdsapi::AttributeName), "Segment 1");
+    EXPECT_EQ(value("outlet.2.status", second), kq::CValue("off"));
+    EXPECT_TRUE(m_created.empty()) << "outlet 1's place was there already";
+}
+
+TEST_F(UpsMirrorTest, AnOutletAfterAGapTakesItsPlaceAndTheOutletsOfTheGapFillTheirsLater) {
+    m_mirror.apply(without(onLine(), "outlet.2."));
+    countCreations();
+    std::vector<std::size_t> outletsAtAnnouncement;
+    unsigned long long id = 0;
+    m_client.getInBandAccessor().subscribeDevice(
+        kUps,
+        [&](unsigned long long) {
+            outletsAtAnnouncement.push_back(m_store.subDevices(kUps).size());
+        },
+        kq::sub::DeviceCreated, false, &id);
+    m_subscriptions.push_back(id);
+    auto withFifth = onLine();
+    withFifth.erase("outlet.2.status");
+    withFifth["outlet.5.desc"] = "Segment 5";
+    m_mirror.apply(withFifth);
+    ASSERT_EQ(m_store.subDevices(kUps).size(), 5u);
+    EXPECT_EQ(value("outlet.1.status", outlet(0)), kq::CValue("on"));
+    for (std::size_t place = 1; place < 4; ++place) {
+        EXPECT_EQ(channel("outlet.5.desc", outlet(place)), 0u) << place;
+        EXPECT_EQ(attribute(outlet(place), cdsapi::AttributeName), "") << place;
+    }
+    EXPECT_EQ(attribute(outlet(4), cdsapi::AttributeName), "Segment 5");
+    EXPECT_EQ(m_created.size(), 4u) << "the gap's places and outlet 5, each announced once";
+    EXPECT_EQ(outletsAtAnnouncement, std::vector<std::size_t>{5}) << "the UPS, once, whole";
+    auto const places = m_store.subDevices(kUps);
+    withFifth["outlet.3.status"] = "on";
+    m_mirror.apply(withFifth);
+    EXPECT_EQ(m_store.subDevices(kUps), places);
+    EXPECT_EQ(value("outlet.3.status", outlet(2)), kq::CValue("on"));
+    EXPECT_EQ(m_created.size(), 4u);
+}
+
+TEST_F(UpsMirrorTest, AnOutletAfterAGapInTheFirstPollTakesItsPlace) {
+    auto withThird = without(onLine(), "outlet.2.");
+    withThird["outlet.3.status"] = "on";
+    m_mirror.apply(withThird);
+    ASSERT_EQ(m_store.subDevices(kUps).size(), 3u);
+    EXPECT_EQ(channel("outlet.3.status", outlet(1)), 0u);
+    EXPECT_EQ(value("outlet.3.status", outlet(2)), kq::CValue("on"));
+}
+
+TEST_F(UpsMirrorTest, OutletZeroIsTheWholeUnitsAndStaysOnTheUpsDevice) {
+    auto withZero = onLine();
+    withZero["outlet.0.desc"] = "Whole unit";
+    withZero["outlet.0.status"] = "on";
+    m_mirror.apply(withZero);
+    ASSERT_EQ(m_store.subDevices(kUps).size(), 2u) << "outlets 1 and 2 only";
+    EXPECT_EQ(value("outlet.1.status", outlet(0)), kq::CValue("on"));
+    EXPECT_EQ(value("outlet.0.status"), kq::CValue("on"));
+    EXPECT_EQ(value("outlet.0.desc"), kq::CValue("Whole unit"));
+    EXPECT_EQ(attribute(kUps, cdsapi::AttributeName), "myups");
+    withZero.erase("outlet.0.status");
+    m_mirror.apply(withZero);
+    EXPECT_EQ(channel("outlet.0.status"), 0u);
+    EXPECT_TRUE(m_mirror.listenerFailures().empty());
+}
+
+TEST_F(UpsMirrorTest, AnOutletNumberedBeyondTheLastIsLeftOutAndSaidOnce) {
+    auto beyond = onLine();
+    beyond["outlet." + std::to_string(kMaxOutlet + 1) + ".status"] = "on";
+    beyond["outlet.4294967295.status"] = "on";
+    m_mirror.apply(beyond);
+    EXPECT_EQ(m_store.subDevices(kUps).size(), 2u);
+    EXPECT_EQ(m_mirror.outletsNewlyLeftOut(),
+              (std::vector<unsigned int>{kMaxOutlet + 1, 4294967295u}));
+    EXPECT_EQ(m_mirror.variables().count("outlet.4294967295.status"), 0u);
+    m_mirror.apply(beyond);
+    EXPECT_TRUE(m_mirror.outletsNewlyLeftOut().empty()) << "said once, not every poll";
+    beyond["outlet.300.status"] = "on";
+    m_mirror.apply(beyond);
+    EXPECT_EQ(m_mirror.outletsNewlyLeftOut(), std::vector<unsigned int>{300});
+    EXPECT_EQ(m_store.subDevices(kUps).size(), 2u);
+    m_mirror.remove();
+    m_mirror.apply(beyond);
+    EXPECT_EQ(m_mirror.outletsNewlyLeftOut().size(), 3u) << "said again by a UPS that comes back";
+}
+
+TEST_F(UpsMirrorTest, TheLastOutletNumberStillTakesItsPlace) {
+    auto last = onLine();
+    last["outlet." + std::to_string(kMaxOutlet) + ".desc"] = "Last";
+    m_mirror.apply(last);
+    ASSERT_EQ(m_store.subDevices(kUps).size(), std::size_t{kMaxOutlet});
+    EXPECT_EQ(attribute(outlet(kMaxOutlet - 1), cdsapi::AttributeName), "Last");
+    EXPECT_TRUE(m_mirror.outletsNewlyLeftOut().empty());
+}
+
 TEST_F(UpsMirrorTest, AnOutletLosingOneVariableKeepsItsDevice) {
     m_mirror.apply(onLine());
     auto next = onLine();

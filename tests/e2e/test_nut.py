@@ -271,6 +271,21 @@ class NutTest(GatewayWithUpsdTest):
         self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
         self.assertTrue(self.daemon.alive())
 
+    def test_an_outlet_that_appears_after_a_higher_numbered_one_is_served_at_its_own_place(self):
+        # The first poll sees outlet.2 only: it goes to the second place all
+        # the same, and outlet.1 fills the first when it comes, so each
+        # outlet's entries read that outlet's description.
+        self.start({"bench": ("bench.dev", dev_without(["outlet.1."]))})
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "Segment 2")
+        self.assertEqual(text(self.registers(OUTLET1_DESC, 6)), "")
+        self.upsd.write_file("bench.dev", demo_dev())
+        self.wait_until(lambda: text(self.registers(OUTLET1_DESC, 6)) == "Segment 1",
+                        5.0 + SERVED_LIMIT_S, "outlet.1 is not served at its own place")
+        self.assertEqual(text(self.registers(OUTLET2_DESC, 6)), "Segment 2")
+        self.assertEqual(text(self.registers(OUTLET1_STATUS, 2)), "on")
+        self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")
+        self.assertTrue(self.daemon.alive())
+
     def test_a_ups_that_comes_back_with_other_variables_and_outlets_is_served_as_it_is_now(self):
         self.start({"bench": ("bench.dev", demo_dev())})
         self.assertEqual(text(self.registers(OUTLET2_STATUS, 2)), "off")

@@ -178,7 +178,7 @@ std::optional<unsigned int> outletNumber(std::string const& variable) {
     }
     unsigned int number = 0;
     auto const result = std::from_chars(variable.data() + start, variable.data() + dot, number);
-    if (result.ec != std::errc() || result.ptr != variable.data() + dot) {
+    if (result.ec != std::errc() || result.ptr != variable.data() + dot || number == 0) {
         return std::nullopt;
     }
     return number;

@@ -53,8 +53,10 @@ bool isNutName(std::string const& name);
  * int32 (int64 when larger), decimals become double, the rest text. */
 kq::CValue storeValue(std::string const& variable, std::string const& text);
 
-/* The outlet number of "outlet.N.something"; nothing for any other name
- * (the main outlet's "outlet.desc" included). */
+/* The outlet number of "outlet.N.something", N from 1 as NUT numbers
+ * outlets; nothing for any other name: the main outlet's "outlet.desc", and
+ * "outlet.0.something" too, which NUT reserves for the unit as a whole (the
+ * same as the unnumbered outlet.*), not an outlet of its own. */
 std::optional<unsigned int> outletNumber(std::string const& variable);
 /* "outlet.N", the name of outlet N's sub-device. */
 std::string outletDeviceName(unsigned int outlet);

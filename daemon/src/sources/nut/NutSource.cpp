@@ -189,6 +189,7 @@ bool Source::apply(Ups& ups, Reading const& reading) {
             ups.mirror->remove();
         }
         logListenerFailures(ups);
+        logOutletsLeftOut(ups);
         return changed;
     } catch (std::exception const& error) {
         // The store is not as the mirror left it (or a listener failed):
@@ -202,6 +203,7 @@ bool Source::apply(Ups& ups, Reading const& reading) {
             ups.mirror->apply(withCommands(reading));
         }
         logListenerFailures(ups);
+        logOutletsLeftOut(ups);
     } catch (std::exception const& error) {
         m_log.warning("NUT: " + ups.endpoint.text() +
                       ": cannot rebuild its device: " + error.what());
@@ -214,6 +216,28 @@ void Source::logListenerFailures(Ups const& ups) {
         m_log.warning("NUT: " + ups.endpoint.text() +
                       ": a listener failed on a change: " + failure);
     }
+}
+
+/* Outlets beyond the last number the mirror places (a driver's error, or a
+ * upsd that lists nonsense) are said when they first show, the first few by
+ * number; a UPS coming and going says them at most as often as its state. */
+void Source::logOutletsLeftOut(Ups const& ups) {
+    auto const& outlets = ups.mirror->outletsNewlyLeftOut();
+    if (outlets.empty()) {
+        return;
+    }
+    constexpr std::size_t kNamed = 5;
+    std::string numbers;
+    for (std::size_t i = 0; i < outlets.size() && i < kNamed; ++i) {
+        numbers += (i == 0 ? "" : ", ") + std::to_string(outlets[i]);
+    }
+    if (outlets.size() > kNamed) {
+        numbers += " and " + std::to_string(outlets.size() - kNamed) + " more";
+    }
+    m_log.limited(Log::Level::Warning, "outlets left out of " + ups.endpoint.text(),
+                  "NUT: " + ups.endpoint.text() + ": outlet" + (outlets.size() > 1 ? "s " : " ") +
+                      numbers + " left out: outlets are served from 1 to " +
+                      std::to_string(kMaxOutlet));
 }
 
 void Source::logState(Ups& ups, Reading const& reading) {

@@ -123,6 +123,7 @@ class Source : public DataSource, public RemoteWrites {
     bool apply(Ups& ups, Reading const& reading);
     void logState(Ups& ups, Reading const& reading);
     void logListenerFailures(Ups const& ups);
+    void logOutletsLeftOut(Ups const& ups);
 
     SourceConfig const m_config;
     cdshost::Store& m_store;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -38,7 +39,7 @@ Variables withoutDerivedNames(Variables variables) {
     return variables;
 }
 
-/* The variables of each outlet that `variables` has and `known` has not. */
+/* The variables of each outlet among `variables`, by outlet number. */
 std::map<unsigned int, Variables> outletsOf(Variables const& variables) {
     std::map<unsigned int, Variables> outlets;
     for (auto const& [name, value] : variables) {
@@ -57,10 +58,11 @@ UpsMirror::UpsMirror(cdshost::Store& store, std::string upsName, cdshost::Id dev
 std::size_t UpsMirror::apply(Variables const& given) {
     m_changes = 0;
     m_failures.clear();
+    m_newlyLeftOut.clear();
     if (m_present && !m_store.hasDevice(m_deviceId)) {
         throw OutOfStep("device " + std::to_string(m_deviceId) + " was removed by someone else");
     }
-    Variables const variables = withoutDerivedNames(given);
+    Variables const variables = withoutOutletsBeyondTheLast(withoutDerivedNames(given));
     if (m_present) {
         update(variables);
     } else {
@@ -72,6 +74,9 @@ std::size_t UpsMirror::apply(Variables const& given) {
 
 void UpsMirror::remove() {
     m_failures.clear();
+    m_newlyLeftOut.clear();
+    // A UPS that comes back says again what it leaves out.
+    m_leftOut.clear();
     if (!m_present) {
         return;
     }
@@ -89,15 +94,30 @@ void UpsMirror::resynchronise() {
     remove();
 }
 
+/* The variables but those of outlets numbered above kMaxOutlet, which get
+ * no place; the numbers not left out the last time are noted, to be said. */
+Variables UpsMirror::withoutOutletsBeyondTheLast(Variables variables) {
+    std::set<unsigned int> leftOut;
+    for (auto it = variables.begin(); it != variables.end();) {
+        auto const outlet = outletNumber(it->first);
+        if (outlet && *outlet > kMaxOutlet) {
+            leftOut.insert(*outlet);
+            it = variables.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    std::set_difference(leftOut.begin(), leftOut.end(), m_leftOut.begin(), m_leftOut.end(),
+                        std::back_inserter(m_newlyLeftOut));
+    m_leftOut = std::move(leftOut);
+    return variables;
+}
+
 void UpsMirror::build(Variables const& variables) {
     m_store.addDevice(m_upsName, m_deviceId, 0, kSilent);
     m_present = true;
     m_store.setDeviceAttribute(m_deviceId, cdsapi::AttributeName, m_upsName, kSilent);
-    auto const outlets = outletsOf(variables);
-    std::vector<cdshost::Id> built;
-    for (auto const& [outlet, outletVariables] : outlets) {
-        built.push_back(buildOutlet(outlet, outletVariables));
-    }
+    std::vector<cdshost::Id> const built = placeOutlets(outletsOf(variables));
     for (auto const& [name, value] : variables) {
         if (!outletNumber(name)) {
             addVariable(m_deviceId, name, value, kSilent);
@@ -159,13 +179,13 @@ void UpsMirror::addOrChange(Variables const& variables) {
 }
 
 void UpsMirror::addOutlets(std::map<unsigned int, Variables> const& outlets) {
-    for (auto const& [outlet, outletVariables] : outlets) {
-        cdshost::Id const device = buildOutlet(outlet, outletVariables);
+    std::vector<cdshost::Id> const created = placeOutlets(outlets);
+    for (cdshost::Id const device : created) {
         announce(device, kq::sub::DeviceCreated);
         announce(cdshost::kAllOnes, kq::sub::DeviceCreated);
         ++m_changes;
     }
-    if (!outlets.empty()) {
+    if (!created.empty()) {
         // The UPS is announced again with its new outlets, as a card does:
         // entries over an outlet's place among the sub-devices find it then.
         // (A change notification instead would make the library take the
@@ -174,13 +194,33 @@ void UpsMirror::addOutlets(std::map<unsigned int, Variables> const& outlets) {
     }
 }
 
-cdshost::Id UpsMirror::buildOutlet(unsigned int outlet, Variables const& variables) {
+/* Puts each outlet, silently, at its place: outlet N at N - 1 among the
+ * UPS's sub-devices, where the map's entries look for it, whatever order the
+ * outlets appear in. The store only appends sub-devices, so the places
+ * before N that no outlet has taken yet are created first, emptied as an
+ * outlet that went is kept; an outlet that comes later fills its own. The
+ * outlets given have no place yet. Returns the sub-devices created, in place
+ * order, to be announced. */
+std::vector<cdshost::Id> UpsMirror::placeOutlets(std::map<unsigned int, Variables> const& outlets) {
+    std::vector<cdshost::Id> created;
+    for (auto const& [outlet, variables] : outlets) {
+        while (m_outlets.size() < outlet) {
+            created.push_back(addPlace(static_cast<unsigned int>(m_outlets.size()) + 1));
+        }
+        for (auto const& [name, value] : variables) {
+            addVariable(m_outlets.at(outlet), name, value, kSilent);
+        }
+    }
+    return created;
+}
+
+/* Outlet N's sub-device, appended at place N - 1 (places 0 to N - 2 are
+ * there already), without variables yet. */
+cdshost::Id UpsMirror::addPlace(unsigned int outlet) {
     cdshost::Id const device =
         m_store.addDevice(outletDeviceName(outlet), m_ids.next(), m_deviceId, kSilent);
+    m_store.setDeviceAttribute(device, cdsapi::AttributeName, "", kSilent);
     m_outlets[outlet] = device;
-    for (auto const& [name, value] : variables) {
-        addVariable(device, name, value, kSilent);
-    }
     return device;
 }
 

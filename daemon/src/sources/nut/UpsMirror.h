@@ -1,6 +1,7 @@
 // One UPS of upsd mirrored in the data store: a device named as NUT names
 // the UPS, one channel per NUT variable under the variable's own name, the
-// identity also as device attributes, outlet.N.* on a sub-device "outlet.N",
+// identity also as device attributes, outlet.N.* on a sub-device "outlet.N"
+// at place N - 1 among the UPS's sub-devices,
 // each ups.status token as a boolean channel "ups.status.<TOKEN>", and the
 // operating-status channel that opens the register map.
 //
@@ -11,6 +12,7 @@
 
 #include <cstddef>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -31,6 +33,12 @@ class IdPool {
   private:
     cdshost::Id m_next;
 };
+
+/* The largest outlet number the mirror places. Places follow numbers and the
+ * store only appends sub-devices, so outlet N takes N sub-devices: a driver
+ * that reports outlet.4000000000.* must not make the UPS that many. This is
+ * far more outlets than a UPS or PDU has. */
+constexpr unsigned int kMaxOutlet = 256;
 
 /* The store is not as the mirror left it (something else removed the UPS's
  * device or a channel of it): the mirror cannot go on by differences. */
@@ -55,6 +63,10 @@ class UpsMirror {
     std::size_t apply(Variables const& variables);
     /* What listeners threw during the last apply() or remove(). */
     std::vector<std::string> const& listenerFailures() const { return m_failures; }
+    /* The outlets numbered above kMaxOutlet that the last apply() left out
+     * and the apply() before it had not (each is said once, not every
+     * poll), in number order. */
+    std::vector<unsigned int> const& outletsNewlyLeftOut() const { return m_newlyLeftOut; }
     /* Takes the UPS's device (and its outlets) out of the store; apply()
      * builds it again. Nothing when it is not there. */
     void remove();
@@ -69,16 +81,18 @@ class UpsMirror {
     Variables const& variables() const { return m_variables; }
 
   private:
+    Variables withoutOutletsBeyondTheLast(Variables variables);
     void build(Variables const& variables);
     void update(Variables const& variables);
     void removeVanished(Variables const& variables);
     void addOrChange(Variables const& variables);
     void addOutlets(std::map<unsigned int, Variables> const& outlets);
+    std::vector<cdshost::Id> placeOutlets(std::map<unsigned int, Variables> const& outlets);
+    cdshost::Id addPlace(unsigned int outlet);
     void addVariable(cdshost::Id device, std::string const& name, std::string const& value,
                      bool notify);
     void changeVariable(std::string const& name, std::string const& value);
     void removeVariable(std::string const& name);
-    cdshost::Id buildOutlet(unsigned int outlet, Variables const& variables);
     void setAttributeOf(cdshost::Id device, std::string const& name, std::string const& value,
                         bool notify);
     void updateStatus(Variables const& variables, bool notify);
@@ -98,7 +112,9 @@ class UpsMirror {
     std::vector<std::string> m_failures;
     Variables m_variables;                          // as last applied
     std::map<std::string, cdshost::Id> m_channels;  // variable or derived channel -> channel id
-    std::map<unsigned int, cdshost::Id> m_outlets;  // outlet number -> sub-device id
+    std::map<unsigned int, cdshost::Id> m_outlets;  // outlet number -> sub-device id, 1 to N
+    std::set<unsigned int> m_leftOut;               // outlets beyond kMaxOutlet, last apply()
+    std::vector<unsigned int> m_newlyLeftOut;
 };
 
 }  // namespace tarsel::daemon::nut
