@@ -462,10 +462,10 @@ TEST(ServedEntryTest, StaysWithinTheAllocatorsTwoHundredFiftySixByteClass) {
     EXPECT_LE(sizeof(ServedEntry), 256u);
 }
 
-TEST(ServedEntryTest, SourceDefinitionStaysWithinTheNinetySixByteClass) {
-    // An entry's one source is its own heap block, rounded up to 112 bytes
-    // past 96.
-    EXPECT_LE(sizeof(SourceDefinition), 96u);
+TEST(ServedEntryTest, SourceDefinitionStaysWithinTheEightyByteClass) {
+    // An entry's one source is its own heap block, rounded up to 96 bytes
+    // past 80.
+    EXPECT_LE(sizeof(SourceDefinition), 80u);
 }
 
 }  // namespace

@@ -38,11 +38,12 @@ enum class EncoderKind : std::uint8_t {
 };
 
 /* A device of the data store: by id (optionally followed by a path of
- * sub-device indexes) or by name. */
+ * sub-device indexes) or by name. Few sources name a path: a list held only
+ * when it has indexes keeps an entry's source within 80 bytes. */
 struct DeviceRef {
     std::optional<unsigned long long> id;
     RareText name;
-    std::vector<unsigned int> path;
+    RareList<unsigned int> path;
 };
 
 enum class SourceKind : std::uint8_t { Channel, Attribute, Alarm };

@@ -1,5 +1,5 @@
 // Fields that most entries of a map leave out (a unit, a composite's function,
-// allow lists, a device name): held on the heap only when set, so that each
+// allow lists, a device name, a sub-device path): held on the heap only when set, so that each
 // costs an entry one pointer instead of its full size. A map of thousands of
 // entries keeps every entry's definition for as long as it is served.
 #pragma once
@@ -111,6 +111,69 @@ class RareOptional {
 
   private:
     std::unique_ptr<T> m_value;
+};
+
+/* A list that is usually empty (a device's path of sub-device indexes);
+ * reads as the std::vector it holds. An empty list takes no heap memory and
+ * one pointer in place of a vector's three. */
+template <typename T>
+class RareList {
+  public:
+    RareList() = default;
+    RareList(std::initializer_list<T> items) { assign(std::vector<T>(items)); }
+    RareList(RareList const& other) { assign(other.vector()); }
+    RareList(RareList&&) noexcept = default;
+    RareList& operator=(RareList const& other) {
+        assign(other.vector());
+        return *this;
+    }
+    RareList& operator=(RareList&&) noexcept = default;
+    ~RareList() = default;
+
+    std::vector<T> const& vector() const { return m_items ? *m_items : none(); }
+    operator std::vector<T> const&() const { return vector(); }
+    bool empty() const { return !m_items; }
+    std::size_t size() const { return vector().size(); }
+    T const& operator[](std::size_t index) const { return vector()[index]; }
+    typename std::vector<T>::const_iterator begin() const { return vector().begin(); }
+    typename std::vector<T>::const_iterator end() const { return vector().end(); }
+
+    void push_back(T item) {
+        if (!m_items) {
+            m_items = std::make_unique<std::vector<T>>();
+        }
+        m_items->push_back(std::move(item));
+    }
+
+    friend bool operator==(RareList const& a, std::vector<T> const& b) { return a.vector() == b; }
+    friend bool operator==(std::vector<T> const& a, RareList const& b) { return a == b.vector(); }
+    friend bool operator==(RareList const& a, RareList const& b) {
+        return a.vector() == b.vector();
+    }
+    template <typename Other>
+    friend bool operator!=(RareList const& a, Other const& b) {
+        return !(a == b);
+    }
+    friend std::ostream& operator<<(std::ostream& out, RareList const& list) {
+        char const* separator = "";
+        out << '[';
+        for (T const& item : list) {
+            out << separator << item;
+            separator = ", ";
+        }
+        return out << ']';
+    }
+
+  private:
+    static std::vector<T> const& none() {
+        static std::vector<T> const items;
+        return items;
+    }
+    void assign(std::vector<T> items) {
+        m_items = items.empty() ? nullptr : std::make_unique<std::vector<T>>(std::move(items));
+    }
+
+    std::unique_ptr<std::vector<T>> m_items;
 };
 
 /* A list that almost always holds one element (an entry's data accessors:
