@@ -147,7 +147,7 @@ void ServedMap::rebuild(ServedEntry& entry) {
     m_pending -= wasBuilt ? 0 : 1;
     m_log.limited(Log::Level::Info, "rebuilds of " + entry.definition.name,
                   label(entry.definition) + " rebuilt after a change of its device; " +
-                      readableValue(entry.definition, entry.image.words));
+                      readableValue(entry.definition, entry.image.words.vector()));
 }
 
 std::chrono::steady_clock::time_point ServedMap::deviceLookupWait(ServedEntry const& entry) const {
@@ -258,8 +258,8 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
         m_log.limited(Log::Level::Info, "changes of " + entry.definition.name,
                       std::string(tableName(entry.definition.table)) + " " +
                           std::to_string(entry.definition.address) + " \"" + entry.definition.name +
-                          "\": " + readableValue(entry.definition, entry.image.words) + " -> " +
-                          readableValue(entry.definition, fitted));
+                          "\": " + readableValue(entry.definition, entry.image.words.vector()) +
+                          " -> " + readableValue(entry.definition, fitted));
     }
     entry.image.words = std::move(fitted);
     ++entry.image.pushes;
@@ -268,7 +268,8 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
     }
     m_log.debug("push " + std::string(tableName(entry.definition.table)) + " " +
                 std::to_string(entry.definition.address) + " \"" + entry.definition.name + "\" " +
-                hexWords(entry.image.words) + " (#" + std::to_string(entry.image.pushes) + ")");
+                hexWords(entry.image.words.vector()) + " (#" + std::to_string(entry.image.pushes) +
+                ")");
 }
 
 std::uint64_t ServedMap::totalPushes() const {

@@ -13,6 +13,7 @@
 
 #include "DeviceIdentification.h"
 #include "EncoderFactory.h"
+#include "ImageWords.h"
 #include "Log.h"
 #include "MapModel.h"
 
@@ -23,7 +24,7 @@ namespace tarsel::daemon {
 struct PushImage {
     // Empty until a read at start-up or a push filled it; then the entry's
     // size (at least one word), so its being known needs no flag of its own.
-    std::vector<std::uint16_t> words;
+    ImageWords words;
     std::uint64_t pushes = 0;  // pushes received since the map was built, rebuilds included
 
     bool known() const { return !words.empty(); }
