@@ -75,10 +75,9 @@ struct UnavailablePolicy {
 
 struct EntryDefinition {
     std::string name;
-    std::string path;  // where the entry stands in the file, e.g. "entries[3]"
     // (Declared here and below in the order that leaves no padding: a served
     // map keeps one definition per entry, and a served entry with its
-    // definition fits the allocator's 256-byte class; see ServedEntry.)
+    // definition fits the allocator's 224-byte class; see ServedEntry.)
     Table table = Table::HoldingRegisters;
     EncoderKind encoder = EncoderKind::Float;
     std::uint16_t address = 0;
@@ -96,6 +95,10 @@ struct EntryDefinition {
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
     bool invert = false;
+    // Where the entry stands in the file's list of entries, the n of its
+    // path "entries[n]": kept in what the alignment leaves after the flags
+    // above, where the path's own text took 32 bytes an entry.
+    std::uint32_t position = 0;
     RareText unit;         // for the description: "V", "Hz", "%"; may be empty
     RareText function;     // composites
     RareText description;  // composite-registers: the representation label
@@ -106,6 +109,8 @@ struct EntryDefinition {
 
     /* First address past the entry. */
     std::uint32_t end() const { return std::uint32_t{address} + size; }
+    /* Where the entry stands in the file, e.g. "entries[3]", for messages. */
+    std::string path() const;
 };
 
 /* One object of Read Device Identification: a static text, or a source read

@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint8_t kIllegalDataAddress = 2;
 
 std::string label(EntryDefinition const& definition) {
-    return definition.path + " \"" + definition.name + "\"";
+    return definition.path() + " \"" + definition.name + "\"";
 }
 
 }  // namespace

@@ -32,8 +32,8 @@ struct PushImage {
 
 /* One entry of the map as served. A map of thousands of entries keeps one of
  * these each, on the heap: its fields are laid out so that it stays within
- * 256 bytes on 64-bit targets, the size class of that many bytes in the
- * allocators the daemon uses (one more byte takes the next class, 320). */
+ * 224 bytes on 64-bit targets, mimalloc's size class of that many bytes
+ * (one more byte takes its next class, 256; glibc's allocator rounds to 16). */
 struct ServedEntry {
     explicit ServedEntry(EntryDefinition s) : definition(std::move(s)) {}
 
