@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -167,6 +168,21 @@ TEST(MostlyOneTest, HoldsOneElementInPlaceAndMoreInOrder) {
     MostlyOne<int const*> const copy = MostlyOne<int const*>{&b, &c};
     EXPECT_EQ(copy.size(), 2u);
     EXPECT_EQ(copy[1], &c);
+}
+
+TEST(MostlyOneTest, TakesTwoPointersInTheObjectThatHoldsIt) {
+    EXPECT_EQ(sizeof(MostlyOne<int const*>), 2 * sizeof(void*));
+}
+
+TEST(MostlyOneTest, RefusesANullElementAndKeepsWhatItHeld) {
+    int a = 1;
+    int b = 2;
+    MostlyOne<int const*> list{&a, &b};
+    std::vector<int const*> const withNull{&b, nullptr};
+    EXPECT_THROW(list.assign(withNull.begin(), withNull.end()), std::invalid_argument);
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0], &a);
+    EXPECT_EQ(list[1], &b);
 }
 
 TEST(EntryDefinitionTest, TheFieldsMostEntriesLeaveOutCostOnePointerEach) {

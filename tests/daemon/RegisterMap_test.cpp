@@ -624,12 +624,12 @@ std::string render(RegisterMapDefinition const& map) {
     for (auto const& entry : map.entries) {
         out << entry.name << '|' << entry.path() << '|' << static_cast<int>(entry.table) << '|'
             << entry.address << '|' << entry.size << '|' << static_cast<int>(entry.encoder) << '|'
-            << entry.multiplier << '|' << entry.offset << '|' << entry.byteOrder << '|'
-            << (entry.layout ? static_cast<int>(*entry.layout) : -1) << '|' << entry.unit << '|'
-            << entry.useBitmask << '|' << static_cast<int>(entry.bitmaskOp) << '|' << entry.mask
-            << '|' << entry.defaultValue.value_or(0xDEAD) << '|' << entry.invert << '|'
-            << entry.function << '|' << entry.description << '|' << render(entry.unavailable) << '|'
-            << render(entry.allowRead) << '|' << render(entry.allowWrite);
+            << entry.multiplier << '|' << entry.offset << '|' << static_cast<int>(entry.byteOrder)
+            << '|' << (entry.layout ? static_cast<int>(*entry.layout) : -1) << '|' << entry.unit
+            << '|' << entry.useBitmask << '|' << static_cast<int>(entry.bitmaskOp) << '|'
+            << entry.mask << '|' << entry.defaultValue.value_or(0xDEAD) << '|' << entry.invert
+            << '|' << entry.function << '|' << entry.description << '|' << render(entry.unavailable)
+            << '|' << render(entry.allowRead) << '|' << render(entry.allowWrite);
         for (auto const& source : entry.sources) {
             out << '|' << render(source);
         }

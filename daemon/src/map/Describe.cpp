@@ -214,7 +214,7 @@ DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& co
         row.access = "R";  // refused: what it serves cannot be written back
     }
     if (!entry.built()) {
-        row.note = "pending: " + entry.pendingReason;
+        row.note = "pending: " + context.map.pendingReason(entry);
         return row;
     }
     auto const& encoder = entry.encoder;

@@ -16,12 +16,12 @@ namespace tarsel::daemon {
  * longer list (a string's registers) on the heap. A map of thousands of
  * entries keeps one list each, and nearly every entry is one or two
  * registers: a vector held each one's words in a heap block of its own (two
- * bytes of words taking the allocator's smallest block). As large as a
- * vector, so that a served entry stays within its allocator class.
+ * bytes of words taking the allocator's smallest block). Two thirds of a
+ * vector's size, so that a served entry stays within its allocator class.
  */
 class ImageWords {
   public:
-    static constexpr std::size_t kInPlace = 4;
+    static constexpr std::size_t kInPlace = 3;
 
     ImageWords() = default;
     ImageWords(std::vector<std::uint16_t> const& words) { assign(words); }

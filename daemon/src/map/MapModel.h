@@ -77,28 +77,27 @@ struct EntryDefinition {
     std::string name;
     // (Declared here and below in the order that leaves no padding: a served
     // map keeps one definition per entry, and a served entry with its
-    // definition fits the allocator's 224-byte class; see ServedEntry.)
+    // definition fits the allocator's 192-byte class; see ServedEntry.)
     Table table = Table::HoldingRegisters;
     EncoderKind encoder = EncoderKind::Float;
     std::uint16_t address = 0;
-    std::uint16_t size = 1;  // registers or discretes
-    std::uint16_t byteOrder = 0;
+    std::uint16_t size = 1;      // registers or discretes
+    std::uint8_t byteOrder = 0;  // 0 or 1, the library's standard or word-swapped order
+    bool invert = false;
     UnavailablePolicy unavailable;
     std::uint32_t mask = 0;
     std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
+    std::optional<unsigned int> defaultValue;
+    // Where the entry stands in the file's list of entries, the n of its
+    // path "entries[n]": where the path's own text took 32 bytes an entry.
+    std::uint32_t position = 0;
     // float32 always, int32 and uint32 when the map names one: the daemon's
     // own encoder in this layout instead of the library's byte order.
     std::optional<WireLayout> layout;
-    std::optional<unsigned int> defaultValue;
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
-    bool invert = false;
-    // Where the entry stands in the file's list of entries, the n of its
-    // path "entries[n]": kept in what the alignment leaves after the flags
-    // above, where the path's own text took 32 bytes an entry.
-    std::uint32_t position = 0;
     RareText unit;         // for the description: "V", "Hz", "%"; may be empty
     RareText function;     // composites
     RareText description;  // composite-registers: the representation label

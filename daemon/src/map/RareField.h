@@ -9,7 +9,9 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -178,9 +180,13 @@ class RareList {
 
 /* A list that almost always holds one element (an entry's data accessors:
  * more than one only for the composites): the first is kept in place, the
- * others on the heap only when there are any. */
+ * others on the heap only when there are any. Its elements are pointers,
+ * never null: a null first one says that the list is empty, so the list
+ * keeps no count of its own (two pointers in all). */
 template <typename T>
 class MostlyOne {
+    static_assert(std::is_pointer_v<T>, "a list of pointers, a null one being no element");
+
   public:
     MostlyOne() = default;
     MostlyOne(std::initializer_list<T> items) { assign(items.begin(), items.end()); }
@@ -189,33 +195,39 @@ class MostlyOne {
         return *this;
     }
 
+    /* Throws std::invalid_argument for a null element, keeping the list as
+     * it was. */
     template <typename Iterator>
     void assign(Iterator first, Iterator last) {
-        m_count = 0;
-        m_more.reset();
+        T head = nullptr;
         std::vector<T> more;
         for (; first != last; ++first) {
-            if (m_count++ == 0) {
-                m_first = *first;
+            T const item = *first;
+            if (item == nullptr) {
+                throw std::invalid_argument("MostlyOne holds no null element");
+            }
+            if (head == nullptr) {
+                head = item;
             } else {
-                more.push_back(*first);
+                more.push_back(item);
             }
         }
+        m_more.reset();
         if (!more.empty()) {
             m_more = std::move(more);
         }
+        m_first = head;
     }
 
-    std::size_t size() const { return m_count; }
-    bool empty() const { return m_count == 0; }
+    std::size_t size() const { return m_first == nullptr ? 0 : 1 + (m_more ? m_more->size() : 0); }
+    bool empty() const { return m_first == nullptr; }
     T const& operator[](std::size_t index) const {
         return index == 0 ? m_first : (*m_more)[index - 1];
     }
 
   private:
-    T m_first{};
+    T m_first = nullptr;
     RareOptional<std::vector<T>> m_more;
-    std::size_t m_count = 0;
 };
 
 }  // namespace tarsel::daemon
