@@ -142,6 +142,7 @@ TEST(ServedMapTest, RetryThatFailsAgainKeepsTheEntryPendingWithoutAnotherWarning
 
 TEST(ServedMapTest, PendingEntryIsBuiltOnceItsDeviceExistsAndServesTheAttribute) {
     TestDaemon daemon(kMap, kCardOnly);
+    EXPECT_NE(daemon.core().map().pendingReason(entryNamed(daemon.core(), "model")), "");
     addUps();
     EXPECT_EQ(daemon.core().buildPendingEntries(), 2u);
     EXPECT_FALSE(daemon.core().hasPendingEntries());
@@ -390,6 +391,29 @@ TEST(ServedMapTest, PushesStayCountedWhenARebuildFails) {
     EXPECT_GE(model.image.pushes, modelPushes);
     EXPECT_GE(daemon.core().map().totalPushes(), total);
     EXPECT_FALSE(model.image.known());
+}
+
+TEST(ServedMapTest, APendingReasonIsKeptUntilARebuildSucceeds) {
+    std::string const map = R"({"entries": [
+      {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string",
+       "size": 4, "source": {"device": "UPS", "attribute": "model"}}
+    ]})";
+    TestDaemon daemon(map, kCardOnly);
+    addUps();
+    ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
+    ServedMap& served = daemon.core().map();
+    auto& model = const_cast<ServedEntry&>(entryNamed(daemon.core(), "model"));
+    EXPECT_EQ(served.pendingReason(model), "");
+    cdshost::Store::instance().removeDevice(kUps);
+    served.rebuild(model);
+    ASSERT_FALSE(model.built());
+    EXPECT_NE(served.pendingReason(model), "");
+    EXPECT_EQ(served.pendingCount(), 1u);
+    addUps();
+    served.rebuild(model);
+    ASSERT_TRUE(model.built()) << daemon.logText();
+    EXPECT_EQ(served.pendingReason(model), "");
+    EXPECT_EQ(served.pendingCount(), 0u);
 }
 
 TEST(ServedMapTest, TeardownClosesTheSubscriptionsOfLaterBuiltAndNeverBuiltEntries) {
