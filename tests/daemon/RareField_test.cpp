@@ -1,9 +1,11 @@
 // The fields a map entry usually leaves out: they read as a std::string and a
-// std::optional do, and cost one pointer while they are empty.
+// std::optional and a std::vector do, and cost one pointer while they are
+// empty.
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@ namespace {
 
 using tarsel::daemon::EntryDefinition;
 using tarsel::daemon::MostlyOne;
+using tarsel::daemon::RareList;
 using tarsel::daemon::RareOptional;
 using tarsel::daemon::RareText;
 
@@ -99,6 +102,52 @@ TEST(RareOptionalTest, ACopyKeepsItsValueWhenTheOriginalChanges) {
     EXPECT_TRUE(copy);
 }
 
+TEST(RareListTest, TakesOnePointerInTheObjectThatHoldsIt) {
+    EXPECT_EQ(sizeof(RareList<unsigned int>), sizeof(void*));
+}
+
+TEST(RareListTest, ReadsAsTheVectorOfItsItemsInOrder) {
+    RareList<unsigned int> path;
+    EXPECT_TRUE(path.empty());
+    EXPECT_EQ(path.size(), 0u);
+    EXPECT_EQ(path.begin(), path.end());
+    EXPECT_EQ(path, std::vector<unsigned int>{});
+    path.push_back(1);
+    path.push_back(0);
+    EXPECT_FALSE(path.empty());
+    ASSERT_EQ(path.size(), 2u);
+    EXPECT_EQ(path[0], 1u);
+    EXPECT_EQ(path[1], 0u);
+    std::vector<unsigned int> const& asVector = path;
+    EXPECT_EQ(asVector, (std::vector<unsigned int>{1, 0}));
+    EXPECT_EQ(std::vector<unsigned int>(path.begin(), path.end()),
+              (std::vector<unsigned int>{1, 0}));
+    EXPECT_NE(path, (std::vector<unsigned int>{0, 1}));
+    std::ostringstream out;
+    out << path;
+    EXPECT_EQ(out.str(), "[1, 0]");
+}
+
+TEST(RareListTest, ACopyKeepsItsItemsWhenTheOriginalChanges) {
+    RareList<unsigned int> original{3};
+    RareList<unsigned int> const copy = original;
+    original.push_back(4);
+    EXPECT_EQ(copy, (std::vector<unsigned int>{3}));
+    EXPECT_EQ(original, (std::vector<unsigned int>{3, 4}));
+    original = RareList<unsigned int>{};
+    EXPECT_TRUE(original.empty());
+    EXPECT_EQ(copy.size(), 1u);
+}
+
+TEST(RareListTest, AListOfNoItemsIsEmpty) {
+    RareList<unsigned int> const none{};
+    EXPECT_TRUE(none.empty());
+    RareList<unsigned int> const fromNone =
+        RareList<unsigned int>(std::initializer_list<unsigned int>{});
+    EXPECT_TRUE(fromNone.empty());
+    EXPECT_EQ(none, fromNone);
+}
+
 TEST(MostlyOneTest, HoldsOneElementInPlaceAndMoreInOrder) {
     int a = 1;
     int b = 2;
@@ -121,6 +170,21 @@ TEST(MostlyOneTest, HoldsOneElementInPlaceAndMoreInOrder) {
     EXPECT_EQ(copy[1], &c);
 }
 
+TEST(MostlyOneTest, TakesTwoPointersInTheObjectThatHoldsIt) {
+    EXPECT_EQ(sizeof(MostlyOne<int const*>), 2 * sizeof(void*));
+}
+
+TEST(MostlyOneTest, RefusesANullElementAndKeepsWhatItHeld) {
+    int a = 1;
+    int b = 2;
+    MostlyOne<int const*> list{&a, &b};
+    std::vector<int const*> const withNull{&b, nullptr};
+    EXPECT_THROW(list.assign(withNull.begin(), withNull.end()), std::invalid_argument);
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0], &a);
+    EXPECT_EQ(list[1], &b);
+}
+
 TEST(EntryDefinitionTest, TheFieldsMostEntriesLeaveOutCostOnePointerEach) {
     // The texts and allow lists an entry rarely has are kept on the heap only
     // when set: a map of thousands of entries keeps every definition.
@@ -129,6 +193,7 @@ TEST(EntryDefinitionTest, TheFieldsMostEntriesLeaveOutCostOnePointerEach) {
     EXPECT_EQ(sizeof(EntryDefinition::description), sizeof(void*));
     EXPECT_EQ(sizeof(EntryDefinition::allowRead), sizeof(void*));
     EXPECT_EQ(sizeof(EntryDefinition::allowWrite), sizeof(void*));
+    EXPECT_EQ(sizeof(tarsel::daemon::DeviceRef::path), sizeof(void*));
 }
 
 }  // namespace

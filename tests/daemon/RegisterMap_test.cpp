@@ -262,6 +262,19 @@ TEST(RegisterMapTest, OverlappingAddressesNameBothEntries) {
               "entries[1]: \"w\" at holding-registers 11..11 overlaps entries[0] \"v\" at 10..11");
 }
 
+TEST(RegisterMapTest, EachEntryKnowsWhereItStandsInTheFile) {
+    auto const map = parseRegisterMap(mapWith(
+        kFloat + R"(, {"name": "w", "table": "input-registers", "address": 1, "encoder": "int16",
+                       "source": {"device": 2, "channel": "W"}},
+                      {"name": "x", "table": "input-registers", "address": 2, "encoder": "int16",
+                       "source": {"device": 2, "channel": "X"}})"));
+    ASSERT_EQ(map.entries.size(), 3u);
+    EXPECT_EQ(map.entries[0].path(), "entries[0]");
+    EXPECT_EQ(map.entries[1].path(), "entries[1]");
+    EXPECT_EQ(map.entries[2].path(), "entries[2]");
+    EXPECT_EQ(map.entries[2].name, "x");
+}
+
 TEST(RegisterMapTest, SameAddressInAnotherTableDoesNotOverlap) {
     auto const map = parseRegisterMap(
         mapWith(kFloat + R"(, {"table": "input-registers", "address": 10, "encoder": "int16",
@@ -609,14 +622,14 @@ std::string render(RegisterMapDefinition const& map) {
     std::ostringstream out;
     out << map.description << '|' << render(map.unavailable) << '\n';
     for (auto const& entry : map.entries) {
-        out << entry.name << '|' << entry.path << '|' << static_cast<int>(entry.table) << '|'
+        out << entry.name << '|' << entry.path() << '|' << static_cast<int>(entry.table) << '|'
             << entry.address << '|' << entry.size << '|' << static_cast<int>(entry.encoder) << '|'
-            << entry.multiplier << '|' << entry.offset << '|' << entry.byteOrder << '|'
-            << (entry.layout ? static_cast<int>(*entry.layout) : -1) << '|' << entry.unit << '|'
-            << entry.useBitmask << '|' << static_cast<int>(entry.bitmaskOp) << '|' << entry.mask
-            << '|' << entry.defaultValue.value_or(0xDEAD) << '|' << entry.invert << '|'
-            << entry.function << '|' << entry.description << '|' << render(entry.unavailable) << '|'
-            << render(entry.allowRead) << '|' << render(entry.allowWrite);
+            << entry.multiplier << '|' << entry.offset << '|' << static_cast<int>(entry.byteOrder)
+            << '|' << (entry.layout ? static_cast<int>(*entry.layout) : -1) << '|' << entry.unit
+            << '|' << entry.useBitmask << '|' << static_cast<int>(entry.bitmaskOp) << '|'
+            << entry.mask << '|' << entry.defaultValue.value_or(0xDEAD) << '|' << entry.invert
+            << '|' << entry.function << '|' << entry.description << '|' << render(entry.unavailable)
+            << '|' << render(entry.allowRead) << '|' << render(entry.allowWrite);
         for (auto const& source : entry.sources) {
             out << '|' << render(source);
         }

@@ -135,24 +135,25 @@ std::string jsonText(DescribeContext const& context) {
     json entries = json::array();
     for (auto const& entry : context.map.entries()) {
         DescribedEntry const row = describeEntry(*entry, context);
-        entries.push_back({{"table", row.table},
-                           {"address", row.address},
-                           {"size", row.size},
-                           {"name", row.name},
-                           {"wire", row.wire},
-                           {"unit", row.unit},
-                           {"scale", row.scale},
-                           {"offset", row.offset},
-                           {"access", row.access},
-                           {"unavailable", row.unavailable},
-                           {"unavailableWords", unavailableWords(entry->definition)},
-                           {"representation", row.representation},
-                           {"value", row.value},
-                           {"available", row.valueAvailable},
-                           {"source", row.source},
-                           {"image", entry->image.known() ? json(entry->image.words) : json()},
-                           {"pushes", row.pushes},
-                           {"note", row.note}});
+        entries.push_back(
+            {{"table", row.table},
+             {"address", row.address},
+             {"size", row.size},
+             {"name", row.name},
+             {"wire", row.wire},
+             {"unit", row.unit},
+             {"scale", row.scale},
+             {"offset", row.offset},
+             {"access", row.access},
+             {"unavailable", row.unavailable},
+             {"unavailableWords", unavailableWords(entry->definition)},
+             {"representation", row.representation},
+             {"value", row.value},
+             {"available", row.valueAvailable},
+             {"source", row.source},
+             {"image", entry->image.known() ? json(entry->image.words.vector()) : json()},
+             {"pushes", row.pushes},
+             {"note", row.note}});
     }
     json root = {{"available", context.available},
                  {"floatLayout", layoutJson(context.floatLayout)},
@@ -206,14 +207,14 @@ DescribedEntry describeEntry(ServedEntry const& entry, DescribeContext const& co
                        "",
                        false,
                        sourcesText(definition),
-                       entry.image.known() ? hexWords(entry.image.words) : "-",
+                       entry.image.known() ? hexWords(entry.image.words.vector()) : "-",
                        entry.image.pushes,
                        ""};
     if (row.access == "RW" && context.takesWrites && !context.takesWrites(entry)) {
         row.access = "R";  // refused: what it serves cannot be written back
     }
     if (!entry.built()) {
-        row.note = "pending: " + entry.pendingReason;
+        row.note = "pending: " + context.map.pendingReason(entry);
         return row;
     }
     auto const& encoder = entry.encoder;

@@ -145,6 +145,9 @@ class MapParser {
     void checkOverlaps(std::vector<EntryDefinition> const& entries);
 
     JsonChecker m_check;
+    // The path of the entry being parsed ("entries[3]"), made once for all
+    // of its messages: a definition holds only its position.
+    std::string m_where;
 };
 
 template <class Json>
@@ -179,10 +182,12 @@ RegisterMapDefinition MapParser<Json>::parse(Json const& root) {
     std::size_t index = 0;
     // Element by element: indexing a simdjson array walks it from the start.
     for (auto const& element : *entries) {
-        std::string const where = "entries[" + std::to_string(index++) + "]";
+        std::string const where = "entries[" + std::to_string(index) + "]";
         if (auto entry = parseEntry(element, where, map.unavailable)) {
+            entry->position = static_cast<std::uint32_t>(index);
             map.entries.push_back(std::move(*entry));
         }
+        ++index;
     }
     checkOverlaps(map.entries);
     return map;
@@ -255,7 +260,7 @@ std::optional<EntryDefinition> MapParser<Json>::parseEntry(Json const& value,
         return std::nullopt;
     }
     EntryDefinition definition;
-    definition.path = where;
+    m_where = where;
     definition.unavailable = mapPolicy;
     std::size_t const errorsBefore = m_check.errors().size();
     if (!parseHeader(value, definition)) {
@@ -288,7 +293,7 @@ std::optional<EntryDefinition> MapParser<Json>::parseEntry(Json const& value,
 /* Name, table, address and encoder; false when the rest cannot be checked. */
 template <class Json>
 bool MapParser<Json>::parseHeader(Json const& value, EntryDefinition& definition) {
-    std::string const& where = definition.path;
+    std::string const& where = m_where;
     definition.name = m_check.text(value, "name", where, false).value_or("");
     definition.unit = m_check.text(value, "unit", where, false).value_or("");
     m_check.text(value, "comment", where, false);
@@ -331,8 +336,7 @@ void MapParser<Json>::parseOptions(Json const& value, EntryDefinition& definitio
             parseUint16Options(value, definition);
             break;
         case EncoderKind::Boolean:
-            definition.invert =
-                m_check.boolean(value, "invert", definition.path, false).value_or(false);
+            definition.invert = m_check.boolean(value, "invert", m_where, false).value_or(false);
             break;
         default:
             break;
@@ -347,10 +351,10 @@ template <class Json>
 void MapParser<Json>::parseSingleSource(Json const& value, EntryDefinition& definition) {
     auto const source = value.find("source");
     if (source == value.end()) {
-        m_check.error(definition.path, "missing field \"source\"");
+        m_check.error(m_where, "missing field \"source\"");
         return;
     }
-    if (auto parsed = parseSource(*source, definition.path + ".source")) {
+    if (auto parsed = parseSource(*source, m_where + ".source")) {
         definition.sources.push_back(std::move(*parsed));
     }
 }
@@ -373,10 +377,10 @@ void MapParser<Json>::parseScaling(Json const& value, EntryDefinition& definitio
     // serving 0 or NaN for every value; a subnormal one has no finite
     // reciprocal, by which writes are scaled). The library's float encoder
     // applies it twice, so its square must be one as well.
-    if (auto const multiplier = m_check.number(value, "multiplier", definition.path, false)) {
+    if (auto const multiplier = m_check.number(value, "multiplier", m_where, false)) {
         bool const squared = definition.encoder == EncoderKind::Float;
         if (!scalesAsFloat(*multiplier, squared)) {
-            m_check.error(definition.path + ".multiplier",
+            m_check.error(m_where + ".multiplier",
                           std::string("must be a number other than 0 from about ") +
                               (squared ? "1.1e-19 to 1.8e+19" : "1.2e-38 to 3.4e+38") +
                               " in magnitude (a float scales by it" + (squared ? " twice" : "") +
@@ -385,9 +389,9 @@ void MapParser<Json>::parseScaling(Json const& value, EntryDefinition& definitio
             definition.multiplier = static_cast<float>(*multiplier);
         }
     }
-    if (auto const offset = m_check.number(value, "offset", definition.path, false)) {
+    if (auto const offset = m_check.number(value, "offset", m_where, false)) {
         if (!(std::fabs(*offset) <= double{kFloatMax})) {
-            m_check.error(definition.path + ".offset",
+            m_check.error(m_where + ".offset",
                           "must be a number a float holds (at most about 3.4e+38 in magnitude), "
                           "got " +
                               JsonChecker::shortDump(value["offset"]));
@@ -408,7 +412,7 @@ void MapParser<Json>::parseByteOrder(Json const& value, EntryDefinition& definit
     } else if (*order == 1 || *order == "word-swapped") {
         definition.byteOrder = 1;
     } else {
-        m_check.error(definition.path + ".byteOrder",
+        m_check.error(m_where + ".byteOrder",
                       "expected 0, 1, \"standard\" or \"word-swapped\", got " +
                           JsonChecker::shortDump(*order));
     }
@@ -421,19 +425,18 @@ void MapParser<Json>::parseLayout(Json const& value, EntryDefinition& definition
     if (definition.encoder == EncoderKind::Float32) {
         definition.layout = WireLayout::ABCD;
     }
-    auto const name = m_check.text(value, "layout", definition.path, false);
+    auto const name = m_check.text(value, "layout", m_where, false);
     if (!name) {
         return;
     }
     if (auto const layout = wireLayoutFromName(*name)) {
         definition.layout = *layout;
     } else {
-        m_check.error(
-            definition.path + ".layout",
-            "unknown layout " + quoted(*name) + "; expected " + joinChoices(wireLayoutNames()));
+        m_check.error(m_where + ".layout", "unknown layout " + quoted(*name) + "; expected " +
+                                               joinChoices(wireLayoutNames()));
     }
     if (value.contains("byteOrder")) {
-        m_check.error(definition.path + ".byteOrder",
+        m_check.error(m_where + ".byteOrder",
                       "cannot be combined with layout (byteOrder is the library encoder's, "
                       "layout the daemon's)");
     }
@@ -447,37 +450,35 @@ void MapParser<Json>::parseUint16Options(Json const& value, EntryDefinition& def
         return;
     }
     if (value.contains("multiplier")) {
-        m_check.error(definition.path + ".multiplier",
+        m_check.error(m_where + ".multiplier",
                       "cannot be combined with bitmask, mask or default (the library's "
                       "bitmask constructor has no multiplier)");
     }
-    if (auto const op = m_check.text(value, "bitmask", definition.path, false)) {
+    if (auto const op = m_check.text(value, "bitmask", m_where, false)) {
         if (*op == "xor") {
             definition.bitmaskOp = modbus::BitmaskOp::Xor;
         } else if (*op != "none") {
-            m_check.error(definition.path + ".bitmask",
-                          "expected \"none\" or \"xor\", got " + quoted(*op));
+            m_check.error(m_where + ".bitmask", "expected \"none\" or \"xor\", got " + quoted(*op));
         }
     }
-    if (auto const mask = m_check.integer(value, "mask", definition.path, 0, 0xFFFFFFFFLL, false)) {
+    if (auto const mask = m_check.integer(value, "mask", m_where, 0, 0xFFFFFFFFLL, false)) {
         definition.mask = static_cast<std::uint32_t>(*mask);
     }
-    if (auto const def =
-            m_check.integer(value, "default", definition.path, 0, 0xFFFFFFFFLL, false)) {
+    if (auto const def = m_check.integer(value, "default", m_where, 0, 0xFFFFFFFFLL, false)) {
         definition.defaultValue = static_cast<unsigned int>(*def);
     }
 }
 
 template <class Json>
 void MapParser<Json>::parseStringSize(Json const& value, EntryDefinition& definition) {
-    if (auto const size = m_check.integer(value, "size", definition.path, 1, kTableSize, true)) {
+    if (auto const size = m_check.integer(value, "size", m_where, 1, kTableSize, true)) {
         definition.size = static_cast<std::uint16_t>(std::min<long long>(*size, 0xFFFF));
     }
 }
 
 template <class Json>
 void MapParser<Json>::parseComposite(Json const& value, EntryDefinition& definition) {
-    std::string const& where = definition.path;
+    std::string const& where = m_where;
     definition.description = m_check.text(value, "description", where, false).value_or("");
     auto const sources = value.find("sources");
     if (sources == value.end()) {
@@ -673,7 +674,7 @@ template <class Json>
 bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
     if (isRegisterEncoder(definition.encoder) != isRegisterTable(definition.table)) {
         m_check.error(
-            definition.path,
+            m_where,
             std::string("encoder \"") + encoderName(definition.encoder) +
                 "\" cannot be served from " + tableName(definition.table) + "; it needs " +
                 (isRegisterEncoder(definition.encoder) ? "holding-registers or input-registers"
@@ -682,7 +683,7 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
     }
     CompositeFunction const* function = findCompositeFunction(definition.function);
     if (function != nullptr && !function->writable && isWritableTable(definition.table)) {
-        m_check.error(definition.path + ".function",
+        m_check.error(m_where + ".function",
                       "function \"" + definition.function + "\" is read-only; serve it from " +
                           (function->registers ? "input-registers" : "discrete-inputs"));
         return false;
@@ -691,10 +692,10 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
         return false;
     }
     if (definition.end() > kTableSize) {
-        m_check.error(definition.path, std::string(tableName(definition.table)) + " " +
-                                           std::to_string(definition.address) + ".." +
-                                           std::to_string(definition.end() - 1) +
-                                           " run past the end of the table (last address 65535)");
+        m_check.error(m_where, std::string(tableName(definition.table)) + " " +
+                                   std::to_string(definition.address) + ".." +
+                                   std::to_string(definition.end() - 1) +
+                                   " run past the end of the table (last address 65535)");
         return false;
     }
     bool const registers = isRegisterTable(definition.table);
@@ -702,7 +703,7 @@ bool MapParser<Json>::checkFit(EntryDefinition const& definition) {
     long long const limit = registers ? (writable ? kMaxWriteRegisters : kMaxReadRegisters)
                                       : (writable ? kMaxWriteBits : kMaxReadBits);
     if (definition.size > limit) {
-        m_check.error(definition.path + ".size",
+        m_check.error(m_where + ".size",
                       std::to_string(definition.size) + " " + unitOf(definition.table) +
                           " do not fit in one request to " + tableName(definition.table) +
                           " (at most " + std::to_string(limit) + ")");
@@ -736,9 +737,8 @@ bool MapParser<Json>::checkSourcesTakeWrites(EntryDefinition const& definition) 
     bool fine = true;
     for (std::size_t i = 0; i < definition.sources.size(); ++i) {
         if (auto const why = whyNotWritable(definition.sources[i])) {
-            std::string const where =
-                definition.path +
-                (composite ? ".sources[" + std::to_string(i) + "]" : std::string(".source"));
+            std::string const where = m_where + (composite ? ".sources[" + std::to_string(i) + "]"
+                                                           : std::string(".source"));
             m_check.error(where, *why + "; serve the entry from " +
                                      (isRegisterTable(definition.table) ? "input-registers"
                                                                         : "discrete-inputs") +
@@ -761,12 +761,12 @@ void MapParser<Json>::checkOverlaps(std::vector<EntryDefinition> const& entries)
         EntryDefinition const* reach = nullptr;  // the entry that reaches furthest so far
         for (EntryDefinition const* entry : list) {
             if (reach != nullptr && entry->address < reach->end()) {
-                m_check.error(entry->path, "\"" + entry->name + "\" at " + tableName(table) + " " +
-                                               std::to_string(entry->address) + ".." +
-                                               std::to_string(entry->end() - 1) + " overlaps " +
-                                               reach->path + " \"" + reach->name + "\" at " +
-                                               std::to_string(reach->address) + ".." +
-                                               std::to_string(reach->end() - 1));
+                m_check.error(entry->path(), "\"" + entry->name + "\" at " + tableName(table) +
+                                                 " " + std::to_string(entry->address) + ".." +
+                                                 std::to_string(entry->end() - 1) + " overlaps " +
+                                                 reach->path() + " \"" + reach->name + "\" at " +
+                                                 std::to_string(reach->address) + ".." +
+                                                 std::to_string(reach->end() - 1));
             }
             if (reach == nullptr || entry->end() > reach->end()) {
                 reach = entry;

@@ -170,6 +170,10 @@ std::vector<std::string> alarmTypeNames() {
     return namesOf(alarmTypes());
 }
 
+std::string EntryDefinition::path() const {
+    return "entries[" + std::to_string(position) + "]";
+}
+
 std::string describeDevice(DeviceRef const& device) {
     std::ostringstream out;
     if (device.id) {

@@ -38,11 +38,12 @@ enum class EncoderKind : std::uint8_t {
 };
 
 /* A device of the data store: by id (optionally followed by a path of
- * sub-device indexes) or by name. */
+ * sub-device indexes) or by name. Few sources name a path: a list held only
+ * when it has indexes keeps an entry's source within 80 bytes. */
 struct DeviceRef {
     std::optional<unsigned long long> id;
     RareText name;
-    std::vector<unsigned int> path;
+    RareList<unsigned int> path;
 };
 
 enum class SourceKind : std::uint8_t { Channel, Attribute, Alarm };
@@ -74,27 +75,29 @@ struct UnavailablePolicy {
 
 struct EntryDefinition {
     std::string name;
-    std::string path;  // where the entry stands in the file, e.g. "entries[3]"
     // (Declared here and below in the order that leaves no padding: a served
     // map keeps one definition per entry, and a served entry with its
-    // definition fits the allocator's 256-byte class; see ServedEntry.)
+    // definition fits the allocator's 192-byte class; see ServedEntry.)
     Table table = Table::HoldingRegisters;
     EncoderKind encoder = EncoderKind::Float;
     std::uint16_t address = 0;
-    std::uint16_t size = 1;  // registers or discretes
-    std::uint16_t byteOrder = 0;
+    std::uint16_t size = 1;      // registers or discretes
+    std::uint8_t byteOrder = 0;  // 0 or 1, the library's standard or word-swapped order
+    bool invert = false;
     UnavailablePolicy unavailable;
     std::uint32_t mask = 0;
     std::vector<SourceDefinition> sources;  // one, except for the composites
     float multiplier = 1.0f;
     float offset = 0.0f;
+    std::optional<unsigned int> defaultValue;
+    // Where the entry stands in the file's list of entries, the n of its
+    // path "entries[n]": where the path's own text took 32 bytes an entry.
+    std::uint32_t position = 0;
     // float32 always, int32 and uint32 when the map names one: the daemon's
     // own encoder in this layout instead of the library's byte order.
     std::optional<WireLayout> layout;
-    std::optional<unsigned int> defaultValue;
     bool useBitmask = false;  // the Uint16 constructor with bitmask and default
     modbus::BitmaskOp bitmaskOp = modbus::BitmaskOp::None;
-    bool invert = false;
     RareText unit;         // for the description: "V", "Hz", "%"; may be empty
     RareText function;     // composites
     RareText description;  // composite-registers: the representation label
@@ -105,6 +108,8 @@ struct EntryDefinition {
 
     /* First address past the entry. */
     std::uint32_t end() const { return std::uint32_t{address} + size; }
+    /* Where the entry stands in the file, e.g. "entries[3]", for messages. */
+    std::string path() const;
 };
 
 /* One object of Read Device Identification: a static text, or a source read

@@ -9,7 +9,7 @@ std::string entriesOnLibraryFloat(RegisterMapDefinition const& map, int byteOrde
     for (EntryDefinition const& entry : map.entries) {
         int const order = entry.byteOrder == 1 ? 1 : 0;
         if (entry.encoder == EncoderKind::Float && order == byteOrder) {
-            names += (names.empty() ? "" : ", ") + entry.path + " \"" + entry.name + "\"";
+            names += (names.empty() ? "" : ", ") + entry.path() + " \"" + entry.name + "\"";
         }
     }
     return names;
@@ -26,7 +26,7 @@ void xorBitmasksTakingWrites(RegisterMapDefinition const& map, std::vector<std::
             nobodyWrites) {
             continue;
         }
-        lines.push_back(entry.path + " \"" + entry.name + "\": bitmask \"xor\" in " +
+        lines.push_back(entry.path() + " \"" + entry.name + "\": bitmask \"xor\" in " +
                         tableName(entry.table) + ": every write stores the mask (" +
                         std::to_string(entry.mask) +
                         ") whatever the client writes; serve it from input-registers, or refuse "

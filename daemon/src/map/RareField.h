@@ -1,5 +1,5 @@
 // Fields that most entries of a map leave out (a unit, a composite's function,
-// allow lists, a device name): held on the heap only when set, so that each
+// allow lists, a device name, a sub-device path): held on the heap only when set, so that each
 // costs an entry one pointer instead of its full size. A map of thousands of
 // entries keeps every entry's definition for as long as it is served.
 #pragma once
@@ -9,7 +9,9 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -113,11 +115,78 @@ class RareOptional {
     std::unique_ptr<T> m_value;
 };
 
+/* A list that is usually empty (a device's path of sub-device indexes);
+ * reads as the std::vector it holds. An empty list takes no heap memory and
+ * one pointer in place of a vector's three. */
+template <typename T>
+class RareList {
+  public:
+    RareList() = default;
+    RareList(std::initializer_list<T> items) { assign(std::vector<T>(items)); }
+    RareList(RareList const& other) { assign(other.vector()); }
+    RareList(RareList&&) noexcept = default;
+    RareList& operator=(RareList const& other) {
+        assign(other.vector());
+        return *this;
+    }
+    RareList& operator=(RareList&&) noexcept = default;
+    ~RareList() = default;
+
+    std::vector<T> const& vector() const { return m_items ? *m_items : none(); }
+    operator std::vector<T> const&() const { return vector(); }
+    bool empty() const { return !m_items; }
+    std::size_t size() const { return vector().size(); }
+    T const& operator[](std::size_t index) const { return vector()[index]; }
+    typename std::vector<T>::const_iterator begin() const { return vector().begin(); }
+    typename std::vector<T>::const_iterator end() const { return vector().end(); }
+
+    void push_back(T item) {
+        if (!m_items) {
+            m_items = std::make_unique<std::vector<T>>();
+        }
+        m_items->push_back(std::move(item));
+    }
+
+    friend bool operator==(RareList const& a, std::vector<T> const& b) { return a.vector() == b; }
+    friend bool operator==(std::vector<T> const& a, RareList const& b) { return a == b.vector(); }
+    friend bool operator==(RareList const& a, RareList const& b) {
+        return a.vector() == b.vector();
+    }
+    template <typename Other>
+    friend bool operator!=(RareList const& a, Other const& b) {
+        return !(a == b);
+    }
+    friend std::ostream& operator<<(std::ostream& out, RareList const& list) {
+        char const* separator = "";
+        out << '[';
+        for (T const& item : list) {
+            out << separator << item;
+            separator = ", ";
+        }
+        return out << ']';
+    }
+
+  private:
+    static std::vector<T> const& none() {
+        static std::vector<T> const items;
+        return items;
+    }
+    void assign(std::vector<T> items) {
+        m_items = items.empty() ? nullptr : std::make_unique<std::vector<T>>(std::move(items));
+    }
+
+    std::unique_ptr<std::vector<T>> m_items;
+};
+
 /* A list that almost always holds one element (an entry's data accessors:
  * more than one only for the composites): the first is kept in place, the
- * others on the heap only when there are any. */
+ * others on the heap only when there are any. Its elements are pointers,
+ * never null: a null first one says that the list is empty, so the list
+ * keeps no count of its own (two pointers in all). */
 template <typename T>
 class MostlyOne {
+    static_assert(std::is_pointer_v<T>, "a list of pointers, a null one being no element");
+
   public:
     MostlyOne() = default;
     MostlyOne(std::initializer_list<T> items) { assign(items.begin(), items.end()); }
@@ -126,33 +195,39 @@ class MostlyOne {
         return *this;
     }
 
+    /* Throws std::invalid_argument for a null element, keeping the list as
+     * it was. */
     template <typename Iterator>
     void assign(Iterator first, Iterator last) {
-        m_count = 0;
-        m_more.reset();
+        T head = nullptr;
         std::vector<T> more;
         for (; first != last; ++first) {
-            if (m_count++ == 0) {
-                m_first = *first;
+            T const item = *first;
+            if (item == nullptr) {
+                throw std::invalid_argument("MostlyOne holds no null element");
+            }
+            if (head == nullptr) {
+                head = item;
             } else {
-                more.push_back(*first);
+                more.push_back(item);
             }
         }
+        m_more.reset();
         if (!more.empty()) {
             m_more = std::move(more);
         }
+        m_first = head;
     }
 
-    std::size_t size() const { return m_count; }
-    bool empty() const { return m_count == 0; }
+    std::size_t size() const { return m_first == nullptr ? 0 : 1 + (m_more ? m_more->size() : 0); }
+    bool empty() const { return m_first == nullptr; }
     T const& operator[](std::size_t index) const {
         return index == 0 ? m_first : (*m_more)[index - 1];
     }
 
   private:
-    T m_first{};
+    T m_first = nullptr;
     RareOptional<std::vector<T>> m_more;
-    std::size_t m_count = 0;
 };
 
 }  // namespace tarsel::daemon

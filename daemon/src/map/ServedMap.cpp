@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint8_t kIllegalDataAddress = 2;
 
 std::string label(EntryDefinition const& definition) {
-    return definition.path + " \"" + definition.name + "\"";
+    return definition.path() + " \"" + definition.name + "\"";
 }
 
 }  // namespace
@@ -61,7 +61,7 @@ void ServedMap::add(EntryDefinition const& definition) {
         // keeps its addresses and answers as unavailable until it can be built.
         m_log.warning(label(definition) + " cannot be built yet: " + *failure +
                       "; served as unavailable, retried every second");
-        entry->pendingReason = std::move(*failure);
+        m_pendingReasons[entry.get()] = std::move(*failure);
         ++m_pending;
     }
     index(*entry);
@@ -122,10 +122,10 @@ std::size_t ServedMap::buildPending() {
         if (auto failure = tryBuild(*entry)) {
             // Logged once when the entry became pending; a retry that fails
             // again only keeps the latest reason for the description.
-            entry->pendingReason = std::move(*failure);
+            m_pendingReasons[entry.get()] = std::move(*failure);
             continue;
         }
-        entry->pendingReason.clear();
+        m_pendingReasons.erase(entry.get());
         --m_pending;
         m_log.info(label(entry->definition) + " built; served from now on");
         ++built;
@@ -140,14 +140,20 @@ void ServedMap::rebuild(ServedEntry& entry) {
     if (auto failure = tryBuild(entry)) {
         m_log.warning(label(entry.definition) + " cannot be built again: " + *failure +
                       "; served as unavailable, retried every second");
-        entry.pendingReason = std::move(*failure);
+        m_pendingReasons[&entry] = std::move(*failure);
         m_pending += wasBuilt ? 1 : 0;
         return;
     }
     m_pending -= wasBuilt ? 0 : 1;
+    m_pendingReasons.erase(&entry);
     m_log.limited(Log::Level::Info, "rebuilds of " + entry.definition.name,
                   label(entry.definition) + " rebuilt after a change of its device; " +
-                      readableValue(entry.definition, entry.image.words));
+                      readableValue(entry.definition, entry.image.words.vector()));
+}
+
+std::string ServedMap::pendingReason(ServedEntry const& entry) const {
+    auto const reason = m_pendingReasons.find(&entry);
+    return reason == m_pendingReasons.end() ? std::string() : reason->second;
 }
 
 std::chrono::steady_clock::time_point ServedMap::deviceLookupWait(ServedEntry const& entry) const {
@@ -258,8 +264,8 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
         m_log.limited(Log::Level::Info, "changes of " + entry.definition.name,
                       std::string(tableName(entry.definition.table)) + " " +
                           std::to_string(entry.definition.address) + " \"" + entry.definition.name +
-                          "\": " + readableValue(entry.definition, entry.image.words) + " -> " +
-                          readableValue(entry.definition, fitted));
+                          "\": " + readableValue(entry.definition, entry.image.words.vector()) +
+                          " -> " + readableValue(entry.definition, fitted));
     }
     entry.image.words = std::move(fitted);
     ++entry.image.pushes;
@@ -268,7 +274,8 @@ void ServedMap::recordPush(ServedEntry& entry, std::vector<std::uint16_t> words)
     }
     m_log.debug("push " + std::string(tableName(entry.definition.table)) + " " +
                 std::to_string(entry.definition.address) + " \"" + entry.definition.name + "\" " +
-                hexWords(entry.image.words) + " (#" + std::to_string(entry.image.pushes) + ")");
+                hexWords(entry.image.words.vector()) + " (#" + std::to_string(entry.image.pushes) +
+                ")");
 }
 
 std::uint64_t ServedMap::totalPushes() const {

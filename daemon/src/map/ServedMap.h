@@ -9,10 +9,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "DeviceIdentification.h"
 #include "EncoderFactory.h"
+#include "ImageWords.h"
 #include "Log.h"
 #include "MapModel.h"
 
@@ -23,7 +25,7 @@ namespace tarsel::daemon {
 struct PushImage {
     // Empty until a read at start-up or a push filled it; then the entry's
     // size (at least one word), so its being known needs no flag of its own.
-    std::vector<std::uint16_t> words;
+    ImageWords words;
     std::uint64_t pushes = 0;  // pushes received since the map was built, rebuilds included
 
     bool known() const { return !words.empty(); }
@@ -31,8 +33,8 @@ struct PushImage {
 
 /* One entry of the map as served. A map of thousands of entries keeps one of
  * these each, on the heap: its fields are laid out so that it stays within
- * 256 bytes on 64-bit targets, the size class of that many bytes in the
- * allocators the daemon uses (one more byte takes the next class, 320). */
+ * 192 bytes on 64-bit targets, mimalloc's size class of that many bytes
+ * (one more byte takes its next class, 224; glibc's allocator rounds to 16). */
 struct ServedEntry {
     explicit ServedEntry(EntryDefinition s) : definition(std::move(s)) {}
 
@@ -42,8 +44,6 @@ struct ServedEntry {
 
     EntryDefinition const definition;
     PushImage image;
-    // Why the last attempt to build the encoder failed; empty once built.
-    RareText pendingReason;
     // Declared last so it is destroyed first: the encoder's listener writes
     // into `image`, and the data accessors must leave the data store before
     // anything they could call back into goes away.
@@ -90,6 +90,9 @@ class ServedMap {
     /* Entries whose encoder is not built yet (counted as they change, so
      * asking costs nothing however large the map). */
     std::size_t pendingCount() const { return m_pending; }
+    /* Why the last attempt to build the entry's encoder failed; empty once
+     * built. */
+    std::string pendingReason(ServedEntry const& entry) const;
     /* Tries once more to build every pending entry; returns how many were
      * built. Call it on the thread that serves the map: building installs
      * data-store subscriptions and listeners. */
@@ -135,6 +138,9 @@ class ServedMap {
     std::size_t m_pending = 0;
     std::vector<IdentificationObjectDefinition> m_identification;
     std::map<ServedEntry const*, std::chrono::steady_clock::time_point> m_deviceLookupWaits;
+    // The reasons of pending entries, held apart from the entries as the
+    // waits above: a served map's entries are built nearly always.
+    std::unordered_map<ServedEntry const*, std::string> m_pendingReasons;
 };
 
 /* A value as people read it: discretes as 0/1 digits, strings as their

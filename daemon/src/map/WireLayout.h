@@ -13,7 +13,8 @@
 
 namespace tarsel::daemon {
 
-enum class WireLayout { ABCD, CDAB, BADC, DCBA };
+// A byte, as the map model's other enums: a served map keeps one per entry.
+enum class WireLayout : std::uint8_t { ABCD, CDAB, BADC, DCBA };
 
 using WordPair = std::array<std::uint16_t, 2>;
 

@@ -557,7 +557,7 @@ void RequestHandler::logWrittenInPart(Table table, Answer const& answer,
         for (std::size_t i = from; i < to; ++i) {
             EntryDefinition const& definition = entries[i]->definition;
             text +=
-                (text.empty() ? "" : ", ") + definition.path + " " + quotedValue(definition.name);
+                (text.empty() ? "" : ", ") + definition.path() + " " + quotedValue(definition.name);
         }
         return text.empty() ? std::string("none") : text;
     };
@@ -646,7 +646,7 @@ std::uint8_t RequestHandler::failure(ServedEntry const& entry, char const* opera
     // An encoder that throws on a client's value throws on every repetition.
     m_log.limited(Log::Level::Error,
                   std::string(operation) + " failures of " + entry.definition.name,
-                  entry.definition.path + " \"" + entry.definition.name + "\": " + operation +
+                  entry.definition.path() + " \"" + entry.definition.name + "\": " + operation +
                       " failed: " + what + "; answered Server Device Failure; " + fields());
     return ec::kServerDeviceFailure;
 }
