@@ -44,16 +44,21 @@ char const* closedReasonName(ClosedReason reason) {
     return "?";
 }
 
+namespace {
+
+template <std::size_t N>
+void addEach(std::array<std::uint64_t, N>& into, std::array<std::uint64_t, N> const& from) {
+    for (std::size_t i = 0; i < N; ++i) {
+        into[i] += from[i];
+    }
+}
+
+}  // namespace
+
 ConnectionCounts& ConnectionCounts::operator+=(ConnectionCounts const& other) noexcept {
-    for (std::size_t i = 0; i < kListenerKinds; ++i) {
-        m_accepted[i] += other.m_accepted[i];
-    }
-    for (std::size_t i = 0; i < kRefusedReasons; ++i) {
-        m_refused[i] += other.m_refused[i];
-    }
-    for (std::size_t i = 0; i < kClosedReasons; ++i) {
-        m_closed[i] += other.m_closed[i];
-    }
+    addEach(m_accepted, other.m_accepted);
+    addEach(m_refused, other.m_refused);
+    addEach(m_closed, other.m_closed);
     m_received += other.m_received;
     m_sent += other.m_sent;
     return *this;
