@@ -30,6 +30,12 @@ char const* const kMap = R"({"entries": [
    "source": {"device": "UPS", "attribute": "nominal-power"}}
 ]})";
 
+// "model" alone.
+char const* const kModelOnly = R"({"entries": [
+  {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string", "size": 4,
+   "source": {"device": "UPS", "attribute": "model"}}
+]})";
+
 char const* const kCardOnly = R"({"devices": [{"id": 2, "name": "Card", "channels": {
   "PowerDistribution.Status.OperatingStatus": {"uint32": 16}, "T": 5}}]})";
 
@@ -369,11 +375,7 @@ TEST(ServedMapTest, PushesOfALaterBuiltEntryReachItsImage) {
 }
 
 TEST(ServedMapTest, PushesStayCountedWhenARebuildFails) {
-    std::string const map = R"({"entries": [
-      {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string",
-       "size": 4, "source": {"device": "UPS", "attribute": "model"}}
-    ]})";
-    TestDaemon daemon(map, kCardOnly);
+    TestDaemon daemon(kModelOnly, kCardOnly);
     addUps();
     ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
     auto& store = cdshost::Store::instance();
@@ -394,11 +396,7 @@ TEST(ServedMapTest, PushesStayCountedWhenARebuildFails) {
 }
 
 TEST(ServedMapTest, APendingReasonIsKeptUntilARebuildSucceeds) {
-    std::string const map = R"({"entries": [
-      {"name": "model", "table": "holding-registers", "address": 1, "encoder": "string",
-       "size": 4, "source": {"device": "UPS", "attribute": "model"}}
-    ]})";
-    TestDaemon daemon(map, kCardOnly);
+    TestDaemon daemon(kModelOnly, kCardOnly);
     addUps();
     ASSERT_EQ(daemon.core().buildPendingEntries(), 1u);
     ServedMap& served = daemon.core().map();
